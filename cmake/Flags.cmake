@@ -1,0 +1,28 @@
+# Warnings, hardening and link flags of everything built here.
+add_library(appcore_flags INTERFACE)
+target_compile_options(appcore_flags INTERFACE
+    -Wall -Wextra -Wformat=2 -Wconversion -Wshadow -Werror
+    -fno-semantic-interposition -fstack-protector-strong
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
+    # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions it checks.
+    $<$<AND:$<NOT:$<CONFIG:Debug>>,$<NOT:$<BOOL:${APPCORE_SANITIZE}>>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+
+if(APPCORE_SANITIZE)
+    add_compile_options(-fsanitize=${APPCORE_SANITIZE} -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${APPCORE_SANITIZE})
+    if(APPCORE_SANITIZE MATCHES "undefined")
+        add_compile_options(-fno-sanitize-recover=undefined)
+    endif()
+endif()
+
+# -Bsymbolic-functions binds the library's own calls directly; the dynamic list keeps the host
+# platform's functions replaceable by the application.  nodelete: a detached thread may still run
+# its last instructions when the library would be unmapped.
+set(APPCORE_SHARED_LINK_OPTIONS
+    -static-libgcc -Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,nodelete -Wl,-z,noexecstack
+    -Wl,-Bsymbolic-functions
+    -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/host.list
+    -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/appcore.map)
+if(NOT APPCORE_SANITIZE)
+    list(APPEND APPCORE_SHARED_LINK_OPTIONS -Wl,--no-undefined)
+endif()

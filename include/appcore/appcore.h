@@ -1,0 +1,17 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file appcore.h
+ * The whole library.  Programs that do not use the XML helpers may include the single headers and
+ * need no Mini-XML headers then.
+ */
+#ifndef APPCORE_APPCORE_H
+#define APPCORE_APPCORE_H
+
+#include "appcore/containers.h"
+#include "appcore/convert.h"
+#include "appcore/foundation.h"
+#include "appcore/mempool.h"
+#include "appcore/platform.h"
+#include "appcore/socket.h"
+
+#endif

@@ -1,0 +1,229 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file foundation.h
+ * Result codes, logging, strings and memory.
+ *
+ * Rules common to this header: every operation may be called from any thread at any time, none
+ * blocks except for the writing of the log itself, and none reports a failure other than through
+ * the result stated.  There is no initialisation call.
+ */
+#ifndef APPCORE_FOUNDATION_H
+#define APPCORE_FOUNDATION_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define APP_API __attribute__((visibility("default")))
+#define APP_PRINTF(nFormat, nArgs) __attribute__((format(printf, nFormat, nArgs)))
+#define APP_SCANF(nFormat, nArgs) __attribute__((format(scanf, nFormat, nArgs)))
+#else
+#define APP_API
+#define APP_PRINTF(nFormat, nArgs)
+#define APP_SCANF(nFormat, nArgs)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Result codes.  Operations return them as an unsigned 32-bit value. */
+enum EAppResult {
+    APP_OK = 0,                 /**< success */
+    APP_FAILED = 101,           /**< a system, threading or host-platform call failed */
+    APP_INVALID_ARG = 103,      /**< a null handle or pointer, or a value out of range */
+    APP_NO_RESOURCE = 104,      /**< an allocation failed, or a list or queue is full */
+    APP_INVALID_STATE = 105,    /**< the task's state does not allow the operation */
+    APP_TIMEOUT = 106,          /**< a timed lock take or queue wait expired */
+    APP_BUFFER_TOO_SMALL = 107, /**< the caller's output buffer is too small */
+    APP_NOT_FOUND = 108,        /**< an element or attribute is missing, a timer is not active */
+    APP_XML_NODE_INVALID = 206, /**< an XML node has no usable value */
+    APP_BAD_VALUE = 207,        /**< a text value did not convert or is out of range */
+    APP_IN_PROGRESS = 208       /**< last result of the action registry while an action runs */
+};
+
+/** Log levels: the lower, the more important. */
+enum EAppLogLevel {
+    APP_LOG_ALWAYS = 0,    /**< passes every threshold; the only level written to a log file */
+    APP_LOG_INFO = 1,      /**< "[INFO ]" */
+    APP_LOG_ERROR = 16,    /**< "[ERROR]" */
+    APP_LOG_DEBUG = 240,   /**< "[DEBUG]" */
+    APP_LOG_MEMDBG1 = 241, /**< "[MEMDBG-1]": the memory pools' fronts */
+    APP_LOG_MEMDBG2 = 242  /**< "[MEMDBG-2]": the memory pools' engines */
+};
+
+/**
+ * Receives a piece of a report.
+ * @param szText    terminated text, at most 3071 characters, valid during the call only
+ * @param pvContext the value given with the callback
+ */
+typedef void (*PFAppShow)(const char *szText, void *pvContext);
+
+/** @name Log channels
+ * A channel is a number from 0 to 255 with a threshold, a standard-output switch and, if wanted, a
+ * log file.  The library itself logs on channel 0.  At start channel 0 has threshold 16
+ * (::APP_LOG_ERROR), every other channel 0, and standard output is off everywhere.
+ * @{ */
+
+/**
+ * Hands out the next channel, 1 to 255 and then from 1 again, with threshold 16 and standard
+ * output on.  Its log file, if it has one, is not touched.  Calls at the same time never get the
+ * same channel.
+ * @return the channel
+ */
+APP_API uint8_t AppGenerateLogChannel(void);
+
+/**
+ * Sets a channel's threshold: a message passes when its level is at most this value.
+ * @param byChannel the channel; on channel 0 a value below 16 is ignored, so that the library's
+ *                  own errors cannot be switched off
+ * @param byLevel   the threshold
+ */
+APP_API void AppSetLogLevel(uint8_t byChannel, uint8_t byLevel);
+
+/**
+ * Switches a channel's standard output.
+ * @param byChannel  the channel
+ * @param bViaStdout exactly 1 prints messages on standard output too, any other value does not
+ */
+APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
+
+/**
+ * Logs a message to the platform's console (QorPrintf()), to standard output when the channel has
+ * it on, and, at level 0 only, to the channel's log file.
+ *
+ * A message that does not pass the threshold costs one comparison.  The text is formatted in 5120
+ * bytes on the caller's stack; a longer one keeps its first 5118 characters and a newline.  No tag,
+ * stamp or newline is added.  Failures of the sinks are ignored.
+ * @param byChannel the channel
+ * @param byLevel   the level (::EAppLogLevel or any other byte)
+ * @param szFormat  printf format; null logs nothing
+ */
+APP_API void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...) APP_PRINTF(3, 4);
+
+/**
+ * Logs a message to the channel's log file only.  Without a file, or at a level other than 0, the
+ * call has no effect.  Arguments as for AppLog().
+ */
+APP_API void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+    APP_PRINTF(3, 4);
+
+/**
+ * Opens a log file for a channel and prints its present size on standard output.  The channel's
+ * previous file is closed.  Each line written is stamped with the local time; when the file has
+ * grown beyond its limit it becomes `path1` (the one backup) and an empty file takes its place.  A
+ * line is written with one system call and is never torn or lost, whatever the threads.
+ * @param byChannel the channel
+ * @param szPath    the file, created when missing, at most 127 characters
+ * @param dwMaxSize the limit in bytes; 0 rotates after every line
+ * @return 1 when the file is open, 0 for a null or too long path (then nothing has changed) or
+ *         when it cannot be opened (the channel then has no file)
+ */
+APP_API uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize);
+
+/** Closes a channel's log file, if it has one.  @param byChannel the channel */
+APP_API void AppCloseFileLog(uint8_t byChannel);
+
+/** @} */
+
+/** @name Bounded formatting
+ * @{ */
+
+/**
+ * snprintf() that reports every truncation and error as -1.
+ * @param szBuf    destination
+ * @param dwSize   its size in bytes, terminator included
+ * @param szFormat printf format
+ * @return characters written, or -1: a null argument or size 0 (nothing written), a text that did
+ *         not fit (the buffer holds its first `dwSize` - 1 characters) or a formatter error
+ */
+APP_API int32_t AppSnprintf(char *szBuf, uint32_t dwSize, const char *szFormat, ...)
+    APP_PRINTF(3, 4);
+
+/**
+ * sscanf() that takes null texts.
+ * @param szText   source; null gives 0
+ * @param szFormat scanf format; null gives 0
+ * @return items assigned, or EOF as sscanf() reports it
+ */
+APP_API int32_t AppSscanf(const char *szText, const char *szFormat, ...) APP_SCANF(2, 3);
+
+/** @} */
+
+/** @name Strings and memory
+ * The comparisons take null for the empty text.  "Size" is the size of the destination buffer in
+ * bytes, terminator included.
+ * @{ */
+
+/** Fills with zero bytes.  @param pvBuf null does nothing  @param dwLen bytes */
+APP_API void AppMemzero(void *pvBuf, uint32_t dwLen);
+/** memcpy(); with length 0 the pointers are not looked at. */
+APP_API void AppMemcpy(void *pvDst, const void *pvSrc, uint32_t dwLen);
+/** memcmp(), pointers unchecked. */
+APP_API int32_t AppMemcmp(const void *pvFirst, const void *pvSecond, uint32_t dwLen);
+/** strlen(); 0 for null. */
+APP_API uint32_t AppStrlen(const char *szText);
+/** strcmp(); only the sign of the result counts. */
+APP_API int32_t AppStrcmp(const char *szFirst, const char *szSecond);
+/** strncmp(); when exactly one text is null the count is not looked at. */
+APP_API int32_t AppStrncmp(const char *szFirst, const char *szSecond, uint32_t dwCount);
+/** strcasecmp(). */
+APP_API int32_t AppStrcasecmp(const char *szFirst, const char *szSecond);
+/** strncasecmp(); when exactly one text is null the count is not looked at. */
+APP_API int32_t AppStrncasecmp(const char *szFirst, const char *szSecond, uint32_t dwCount);
+/**
+ * strstr().
+ * @param szText    null gives null
+ * @param szPattern null or empty gives the text itself
+ * @return a pointer into `szText`, or null
+ */
+APP_API char *AppStrstr(const char *szText, const char *szPattern);
+/**
+ * strchr().
+ * @param szText null gives null
+ * @param nChar  taken as one byte; 0 gives null
+ * @return a pointer into `szText`, or null
+ */
+APP_API char *AppStrchr(const char *szText, int32_t nChar);
+
+/**
+ * Copies at most `dwSize` - 1 characters, always terminates, and fills the rest with NUL.
+ * @param szDst  destination; returned
+ * @param szSrc  source
+ * @param dwSize size of the destination; with 0 or a null pointer nothing is written
+ */
+APP_API char *AppStrncpy(char *szDst, const char *szSrc, uint32_t dwSize);
+
+/**
+ * Appends a text and cuts the result to `dwSize` - 1 characters.  Nothing at or beyond `dwSize` is
+ * read or written, even when the destination holds no terminator before it: it is then cut.
+ * @param szDst  destination; returned
+ * @param szSrc  text to append
+ * @param dwSize size of the whole destination; with 0 or a null pointer nothing is written
+ */
+APP_API char *AppStrncat(char *szDst, const char *szSrc, uint32_t dwSize);
+
+/**
+ * A multiplicative hash with a changing multiplier, 31 bits.
+ * @param szText its bytes are taken as unsigned values; null gives 0
+ */
+APP_API uint32_t AppStringHash(const char *szText);
+
+/**
+ * Writes a hexadecimal dump, 16 bytes a row with offset and characters.
+ * @param pbyData   the bytes
+ * @param dwLen     their number
+ * @param szBuf     destination, terminated
+ * @param dwBufSize its size in bytes; a dump that does not fit ends after its last whole piece
+ * @return characters written; 0, and nothing written, for a null pointer or a size of 0, and 0
+ *         when the header does not fit
+ */
+APP_API int32_t AppDumpMem(const uint8_t *pbyData, uint32_t dwLen, char *szBuf, uint32_t dwBufSize);
+
+/** @} */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
