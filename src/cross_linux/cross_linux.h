@@ -100,8 +100,8 @@ uint32_t _AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAddr, uint
 int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uint32_t dwTimeout,
                           TAppNetAddr *ptLocalAddr, uint16_t *pwLocalPort,
                           TAppNetAddr *ptRemoteAddr, uint16_t *pwRemotePort);
-int32_t _AppSocketUDPSend(HAppSocket hSocket, const void *pvBuf, uint32_t dwLen,
-                          uint32_t dwTimeout, const TAppNetAddr *ptRemoteAddr, uint16_t wPort);
+int32_t _AppSocketUDPSend(HAppSocket hSocket, const void *pvBuf, uint32_t dwLen, uint32_t dwTimeout,
+                          const TAppNetAddr *ptRemoteAddr, uint16_t wPort);
 int32_t _AppSocketTCPSend(HAppSocket hSocket, const void *pvBuf, uint32_t dwLen,
                           uint32_t dwTimeout);
 int32_t _AppSocketTCPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uint32_t dwTimeout);

@@ -30,9 +30,18 @@ namespace app
 {
 
 // For %lu, %ld and %llu.
-constexpr unsigned long Ul(uint32_t dwValue) { return dwValue; }
-constexpr long Sl(int32_t nValue) { return nValue; }
-constexpr unsigned long long Ull(uint64_t qwValue) { return qwValue; }
+constexpr unsigned long Ul(uint32_t dwValue)
+{
+    return dwValue;
+}
+constexpr long Sl(int32_t nValue)
+{
+    return nValue;
+}
+constexpr unsigned long long Ull(uint64_t qwValue)
+{
+    return qwValue;
+}
 
 // For %p: object and function pointers alike.
 template <typename T>

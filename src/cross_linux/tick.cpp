@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#include <errno.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "cross_linux/cross_linux.h"
+
+namespace
+{
+constexpr uint32_t kTicksPerSecond = 100;
+constexpr uint32_t kMsPerTick = 1000 / kTicksPerSecond;
+constexpr long kNsPerTick = 1000000000L / kTicksPerSecond;
+} // namespace
+
+// The coarse monotonic clock advances with the kernel's timer interrupt, at least as often as
+// times() counts, and is read without a system call: the task thread asks after every event.
+uint32_t _AppGetTick(void)
+{
+    struct timespec tNow;
+    if (clock_gettime(CLOCK_MONOTONIC_COARSE, &tNow) != 0)
+        return ~static_cast<uint32_t>(errno);
+    return static_cast<uint32_t>(tNow.tv_sec) * kTicksPerSecond +
+           static_cast<uint32_t>(tNow.tv_nsec / kNsPerTick);
+}
+
+uint32_t _AppConvertTickToMS(uint32_t dwTick)
+{
+    return dwTick * kMsPerTick;
+}
+
+void _AppDelay(uint32_t dwMs)
+{
+    usleep(dwMs * 1000);
+}

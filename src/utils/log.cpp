@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+#include "utils/log.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+
+#include "appcore/host.h"
+#include "cross_linux/cross_linux.h"
+
+std::atomic<uint8_t> g_byAppLogLevel[256] = {{APP_LOG_ERROR}};
+std::atomic<uint32_t> g_bAppLogViaStdout[256];
+std::atomic<uint8_t> g_byAppLogNextChannel{1};
+
+namespace
+{
+
+constexpr uint32_t kTextSize = 5120;
+
+bool Passes(uint8_t byChannel, uint8_t byLevel)
+{
+    return byLevel <= app::Peek(g_byAppLogLevel[byChannel]);
+}
+
+void FormatText(char (&achText)[kTextSize], const char *szFormat, va_list args) APP_PRINTF(2, 0);
+void FormatText(char (&achText)[kTextSize], const char *szFormat, va_list args)
+{
+    achText[kTextSize - 1] = '\0';
+    if (_AppVsnprintf(achText, kTextSize, szFormat, args) == -1) {
+        achText[kTextSize - 2] = '\n';
+        achText[kTextSize - 1] = '\0';
+    }
+}
+
+void WriteToFile(uint8_t byChannel, uint8_t byLevel, const char *szText)
+{
+    // A peek is enough: _AppFileLog looks again under the channel's mutex.
+    if (byLevel == APP_LOG_ALWAYS && g_atAppFileLogInfo[byChannel].ptFile.load())
+        _AppFileLog(byChannel, szText);
+}
+
+// Out of line, so that a message below the threshold does not pay for the buffer and its stack
+// protection.
+[[gnu::noinline]] void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly,
+                               const char *szFormat, va_list args) APP_PRINTF(4, 0);
+void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szFormat, va_list args)
+{
+    char achText[kTextSize];
+    FormatText(achText, szFormat, args);
+    if (!bFileOnly) {
+        if (app::Peek(g_bAppLogViaStdout[byChannel]) == 1)
+            printf("%s", achText);
+        QorPrintf(1, 0, "%s", achText);
+    }
+    WriteToFile(byChannel, byLevel, achText);
+}
+
+} // namespace
+
+void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+{
+    if (!Passes(byChannel, byLevel) || !szFormat)
+        return;
+    va_list args;
+    va_start(args, szFormat);
+    LogText(byChannel, byLevel, false, szFormat, args);
+    va_end(args);
+}
+
+void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+{
+    if (!Passes(byChannel, byLevel) || !szFormat)
+        return;
+    va_list args;
+    va_start(args, szFormat);
+    LogText(byChannel, byLevel, true, szFormat, args);
+    va_end(args);
+}
+
+uint8_t AppGenerateLogChannel(void)
+{
+    uint8_t byChannel = g_byAppLogNextChannel.load();
+    while (!g_byAppLogNextChannel.compare_exchange_weak(
+        byChannel, static_cast<uint8_t>(byChannel == 255 ? 1 : byChannel + 1))) {
+    }
+    app::Poke<uint8_t>(g_byAppLogLevel[byChannel], APP_LOG_ERROR);
+    app::Poke<uint32_t>(g_bAppLogViaStdout[byChannel], 1);
+    return byChannel;
+}
+
+void AppSetLogLevel(uint8_t byChannel, uint8_t byLevel)
+{
+    if (byChannel != 0 || byLevel >= APP_LOG_ERROR)
+        app::Poke(g_byAppLogLevel[byChannel], byLevel);
+}
+
+void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout)
+{
+    app::Poke(g_bAppLogViaStdout[byChannel], bViaStdout);
+}
+
+uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize)
+{
+    if (!szPath)
+        return 0;
+    if (AppStrlen(szPath) >= APP_FILE_LOG_PATH_SIZE) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Filepath is limited under %lu digits.\n", __func__,
+               app::Ul(APP_FILE_LOG_PATH_SIZE));
+        return 0;
+    }
+    uint32_t dwCurSize = 0;
+    if (!_AppFileLogOpen(byChannel, szPath, dwMaxSize, &dwCurSize))
+        return 0;
+    printf("dwCurSize %u\n", dwCurSize);
+    return 1;
+}
+
+void AppCloseFileLog(uint8_t byChannel)
+{
+    _AppFileLogClose(byChannel);
+}
+
+int32_t AppSnprintf(char *szBuf, uint32_t dwSize, const char *szFormat, ...)
+{
+    if (dwSize == 0 || !szBuf || !szFormat)
+        return -1;
+    va_list args;
+    va_start(args, szFormat);
+    const int32_t nWritten = _AppVsnprintf(szBuf, dwSize, szFormat, args);
+    va_end(args);
+    return nWritten;
+}
+
+int32_t AppSscanf(const char *szText, const char *szFormat, ...)
+{
+    if (!szText || !szFormat)
+        return 0;
+    va_list args;
+    va_start(args, szFormat);
+    const int32_t nItems = _AppVsscanf(szText, szFormat, args);
+    va_end(args);
+    return nItems;
+}
