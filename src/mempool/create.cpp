@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: MIT
+#include <stdlib.h>
+
+#include "appcore/platform.h"
+#include "mempool/mempool.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/rollback.h"
+
+static uint32_t FillPool(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                         uint32_t dwReserved, const char *szOp)
+{
+    if (bLock == 1) {
+        const uint32_t dwResult = AppLockCreate(nullptr, 1, 1, APP_LOCK_TYPE_SEM, &hMemPool->hLock);
+        if (dwResult != APP_OK) {
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
+                   static_cast<int>(dwResult));
+            return dwResult;
+        }
+    }
+    const uint32_t dwResult = _AppMemPoolCreate(dwMaxSize, dwReserved, &hMemPool->ptImpl);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppMemPoolCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+    return dwResult;
+}
+
+uint32_t AppMemPoolCreate(uint32_t dwMaxSize, uint32_t bLock, uint32_t dwReserved,
+                          HAppMemPool *phMemPool)
+{
+    if (!phMemPool)
+        return APP_INVALID_ARG;
+    auto hMemPool = static_cast<HAppMemPool>(malloc(sizeof(TAppMemPool)));
+    if (!hMemPool) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    *hMemPool = {_AppMalloc, _AppFree, nullptr, 0, dwMaxSize, nullptr};
+    const uint32_t dwResult = FillPool(hMemPool, dwMaxSize, bLock, dwReserved, __func__);
+    if (dwResult != APP_OK) {
+        AppMemPoolDestroy(hMemPool);
+        return dwResult;
+    }
+    *phMemPool = hMemPool;
+    return APP_OK;
+}
+
+void AppMemPoolDestroy(HAppMemPool hMemPool)
+{
+    if (!hMemPool)
+        return;
+    // Waits for a user that is still inside an operation; never given back.
+    app::LockGuard guard(hMemPool->hLock);
+    guard.Release();
+    _AppMemPoolDestroy(hMemPool->ptImpl);
+    AppLockDestroy(hMemPool->hLock);
+    hMemPool->hLock = nullptr;
+    hMemPool->pfnFree = nullptr;
+    hMemPool->pfnMalloc = nullptr;
+    free(hMemPool);
+}

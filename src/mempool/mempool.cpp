@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: MIT
+#include "mempool/mempool.h"
+
+#include <stdlib.h>
+
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+
+namespace
+{
+
+constexpr uint32_t kHead = sizeof(TAppMemPoolHead);
+// With both headers a larger request would pass 32 bits.
+constexpr uint32_t kLargest = UINT32_MAX - kHead - sizeof(TAppMemBlockHead);
+
+void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
+{
+    *ptHead = {APP_MEMPOOL_MAGIC, hMemPool, dwSize};
+    return ptHead + 1;
+}
+
+void *MallocFromHeap(uint32_t dwSize, const char *szOp)
+{
+    auto ptHead = dwSize > kLargest
+                      ? nullptr
+                      : static_cast<TAppMemPoolHead *>(malloc(size_t{dwSize} + kHead));
+    if (!ptHead) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPool NULL malloc failed with size %lu\n", szOp,
+               app::Ul(dwSize));
+        return nullptr;
+    }
+    APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL  malloc %p with size %lu\n", szOp,
+              static_cast<void *>(ptHead + 1), app::Ul(dwSize));
+    return Finish(ptHead, nullptr, dwSize);
+}
+
+// Under the pool's lock.  The sum must stay strictly below the limit.
+bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize)
+{
+    if (dwSize > kLargest)
+        return true;
+    return ptPool->dwMaxSize != 0 &&
+           (dwSize > ptPool->dwMaxSize || ptPool->dwMaxSize - dwSize <= ptPool->dwCurSize);
+}
+
+void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
+{
+    TAppMemPoolHead *ptHead;
+    {
+        app::LockGuard guard(hMemPool->hLock);
+        if (IsFull(hMemPool, dwSize)) {
+            AppLog(0, APP_LOG_ERROR,
+                   "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
+                   szOp, app::Ptr(hMemPool), app::Ul(dwSize), app::Ul(hMemPool->dwCurSize),
+                   app::Ul(hMemPool->dwMaxSize));
+            return nullptr;
+        }
+        ptHead =
+            static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
+        if (!ptHead)
+            return nullptr; // the engine has logged
+        hMemPool->dwCurSize += dwSize;
+        APP_TRACE(APP_LOG_MEMDBG1,
+                  "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
+                  app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
+                  app::Ul(dwSize));
+    }
+    return Finish(ptHead, hMemPool, dwSize);
+}
+
+// The header of a block, or null with a line when the pointer is not one of ours.
+TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
+{
+    TAppMemPoolHead *ptHead = static_cast<TAppMemPoolHead *>(pvData) - 1;
+    if (ptHead->dwMagic == APP_MEMPOOL_MAGIC)
+        return ptHead;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: %p is not create by AppMemPool or Data corruption.\n",
+           szOp, pvData);
+    return nullptr;
+}
+
+} // namespace
+
+void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
+{
+    if (dwSize == 0)
+        return nullptr;
+    return hMemPool ? MallocFromPool(hMemPool, dwSize, __func__) : MallocFromHeap(dwSize, __func__);
+}
+
+void AppMemPoolFree(void *pvData)
+{
+    if (!pvData)
+        return;
+    TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
+    if (!ptHead)
+        return;
+    const uint32_t dwSize = ptHead->dwSize;
+    if (HAppMemPool hMemPool = ptHead->hMemPool) {
+        app::LockGuard guard(hMemPool->hLock);
+        hMemPool->dwCurSize -= dwSize;
+        APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
+                  app::Ptr(hMemPool), pvData, app::Ul(dwSize));
+        hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
+        return;
+    }
+    APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL free %p with size %lu\n", __func__,
+              pvData, app::Ul(dwSize));
+    free(ptHead);
+}
+
+void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
+{
+    if (!pvData)
+        return AppMemPoolMalloc(hMemPool, dwSize);
+    const TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
+    if (!ptHead)
+        return nullptr;
+    if (ptHead->dwSize >= dwSize)
+        return pvData;
+    void *pvGrown = AppMemPoolMalloc(hMemPool, dwSize);
+    if (!pvGrown)
+        return nullptr;
+    AppMemcpy(pvGrown, pvData, ptHead->dwSize);
+    AppMemPoolFree(pvData);
+    return pvGrown;
+}
+
+char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
+{
+    if (dwSize == 0 || !szSrc || !*szSrc)
+        return nullptr;
+    // AppStrncpy fills the rest of the block with zeros.
+    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
+}

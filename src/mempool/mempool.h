@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+//
+// The pool record, the header in front of every block, and what reports and tests need of a pool.
+#ifndef APPCORE_MEMPOOL_MEMPOOL_H
+#define APPCORE_MEMPOOL_MEMPOOL_H
+
+#include <stddef.h>
+
+#include "appcore/mempool.h"
+#include "mempool_implement/engine.h"
+
+#define APP_MEMPOOL_MAGIC 0x12235690u
+
+// The front calls its engine only through these two.
+typedef void *(*PFAppEngineMalloc)(TAppMemPoolImpl *ptImpl, uint32_t dwSize);
+typedef void (*PFAppEngineFree)(TAppMemPoolImpl *ptImpl, void *pvData);
+
+struct TAppMemPool {
+    PFAppEngineMalloc pfnMalloc;
+    PFAppEngineFree pfnFree;
+    TAppMemPoolImpl *ptImpl;
+    uint32_t dwCurSize; // bytes asked for by the blocks in use, without headers and rounding
+    uint32_t dwMaxSize; // limit of dwCurSize; 0 is none
+    HAppLock hLock;     // guards the record and its engine; null for a pool without
+};
+
+// In front of the caller's data.  Never cleared: the magic stays after the release.
+struct alignas(app::kHeadAlign) TAppMemPoolHead {
+    uint32_t dwMagic;
+    HAppMemPool hMemPool; // null for the process heap
+    uint32_t dwSize;      // as asked for
+};
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(sizeof(TAppMemPool) == 24 && sizeof(TAppMemPoolHead) == 12, "fixed layout");
+#endif
+
+namespace app
+{
+
+class ReportWriter;
+
+// AppMemPoolShow() into a report that is already under way.
+void ShowPool(ReportWriter &writer, HAppMemPool hMemPool);
+// The engine's counters agree with its lists and blocks.  For tests; takes the pool's lock.
+bool PoolIsValid(HAppMemPool hMemPool);
+
+} // namespace app
+
+#endif

@@ -1,0 +1,283 @@
+// SPDX-License-Identifier: MIT
+#include "mempool_implement/engine.h"
+
+#include <stdlib.h>
+
+#include "utils/double_list.h"
+#include "utils/log.h"
+
+namespace
+{
+
+constexpr uint32_t kSmallestShift = 5;
+constexpr uint32_t kHead = sizeof(TAppMemBlockHead);
+
+uint32_t ClassSize(uint32_t dwClass)
+{
+    return 1u << (dwClass + kSmallestShift);
+}
+
+void *BehindHead(TAppMemBlockHead *ptHead)
+{
+    return ptHead + 1;
+}
+
+void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
+{
+    ++ptImpl->dwOnWorkCount;
+    ptImpl->dwOnWorkSize += dwBlockSize;
+}
+
+void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
+{
+    --ptImpl->dwOnWorkCount;
+    ptImpl->dwOnWorkSize -= dwBlockSize;
+}
+
+void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
+{
+    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: MP %p count=%lu, OnWorkSize=%lu TotalSize=%lu\n",
+              szOp, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkCount), app::Ul(ptImpl->dwOnWorkSize),
+              app::Ul(ptImpl->dwTotalSize));
+}
+
+void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
+{
+    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p use malloc\n", szOp,
+              app::Ul(dwNeed), app::Ptr(ptImpl));
+    auto ptHead = static_cast<TAppMemBlockHead *>(malloc(dwNeed));
+    if (!ptHead) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc with size %lu failed\n", szOp,
+               app::Ul(dwNeed));
+        return nullptr;
+    }
+    *ptHead = {dwNeed, nullptr};
+    if (ptImpl) {
+        Count(ptImpl, dwNeed);
+        ptImpl->dwTotalSize += dwNeed;
+        TraceCounters(ptImpl, szOp);
+    }
+    return BehindHead(ptHead);
+}
+
+TAppMemBlockHead *ReuseBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
+                             const char *szOp)
+{
+    HAppDoubleListNode hNode = ptImpl->hOffList[dwClass]->ptHead;
+    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p\n",
+              szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass),
+              app::Ul(ClassSize(dwClass)), hNode->pvData);
+    _AppDoubleListDetachNode(ptImpl->hOffList[dwClass], hNode);
+    _AppDoubleListAttachNode(ptImpl->hOnList[dwClass], nullptr, hNode, APP_ATTACH_BEFORE);
+    return static_cast<TAppMemBlockHead *>(hNode->pvData);
+}
+
+TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
+                           const char *szOp)
+{
+    const uint32_t dwBlockSize = ClassSize(dwClass);
+    auto ptHead = static_cast<TAppMemBlockHead *>(malloc(dwBlockSize));
+    if (!ptHead) {
+        APP_TRACE(APP_LOG_MEMDBG2,
+                  "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) malloc failed\n", szOp,
+                  app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
+        return nullptr;
+    }
+    ptHead->dwBlockSize = dwBlockSize;
+    if (AppDoubleListInsertBefore(ptImpl->hOnList[dwClass], nullptr, ptHead, &ptHead->hNode) !=
+        APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Size %lu, use MP %p offset %lu(%lu) insert failed\n",
+               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
+        free(ptHead);
+        return nullptr;
+    }
+    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n",
+              szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
+              app::Ptr(ptHead));
+    ptImpl->dwTotalSize += dwBlockSize;
+    return ptHead;
+}
+
+void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *szOp)
+{
+    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p %p use free\n", szOp,
+              app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), BehindHead(ptHead));
+    if (ptImpl) {
+        ptImpl->dwTotalSize -= ptHead->dwBlockSize;
+        Uncount(ptImpl, ptHead->dwBlockSize);
+    }
+    free(ptHead);
+}
+
+void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwClass,
+               const char *szOp)
+{
+    APP_TRACE(APP_LOG_MEMDBG2,
+              "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p return to offlist\n",
+              szOp, app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), app::Ul(dwClass),
+              app::Ul(ClassSize(dwClass)), app::Ptr(ptHead));
+    _AppDoubleListDetachNode(ptImpl->hOnList[dwClass], ptHead->hNode);
+    _AppDoubleListAttachNode(ptImpl->hOffList[dwClass], nullptr, ptHead->hNode, APP_ATTACH_BEFORE);
+    Uncount(ptImpl, ptHead->dwBlockSize);
+    TraceCounters(ptImpl, szOp);
+}
+
+bool CreateList(HAppDoubleList *phList, uint32_t *pdwResult)
+{
+    *pdwResult = AppDoubleListCreate(nullptr, 0, 0, phList);
+    return *pdwResult == APP_OK;
+}
+
+bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
+{
+    for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
+        uint32_t dwResult;
+        if (!CreateList(&ptImpl->hOnList[k], &dwResult)) {
+            AppLog(0, APP_LOG_ERROR,
+                   "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
+                   app::Ul(k), static_cast<int>(dwResult));
+            return false;
+        }
+        if (!CreateList(&ptImpl->hOffList[k], &dwResult)) {
+            AppLog(0, APP_LOG_ERROR,
+                   "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n", szOp,
+                   app::Ul(k), static_cast<int>(dwResult));
+            return false;
+        }
+    }
+    return true;
+}
+
+void DestroyList(HAppDoubleList *phList, TAppMemPoolImpl *ptImpl)
+{
+    AppDoubleListDestroy(*phList, __AppMemPoolFreeData, ptImpl);
+    *phList = nullptr;
+}
+
+} // namespace
+
+uint32_t __AppMemGetOffset(uint32_t dwSize)
+{
+    const uint32_t dwUnits = (dwSize - 1) >> kSmallestShift;
+    if (dwUnits == 0)
+        return 0;
+    const auto dwClass = static_cast<uint32_t>(32 - __builtin_clz(dwUnits));
+    return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
+}
+
+uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
+{
+    auto ptImpl = static_cast<TAppMemPoolImpl *>(malloc(sizeof(TAppMemPoolImpl)));
+    if (!ptImpl) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc for %d failed\n", __func__,
+               static_cast<int>(sizeof(TAppMemPoolImpl)));
+        _AppMemPoolDestroy(nullptr);
+        return APP_FAILED;
+    }
+    *ptImpl = {};
+    if (!CreateLists(ptImpl, __func__)) {
+        _AppMemPoolDestroy(ptImpl);
+        return APP_FAILED;
+    }
+    *pptImpl = ptImpl;
+    return APP_OK;
+}
+
+void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl)
+{
+    AppLog(0, APP_LOG_INFO, "[INFO ] %s: Mempool %p\n", __func__, app::Ptr(ptImpl));
+    if (!ptImpl)
+        return;
+    ptImpl->dwOnWorkCount = ptImpl->dwOnWorkSize = ptImpl->dwTotalSize = 0;
+    for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
+        DestroyList(&ptImpl->hOnList[k], ptImpl);
+        DestroyList(&ptImpl->hOffList[k], ptImpl);
+    }
+    free(ptImpl);
+}
+
+void __AppMemPoolFreeData(void *pvBlock, void *pvImpl)
+{
+    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p block %p free\n", __func__,
+              app::Ul(static_cast<TAppMemBlockHead *>(pvBlock)->dwBlockSize), pvImpl, pvBlock);
+    free(pvBlock);
+}
+
+void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
+{
+    if (dwSize == 0 || dwSize > UINT32_MAX - kHead)
+        return nullptr;
+    const uint32_t dwNeed = dwSize + kHead;
+    const uint32_t dwClass = __AppMemGetOffset(dwNeed);
+    if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl)
+        return MallocLarge(ptImpl, dwNeed, __func__);
+    TAppMemBlockHead *ptHead = ptImpl->hOffList[dwClass]->ptHead
+                                   ? ReuseBlock(ptImpl, dwNeed, dwClass, __func__)
+                                   : NewBlock(ptImpl, dwNeed, dwClass, __func__);
+    if (!ptHead)
+        return nullptr;
+    Count(ptImpl, ptHead->dwBlockSize);
+    TraceCounters(ptImpl, __func__);
+    return BehindHead(ptHead);
+}
+
+void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
+{
+    if (!pvData)
+        return;
+    TAppMemBlockHead *ptHead = static_cast<TAppMemBlockHead *>(pvData) - 1;
+    const uint32_t dwBlockSize = ptHead->dwBlockSize;
+    if (!ptImpl) {
+        FreeLarge(ptImpl, ptHead, __func__);
+        return;
+    }
+    if (ptImpl->dwOnWorkSize < dwBlockSize)
+        AppLog(0, APP_LOG_ERROR,
+               "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM "
+               "LEAK may occured!!!!\n",
+               __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
+               app::Ul(dwBlockSize));
+    if (!ptHead->hNode) {
+        FreeLarge(ptImpl, ptHead, __func__);
+        return;
+    }
+    const uint32_t dwClass = __AppMemGetOffset(dwBlockSize);
+    if (dwClass < APP_MEMPOOL_CLASS_NUM) {
+        ParkBlock(ptImpl, ptHead, dwClass, __func__);
+        return;
+    }
+    // The header is corrupt.  The block is kept: its node is still on a list, and the pool's
+    // destruction releases it.
+    AppLog(0, APP_LOG_ERROR,
+           "[ERROR] %s: WARING!!!!  %p(size=%lu) use MP %p, SHOULD NOT BE IN THE ON LIST!!!!\n",
+           __func__, pvData, app::Ul(dwBlockSize), app::Ptr(ptImpl));
+    ptImpl->dwTotalSize -= dwBlockSize;
+    Uncount(ptImpl, dwBlockSize);
+}
+
+static bool ClassIsValid(const TAppDoubleList *ptList, uint32_t dwClass)
+{
+    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext) {
+        auto ptHead = static_cast<const TAppMemBlockHead *>(hNode->pvData);
+        if (ptHead->dwBlockSize != ClassSize(dwClass) || ptHead->hNode != hNode)
+            return false;
+    }
+    return app::ListIsValid(ptList);
+}
+
+bool app::EngineIsValid(const TAppMemPoolImpl *ptImpl)
+{
+    uint32_t dwOnCount = 0;
+    uint32_t dwOnSize = 0;
+    uint32_t dwOffSize = 0;
+    for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
+        if (!ClassIsValid(ptImpl->hOnList[k], k) || !ClassIsValid(ptImpl->hOffList[k], k))
+            return false;
+        dwOnCount += ptImpl->hOnList[k]->dwCurSize;
+        dwOnSize += ptImpl->hOnList[k]->dwCurSize * ClassSize(k);
+        dwOffSize += ptImpl->hOffList[k]->dwCurSize * ClassSize(k);
+    }
+    // What goes beyond the lists are large blocks.
+    return ptImpl->dwOnWorkCount >= dwOnCount && ptImpl->dwOnWorkSize >= dwOnSize &&
+           ptImpl->dwTotalSize == ptImpl->dwOnWorkSize + dwOffSize;
+}

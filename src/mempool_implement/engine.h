@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+//
+// The size-class engine of a created pool.  It has no lock: the pool's front holds the pool's lock
+// around every call.  Its list nodes come from the process heap, never from the pool it serves.
+#ifndef APPCORE_MEMPOOL_IMPLEMENT_ENGINE_H
+#define APPCORE_MEMPOOL_IMPLEMENT_ENGINE_H
+
+#include <stddef.h>
+
+#include "appcore/containers.h"
+
+#define APP_MEMPOOL_CLASS_NUM 18u // block sizes 32 << 0 to 32 << 17 (4 MiB)
+
+namespace app
+{
+
+// The headers keep their layout on 32-bit machines.  On 64-bit ones they are padded, so that the
+// caller's data is aligned as malloc() aligns it.
+#if UINTPTR_MAX == UINT32_MAX
+constexpr size_t kHeadAlign = alignof(uint32_t);
+#else
+constexpr size_t kHeadAlign = alignof(max_align_t);
+#endif
+
+class ReportWriter;
+
+} // namespace app
+
+struct TAppMemPoolImpl {
+    HAppDoubleList hOnList[APP_MEMPOOL_CLASS_NUM];  // blocks handed out
+    HAppDoubleList hOffList[APP_MEMPOOL_CLASS_NUM]; // released blocks, oldest release first
+    uint32_t dwOnWorkCount;                         // blocks handed out, pooled and large alike
+    uint32_t dwOnWorkSize;                          // their bytes, headers and rounding included
+    uint32_t dwTotalSize;                           // bytes held from the heap
+};
+
+// At the start of every block that the engine takes from the heap.
+struct alignas(app::kHeadAlign) TAppMemBlockHead {
+    uint32_t dwBlockSize;     // 32 << class, or the need of a large block
+    HAppDoubleListNode hNode; // in hOnList or hOffList; null for a large block
+};
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(sizeof(TAppMemPoolImpl) == 156 && sizeof(TAppMemBlockHead) == 8, "fixed layout");
+#endif
+
+extern "C" {
+// The first two arguments are not used: the limit is the front's.
+uint32_t _AppMemPoolCreate(uint32_t dwSize, uint32_t dwReserved, TAppMemPoolImpl **pptImpl);
+// Returns every pooled block to the heap, in use or idle; large blocks are not tracked.
+void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl);
+// Address behind the block's header, or null.  A null engine serves straight from the heap.
+void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize);
+void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData);
+void _AppMemPoolShow(TAppMemPoolImpl *ptImpl, PFAppShow pfnShow, void *pvContext);
+// Class of a need of `dwSize` bytes, header included; APP_MEMPOOL_CLASS_NUM for none.
+uint32_t __AppMemGetOffset(uint32_t dwSize);
+// Destroy's callback for the lists.
+void __AppMemPoolFreeData(void *pvBlock, void *pvImpl);
+}
+
+namespace app
+{
+// _AppMemPoolShow() into a report that is already under way, which must have handed over.
+void ShowEngine(ReportWriter &writer, const TAppMemPoolImpl *ptImpl);
+bool EngineIsValid(const TAppMemPoolImpl *ptImpl);
+} // namespace app
+
+#endif

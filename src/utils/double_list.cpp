@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+#include "utils/double_list.h"
+
+#include "appcore/mempool.h"
+#include "appcore/platform.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/rollback.h"
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(sizeof(TAppDoubleList) == 24 && offsetof(TAppDoubleList, dwCurSize) == 16);
+static_assert(sizeof(TAppDoubleListNode) == 12);
+#endif
+
+void _AppDoubleListAttachNode(HAppDoubleList hList, HAppDoubleListNode hAnchor,
+                              HAppDoubleListNode hNode, uint32_t dwFlag)
+{
+    // Every case is "between two neighbours"; null neighbours are the ends of the list.
+    HAppDoubleListNode hPrev = hList->ptTail;
+    HAppDoubleListNode hNext = nullptr;
+    if (hAnchor && dwFlag == APP_ATTACH_BEFORE) {
+        hPrev = hAnchor->ptPrev;
+        hNext = hAnchor;
+    } else if (hAnchor) {
+        hPrev = hAnchor;
+        hNext = hAnchor->ptNext;
+    }
+    hNode->ptPrev = hPrev;
+    hNode->ptNext = hNext;
+    (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
+    (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
+    ++hList->dwCurSize;
+}
+
+void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode)
+{
+    (hNode->ptPrev ? hNode->ptPrev->ptNext : hList->ptHead) = hNode->ptNext;
+    (hNode->ptNext ? hNode->ptNext->ptPrev : hList->ptTail) = hNode->ptPrev;
+    --hList->dwCurSize;
+}
+
+uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                             HAppDoubleList *phList)
+{
+    if (!phList)
+        return APP_INVALID_ARG;
+    *phList = nullptr;
+    auto hList = static_cast<HAppDoubleList>(AppMemPoolMalloc(hMemPool, sizeof(TAppDoubleList)));
+    if (!hList) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    *hList = {};
+    hList->dwMaxSize = dwMaxSize;
+    hList->hMemPool = hMemPool;
+    if (bLock == 1) {
+        const uint32_t dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hList->hLock);
+        if (dwResult != APP_OK) {
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", __func__,
+                   static_cast<int>(dwResult));
+            AppMemPoolFree(hList);
+            return dwResult;
+        }
+    }
+    *phList = hList;
+    return APP_OK;
+}
+
+void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvContext)
+{
+    if (!hList)
+        return;
+    // Waits for a user that is still inside an operation; never given back.
+    app::LockGuard guard(hList->hLock);
+    guard.Release();
+    while (hList->dwCurSize != 0) {
+        void *pvData = nullptr;
+        AppDoubleListRemove(hList, hList->ptHead, &pvData);
+        if (pfnFree)
+            pfnFree(pvData, pvContext);
+    }
+    AppLockDestroy(hList->hLock);
+    hList->hLock = nullptr;
+    AppMemPoolFree(hList);
+}
+
+static uint32_t Insert(HAppDoubleList hList, HAppDoubleListNode hAnchor, void *pvData,
+                       HAppDoubleListNode *phNode, uint32_t dwFlag, const char *szOp)
+{
+    if (!hList)
+        return APP_INVALID_ARG;
+    if (hList->dwMaxSize != 0 && hList->dwCurSize >= hList->dwMaxSize) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: List full. cur size: %lu max size: %lu\n", szOp,
+               app::Ul(hList->dwCurSize), app::Ul(hList->dwMaxSize));
+        return APP_NO_RESOURCE;
+    }
+    auto hNode = static_cast<HAppDoubleListNode>(
+        AppMemPoolMalloc(hList->hMemPool, sizeof(TAppDoubleListNode)));
+    if (!hNode) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
+        return APP_NO_RESOURCE;
+    }
+    hNode->pvData = pvData;
+    _AppDoubleListAttachNode(hList, hAnchor, hNode, dwFlag);
+    if (phNode)
+        *phNode = hNode;
+    return APP_OK;
+}
+
+uint32_t AppDoubleListInsertAfter(HAppDoubleList hList, HAppDoubleListNode hAnchor, void *pvData,
+                                  HAppDoubleListNode *phNode)
+{
+    return Insert(hList, hAnchor, pvData, phNode, APP_ATTACH_AFTER, __func__);
+}
+
+uint32_t AppDoubleListInsertBefore(HAppDoubleList hList, HAppDoubleListNode hAnchor, void *pvData,
+                                   HAppDoubleListNode *phNode)
+{
+    return Insert(hList, hAnchor, pvData, phNode, APP_ATTACH_BEFORE, __func__);
+}
+
+uint32_t AppDoubleListRemove(HAppDoubleList hList, HAppDoubleListNode hNode, void **ppvData)
+{
+    if (!hList || !hNode || hList->dwCurSize == 0)
+        return APP_INVALID_ARG;
+    _AppDoubleListDetachNode(hList, hNode);
+    if (ppvData)
+        *ppvData = hNode->pvData;
+    AppMemPoolFree(hNode);
+    return APP_OK;
+}
+
+bool app::ListIsValid(const TAppDoubleList *ptList)
+{
+    uint32_t dwCount = 0;
+    const TAppDoubleListNode *ptPrev = nullptr;
+    for (const TAppDoubleListNode *ptNode = ptList->ptHead; ptNode; ptNode = ptNode->ptNext) {
+        if (ptNode->ptPrev != ptPrev || ++dwCount > ptList->dwCurSize)
+            return false;
+        ptPrev = ptNode;
+    }
+    return ptList->ptTail == ptPrev && dwCount == ptList->dwCurSize;
+}

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: MIT
+//
+// The double list's low-level moves, for owners that keep nodes across lists.
+#ifndef APPCORE_UTILS_DOUBLE_LIST_H
+#define APPCORE_UTILS_DOUBLE_LIST_H
+
+#include "appcore/containers.h"
+
+enum EAppAttachSide {
+    APP_ATTACH_AFTER = 0,
+    APP_ATTACH_BEFORE = 1,
+};
+
+extern "C" {
+// Links a node in beside the anchor, or at the tail without one.  The maximum is not checked.
+void _AppDoubleListAttachNode(HAppDoubleList hList, HAppDoubleListNode hAnchor,
+                              HAppDoubleListNode hNode, uint32_t dwFlag);
+// Unlinks a node; it is not released and its own fields stay.
+void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode);
+}
+
+namespace app
+{
+// Links, tail and count agree.  For tests; the caller holds the list's lock.
+bool ListIsValid(const TAppDoubleList *ptList);
+} // namespace app
+
+#endif

@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: MIT
+#include "utils/queue.h"
+
+#include "appcore/mempool.h"
+#include "appcore/platform.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/rollback.h"
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(sizeof(TAppQueue) == 32 && offsetof(TAppQueue, dwCurSize) == 20);
+static_assert(sizeof(TAppQueueNode) == 12);
+#endif
+
+namespace
+{
+
+// More than the elements any queue can hold, forced insertions and raised maxima included.
+constexpr uint32_t kCountCeiling = 4294967295u;
+
+uint32_t CreateLock(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCount,
+                    HAppLock *phLock, const char *szOp)
+{
+    const uint32_t dwResult =
+        AppLockCreate(hMemPool, dwMaxCount, dwInitCount, APP_LOCK_TYPE_SEM, phLock);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+    return dwResult;
+}
+
+// Behind all elements of equal or higher priority, before the first of lower priority.
+void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
+{
+    if (!hQueue->ptHead) {
+        hQueue->ptHead = hQueue->ptTail = ptNode;
+    } else if (hQueue->ptTail->nPriority >= ptNode->nPriority) {
+        hQueue->ptTail->ptNext = ptNode;
+        hQueue->ptTail = ptNode;
+    } else if (hQueue->ptHead->nPriority < ptNode->nPriority) {
+        ptNode->ptNext = hQueue->ptHead;
+        hQueue->ptHead = ptNode;
+    } else {
+        TAppQueueNode *ptBefore = hQueue->ptHead;
+        while (ptBefore->ptNext->nPriority >= ptNode->nPriority)
+            ptBefore = ptBefore->ptNext;
+        ptNode->ptNext = ptBefore->ptNext;
+        ptBefore->ptNext = ptNode;
+    }
+}
+
+TAppQueueNode *UnlinkHead(HAppQueue hQueue)
+{
+    TAppQueueNode *ptNode = hQueue->ptHead;
+    hQueue->ptHead = ptNode->ptNext;
+    --hQueue->dwCurSize;
+    return ptNode;
+}
+
+uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwNull)
+{
+    if (!hQueue)
+        return dwNull;
+    app::LockGuard guard(hQueue->hLock);
+    return hQueue->*pdwField;
+}
+
+} // namespace
+
+uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                        HAppQueue *phQueue)
+{
+    if (!phQueue)
+        return APP_INVALID_ARG;
+    *phQueue = nullptr;
+    if (dwMaxSize == 0) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: change dwMaxSize(%u) ==> %u\n", __func__, dwMaxSize,
+               APP_QUEUE_DEFAULT_MAX);
+        dwMaxSize = APP_QUEUE_DEFAULT_MAX;
+    }
+    auto hQueue = static_cast<HAppQueue>(AppMemPoolMalloc(hMemPool, sizeof(TAppQueue)));
+    if (!hQueue) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); });
+    *hQueue = {};
+    hQueue->dwMaxSize = dwMaxSize;
+    hQueue->hMemPool = hMemPool;
+    uint32_t dwResult = APP_OK;
+    if (bLock == 1)
+        dwResult = CreateLock(hMemPool, 1, 1, &hQueue->hLock, __func__);
+    if (dwResult == APP_OK)
+        dwResult = CreateLock(hMemPool, kCountCeiling, 0, &hQueue->hCountLock, __func__);
+    if (dwResult != APP_OK)
+        return dwResult;
+    undo.Dismiss();
+    *phQueue = hQueue;
+    return APP_OK;
+}
+
+void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
+{
+    if (!hQueue)
+        return;
+    // Waits for a producer that is still inside its insertion; never given back.
+    app::LockGuard guard(hQueue->hLock);
+    guard.Release();
+    while (hQueue->ptHead) {
+        TAppQueueNode *ptNode = UnlinkHead(hQueue);
+        if (pfnDrop)
+            pfnDrop(ptNode->pvData, pvContext);
+        AppMemPoolFree(ptNode);
+    }
+    AppLockDestroy(hQueue->hCountLock);
+    hQueue->hCountLock = nullptr;
+    AppLockDestroy(hQueue->hLock);
+    hQueue->hLock = nullptr;
+    AppMemPoolFree(hQueue);
+}
+
+// Under hLock.
+static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, const char *szOp)
+{
+    auto ptNode =
+        static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode)));
+    if (!ptNode) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
+        return APP_NO_RESOURCE;
+    }
+    *ptNode = {nullptr, pvData, nPriority};
+    PlaceNode(hQueue, ptNode);
+    if (++hQueue->dwCurSize > hQueue->dwTopSize)
+        hQueue->dwTopSize = hQueue->dwCurSize;
+    return APP_OK;
+}
+
+uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce)
+{
+    if (!hQueue)
+        return APP_INVALID_ARG;
+    {
+        app::LockGuard guard(hQueue->hLock);
+        if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n",
+                   __func__, app::Ul(hQueue->dwCurSize), app::Ul(hQueue->dwMaxSize));
+            return APP_NO_RESOURCE;
+        }
+        const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority, __func__);
+        if (dwResult != APP_OK)
+            return dwResult;
+    }
+    // Last touch: the consumer of this element may destroy the queue.
+    AppLockGive(hQueue->hCountLock);
+    return APP_OK;
+}
+
+uint32_t AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority)
+{
+    return _AppQueueIn(hQueue, pvData, nPriority, 0);
+}
+
+uint32_t AppQueueOut(HAppQueue hQueue, uint32_t dwTimeout, void **ppvData)
+{
+    if (!hQueue)
+        return APP_INVALID_ARG;
+    const uint32_t dwResult = AppLockTakeByTime(hQueue->hCountLock, dwTimeout);
+    if (dwResult != APP_OK)
+        return dwResult;
+    TAppQueueNode *ptNode;
+    {
+        app::LockGuard guard(hQueue->hLock);
+        ptNode = UnlinkHead(hQueue);
+    }
+    if (ppvData)
+        *ppvData = ptNode->pvData;
+    AppMemPoolFree(ptNode);
+    return APP_OK;
+}
+
+uint32_t AppQueueGetSize(HAppQueue hQueue)
+{
+    return ReadField(hQueue, &TAppQueue::dwCurSize, 4294967295u);
+}
+
+uint32_t _AppQueueGetMaxSize(HAppQueue hQueue)
+{
+    return ReadField(hQueue, &TAppQueue::dwMaxSize, 0);
+}
+
+uint32_t _AppQueueGetTopSize(HAppQueue hQueue)
+{
+    return ReadField(hQueue, &TAppQueue::dwTopSize, 0);
+}
+
+uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
+{
+    if (!hQueue)
+        return APP_INVALID_ARG;
+    app::LockGuard guard(hQueue->hLock);
+    if (hQueue->dwCurSize > dwMaxSize)
+        return APP_INVALID_ARG;
+    hQueue->dwMaxSize = dwMaxSize;
+    hQueue->dwTopSize = 0;
+    return APP_OK;
+}
+
+bool app::QueueIsValid(HAppQueue hQueue)
+{
+    app::LockGuard guard(hQueue->hLock);
+    uint32_t dwCount = 0;
+    const TAppQueueNode *ptLast = nullptr;
+    for (const TAppQueueNode *ptNode = hQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
+        if ((ptLast && ptLast->nPriority < ptNode->nPriority) || ++dwCount > hQueue->dwCurSize)
+            return false;
+        ptLast = ptNode;
+    }
+    return dwCount == hQueue->dwCurSize && (!ptLast || ptLast == hQueue->ptTail);
+}

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+//
+// The queue's operations for the task manager, and its record for tests.
+#ifndef APPCORE_UTILS_QUEUE_H
+#define APPCORE_UTILS_QUEUE_H
+
+#include "appcore/containers.h"
+
+struct TAppQueueNode {
+    TAppQueueNode *ptNext; // towards the tail
+    void *pvData;
+    int32_t nPriority;
+};
+
+// From the head, priorities never increase; equal ones are in the order of insertion.
+struct TAppQueue {
+    TAppQueueNode *ptTail; // meaningful only while ptHead is not null
+    TAppQueueNode *ptHead;
+    HAppLock hLock;      // guards the record; null for a queue without
+    HAppLock hCountLock; // counts the elements that no consumer has claimed; consumers sleep on it
+    HAppMemPool hMemPool;
+    uint32_t dwCurSize;
+    uint32_t dwMaxSize; // for ordinary insertions; 0 is no limit
+    uint32_t dwTopSize; // highest dwCurSize since creation or the last change of the maximum
+};
+
+extern "C" {
+// AppQueueIn() that may pass the maximum.
+uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce);
+// 0 for a null handle.
+uint32_t _AppQueueGetMaxSize(HAppQueue hQueue);
+uint32_t _AppQueueGetTopSize(HAppQueue hQueue);
+// Refused below the current size; 0 (of an empty queue) removes the limit.  Resets the top mark.
+uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize);
+}
+
+namespace app
+{
+// Order, count and tail agree.  For tests; takes the queue's lock.
+bool QueueIsValid(HAppQueue hQueue);
+} // namespace app
+
+#endif
