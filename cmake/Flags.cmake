@@ -1,7 +1,9 @@
 # Warnings, hardening and link flags of everything built here.
 add_library(appcore_flags INTERFACE)
 target_compile_options(appcore_flags INTERFACE
-    -Wall -Wextra -Wformat=2 -Wconversion -Wshadow -Werror
+    -Wall -Wextra -Wformat=2 -Wconversion -Wshadow $<$<BOOL:${APPCORE_WERROR}>:-Werror>
+    # GCC's -Wconversion leaves signs alone in C++; so does ours with clang.
+    $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
     -fno-semantic-interposition -fstack-protector-strong
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
     # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions it checks.
@@ -23,6 +25,9 @@ set(APPCORE_SHARED_LINK_OPTIONS
     -Wl,-Bsymbolic-functions
     -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/host.list
     -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/appcore.map)
-if(NOT APPCORE_SANITIZE)
+# The sanitizers' and, on a device, the host application's functions come at load time.
+if(NOT APPCORE_SANITIZE AND APPCORE_HOST STREQUAL "standin")
     list(APPEND APPCORE_SHARED_LINK_OPTIONS -Wl,--no-undefined)
 endif()
+set(APPCORE_SHARED_LINK_DEPENDS
+    ${PROJECT_SOURCE_DIR}/cmake/host.list ${PROJECT_SOURCE_DIR}/cmake/appcore.map)

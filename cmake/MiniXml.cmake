@@ -1,9 +1,11 @@
-# Mini-XML, found by pkg-config.
+# Mini-XML, found by pkg-config: target PkgConfig::MXML.
 find_package(PkgConfig)
 if(PKG_CONFIG_FOUND)
     pkg_check_modules(MXML IMPORTED_TARGET mxml)
 endif()
-if(NOT MXML_FOUND)
+if(NOT MXML_FOUND AND CMAKE_CROSSCOMPILING)
+    message(FATAL_ERROR "Mini-XML for ${CMAKE_SYSTEM_PROCESSOR} was not found. "
+                        "For the arm preset run scripts/fetch-armhf-mxml first.")
+elseif(NOT MXML_FOUND)
     message(FATAL_ERROR "Mini-XML was not found. On Debian: apt-get install pkg-config libmxml-dev")
 endif()
-add_library(appcore::mxml ALIAS PkgConfig::MXML)
