@@ -23,15 +23,21 @@ void RegisterRows();
 // `strAim`: the ratio to the best peer that the row aims at, for example "1.0", or to one named
 // peer, for example "2.0 of glibc".
 template <typename Run>
-benchmark::internal::Benchmark *Add(const std::string &strRow, const std::string &strName, Run run,
-                                    const std::string &strAim = "")
+benchmark::internal::Benchmark *AddManual(const std::string &strRow, const std::string &strName,
+                                          Run run, const std::string &strAim = "")
 {
     return benchmark::RegisterBenchmark((strRow + "/" + strName).c_str(),
                                         [run, strAim](benchmark::State &state) {
                                             run(state);
                                             state.SetLabel(strAim);
-                                        })
-        ->UseRealTime();
+                                        });
+}
+
+template <typename Run>
+benchmark::internal::Benchmark *Add(const std::string &strRow, const std::string &strName, Run run,
+                                    const std::string &strAim = "")
+{
+    return AddManual(strRow, strName, run, strAim)->UseRealTime();
 }
 
 // A set-up step that failed would make every figure after it worthless.
