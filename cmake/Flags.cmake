@@ -5,9 +5,12 @@ target_compile_options(appcore_flags INTERFACE
     # GCC's -Wconversion leaves signs alone in C++; so does ours with clang.
     $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
     -fno-semantic-interposition -fstack-protector-strong
-    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>
-    # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions it checks.
-    $<$<AND:$<NOT:$<CONFIG:Debug>>,$<NOT:$<BOOL:${APPCORE_SANITIZE}>>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+# _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions that it checks.
+if(NOT APPCORE_SANITIZE)
+    target_compile_options(appcore_flags INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
 
 if(APPCORE_SANITIZE)
     add_compile_options(-fsanitize=${APPCORE_SANITIZE} -fno-omit-frame-pointer)

@@ -96,7 +96,7 @@ check() {
 # count_junit FILE: adds the tests of a CTest run.
 count_junit() {
     local suite tests bad off
-    suite=$(tr '\n' ' ' <"$1" | grep -o '<testsuite [^>]*>')
+    suite=$(tr -s '\n\t' ' ' <"$1" | grep -o '<testsuite [^>]*>')
     tests=$(attribute tests "$suite")
     bad=$(attribute failures "$suite")
     off=$(($(attribute skipped "$suite") + $(attribute disabled "$suite")))

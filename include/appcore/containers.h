@@ -17,7 +17,11 @@
 extern "C" {
 #endif
 
-/** Receives an element that a container gives up.  @param pvData the element */
+/**
+ * Receives an element that a container gives up.
+ * @param pvData    the element
+ * @param pvContext the value given with the callback
+ */
 typedef void (*PFAppFree)(void *pvData, void *pvContext);
 
 /** @name Double list
