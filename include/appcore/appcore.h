@@ -13,5 +13,6 @@
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "appcore/socket.h"
+#include "appcore/task.h"
 
 #endif

@@ -59,7 +59,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
             static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
         if (!ptHead)
             return nullptr; // the engine has logged
-        hMemPool->dwCurSize += dwSize;
+        app::Poke(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
         APP_TRACE(APP_LOG_MEMDBG1,
                   "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
                   app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
@@ -98,7 +98,7 @@ void AppMemPoolFree(void *pvData)
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
         app::LockGuard guard(hMemPool->hLock);
-        hMemPool->dwCurSize -= dwSize;
+        app::Poke(hMemPool->dwCurSize, hMemPool->dwCurSize - dwSize);
         APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
                   app::Ptr(hMemPool), pvData, app::Ul(dwSize));
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);

@@ -15,7 +15,7 @@ void app::ShowPool(ReportWriter &writer, HAppMemPool hMemPool)
     // Without the lock the figures may not fit together, but only counters are read: still safe.
     LockGuard guard(hMemPool->hLock, kLockWaitMs);
     writer.Line("hMemPool(%p) Lock(%p) CurSize(%lu) MaxSize(%lu)\n", Ptr(hMemPool),
-                Ptr(hMemPool->hLock), Ul(hMemPool->dwCurSize), Ul(hMemPool->dwMaxSize));
+                Ptr(hMemPool->hLock), Ul(Peek(hMemPool->dwCurSize)), Ul(hMemPool->dwMaxSize));
     writer.Line("--- Details ------------------------");
     writer.HandOver();
     ShowEngine(writer, hMemPool->ptImpl);

@@ -24,14 +24,14 @@ void *BehindHead(TAppMemBlockHead *ptHead)
 
 void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    ++ptImpl->dwOnWorkCount;
-    ptImpl->dwOnWorkSize += dwBlockSize;
+    app::Poke(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
+    app::Poke(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
 }
 
 void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    --ptImpl->dwOnWorkCount;
-    ptImpl->dwOnWorkSize -= dwBlockSize;
+    app::Poke(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount - 1);
+    app::Poke(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize - dwBlockSize);
 }
 
 void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
@@ -54,7 +54,7 @@ void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
     *ptHead = {dwNeed, nullptr};
     if (ptImpl) {
         Count(ptImpl, dwNeed);
-        ptImpl->dwTotalSize += dwNeed;
+        app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwNeed);
         TraceCounters(ptImpl, szOp);
     }
     return BehindHead(ptHead);
@@ -94,7 +94,7 @@ TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dw
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n",
               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
               app::Ptr(ptHead));
-    ptImpl->dwTotalSize += dwBlockSize;
+    app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
     return ptHead;
 }
 
@@ -103,7 +103,7 @@ void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *sz
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p %p use free\n", szOp,
               app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), BehindHead(ptHead));
     if (ptImpl) {
-        ptImpl->dwTotalSize -= ptHead->dwBlockSize;
+        app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize - ptHead->dwBlockSize);
         Uncount(ptImpl, ptHead->dwBlockSize);
     }
     free(ptHead);
@@ -251,7 +251,7 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     AppLog(0, APP_LOG_ERROR,
            "[ERROR] %s: WARING!!!!  %p(size=%lu) use MP %p, SHOULD NOT BE IN THE ON LIST!!!!\n",
            __func__, pvData, app::Ul(dwBlockSize), app::Ptr(ptImpl));
-    ptImpl->dwTotalSize -= dwBlockSize;
+    app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize - dwBlockSize);
     Uncount(ptImpl, dwBlockSize);
 }
 

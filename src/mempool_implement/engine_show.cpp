@@ -12,8 +12,8 @@ void app::ShowEngine(ReportWriter &writer, const TAppMemPoolImpl *ptImpl)
     uint32_t dwIdleSize = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         const uint32_t dwBlockSize = 32u << k;
-        const uint32_t dwOn = ptImpl->hOnList[k]->dwCurSize;
-        const uint32_t dwOff = ptImpl->hOffList[k]->dwCurSize;
+        const uint32_t dwOn = Peek(ptImpl->hOnList[k]->dwCurSize);
+        const uint32_t dwOff = Peek(ptImpl->hOffList[k]->dwCurSize);
         dwOnCount += dwOn;
         dwOnSize += dwOn * dwBlockSize;
         dwIdleSize += dwOff * dwBlockSize;
@@ -24,11 +24,11 @@ void app::ShowEngine(ReportWriter &writer, const TAppMemPoolImpl *ptImpl)
             writer.Line("[%2lu] OffList count=%lu blocksize=%lu size=%lu\n", Ul(k), Ul(dwOff),
                         Ul(dwBlockSize), Ul(dwOff * dwBlockSize));
     }
-    writer.Line("[malloc/free]count=%lu size=%lu\n", Ul(ptImpl->dwOnWorkCount - dwOnCount),
-                Ul(ptImpl->dwOnWorkSize - dwOnSize));
+    writer.Line("[malloc/free]count=%lu size=%lu\n", Ul(Peek(ptImpl->dwOnWorkCount) - dwOnCount),
+                Ul(Peek(ptImpl->dwOnWorkSize) - dwOnSize));
     writer.Line("MEMPOOL %p OnWorkCount=%lu OnWorkSize=%lu TotalSize=%lu IdleSize=%lu\n",
-                Ptr(ptImpl), Ul(ptImpl->dwOnWorkCount), Ul(ptImpl->dwOnWorkSize),
-                Ul(ptImpl->dwTotalSize), Ul(dwIdleSize));
+                Ptr(ptImpl), Ul(Peek(ptImpl->dwOnWorkCount)), Ul(Peek(ptImpl->dwOnWorkSize)),
+                Ul(Peek(ptImpl->dwTotalSize)), Ul(dwIdleSize));
     writer.Flush();
 }
 

@@ -29,14 +29,14 @@ void _AppDoubleListAttachNode(HAppDoubleList hList, HAppDoubleListNode hAnchor,
     hNode->ptNext = hNext;
     (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
     (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
-    ++hList->dwCurSize;
+    app::Poke(hList->dwCurSize, hList->dwCurSize + 1);
 }
 
 void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode)
 {
     (hNode->ptPrev ? hNode->ptPrev->ptNext : hList->ptHead) = hNode->ptNext;
     (hNode->ptNext ? hNode->ptNext->ptPrev : hList->ptTail) = hNode->ptPrev;
-    --hList->dwCurSize;
+    app::Poke(hList->dwCurSize, hList->dwCurSize - 1);
 }
 
 uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,

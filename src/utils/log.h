@@ -66,6 +66,16 @@ void Poke(std::atomic<T> &field, T value)
     field.store(value, std::memory_order_relaxed);
 }
 
+// The same for the counters of plain records: one writer at a time, under the record's own rules.
+inline uint32_t Peek(const uint32_t &dwField)
+{
+    return __atomic_load_n(&dwField, __ATOMIC_RELAXED);
+}
+inline void Poke(uint32_t &dwField, uint32_t dwValue)
+{
+    __atomic_store_n(&dwField, dwValue, __ATOMIC_RELAXED);
+}
+
 } // namespace app
 
 #endif

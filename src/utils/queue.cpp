@@ -135,24 +135,32 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, co
     return APP_OK;
 }
 
+uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
+                         const char *szOp)
+{
+    LockGuard guard(hQueue->hLock);
+    if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", szOp,
+               Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
+        return APP_NO_RESOURCE;
+    }
+    return InsertNode(hQueue, pvData, nPriority, szOp);
+}
+
+// The last touch: the consumer of the element may destroy the queue.
+void app::QueueWake(HAppQueue hQueue)
+{
+    AppLockGive(hQueue->hCountLock);
+}
+
 uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    {
-        app::LockGuard guard(hQueue->hLock);
-        if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n",
-                   __func__, app::Ul(hQueue->dwCurSize), app::Ul(hQueue->dwMaxSize));
-            return APP_NO_RESOURCE;
-        }
-        const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority, __func__);
-        if (dwResult != APP_OK)
-            return dwResult;
-    }
-    // Last touch: the consumer of this element may destroy the queue.
-    AppLockGive(hQueue->hCountLock);
-    return APP_OK;
+    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, __func__);
+    if (dwResult == APP_OK)
+        app::QueueWake(hQueue);
+    return dwResult;
 }
 
 uint32_t AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority)

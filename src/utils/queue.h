@@ -36,6 +36,12 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize);
 
 namespace app
 {
+// _AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
+// element is placed, and one consumer woken for it.  `szOp` stands in the messages.
+uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
+                    const char *szOp);
+void QueueWake(HAppQueue hQueue);
+
 // Order, count and tail agree.  For tests; takes the queue's lock.
 bool QueueIsValid(HAppQueue hQueue);
 } // namespace app

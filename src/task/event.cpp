@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+#include "appcore/mempool.h"
+#include "task/task.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/queue.h"
+
+namespace
+{
+
+constexpr uint32_t kSendWaitMs = 1000;
+
+// What the public sends share: a copy of the event is queued while the task admits work.
+uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
+              uint32_t dwTimeout, const char *szOp)
+{
+    if (!hTask)
+        return APP_INVALID_ARG;
+    uint32_t dwState;
+    {
+        app::LockGuard guard(hTask->hLock, dwTimeout);
+        if (!guard)
+            return APP_TIMEOUT;
+        dwState = app::Peek(hTask->dwState);
+        if (app::AdmitsWork(dwState)) {
+            const uint32_t dwResult = app::PlaceEvent(hTask, event, nPriority, bForce);
+            if (dwResult != APP_OK)
+                return dwResult;
+            hTask->dwUsers.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+    if (!app::AdmitsWork(dwState)) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Task State. Task %p state %s\n", szOp,
+               app::Ptr(hTask), _AppGetTaskStateString(dwState));
+        return APP_INVALID_ARG;
+    }
+    app::WakeTask(hTask);
+    app::DropVisitor(hTask);
+    return APP_OK;
+}
+
+} // namespace
+
+uint32_t app::PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority,
+                         uint32_t bForce)
+{
+    static constexpr char szOp[] = "_AppTaskSendEvent";
+    auto ptCopy = static_cast<TAppTaskEvent *>(
+        AppMemPoolMalloc(ptTask->ptTaskMgr->hMemPool, sizeof(TAppTaskEvent)));
+    if (!ptCopy) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
+        return APP_NO_RESOURCE;
+    }
+    *ptCopy = event;
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", szOp, Ptr(ptTask),
+              static_cast<int>(event.dwEventType), Ptr(event.pfnHandler), event.pvArg);
+    const uint32_t dwResult = QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
+                                         static_cast<int32_t>(bForce), "_AppQueueIn");
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", szOp,
+               static_cast<int>(dwResult));
+        AppMemPoolFree(ptCopy);
+    }
+    return dwResult;
+}
+
+void app::WakeTask(TAppTask *ptTask)
+{
+    QueueWake(ptTask->hEventQueue);
+}
+
+uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
+                           uint32_t bForce)
+{
+    const uint32_t dwResult = app::PlaceEvent(ptTask, *ptEvent, nPriority, bForce);
+    if (dwResult == APP_OK)
+        app::WakeTask(ptTask);
+    return dwResult;
+}
+
+uint32_t AppTaskSendEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandler, void *pvContext)
+{
+    return Send(hTask, {APP_TASK_EVENT_USER, pvArg, pfnHandler, pvContext}, APP_TASK_PRIORITY_USER,
+                0, kSendWaitMs, __func__);
+}
+
+uint32_t AppTaskAssignEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandler,
+                            void *pvContext)
+{
+    return Send(hTask, {APP_TASK_EVENT_USER, pvArg, pfnHandler, pvContext}, APP_TASK_PRIORITY_USER,
+                1, 0, __func__);
+}
+
+uint32_t AppTaskTerminate(HAppTask hTask)
+{
+    return Send(hTask, {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoForIdleHandler, nullptr},
+                APP_TASK_PRIORITY_REQUEST, 1, 0, __func__);
+}
+
+uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvArg,
+                             PFAppTaskHandler *ppfnHandler, void **ppvContext)
+{
+    if (!hTask || !pdwEventType || !ppvArg || !ppfnHandler || !ppvContext)
+        return APP_INVALID_ARG;
+    app::LockGuard guard(hTask->hLock);
+    *pdwEventType = app::Peek(hTask->dwLastEventType);
+    *ppvArg = app::Peek(hTask->pvLastArg);
+    *ppfnHandler = app::Peek(hTask->pfnLastHandler);
+    *ppvContext = app::Peek(hTask->pvLastContext);
+    return APP_OK;
+}
+
+HAppMemPool AppTaskGetMemPool(HAppTask hTask)
+{
+    return hTask ? hTask->hMemPool : nullptr;
+}

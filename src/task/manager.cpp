@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: MIT
+#include "appcore/mempool.h"
+#include "appcore/platform.h"
+#include "task/task.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/rollback.h"
+
+namespace
+{
+
+// What the application asks of a new task.
+struct TWanted {
+    const char *szTaskName;
+    uint32_t dwMaxEvent;
+    uint32_t dwStackSize;
+    uint32_t dwMemPoolSize;
+    uint32_t dwIdleTimeout;
+    PFAppTaskHandler pfnHandler;
+    void *pvContext;
+};
+
+uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *szOp)
+{
+    HAppMemPool hMemPool = ptTaskMgr->hMemPool;
+    uint32_t dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &ptTaskMgr->hLock);
+    if (dwResult == APP_OK)
+        dwResult = AppLockCreate(hMemPool, 1, 0, APP_LOCK_TYPE_SEM, &ptTaskMgr->hLeftLock);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    dwResult = AppDoubleListCreate(hMemPool, dwMaxTask, 0, &ptTaskMgr->hTaskList);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hTaskList AppDoubleListCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    dwResult = AppDoubleListCreate(hMemPool, dwMaxTask, 0, &ptTaskMgr->hIdleTaskList);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hIdleTaskList AppDoubleListCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+    return dwResult;
+}
+
+// Under the manager's lock.  bEnd comes first: it stands for the request when that cannot be
+// queued, or is met by a drain.
+void RequestEnd(TAppTask *ptTask)
+{
+    static constexpr TAppTaskEvent kTerminate = {APP_TASK_EVENT_STOP, nullptr,
+                                                 _AppTaskGoForTerminateHandler, nullptr};
+    ptTask->bEnd.store(1);
+    _AppTaskSendEvent(ptTask, &kTerminate, APP_TASK_PRIORITY_QUIT, 1);
+}
+
+void RequestEndOfAll(const TAppDoubleList *ptList)
+{
+    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext)
+        RequestEnd(static_cast<TAppTask *>(hNode->pvData));
+}
+
+// Waits for those who destroy a task outside the lists.
+void WaitForLeaving(TAppTaskMgr *ptTaskMgr)
+{
+    for (;;) {
+        {
+            app::LockGuard guard(ptTaskMgr->hLock);
+            if (ptTaskMgr->dwLeaving == 0)
+                return;
+        }
+        AppLockTakeByTime(ptTaskMgr->hLeftLock, 0);
+    }
+}
+
+uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
+{
+    if (ptTaskMgr->bQuit == 1) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: TaskMgr is being destroyed\n", szOp);
+        return APP_INVALID_ARG;
+    }
+    if (ptTaskMgr->hTaskList->dwCurSize == ptTaskMgr->hTaskList->dwMaxSize) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Task Max Num %lu reach: %d\n", szOp,
+               app::Ul(ptTaskMgr->hTaskList->dwMaxSize), static_cast<int>(APP_NO_RESOURCE));
+        return APP_NO_RESOURCE;
+    }
+    return APP_OK;
+}
+
+// The task that went idle last and has not chosen to end; claimed, so that it cannot any more.
+TAppTask *ClaimIdleTask(TAppTaskMgr *ptTaskMgr)
+{
+    HAppDoubleListNode hNode = ptTaskMgr->hIdleTaskList->ptTail;
+    for (; hNode; hNode = hNode->ptPrev) {
+        auto ptTask = static_cast<TAppTask *>(hNode->pvData);
+        app::LockGuard guard(ptTask->hLock);
+        if (app::Peek(ptTask->dwState) == APP_TASK_STATE_IDLE) {
+            ptTask->bClaimed = 1;
+            return ptTask;
+        }
+    }
+    return nullptr;
+}
+
+// *pptFailed receives a task that must be disposed of.
+uint32_t Reuse(TAppTaskMgr *ptTaskMgr, TAppTask *ptTask, const TWanted &wanted,
+               TAppTask **pptFailed, const char *szOp)
+{
+    uint32_t dwResult = AppDoubleListRemove(ptTaskMgr->hIdleTaskList, ptTask->hListNode, nullptr);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListRemove failed: %d\n", szOp,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    ptTask->hListNode = nullptr;
+    AppLog(0, APP_LOG_INFO, "[INFO ] %s: Reuse Task: %p\n", szOp, app::Ptr(ptTask));
+    dwResult = _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent,
+                                  wanted.dwIdleTimeout, wanted.pfnHandler, wanted.pvContext);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n", szOp,
+               static_cast<int>(dwResult), app::Ptr(ptTask));
+        *pptFailed = ptTask;
+    }
+    return dwResult;
+}
+
+uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask, const char *szOp)
+{
+    const uint32_t dwResult = _AppTaskCreate(
+        ptTaskMgr, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwStackSize, wanted.dwMemPoolSize,
+        wanted.dwIdleTimeout, wanted.pfnHandler, wanted.pvContext, pptTask);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskCreate failed: %d\n", szOp,
+               static_cast<int>(dwResult));
+    else
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: _AppTaskCreate: %s %p\n", szOp,
+               wanted.szTaskName ? wanted.szTaskName : "", app::Ptr(*pptTask));
+    return dwResult;
+}
+
+// Under the manager's lock.
+uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
+                 TAppTask **pptFailed, const char *szOp)
+{
+    uint32_t dwResult = CheckAdmission(ptTaskMgr, szOp);
+    if (dwResult != APP_OK)
+        return dwResult;
+    TAppTask *ptTask = ClaimIdleTask(ptTaskMgr);
+    dwResult = ptTask ? Reuse(ptTaskMgr, ptTask, wanted, pptFailed, szOp)
+                      : Create(ptTaskMgr, wanted, &ptTask, szOp);
+    if (dwResult != APP_OK)
+        return dwResult;
+    dwResult = AppDoubleListInsertAfter(ptTaskMgr->hTaskList, nullptr, ptTask, &ptTask->hListNode);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
+               szOp, static_cast<int>(dwResult), app::Ptr(ptTask));
+        *pptFailed = ptTask;
+        return dwResult;
+    }
+    *pptTask = ptTask;
+    return APP_OK;
+}
+
+// Without the manager's lock, which the task's thread needs to end.
+void Dispose(TAppTask *ptTask)
+{
+    TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
+    __AppFreeTaskCB(ptTask, nullptr);
+    app::EndLeaving(ptTaskMgr);
+}
+
+} // namespace
+
+uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask, uint32_t dwIdleTaskTimeout,
+                          HAppTaskMgr *phTaskMgr)
+{
+    if (!phTaskMgr)
+        return APP_INVALID_ARG;
+    *phTaskMgr = nullptr;
+    auto hTaskMgr = static_cast<HAppTaskMgr>(AppMemPoolMalloc(hMemPool, sizeof(TAppTaskMgr)));
+    if (!hTaskMgr) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    *hTaskMgr = {};
+    hTaskMgr->dwIdleTaskTimeout = dwIdleTaskTimeout;
+    hTaskMgr->hMemPool = hMemPool;
+    const uint32_t dwResult = CreateMembers(hTaskMgr, dwMaxTask, __func__);
+    if (dwResult != APP_OK) {
+        AppTaskMgrDestroy(hTaskMgr);
+        return dwResult;
+    }
+    *phTaskMgr = hTaskMgr;
+    return APP_OK;
+}
+
+void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr)
+{
+    if (!hTaskMgr)
+        return;
+    if (hTaskMgr->hIdleTaskList) { // else a creation has failed, and there are no tasks
+        {
+            app::LockGuard guard(hTaskMgr->hLock);
+            hTaskMgr->bQuit = 1;
+            RequestEndOfAll(hTaskMgr->hTaskList);
+            RequestEndOfAll(hTaskMgr->hIdleTaskList);
+        }
+        WaitForLeaving(hTaskMgr);
+    }
+    AppDoubleListDestroy(hTaskMgr->hIdleTaskList, __AppFreeTaskCB, nullptr);
+    AppDoubleListDestroy(hTaskMgr->hTaskList, __AppFreeTaskCB, nullptr);
+    AppLockDestroy(hTaskMgr->hLeftLock);
+    AppLockDestroy(hTaskMgr->hLock);
+    hTaskMgr->hLock = nullptr;
+    AppMemPoolFree(hTaskMgr);
+}
+
+void __AppFreeTaskCB(void *pvTask, void *)
+{
+    auto ptTask = static_cast<TAppTask *>(pvTask);
+    if (!ptTask) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: NULL Task Found.\n", __func__);
+        return;
+    }
+    // Taken here and given by the thread, or by the last who came by.
+    AppLockTakeByTime(ptTask->hExitLock, 0);
+    _AppTaskDestroy(ptTask);
+}
+
+uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_t dwMaxEvent,
+                           uint32_t dwStackSize, uint32_t dwMemPoolSize, uint32_t dwIdleTimeout,
+                           PFAppTaskHandler pfnHandler, void *pvContext, HAppTask *phTask)
+{
+    if (!hTaskMgr || !phTask)
+        return APP_INVALID_ARG;
+    *phTask = nullptr;
+    TAppTask *ptFailed = nullptr;
+    uint32_t dwResult;
+    {
+        app::LockGuard guard(hTaskMgr->hLock);
+        dwResult = Provide(hTaskMgr,
+                           {szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize, dwIdleTimeout,
+                            pfnHandler, pvContext},
+                           phTask, &ptFailed, __func__);
+        if (ptFailed) {
+            app::BeginLeaving(hTaskMgr);
+            RequestEnd(ptFailed);
+        }
+    }
+    if (ptFailed)
+        Dispose(ptFailed);
+    return dwResult;
+}

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: MIT
+#include "appcore/platform.h"
+#include "mempool/mempool.h"
+#include "task/task.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/queue.h"
+#include "utils/report_writer.h"
+
+using app::Peek;
+using app::Ptr;
+using app::Ul;
+
+namespace
+{
+
+constexpr uint32_t kMgrLockWaitMs = 1000;
+constexpr uint32_t kTaskLockWaitMs = 20;
+
+const char *NameOf(const TAppTask *ptTask)
+{
+    return ptTask->szTaskName ? ptTask->szTaskName : "";
+}
+
+// The thread's id, as the report prints it the second time.
+const void *AsPointer(int32_t nThreadId)
+{
+    return reinterpret_cast<const void *>(static_cast<intptr_t>(nThreadId));
+}
+
+template <typename Visit>
+void ForEachTask(const TAppDoubleList *ptList, Visit visit)
+{
+    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext)
+        visit(static_cast<TAppTask *>(hNode->pvData));
+}
+
+void ShowPoolOf(app::ReportWriter &writer, const TAppTask *ptTask)
+{
+    const int32_t nThreadId = Peek(ptTask->nThreadId);
+    writer.Reset();
+    writer.Line("\nTask(%p) Name(%s) Thread(%d %p) MemPool(%p)", Ptr(ptTask), NameOf(ptTask),
+                nThreadId, AsPointer(nThreadId), Ptr(ptTask->hMemPool));
+    writer.HandOver();
+    app::ShowPool(writer, ptTask->hMemPool);
+}
+
+// The list of timers changes under its task's lock.  The wait is short and the lines are left out
+// when it expires: a task that is going idle holds its lock while it waits for the manager's.
+void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
+{
+    app::LockGuard guard(ptTask->hLock, kTaskLockWaitMs);
+    if (!guard)
+        return;
+    HAppDoubleListNode hNode = ptTask->ptTimerMgr->hTimerList->ptHead;
+    for (; hNode; hNode = hNode->ptNext) {
+        auto ptTimer = static_cast<const TAppTimer *>(hNode->pvData);
+        const uint32_t dwLeft =
+            ptTimer->dwTimeout - app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
+        writer.Line("Task(%p) Timer(%p)  Handler(%p) Timeout(%lums) RemainTime(%ldms)\n",
+                    Ptr(ptTask), Ptr(ptTimer), Ptr(ptTimer->pfnHandler), Ul(ptTimer->dwTimeout),
+                    app::Sl(static_cast<int32_t>(dwLeft)));
+    }
+}
+
+void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
+{
+    const uint32_t dwNowTick = AppGetTick();
+    const int32_t nThreadId = Peek(ptTask->nThreadId);
+    writer.Line("Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP "
+                "%lu) Timer(%d) LastHandler(%p Type:%d Arg:%p Context:%p)\n",
+                Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
+                _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
+                Ul(AppQueueGetSize(ptTask->hEventQueue)),
+                Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
+                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
+                static_cast<int>(Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
+                Ptr(Peek(ptTask->pfnLastHandler)), static_cast<int>(Peek(ptTask->dwLastEventType)),
+                Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
+    ShowTimers(writer, ptTask, dwNowTick);
+}
+
+void ShowIdle(app::ReportWriter &writer, const TAppTask *ptTask)
+{
+    const int32_t nThreadId = Peek(ptTask->nThreadId);
+    writer.Line("Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP "
+                "%lu)\n",
+                Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
+                _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
+                Ul(AppQueueGetSize(ptTask->hEventQueue)),
+                Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
+                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)));
+}
+
+void ShowTables(app::ReportWriter &writer, HAppTaskMgr hTaskMgr)
+{
+    const TAppDoubleList *ptActive = hTaskMgr->hTaskList;
+    const TAppDoubleList *ptIdle = hTaskMgr->hIdleTaskList;
+    writer.Reset();
+    writer.Line("\n\n\n============================================\n");
+    writer.Line("TaskMgr(%p) Tasks(%lu/%lu) MemPool(%p) Timeout(%lums)\n", Ptr(hTaskMgr),
+                Ul(ptActive->dwCurSize + ptIdle->dwCurSize), Ul(ptActive->dwMaxSize),
+                Ptr(hTaskMgr->hMemPool), Ul(hTaskMgr->dwIdleTaskTimeout));
+    writer.Line("--- %lu ACTIVE TASKS ------------------------\n", Ul(ptActive->dwCurSize));
+    ForEachTask(ptActive, [&](const TAppTask *ptTask) { ShowActive(writer, ptTask); });
+    writer.Line("--- %d INACTIVE TASKS ------------------------\n",
+                static_cast<int>(ptIdle->dwCurSize));
+    ForEachTask(ptIdle, [&](const TAppTask *ptTask) { ShowIdle(writer, ptTask); });
+    writer.HandOver();
+}
+
+} // namespace
+
+void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext)
+{
+    if (!hTaskMgr)
+        return;
+    app::LockGuard guard(hTaskMgr->hLock, kMgrLockWaitMs);
+    app::ReportWriter writer(pfnShow, pvContext);
+    writer.Line("\n============================================\nTaskMgr(%p) MemPool(%p)",
+                Ptr(hTaskMgr), Ptr(hTaskMgr->hMemPool));
+    writer.HandOver();
+    if (!guard) { // the lists may change: no walk
+        writer.Line("\nTaskMgr(%p) is busy, no details\n", Ptr(hTaskMgr));
+        writer.HandOver();
+        return;
+    }
+    app::ShowPool(writer, hTaskMgr->hMemPool);
+    const auto show = [&](const TAppTask *ptTask) { ShowPoolOf(writer, ptTask); };
+    ForEachTask(hTaskMgr->hTaskList, show);
+    ForEachTask(hTaskMgr->hIdleTaskList, show);
+    ShowTables(writer, hTaskMgr);
+}

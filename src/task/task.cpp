@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+//
+// Creation, refreshing and destruction of a task record.
+#include "task/task.h"
+#include <new>
+
+#include "appcore/mempool.h"
+#include "appcore/platform.h"
+#include "cross_linux/cross_linux.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/queue.h"
+#include "utils/rollback.h"
+
+namespace
+{
+
+// A failed copy leaves the task without a name.
+char *CopyName(const TAppTaskMgr *ptTaskMgr, const char *szTaskName)
+{
+    return AppStrndup(ptTaskMgr->hMemPool, szTaskName, AppStrlen(szTaskName) + 1);
+}
+
+uint32_t CreateLock(TAppTask *ptTask, uint32_t dwInitCount, HAppLock *phLock, const char *szOp)
+{
+    const uint32_t dwResult =
+        AppLockCreate(ptTask->ptTaskMgr->hMemPool, 1, dwInitCount, APP_LOCK_TYPE_SEM, phLock);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+    return dwResult;
+}
+
+uint32_t CreateMembers(TAppTask *ptTask, uint32_t dwMaxEvent, uint32_t dwMemPoolSize,
+                       const char *szOp)
+{
+    HAppMemPool hMgrPool = ptTask->ptTaskMgr->hMemPool;
+    uint32_t dwResult = AppMemPoolCreate(dwMemPoolSize, 0, 0, &ptTask->hMemPool);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    dwResult = CreateLock(ptTask, 1, &ptTask->hLock, szOp);
+    if (dwResult == APP_OK)
+        dwResult = CreateLock(ptTask, 0, &ptTask->hExitLock, szOp);
+    if (dwResult != APP_OK)
+        return dwResult;
+    dwResult = AppQueueCreate(hMgrPool, dwMaxEvent, 1, &ptTask->hEventQueue);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    dwResult = _AppTimerMgrCreate(hMgrPool, ptTask, ptTask->pfnHandler, ptTask->pvContext,
+                                  &ptTask->ptTimerMgr);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTimerMgrCreate failed %d\n", szOp,
+               static_cast<int>(dwResult));
+    return dwResult;
+}
+
+} // namespace
+
+uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t dwMaxEvent,
+                        uint32_t dwStackSize, uint32_t dwMemPoolSize, uint32_t dwIdleTimeout,
+                        PFAppTaskHandler pfnHandler, void *pvContext, HAppTask *phTask)
+{
+    auto ptTask = static_cast<TAppTask *>(AppMemPoolMalloc(ptTaskMgr->hMemPool, sizeof(TAppTask)));
+    if (!ptTask) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    app::Rollback undo([&] { _AppTaskDestroy(ptTask); });
+    new (ptTask) TAppTask{};
+    ptTask->ptTaskMgr = ptTaskMgr;
+    app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
+    ptTask->pfnHandler = pfnHandler;
+    ptTask->pvContext = pvContext;
+    ptTask->szTaskName = CopyName(ptTaskMgr, szTaskName);
+    ptTask->dwUsers = 1; // the thread
+    uint32_t dwResult = CreateMembers(ptTask, dwMaxEvent, dwMemPoolSize, __func__);
+    if (dwResult != APP_OK)
+        return dwResult;
+    dwResult = _AppThreadCreate(AppTask, dwStackSize, ptTask);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppThreadCreate failed %d\n", __func__,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    undo.Dismiss();
+    *phTask = ptTask;
+    return APP_OK;
+}
+
+void _AppTaskDestroy(TAppTask *ptTask)
+{
+    if (!ptTask)
+        return;
+    _AppTimerMgrDestroy(ptTask->ptTimerMgr);
+    AppQueueDestroy(ptTask->hEventQueue, _AppTaskDropEventCB, ptTask);
+    AppMemPoolDestroy(ptTask->hMemPool);
+    AppLockDestroy(ptTask->hExitLock);
+    ptTask->hExitLock = nullptr;
+    AppLockDestroy(ptTask->hLock);
+    ptTask->hLock = nullptr;
+    AppMemPoolFree(ptTask->szTaskName);
+    AppMemPoolFree(ptTask);
+}
+
+uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
+                            uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext)
+{
+    app::LockGuard guard(ptTask->hLock);
+    const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,
+               app::Ul(dwMaxEvent));
+        return dwResult;
+    }
+    AppMemPoolFree(ptTask->szTaskName);
+    ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
+    app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
+    ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
+    ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
+    app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
+    ptTask->bClaimed = 0;
+    // The thread may be between a wait that has ended and its look at the idle time-out: for the
+    // new owner that time-out runs from now.
+    ptTask->dwLastEventTick = AppGetTick();
+    const TAppTaskEvent event = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler, nullptr};
+    _AppTaskSendEvent(ptTask, &event, APP_TASK_PRIORITY_REQUEST, 1);
+    return APP_OK;
+}

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: MIT
+//
+// The task manager's records and its internal operations.
+//
+// Locks.  The manager's lock guards both task lists, bQuit and dwLeaving.  A task's lock guards
+// what is marked (task) below.  Order: the manager's lock, then a task's; the go-idle handler alone
+// takes the manager's lock while it holds its own task's, which is safe because whoever holds the
+// manager's lock and waits for a task's does so only for a task that has been through that handler.
+// No lock is held while a handler runs.
+#ifndef APPCORE_TASK_TASK_H
+#define APPCORE_TASK_TASK_H
+
+#include <stddef.h>
+
+#include <atomic>
+
+#include "appcore/containers.h"
+#include "appcore/task.h"
+
+struct TAppTaskMgr {
+    uint32_t dwIdleTaskTimeout; // ms; 0: idle tasks never end by themselves
+    HAppLock hLock;
+    HAppDoubleList hTaskList;     // active tasks, oldest first
+    HAppDoubleList hIdleTaskList; // in the order in which they went idle
+    HAppMemPool hMemPool;         // pool of every record
+    uint32_t bQuit;               // the destruction has begun
+
+    uint32_t dwLeaving; // threads that still destroy a task that is on no list
+    HAppLock hLeftLock; // given for each of them that is done once bQuit is set
+};
+
+struct TAppTimerMgr;
+
+struct TAppTask {
+    TAppTaskMgr *ptTaskMgr;
+    HAppMemPool hMemPool; // the task's own, for its handlers
+    HAppLock hLock;
+    HAppLock hExitLock; // given by the last user of the record, see dwUsers
+    HAppQueue hEventQueue;
+    std::atomic<uint32_t> dwState;       // (task); atomic only because reports peek at it
+    std::atomic<uint32_t> dwIdleTimeout; // (task); likewise
+    PFAppTaskHandler pfnHandler;         // (task); null once the task has gone idle
+    void *pvContext;                     // (task)
+    HAppDoubleListNode hListNode;        // in one of the manager's lists; under the manager's lock
+    char *szTaskName;                    // (task), and replaced under the manager's lock too
+    std::atomic<int32_t> nThreadId;
+    TAppTimerMgr *ptTimerMgr;
+
+    // Diagnostics, written without a lock.
+    std::atomic<uint32_t> dwLastEventType;
+    std::atomic<void *> pvLastArg;
+    std::atomic<PFAppTaskHandler> pfnLastHandler;
+    std::atomic<void *> pvLastContext;
+
+    uint32_t dwLastEventTick;      // (task) when the last event came
+    uint32_t bClaimed;             // (task) taken for reuse: too late for the idle task to end
+    std::atomic<uint32_t> dwUsers; // the thread, and sends and cancels that are under way without
+                                   // the lock; grows only under the task's lock
+    std::atomic<uint32_t> bEnd;    // the thread is to end; set before the request is queued
+};
+
+// Copied into a record of its own for the queue.
+struct TAppTaskEvent {
+    uint32_t dwEventType;
+    void *pvArg;
+    PFAppTaskHandler pfnHandler; // null: the task's
+    void *pvContext;             // with pfnHandler only
+};
+
+struct TAppTimerMgr {
+    HAppDoubleList hTimerList;     // running, in the order in which they were set
+    HAppDoubleList hIdleTimerList; // ended, in the order in which they ended
+    PFAppTaskHandler pfnHandler;   // for timers without their own
+    void *pvContext;
+    TAppTask *ptTask;
+    HAppMemPool hMemPool;
+
+    // Of the run: see timer_run.cpp.
+    HAppDoubleListNode hNext; // where the walk goes on; moved when its node leaves the list
+    uint32_t dwRun;           // odd during a run
+    uint32_t dwCheckTick;     // no timer is due before dwCheckWait ms after this tick
+    uint32_t dwCheckWait;
+};
+
+struct TAppTimer {
+    TAppTimerMgr *ptTimerMgr;
+    HAppDoubleListNode hListNode; // null while in neither list
+    PFAppTaskHandler pfnHandler;
+    void *pvContext;
+    uint32_t dwStartTick;
+    uint32_t dwTimeout; // ms
+    uint32_t dwState;   // 1 running, 0 ended
+    uint32_t dwRun;     // the timer manager's when the timer was set
+};
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(offsetof(TAppTaskMgr, bQuit) == 20, "fixed layout");
+static_assert(offsetof(TAppTask, dwState) == 20 && offsetof(TAppTask, ptTimerMgr) == 48 &&
+                  offsetof(TAppTask, pvLastContext) == 64,
+              "fixed layout");
+static_assert(sizeof(TAppTaskEvent) == 16, "fixed layout");
+static_assert(offsetof(TAppTimerMgr, hMemPool) == 20, "fixed layout");
+static_assert(offsetof(TAppTimer, dwState) == 24, "fixed layout");
+#endif
+
+enum EAppTaskPriority {
+    APP_TASK_PRIORITY_USER = 0,
+    APP_TASK_PRIORITY_REQUEST = 100, // go-idle and terminate requests of one task, refresh
+    APP_TASK_PRIORITY_QUIT = 1000,   // terminate requests that must pass everything else
+};
+
+extern "C" {
+
+// "INIT" … "UNINIT", else "UNKNOWN".
+const char *_AppGetTaskStateString(uint32_t dwState);
+
+// Builds a task and starts its thread; called with the manager's lock held.
+uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t dwMaxEvent,
+                        uint32_t dwStackSize, uint32_t dwMemPoolSize, uint32_t dwIdleTimeout,
+                        PFAppTaskHandler pfnHandler, void *pvContext, HAppTask *phTask);
+// Tells what is left and releases the record.  No thread uses it, no list holds it.
+void _AppTaskDestroy(TAppTask *ptTask);
+// Makes an idle task the new owner's; called with the manager's lock held.
+uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
+                            uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext);
+// Queues a copy of the event.  Takes no task lock.
+uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
+                           uint32_t bForce);
+
+// The thread's function, and the handlers of the internal requests.
+void *AppTask(void *pvTask);
+uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg,
+                                  void *pvContext);
+uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg,
+                                       void *pvContext);
+uint32_t _AppTaskRefreshHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+// Callbacks for the containers' destruction.
+void _AppTaskDropEventCB(void *pvEvent, void *pvTask);
+void __AppFreeTaskCB(void *pvTask, void *pvIgnored);
+void __AppFreeTimerCB(void *pvTimer, void *pvIgnored);
+void __AppFreeIdleTimerCB(void *pvTimer, void *pvIgnored);
+
+// Timers; called with the task's lock held unless said otherwise.
+uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
+                            void *pvContext, TAppTimerMgr **pptTimerMgr);
+void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr);
+uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
+                              PFAppTaskHandler pfnHandler, void *pvContext, HAppTimer *phTimer);
+uint32_t _AppTaskResetTimer(TAppTimer *ptTimer);
+// Gives the task's lock for the handler's call, also when the caller holds it.
+void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked);
+// Expires what is due; returns the ms until the next look, 1 to 5000.
+uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr);
+
+} // extern "C"
+
+namespace app
+{
+
+// Sends, timers and terminate requests are admitted in these states.
+bool AdmitsWork(uint32_t dwState);
+// Milliseconds from a tick to now.
+uint32_t ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick);
+
+// The last event, for diagnostics.
+void RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg, PFAppTaskHandler pfnHandler,
+                 void *pvContext);
+// Calls the event's handler, or else the task's, as `dwEventType`.
+void CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType);
+
+// A task leaves the lists to be destroyed outside the manager's lock: counted under that lock, so
+// that the manager's destruction waits for it.
+void BeginLeaving(TAppTaskMgr *ptTaskMgr);
+// The last touch of the manager by whoever destroyed the task.
+void EndLeaving(TAppTaskMgr *ptTaskMgr);
+
+// A user of the record leaves.  The last one must give hExitLock, or destroy the record itself;
+// any other must not touch the record any more.
+inline bool DropUser(TAppTask *ptTask)
+{
+    return ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+// The same for those who came by: they give hExitLock for the thread that has left before them.
+void DropVisitor(TAppTask *ptTask);
+
+// _AppTaskSendEvent() that does not wake the task's thread yet: WakeTask() does, after the task's
+// lock has been given, so that the thread does not run into that lock.
+uint32_t PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority,
+                    uint32_t bForce);
+void WakeTask(TAppTask *ptTask);
+
+// A timer has been set; see timer_run.cpp.
+void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout);
+// Takes a timer out of the running ones, its node kept.
+HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);
+
+} // namespace app
+
+#endif

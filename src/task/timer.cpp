@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#include "appcore/platform.h"
+#include "task/task.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+
+namespace
+{
+
+// The task of a timer, or null with a line for what is not a timer.
+TAppTask *FindTask(HAppTimer hTimer, const char *szOp)
+{
+    if (hTimer && hTimer->ptTimerMgr && hTimer->ptTimerMgr->ptTask)
+        return hTimer->ptTimerMgr->ptTask;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Arg\n", szOp);
+    return nullptr;
+}
+
+// Under the task's lock.
+bool AdmitsTimers(const TAppTask *ptTask, const char *szOp)
+{
+    const uint32_t dwState = app::Peek(ptTask->dwState);
+    if (app::AdmitsWork(dwState))
+        return true;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid state %s of task %p\n", szOp,
+           _AppGetTaskStateString(dwState), app::Ptr(ptTask));
+    return false;
+}
+
+} // namespace
+
+HAppTimer AppTaskSetTimer(HAppTask hTask, uint32_t dwTimeout, PFAppTaskHandler pfnHandler,
+                          void *pvContext)
+{
+    if (!hTask)
+        return nullptr;
+    app::LockGuard guard(hTask->hLock);
+    if (!AdmitsTimers(hTask, __func__))
+        return nullptr;
+    HAppTimer hTimer = nullptr;
+    const uint32_t dwResult =
+        _AppTimerMgrNewTimer(hTask->ptTimerMgr, dwTimeout, pfnHandler, pvContext, &hTimer);
+    if (dwResult != APP_OK)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__,
+               static_cast<int>(dwResult));
+    return hTimer;
+}
+
+uint32_t AppTaskResetTimer(HAppTimer hTimer)
+{
+    TAppTask *ptTask = FindTask(hTimer, __func__);
+    if (!ptTask)
+        return APP_INVALID_ARG;
+    app::LockGuard guard(ptTask->hLock);
+    if (!AdmitsTimers(ptTask, __func__))
+        return APP_INVALID_STATE;
+    return _AppTaskResetTimer(hTimer);
+}
+
+void AppTaskCancelTimer(HAppTimer hTimer)
+{
+    if (!hTimer)
+        return;
+    TAppTask *ptTask = FindTask(hTimer, __func__);
+    if (!ptTask)
+        return;
+    {
+        app::LockGuard guard(ptTask->hLock);
+        if (!AdmitsTimers(ptTask, __func__))
+            return;
+        // The handler runs without the lock: meanwhile the task may go idle and end, and its
+        // record must wait for this call.
+        ptTask->dwUsers.fetch_add(1, std::memory_order_relaxed);
+        _AppTaskEndTimer(hTimer, APP_TASK_EVENT_TIMER_CANCEL, 1);
+    }
+    app::DropVisitor(ptTask);
+}
+
+uint32_t AppTaskTimerGetRemainTime(HAppTimer hTimer)
+{
+    TAppTask *ptTask = FindTask(hTimer, __func__);
+    if (!ptTask)
+        return 0;
+    app::LockGuard guard(ptTask->hLock);
+    if (!AdmitsTimers(ptTask, __func__))
+        return 0;
+    const uint32_t dwPassed = app::ElapsedMs(hTimer->dwStartTick, AppGetTick());
+    return hTimer->dwTimeout > dwPassed ? hTimer->dwTimeout - dwPassed : 0;
+}

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: MIT
+//
+// A task's timer records.  A record keeps its list node when it moves between the running and the
+// ended timers, so that neither ending a timer nor setting one anew can fail for want of memory.
+#include "appcore/mempool.h"
+#include "appcore/platform.h"
+#include "task/task.h"
+#include "utils/double_list.h"
+#include "utils/log.h"
+#include "utils/rollback.h"
+
+namespace
+{
+
+// Whom a timer's end is told to: its own handler, or else the default one.
+struct TNotice {
+    explicit TNotice(const TAppTimer *ptTimer)
+        : pfnHandler(ptTimer->pfnHandler ? ptTimer->pfnHandler : ptTimer->ptTimerMgr->pfnHandler),
+          pvContext(ptTimer->pfnHandler ? ptTimer->pvContext : ptTimer->ptTimerMgr->pvContext)
+    {
+    }
+
+    PFAppTaskHandler pfnHandler;
+    void *pvContext;
+};
+
+// The record that ended last, off its list.
+TAppTimer *ReuseRecord(TAppTimerMgr *ptTimerMgr, const char *szOp)
+{
+    HAppDoubleListNode hNode = ptTimerMgr->hIdleTimerList->ptTail;
+    if (!hNode)
+        return nullptr;
+    auto ptTimer = static_cast<TAppTimer *>(hNode->pvData);
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Reuse Timer: %p\n", szOp, app::Ptr(ptTimer));
+    _AppDoubleListDetachNode(ptTimerMgr->hIdleTimerList, hNode);
+    _AppDoubleListAttachNode(ptTimerMgr->hTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    return ptTimer;
+}
+
+uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *szOp)
+{
+    auto ptTimer =
+        static_cast<TAppTimer *>(AppMemPoolMalloc(ptTimerMgr->hMemPool, sizeof(TAppTimer)));
+    if (!ptTimer) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
+        return APP_NO_RESOURCE;
+    }
+    *ptTimer = {};
+    const uint32_t dwResult =
+        AppDoubleListInsertAfter(ptTimerMgr->hTimerList, nullptr, ptTimer, &ptTimer->hListNode);
+    if (dwResult != APP_OK) {
+        AppMemPoolFree(ptTimer);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
+               szOp, static_cast<int>(dwResult), app::Ptr(ptTimer));
+        return APP_FAILED;
+    }
+    *pptTimer = ptTimer;
+    return APP_OK;
+}
+
+} // namespace
+
+uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
+                            void *pvContext, TAppTimerMgr **pptTimerMgr)
+{
+    if (!pptTimerMgr)
+        return APP_INVALID_ARG;
+    *pptTimerMgr = nullptr;
+    auto ptTimerMgr = static_cast<TAppTimerMgr *>(AppMemPoolMalloc(hMemPool, sizeof(TAppTimerMgr)));
+    if (!ptTimerMgr) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    *ptTimerMgr = {};
+    app::Rollback undo([&] { _AppTimerMgrDestroy(ptTimerMgr); });
+    uint32_t dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hTimerList);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n", __func__,
+               static_cast<int>(dwResult));
+        return dwResult;
+    }
+    dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hIdleTimerList);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
+               __func__, static_cast<int>(dwResult));
+        return dwResult;
+    }
+    ptTimerMgr->pfnHandler = pfnHandler;
+    ptTimerMgr->pvContext = pvContext;
+    ptTimerMgr->ptTask = ptTask;
+    ptTimerMgr->hMemPool = hMemPool;
+    undo.Dismiss();
+    *pptTimerMgr = ptTimerMgr;
+    return APP_OK;
+}
+
+void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr)
+{
+    if (!ptTimerMgr)
+        return;
+    AppDoubleListDestroy(ptTimerMgr->hTimerList, __AppFreeTimerCB, nullptr);
+    AppDoubleListDestroy(ptTimerMgr->hIdleTimerList, __AppFreeIdleTimerCB, nullptr);
+    AppMemPoolFree(ptTimerMgr);
+}
+
+void __AppFreeTimerCB(void *pvTimer, void *)
+{
+    auto ptTimer = static_cast<TAppTimer *>(pvTimer);
+    const TNotice notice(ptTimer);
+    if (notice.pfnHandler)
+        notice.pfnHandler(ptTimer->ptTimerMgr->ptTask, APP_TASK_EVENT_TIMER_CANCEL, ptTimer,
+                          notice.pvContext);
+    AppMemPoolFree(ptTimer);
+}
+
+void __AppFreeIdleTimerCB(void *pvTimer, void *)
+{
+    AppMemPoolFree(pvTimer);
+}
+
+uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
+                              PFAppTaskHandler pfnHandler, void *pvContext, HAppTimer *phTimer)
+{
+    if (!ptTimerMgr || !phTimer)
+        return APP_INVALID_ARG;
+    TAppTimer *ptTimer = ReuseRecord(ptTimerMgr, __func__);
+    if (!ptTimer) {
+        const uint32_t dwResult = NewRecord(ptTimerMgr, &ptTimer, __func__);
+        if (dwResult != APP_OK)
+            return dwResult;
+    } else {
+        ptTimer->hListNode = ptTimerMgr->hTimerList->ptTail;
+    }
+    ptTimer->dwTimeout = dwTimeout;
+    ptTimer->pfnHandler = pfnHandler;
+    ptTimer->pvContext = pvContext;
+    ptTimer->ptTimerMgr = ptTimerMgr;
+    ptTimer->dwRun = ptTimerMgr->dwRun;
+    ptTimer->dwStartTick = AppGetTick();
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: timer %p, init %lu\n", __func__, app::Ptr(ptTimer),
+              app::Ul(ptTimer->dwStartTick));
+    ptTimer->dwState = 1;
+    app::NoteTimeout(ptTimerMgr, ptTimer->dwStartTick, dwTimeout);
+    *phTimer = ptTimer;
+    return APP_OK;
+}
+
+uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
+{
+    if (ptTimer->dwState != 1)
+        return APP_NOT_FOUND;
+    ptTimer->dwStartTick = AppGetTick();
+    return APP_OK;
+}
+
+void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked)
+{
+    TAppTask *ptTask = ptTimer->ptTimerMgr->ptTask;
+    if (bLocked == 0)
+        AppLockTakeByTime(ptTask->hLock, 0);
+    if (ptTimer->dwState != 0) {
+        HAppDoubleListNode hNode = app::UnlistTimer(ptTimer);
+        const TNotice notice(ptTimer); // before the lock is given: a new owner changes the default
+        AppLockGive(ptTask->hLock);
+        if (notice.pfnHandler) {
+            app::RecordEvent(ptTask, dwEventType, ptTimer, notice.pfnHandler, notice.pvContext);
+            notice.pfnHandler(ptTask, dwEventType, ptTimer, notice.pvContext);
+        }
+        AppLockTakeByTime(ptTask->hLock, 0);
+        ptTimer->hListNode = hNode;
+        _AppDoubleListAttachNode(ptTimer->ptTimerMgr->hIdleTimerList, nullptr, hNode,
+                                 APP_ATTACH_AFTER);
+    }
+    if (bLocked == 0)
+        AppLockGive(ptTask->hLock);
+}

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+//
+// The run of a task's timers.  Timers expire in the order in which they were set, counted again
+// from the head after each expiry, because a handler may have set, reset or cancelled any of them.
+//
+// Two short cuts keep that affordable without changing the order.  The timer manager remembers an
+// instant before which no timer can be due: a run before it looks at no timer at all, and the walk
+// goes on behind an expired timer, instead of starting again, as long as that instant shows that
+// none of the timers passed over has become due.  Setting a timer moves the instant forward;
+// cancelling or resetting one leaves it too early, which costs a look and nothing else.
+#include "appcore/platform.h"
+#include "task/task.h"
+#include "utils/double_list.h"
+#include "utils/log.h"
+
+namespace
+{
+
+constexpr uint32_t kLongestWaitMs = 5000;
+constexpr uint32_t kNever = 0xFFFFFFFF;
+// Expiries of timers set during the same run, after which the task's events get their turn.
+constexpr uint32_t kMostRearmed = 1000;
+
+// Milliseconds until a timer may be due.
+uint32_t LeftMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
+{
+    const uint32_t dwPassed = app::ElapsedMs(ptTimerMgr->dwCheckTick, dwNowTick);
+    return ptTimerMgr->dwCheckWait > dwPassed ? ptTimerMgr->dwCheckWait - dwPassed : 0;
+}
+
+void StartWalk(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
+{
+    ptTimerMgr->hNext = ptTimerMgr->hTimerList->ptHead;
+    ptTimerMgr->dwCheckTick = dwNowTick;
+    ptTimerMgr->dwCheckWait = kNever;
+}
+
+// Looks at one timer; true when it is due.
+bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
+{
+    const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p timeout %lu passed %lu %lu %lu\n", szOp,
+              app::Ptr(ptTimer), app::Ul(ptTimer->dwTimeout), app::Ul(dwPassed),
+              app::Ul(ptTimer->dwStartTick), app::Ul(dwNowTick));
+    if (ptTimer->dwTimeout > dwPassed) {
+        app::NoteTimeout(ptTimerMgr, dwNowTick, ptTimer->dwTimeout - dwPassed);
+        return false;
+    }
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
+    return true;
+}
+
+void Walk(TAppTimerMgr *ptTimerMgr, const char *szOp)
+{
+    uint32_t dwRearmed = 0;
+    uint32_t dwNowTick = AppGetTick();
+    StartWalk(ptTimerMgr, dwNowTick);
+    while (ptTimerMgr->hNext) {
+        auto ptTimer = static_cast<TAppTimer *>(ptTimerMgr->hNext->pvData);
+        ptTimerMgr->hNext = ptTimerMgr->hNext->ptNext;
+        if (!IsDue(ptTimerMgr, ptTimer, dwNowTick, szOp))
+            continue;
+        // A handler that sets a timer of 0 ms again and again must not hold the thread for ever.
+        if (ptTimer->dwRun == ptTimerMgr->dwRun && ++dwRearmed > kMostRearmed) {
+            ptTimerMgr->dwCheckWait = 0;
+            break;
+        }
+        _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
+        dwNowTick = AppGetTick();
+        if (LeftMs(ptTimerMgr, dwNowTick) == 0)
+            StartWalk(ptTimerMgr, dwNowTick);
+    }
+    ptTimerMgr->hNext = nullptr;
+}
+
+} // namespace
+
+void app::NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
+{
+    const uint32_t dwLeft = LeftMs(ptTimerMgr, dwNowTick);
+    ptTimerMgr->dwCheckTick = dwNowTick;
+    ptTimerMgr->dwCheckWait = dwLeft < dwTimeout ? dwLeft : dwTimeout;
+}
+
+HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
+{
+    TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
+    HAppDoubleListNode hNode = ptTimer->hListNode;
+    if (ptTimerMgr->hNext == hNode)
+        ptTimerMgr->hNext = hNode->ptNext;
+    _AppDoubleListDetachNode(ptTimerMgr->hTimerList, hNode);
+    ptTimer->hListNode = nullptr;
+    ptTimer->dwState = 0;
+    return hNode;
+}
+
+uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
+{
+    if (!ptTimerMgr || !ptTimerMgr->hTimerList || ptTimerMgr->hTimerList->dwCurSize == 0)
+        return kLongestWaitMs;
+    if (LeftMs(ptTimerMgr, AppGetTick()) == 0) {
+        ++ptTimerMgr->dwRun;
+        Walk(ptTimerMgr, __func__);
+        ++ptTimerMgr->dwRun;
+    }
+    if (ptTimerMgr->hTimerList->dwCurSize == 0)
+        return kLongestWaitMs;
+    const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
+    if (dwLeft == 0)
+        return 1;
+    return dwLeft < kLongestWaitMs ? dwLeft : kLongestWaitMs;
+}
