@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: MIT
+#include "support/log_capture.h"
+
+#include <gtest/gtest.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include "appcore/host.h"
+#include "utils/log.h"
+
+namespace
+{
+
+std::mutex s_mutex; // guards the pointer: a capture may end while another thread logs
+test::LogCapture *s_capture = nullptr;
+
+std::string Format(const char *szFormat, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, szFormat, again)), '\0');
+    va_end(again);
+    vsnprintf(text.data(), text.size() + 1, szFormat, args);
+    return text;
+}
+
+} // namespace
+
+int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...)
+{
+    EXPECT_EQ(nFlag1, 1);
+    EXPECT_EQ(nFlag2, 0);
+    EXPECT_STREQ(szFormat, "%s");
+    va_list args;
+    va_start(args, szFormat);
+    std::string line = Format(szFormat, args);
+    va_end(args);
+    std::lock_guard<std::mutex> guard(s_mutex);
+    if (s_capture)
+        s_capture->Add(std::move(line));
+    else
+        fputs(line.c_str(), stderr);
+    return 0;
+}
+
+namespace test
+{
+
+std::string Text(const char *szFormat, ...)
+{
+    va_list args;
+    va_start(args, szFormat);
+    std::string text = Format(szFormat, args);
+    va_end(args);
+    return text;
+}
+
+LogCapture::LogCapture(uint8_t byThreshold) : m_byThreshold(g_byAppLogLevel[0].load())
+{
+    std::lock_guard<std::mutex> guard(s_mutex);
+    EXPECT_EQ(s_capture, nullptr) << "one capture at a time";
+    s_capture = this;
+    g_byAppLogLevel[0].store(byThreshold);
+}
+
+LogCapture::~LogCapture()
+{
+    std::lock_guard<std::mutex> guard(s_mutex);
+    s_capture = nullptr;
+    g_byAppLogLevel[0].store(m_byThreshold);
+}
+
+std::vector<std::string> LogCapture::Lines() const
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    return m_lines;
+}
+
+size_t LogCapture::Count(const std::string &line) const
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    size_t nCount = 0;
+    for (const std::string &each : m_lines)
+        nCount += each == line;
+    return nCount;
+}
+
+void LogCapture::Clear()
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_lines.clear();
+}
+
+void LogCapture::ExpectLines(const std::vector<std::string> &lines)
+{
+    EXPECT_EQ(Lines(), lines);
+    Clear();
+}
+
+void LogCapture::Add(std::string line)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_lines.push_back(std::move(line));
+}
+
+StdoutCapture::StdoutCapture()
+{
+    testing::internal::CaptureStdout();
+}
+
+const std::string &StdoutCapture::End()
+{
+    if (m_bActive)
+        m_text = testing::internal::GetCapturedStdout();
+    m_bActive = false;
+    return m_text;
+}
+
+} // namespace test

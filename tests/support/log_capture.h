@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+//
+// The console of the tests.  A strong QorPrintf() collects the library's lines while a LogCapture
+// lives; without one they go to standard error.
+//
+//   test::LogCapture log;
+//   … operation …
+//   log.ExpectLines({test::Text("[ERROR] %s: AppLockCreate failed %d\n", "AppQueueCreate", 104)});
+#ifndef APPCORE_TESTS_SUPPORT_LOG_CAPTURE_H
+#define APPCORE_TESTS_SUPPORT_LOG_CAPTURE_H
+
+#include <stdint.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "appcore/foundation.h"
+
+namespace test
+{
+
+// printf into a string.
+std::string Text(const char *szFormat, ...) APP_PRINTF(1, 2);
+
+// One at a time.  Collects from every thread.
+class LogCapture
+{
+public:
+    // `byThreshold` becomes channel 0's threshold for the capture's life.
+    explicit LogCapture(uint8_t byThreshold = APP_LOG_ERROR);
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    std::vector<std::string> Lines() const;
+    size_t Count(const std::string &line) const;
+    void Clear();
+    // Exactly these lines came, in this order; then starts again, so that one capture serves a row
+    // of steps.
+    void ExpectLines(const std::vector<std::string> &lines);
+    void ExpectNone() { ExpectLines({}); }
+
+    void Add(std::string line);
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+    uint8_t m_byThreshold;
+};
+
+// Takes the process's standard output over from its construction to End() or its end.
+class StdoutCapture
+{
+public:
+    StdoutCapture();
+    ~StdoutCapture() { End(); }
+    StdoutCapture(const StdoutCapture &) = delete;
+    StdoutCapture &operator=(const StdoutCapture &) = delete;
+
+    // What was printed; a second call gives it again.
+    const std::string &End();
+
+private:
+    bool m_bActive = true;
+    std::string m_text;
+};
+
+} // namespace test
+
+#endif
