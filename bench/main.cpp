@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <thread>
+
 #include "appcore/host.h"
 #include "bench.h"
 
@@ -10,6 +12,8 @@ extern "C" int32_t QorPrintf(int32_t, int32_t, const char *, ...)
 
 int main(int argc, char **argv)
 {
+    // The C library leaves atomic operations out until the first thread starts.
+    std::thread([] {}).join();
     bench::RegisterRows();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))

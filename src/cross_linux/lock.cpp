@@ -57,7 +57,7 @@ uint32_t Least(uint32_t dwFirst, uint32_t dwSecond)
     return dwFirst < dwSecond ? dwFirst : dwSecond;
 }
 
-bool TryTake(HAppLock hLock)
+inline bool TryTake(HAppLock hLock)
 {
     uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
     while ((dwCount & kMaxUnits) != 0)
@@ -103,7 +103,8 @@ void LeaveSleepers(HAppLock hLock)
         pthread_cond_signal(&hLock->tCond);
 }
 
-bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
+// Out of line, like every path that may sleep: the fast paths need no frame then.
+[[gnu::noinline]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
 {
     const app::Deadline deadline(dwTimeout);
     app::MutexGuard guard(hLock->tMutex);
@@ -133,12 +134,8 @@ int LockUntil(pthread_mutex_t *ptMutex, const struct timespec &tEnd)
 }
 #endif
 
-bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
+[[gnu::noinline]] bool TakeRecursiveUntil(HAppLock hLock, uint32_t dwTimeout)
 {
-    if (dwTimeout == 0)
-        return pthread_mutex_lock(&hLock->tMutex) == 0;
-    if (pthread_mutex_trylock(&hLock->tMutex) == 0)
-        return true;
     const struct timespec tEnd = app::Deadline(dwTimeout, kMutexClock).End();
     for (int i = 0; i < kAttempts; ++i) {
         const int nError = LockUntil(&hLock->tMutex, tEnd);
@@ -148,7 +145,14 @@ bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
     return false;
 }
 
-uint32_t GiveSleeping(HAppLock hLock)
+bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
+{
+    if (dwTimeout == 0)
+        return pthread_mutex_lock(&hLock->tMutex) == 0;
+    return pthread_mutex_trylock(&hLock->tMutex) == 0 || TakeRecursiveUntil(hLock, dwTimeout);
+}
+
+[[gnu::noinline]] uint32_t GiveSleeping(HAppLock hLock)
 {
     {
         app::MutexGuard guard(hLock->tMutex);
