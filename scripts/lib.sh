@@ -12,7 +12,7 @@ if command -v ccache >/dev/null; then
 fi
 
 is_installed() {
-    dpkg-query -W -f='${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
+    dpkg-query -W -f='${db:Status-Status}\n' "$1" 2>/dev/null | grep -x installed >/dev/null
 }
 
 # need_packages NAME...: installs what is missing; fails, with the line to run, when it may not.
