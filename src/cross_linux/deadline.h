@@ -34,7 +34,7 @@ public:
     // A time-out of 0 has no end.
     explicit Deadline(uint32_t dwTimeout, clockid_t nClock = CLOCK_MONOTONIC)
         : m_nClock(nClock), m_bLimited(dwTimeout != 0),
-          m_qnEnd(ClockNow(nClock) + dwTimeout * kNsPerMs)
+          m_qnEnd(dwTimeout != 0 ? ClockNow(nClock) + dwTimeout * kNsPerMs : 0)
     {
     }
 

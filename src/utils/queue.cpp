@@ -8,8 +8,8 @@
 #include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(sizeof(TAppQueue) == 32 && offsetof(TAppQueue, dwCurSize) == 20);
-static_assert(sizeof(TAppQueueNode) == 12);
+static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, dwTopSize) == 28);
+static_assert(offsetof(TAppQueueNode, nPriority) == 8);
 #endif
 
 namespace
@@ -29,30 +29,53 @@ uint32_t CreateLock(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCo
     return dwResult;
 }
 
+// Puts a node behind the last node of a level, of which it becomes part when it can.
+void PlaceBehindLevel(HAppQueue hQueue, TAppQueueNode *ptLevel, TAppQueueNode *ptNode)
+{
+    TAppQueueNode *ptBefore = ptLevel->ptLevelTail;
+    ptNode->ptNext = ptBefore->ptNext;
+    ptBefore->ptNext = ptNode;
+    TAppQueueNode *ptOwnLevel = ptLevel->nPriority == ptNode->nPriority ? ptLevel : ptNode;
+    ptOwnLevel->ptLevelTail = ptNode;
+    if (hQueue->ptTail == ptBefore) {
+        hQueue->ptTail = ptNode;
+        hQueue->ptLastLevel = ptOwnLevel;
+    }
+}
+
 // Behind all elements of equal or higher priority, before the first of lower priority.
 void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
 {
-    if (!hQueue->ptHead) {
-        hQueue->ptHead = hQueue->ptTail = ptNode;
-    } else if (hQueue->ptTail->nPriority >= ptNode->nPriority) {
-        hQueue->ptTail->ptNext = ptNode;
-        hQueue->ptTail = ptNode;
-    } else if (hQueue->ptHead->nPriority < ptNode->nPriority) {
+    if (!hQueue->ptHead || hQueue->ptHead->nPriority < ptNode->nPriority) {
+        if (!hQueue->ptHead) {
+            hQueue->ptTail = ptNode;
+            hQueue->ptLastLevel = ptNode;
+        }
         ptNode->ptNext = hQueue->ptHead;
+        ptNode->ptLevelTail = ptNode;
         hQueue->ptHead = ptNode;
-    } else {
-        TAppQueueNode *ptBefore = hQueue->ptHead;
-        while (ptBefore->ptNext->nPriority >= ptNode->nPriority)
-            ptBefore = ptBefore->ptNext;
-        ptNode->ptNext = ptBefore->ptNext;
-        ptBefore->ptNext = ptNode;
+        return;
     }
+    TAppQueueNode *ptLevel = hQueue->ptLastLevel;
+    if (ptLevel->nPriority < ptNode->nPriority) {
+        ptLevel = hQueue->ptHead;
+        for (TAppQueueNode *ptNext = ptLevel->ptLevelTail->ptNext;
+             ptNext->nPriority >= ptNode->nPriority; ptNext = ptLevel->ptLevelTail->ptNext)
+            ptLevel = ptNext;
+    }
+    PlaceBehindLevel(hQueue, ptLevel, ptNode);
 }
 
 TAppQueueNode *UnlinkHead(HAppQueue hQueue)
 {
     TAppQueueNode *ptNode = hQueue->ptHead;
-    hQueue->ptHead = ptNode->ptNext;
+    TAppQueueNode *ptNext = ptNode->ptNext;
+    if (ptNode->ptLevelTail != ptNode) { // the level goes on with the next node
+        ptNext->ptLevelTail = ptNode->ptLevelTail;
+        if (hQueue->ptLastLevel == ptNode)
+            hQueue->ptLastLevel = ptNext;
+    }
+    hQueue->ptHead = ptNext;
     --hQueue->dwCurSize;
     return ptNode;
 }
@@ -128,7 +151,7 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, co
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
         return APP_NO_RESOURCE;
     }
-    *ptNode = {nullptr, pvData, nPriority};
+    *ptNode = {nullptr, pvData, nPriority, nullptr};
     PlaceNode(hQueue, ptNode);
     if (++hQueue->dwCurSize > hQueue->dwTopSize)
         hQueue->dwTopSize = hQueue->dwCurSize;
@@ -215,13 +238,20 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
 
 bool app::QueueIsValid(HAppQueue hQueue)
 {
-    app::LockGuard guard(hQueue->hLock);
+    LockGuard guard(hQueue->hLock);
     uint32_t dwCount = 0;
+    const TAppQueueNode *ptLevel = nullptr; // first node of the present level
     const TAppQueueNode *ptLast = nullptr;
     for (const TAppQueueNode *ptNode = hQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
-        if ((ptLast && ptLast->nPriority < ptNode->nPriority) || ++dwCount > hQueue->dwCurSize)
+        if (++dwCount > hQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
             return false;
+        const bool bNewLevel = !ptLast || ptLast->nPriority != ptNode->nPriority;
+        if (bNewLevel && ptLevel && ptLevel->ptLevelTail != ptLast)
+            return false;
+        ptLevel = bNewLevel ? ptNode : ptLevel;
         ptLast = ptNode;
     }
-    return dwCount == hQueue->dwCurSize && (!ptLast || ptLast == hQueue->ptTail);
+    return dwCount == hQueue->dwCurSize &&
+           (!ptLast || (ptLast == hQueue->ptTail && ptLevel == hQueue->ptLastLevel &&
+                        ptLevel->ptLevelTail == ptLast));
 }

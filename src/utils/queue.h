@@ -10,9 +10,12 @@ struct TAppQueueNode {
     TAppQueueNode *ptNext; // towards the tail
     void *pvData;
     int32_t nPriority;
+    TAppQueueNode *ptLevelTail; // in the first node of a level: the level's last
 };
 
-// From the head, priorities never increase; equal ones are in the order of insertion.
+// From the head, priorities never increase; equal ones, a level, are in the order of insertion.
+// An insertion between the ends passes level by level, so its cost is that of the levels in use,
+// not of the elements.
 struct TAppQueue {
     TAppQueueNode *ptTail; // meaningful only while ptHead is not null
     TAppQueueNode *ptHead;
@@ -22,6 +25,7 @@ struct TAppQueue {
     uint32_t dwCurSize;
     uint32_t dwMaxSize; // for ordinary insertions; 0 is no limit
     uint32_t dwTopSize; // highest dwCurSize since creation or the last change of the maximum
+    TAppQueueNode *ptLastLevel; // first node of the level that ptTail ends
 };
 
 extern "C" {
