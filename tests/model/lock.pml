@@ -1,0 +1,121 @@
+/* SPDX-License-Identifier: MIT
+ *
+ * The semaphore of src/cross_linux/lock.cpp as a model: every interleaving of takers (with and
+ * without time-out), givers and a destroyer.  Run by scripts/check/model.
+ *
+ * Proved: no taker sleeps for ever beside a unit (spin reports it as an invalid end state), units
+ * are conserved, and no give touches the lock after it has been destroyed.  The library's waits in
+ * slices, a precaution against C libraries that lose signals, are left out: the protocol must hold
+ * without them.
+ */
+#ifndef PATIENT
+#define PATIENT 2 /* takers without time-out */
+#endif
+#ifndef HASTY
+#define HASTY 1 /* takers whose time-out may pass at any moment */
+#endif
+#define GIVERS (PATIENT + HASTY) /* one unit each: the patient takers must all return */
+
+byte count;      /* the units in dwCount */
+bool flag;       /* kSleepers in dwCount */
+byte sleepers;   /* dwSleepers */
+byte publishing; /* dwGivers */
+bool mutex;
+byte asleep;  /* threads inside pthread_cond_timedwait */
+byte signals; /* signals sent to them and not yet received */
+byte taken, done;
+bool destroyed;
+
+inline Touch() { assert(!destroyed) }
+inline LockMutex() { atomic { !mutex -> Touch(); mutex = true } }
+inline UnlockMutex() { atomic { Touch(); mutex = false } }
+/* A signal without sleepers is lost. */
+inline Signal() {
+    atomic { Touch(); if :: signals < asleep -> signals++ :: else fi }
+}
+
+/* pthread_cond_timedwait: a time-out may eat the signal that was meant for another. */
+inline Sleep(hasty) {
+    atomic { Touch(); mutex = false; asleep++ }
+    if
+    :: atomic { signals > 0 -> signals--; asleep-- }
+    :: atomic { hasty -> asleep--; expired = true;
+                if :: signals > asleep -> signals = asleep :: else fi }
+    fi
+    LockMutex()
+}
+
+/* dwCount is one word: each step is one atomic operation on units and flag together. */
+inline TryTake() {
+    atomic { Touch(); if :: count > 0 -> count--; got = true :: else fi }
+}
+
+inline TakeOrMark() {
+    atomic { Touch(); if :: count > 0 -> count--; got = true :: else -> flag = true fi }
+}
+
+inline LeaveSleepers() {
+    sleepers--;
+    if
+    :: sleepers == 0 -> atomic { Touch(); flag = false }
+    :: else ->
+        atomic { Touch(); flag = true; left = count > 0 }
+        if :: left -> Signal() :: else fi
+    fi
+}
+
+inline Take(hasty) {
+    got = false; expired = false;
+    TryTake();
+    if
+    :: got
+    :: else ->
+        LockMutex();
+        sleepers++;
+        TakeOrMark();
+        do
+        :: got || expired -> break
+        :: else -> Sleep(hasty); TakeOrMark()
+        od
+        LeaveSleepers();
+        UnlockMutex()
+    fi
+}
+
+proctype Taker(bool hasty) {
+    bool got, expired, left;
+    Take(hasty);
+    atomic { assert(got || hasty); if :: got -> taken++ :: else fi; done++ }
+}
+
+proctype Giver() {
+    bool slow;
+    /* The fast path: one exchange, and nothing after it. */
+    atomic { Touch(); if :: !flag -> count++ :: else -> slow = true fi }
+    if
+    :: slow ->
+        LockMutex();
+        atomic { Touch(); publishing++ }
+        atomic { Touch(); count++; flag = false }
+        UnlockMutex();
+        Signal();
+        atomic { Touch(); publishing-- } /* the last touch */
+    :: else
+    fi
+}
+
+init {
+    byte i;
+    atomic {
+        for (i : 1 .. PATIENT) { run Taker(false) }
+        for (i : 1 .. HASTY) { run Taker(true) }
+        for (i : 1 .. GIVERS) { run Giver() }
+    }
+    /* Once every unit has been taken, and no taker is left, the owner may destroy the lock, though
+     * givers may still be inside. */
+    done == PATIENT + HASTY;
+    if
+    :: taken == GIVERS -> publishing == 0; destroyed = true
+    :: else
+    fi
+}
