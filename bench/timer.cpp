@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: MIT
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <deque>
+
+#include "workers.h"
+
+namespace
+{
+
+constexpr int kHour = 3600000; // milliseconds: never due while a row runs
+constexpr int kDue = 1000;
+
+// Spread, so that a sorted structure has to find a new timer's place.
+uint32_t FarTimeout(int i)
+{
+    return kHour + static_cast<uint32_t>(i) * 7919 % 10007;
+}
+
+using Clock = std::chrono::steady_clock;
+
+// Each make: Fill() sets timers that stay, SetCancel() sets one and cancels it, and Expire() sets
+// kDue timers that are due at once and returns the seconds that their expiry took.
+
+uint32_t IgnoreTimer(HAppTask, uint32_t, void *, void *)
+{
+    return 0;
+}
+
+struct AppcoreTimers {
+    void Fill(int nRunning)
+    {
+        for (int i = 0; i < nRunning; ++i)
+            bench::Require(AppTaskSetTimer(worker.Task(), FarTimeout(i), IgnoreTimer, nullptr));
+    }
+    void SetCancel(int i)
+    {
+        AppTaskCancelTimer(AppTaskSetTimer(worker.Task(), FarTimeout(i), IgnoreTimer, nullptr));
+    }
+
+    // Set by an event's handler: the task runs its timers as soon as that returns.
+    struct SetDue : bench::Job {
+        void Run() override
+        {
+            nMissing = kDue;
+            for (int i = 0; i < kDue; ++i)
+                bench::Require(AppTaskSetTimer(hTask, 0, Count, this));
+            start = Clock::now();
+        }
+        static uint32_t Count(HAppTask, uint32_t, void *, void *pvSelf)
+        {
+            const auto self = static_cast<SetDue *>(pvSelf);
+            if (--self->nMissing == 0) {
+                self->end = Clock::now();
+                self->all.Arrive();
+            }
+            return 0;
+        }
+        HAppTask hTask = nullptr;
+        int nMissing = 0;
+        Clock::time_point start, end;
+        bench::Arrivals all{1};
+    };
+    double Expire()
+    {
+        SetDue job;
+        job.hTask = worker.Task();
+        worker.Post(&job);
+        job.all.Wait();
+        return std::chrono::duration<double>(job.end - job.start).count();
+    }
+    bench::AppcoreWorker worker;
+};
+
+struct UvTimers {
+    UvTimers()
+    {
+        uv_loop_init(&tLoop);
+        uv_timer_init(&tLoop, &tOne);
+        for (uv_timer_t &tTimer : due) {
+            uv_timer_init(&tLoop, &tTimer);
+            tTimer.data = this;
+        }
+    }
+    ~UvTimers()
+    {
+        uv_walk(
+            &tLoop, [](uv_handle_t *ptHandle, void *) { uv_close(ptHandle, nullptr); }, nullptr);
+        uv_run(&tLoop, UV_RUN_DEFAULT);
+        uv_loop_close(&tLoop);
+    }
+    static void Ignore(uv_timer_t *) {}
+    static void Count(uv_timer_t *ptTimer) { --static_cast<UvTimers *>(ptTimer->data)->nMissing; }
+    void Fill(int nRunning)
+    {
+        running.resize(static_cast<size_t>(nRunning));
+        for (int i = 0; i < nRunning; ++i) {
+            uv_timer_t &tTimer = running[static_cast<size_t>(i)];
+            uv_timer_init(&tLoop, &tTimer);
+            uv_timer_start(&tTimer, Ignore, FarTimeout(i), 0);
+        }
+    }
+    void SetCancel(int i)
+    {
+        uv_timer_start(&tOne, Ignore, FarTimeout(i), 0);
+        uv_timer_stop(&tOne);
+    }
+    double Expire()
+    {
+        nMissing = kDue;
+        for (uv_timer_t &tTimer : due)
+            uv_timer_start(&tTimer, Count, 0, 0);
+        const auto start = Clock::now();
+        uv_run(&tLoop, UV_RUN_NOWAIT);
+        bench::Require(nMissing == 0);
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    uv_loop_t tLoop;
+    uv_timer_t tOne;
+    std::deque<uv_timer_t> running;
+    std::vector<uv_timer_t> due{kDue};
+    int nMissing = 0;
+};
+
+struct AsioTimers {
+    void Fill(int nRunning)
+    {
+        for (int i = 0; i < nRunning; ++i) {
+            running.emplace_back(context, std::chrono::milliseconds(FarTimeout(i)));
+            running.back().async_wait([](const boost::system::error_code &) {});
+        }
+    }
+    void SetCancel(int i)
+    {
+        one.expires_after(std::chrono::milliseconds(FarTimeout(i)));
+        one.async_wait([](const boost::system::error_code &) {});
+        one.cancel();
+        context.poll();
+    }
+    double Expire()
+    {
+        int nMissing = kDue;
+        while (due.size() < kDue)
+            due.emplace_back(context);
+        for (boost::asio::steady_timer &timer : due) {
+            timer.expires_after(std::chrono::milliseconds(0));
+            timer.async_wait([&](const boost::system::error_code &) { --nMissing; });
+        }
+        const auto start = Clock::now();
+        while (nMissing > 0)
+            context.poll();
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    boost::asio::io_context context{1};
+    boost::asio::steady_timer one{context};
+    std::deque<boost::asio::steady_timer> running;
+    std::deque<boost::asio::steady_timer> due;
+};
+
+struct GlibTimers {
+    GlibTimers() : ptContext(g_main_context_new()) {}
+    ~GlibTimers() { g_main_context_unref(ptContext); }
+    static gboolean Ignore(gpointer) { return G_SOURCE_REMOVE; }
+    static gboolean Count(gpointer pvMissing)
+    {
+        --*static_cast<int *>(pvMissing);
+        return G_SOURCE_REMOVE;
+    }
+    GSource *Set(guint dwTimeout, GSourceFunc pfnCall, gpointer pvData)
+    {
+        GSource *ptSource = g_timeout_source_new(dwTimeout);
+        g_source_set_callback(ptSource, pfnCall, pvData, nullptr);
+        g_source_attach(ptSource, ptContext);
+        g_source_unref(ptSource);
+        return ptSource;
+    }
+    void Fill(int nRunning)
+    {
+        for (int i = 0; i < nRunning; ++i)
+            Set(FarTimeout(i), Ignore, nullptr);
+    }
+    void SetCancel(int i) { g_source_destroy(Set(FarTimeout(i), Ignore, nullptr)); }
+    double Expire()
+    {
+        int nMissing = kDue;
+        for (int i = 0; i < kDue; ++i)
+            Set(0, Count, &nMissing);
+        const auto start = Clock::now();
+        while (nMissing > 0)
+            g_main_context_iteration(ptContext, FALSE);
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    GMainContext *ptContext;
+};
+
+template <typename Timers>
+void SetCancel(benchmark::State &state, int nRunning)
+{
+    Timers timers;
+    timers.Fill(nRunning);
+    int i = 0;
+    for (auto _ : state)
+        timers.SetCancel(i++ & 0xFFFF);
+}
+
+template <typename Timers>
+void Expire(benchmark::State &state, int nRunning)
+{
+    Timers timers;
+    timers.Fill(nRunning);
+    for (auto _ : state)
+        state.SetIterationTime(timers.Expire());
+    state.SetItemsProcessed(state.iterations() * kDue);
+}
+
+template <typename Timers>
+void AddTimers(const std::string &strName, bool bOurs = false)
+{
+    for (int nRunning : {10, 100, 1000, 10000})
+        bench::Add(
+            "timer_set_cancel running:" + std::to_string(nRunning), strName,
+            [=](benchmark::State &state) { SetCancel<Timers>(state, nRunning); },
+            bOurs && nRunning >= 100 ? "1.0" : "");
+    for (int nRunning : {0, 10000})
+        bench::AddManual(
+            "timer_expire_1000 running:" + std::to_string(nRunning), strName,
+            [=](benchmark::State &state) { Expire<Timers>(state, nRunning); },
+            bOurs && nRunning > 0 ? "0.5" : "")
+            ->UseManualTime();
+}
+
+} // namespace
+
+void bench::RegisterRows()
+{
+    AddTimers<AppcoreTimers>("appcore", true);
+    AddTimers<UvTimers>("libuv");
+    AddTimers<AsioTimers>("asio");
+    AddTimers<GlibTimers>("glib");
+}
