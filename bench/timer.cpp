@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <deque>
@@ -152,6 +153,8 @@ struct AsioTimers {
         return std::chrono::duration<double>(Clock::now() - start).count();
     }
     boost::asio::io_context context{1};
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{
+        context.get_executor()};
     boost::asio::steady_timer one{context};
     std::deque<boost::asio::steady_timer> running;
     std::deque<boost::asio::steady_timer> due;
