@@ -1,14 +1,316 @@
 // SPDX-License-Identifier: MIT
-#include "support/expect.h"
-#include "support/fault.h"
-#include "support/log_capture.h"
-
 #include "appcore/appcore.h"
 
-TEST(Log, ConsoleGetsWhatPassesTheThreshold)
+#include <stdlib.h>
+
+#include <memory>
+
+#include "support/expect.h"
+#include "support/log_capture.h"
+#include "utils/log.h"
+
+using test::LogCapture;
+using test::StdoutCapture;
+using test::Text;
+
+// ---- Logging --------------------------------------------------------------------------------
+
+TEST(Log, ThresholdsDecideWhoSeesALine)
 {
-    test::LogCapture log;
-    AppLog(0, APP_LOG_ERROR, "%s %d\n", "kept", 16);
-    AppLog(0, 17, "dropped\n");
-    log.ExpectLines({"kept 16\n"});
+    struct {
+        uint8_t byChannel, bySet, byLevel;
+        bool bPasses;
+    } const rows[] = {
+        {0, APP_LOG_ERROR, APP_LOG_ERROR, true},
+        {0, 15, 16, true}, // below 16 is ignored
+        {0, APP_LOG_ERROR, 17, false},
+        {0, 240, APP_LOG_DEBUG, true},
+        {0, 240, APP_LOG_MEMDBG1, false},
+        {5, 0, APP_LOG_ALWAYS, true},
+        {5, 0, APP_LOG_INFO, false},
+        {5, 255, 255, true},
+        {5, 254, 255, false},
+    };
+    LogCapture log;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(Text("channel %d set %d level %d", row.byChannel, row.bySet, row.byLevel));
+        g_byAppLogLevel[row.byChannel].store(row.byChannel == 0 ? 16 : 0);
+        AppSetLogLevel(row.byChannel, row.bySet);
+        AppLog(row.byChannel, row.byLevel, "%s-%d", "text", 7);
+        log.ExpectLines(row.bPasses ? std::vector<std::string>{"text-7"}
+                                    : std::vector<std::string>{});
+    }
+    AppLog(0, APP_LOG_ALWAYS, nullptr);
+    AppLogFile(0, APP_LOG_ALWAYS, nullptr);
+    log.ExpectNone();
+}
+
+TEST(Log, StandardOutputOnlyForExactlyOne)
+{
+    LogCapture log;
+    StdoutCapture output;
+    for (const uint32_t bViaStdout : {0u, 1u, 2u}) {
+        AppSetLogViaStdout(9, bViaStdout);
+        EXPECT_EQ(g_bAppLogViaStdout[9].load(), bViaStdout);
+        AppLog(9, APP_LOG_ALWAYS, "switch %u\n", bViaStdout);
+        AppLogFile(9, APP_LOG_ALWAYS, "to no file\n");
+    }
+    EXPECT_EQ(output.End(), "switch 1\n");
+    log.ExpectLines({"switch 0\n", "switch 1\n", "switch 2\n"});
+}
+
+TEST(Log, LongMessagesAreCutButKeepTheirNewline)
+{
+    LogCapture log;
+    for (const size_t nLen : {5118u, 5119u, 5120u, 5121u, 9000u}) {
+        const std::string text(nLen, 'x');
+        AppLog(0, APP_LOG_ERROR, "%s", text.c_str());
+        log.ExpectLines({nLen <= 5119 ? text : std::string(5118, 'x') + "\n"});
+    }
+}
+
+TEST(Log, GeneratedChannelsStartFresh)
+{
+    g_byAppLogNextChannel.store(1);
+    for (int i = 1; i <= 255; ++i) {
+        EXPECT_EQ(AppGenerateLogChannel(), i);
+        AppSetLogLevel(static_cast<uint8_t>(i), 3);
+        AppSetLogViaStdout(static_cast<uint8_t>(i), 0);
+    }
+    EXPECT_EQ(AppGenerateLogChannel(), 1);
+    EXPECT_EQ(g_byAppLogLevel[1].load(), APP_LOG_ERROR);
+    EXPECT_EQ(g_bAppLogViaStdout[1].load(), 1u);
+    EXPECT_EQ(g_byAppLogLevel[2].load(), 3);
+
+    g_byAppLogNextChannel.store(1);
+    std::atomic<int> anTimes[256] = {};
+    test::RunThreads(8, [&](unsigned) {
+        for (int i = 0; i < 30; ++i)
+            ++anTimes[AppGenerateLogChannel()];
+    });
+    for (int i = 0; i < 256; ++i)
+        EXPECT_EQ(anTimes[i].load(), i >= 1 && i <= 240) << "channel " << i;
+}
+
+TEST(Log, ChannelTablesMayChangeWhileOthersLog)
+{
+    LogCapture log;
+    test::RunThreads(4, [&](unsigned nThread) {
+        for (int i = 0; i < 1000; ++i)
+            if (nThread == 0)
+                AppSetLogLevel(0, i % 2 ? 16 : 255);
+            else
+                AppLog(0, APP_LOG_ERROR, "%u %d\n", nThread, i);
+    });
+    EXPECT_EQ(log.Lines().size(), 3000u);
+}
+
+TEST(Format, EveryTruncationIsMinusOne)
+{
+    struct {
+        uint32_t dwSize;
+        int32_t nResult;
+        const char *szLeft;
+    } const rows[] = {{0, -1, "####"}, {1, -1, ""}, {3, -1, "ab"}, {4, 3, "abc"}, {5, 3, "abc"}};
+    for (const auto &row : rows) {
+        char achText[8] = "####";
+        EXPECT_EQ(AppSnprintf(achText, row.dwSize, "%s%c", "ab", 'c'), row.nResult) << row.dwSize;
+        EXPECT_STREQ(achText, row.szLeft);
+    }
+    char achText[8] = "####";
+    EXPECT_EQ(AppSnprintf(nullptr, 8, "x"), -1);
+    EXPECT_EQ(AppSnprintf(achText, 8, nullptr), -1);
+    EXPECT_EQ(AppSnprintf(achText, 8, "%ls", L"\x7FFFFFFF"), -1) << "the formatter's own error";
+    int nFirst = 0, nSecond = 0;
+    EXPECT_EQ(AppSscanf("12 34", "%d %d", &nFirst, &nSecond), 2);
+    EXPECT_EQ(nFirst * 100 + nSecond, 1234);
+    EXPECT_EQ(AppSscanf("", "%d", &nFirst), EOF);
+    EXPECT_EQ(AppSscanf(nullptr, "%d", &nFirst), 0);
+    EXPECT_EQ(AppSscanf("1", nullptr), 0);
+}
+
+// ---- Strings --------------------------------------------------------------------------------
+
+static int Sign(int32_t nValue)
+{
+    return (nValue > 0) - (nValue < 0);
+}
+
+TEST(String, ComparisonsTakeNullForEmpty)
+{
+    struct {
+        const char *szFirst, *szSecond;
+        uint32_t dwCount;
+        int nPlain, nCounted, nCase, nCaseCounted;
+    } const rows[] = {
+        {nullptr, nullptr, 0, 0, 0, 0, 0}, {nullptr, "", 9, 0, 0, 0, 0},
+        {"", nullptr, 9, 0, 0, 0, 0},      {nullptr, "x", 0, -1, -1, -1, -1},
+        {"x", nullptr, 0, 1, 1, 1, 1},     {"abc", "abd", 2, -1, 0, -1, 0},
+        {"b", "a", 1, 1, 1, 1, 1},         {"ABc", "abd", 2, -1, -1, -1, 0},
+        {"AB", "ab", 2, -1, -1, 0, 0},     {"\xFF", "a", 1, 1, 1, 1, 1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(Text("'%s' '%s' %u", row.szFirst ? row.szFirst : "null",
+                          row.szSecond ? row.szSecond : "null", row.dwCount));
+        EXPECT_EQ(Sign(AppStrcmp(row.szFirst, row.szSecond)), row.nPlain);
+        EXPECT_EQ(Sign(AppStrncmp(row.szFirst, row.szSecond, row.dwCount)), row.nCounted);
+        EXPECT_EQ(Sign(AppStrcasecmp(row.szFirst, row.szSecond)), row.nCase);
+        EXPECT_EQ(Sign(AppStrncasecmp(row.szFirst, row.szSecond, row.dwCount)), row.nCaseCounted);
+    }
+}
+
+TEST(String, WrappersTakeNullAndZero)
+{
+    const char *szText = "abc";
+    EXPECT_EQ(AppStrlen(nullptr), 0u);
+    EXPECT_EQ(AppStrlen(szText), 3u);
+    EXPECT_EQ(AppStrstr(szText, "bc"), szText + 1);
+    EXPECT_EQ(AppStrstr(szText, ""), szText);
+    EXPECT_EQ(AppStrstr(szText, nullptr), szText);
+    EXPECT_EQ(AppStrstr(nullptr, nullptr), nullptr);
+    EXPECT_EQ(AppStrstr(szText, "x"), nullptr);
+    EXPECT_EQ(AppStrchr(szText, 'c'), szText + 2);
+    EXPECT_EQ(AppStrchr(szText, 'c' + 256), szText + 2);
+    EXPECT_EQ(AppStrchr(szText, 0), nullptr);
+    EXPECT_EQ(AppStrchr(szText, 256), nullptr);
+    EXPECT_EQ(AppStrchr(nullptr, 'a'), nullptr);
+    const char *szHigh = "\xE9";
+    EXPECT_EQ(AppStrchr(szHigh, 0xE9), szHigh);
+    char achBuf[4] = "abc";
+    AppMemzero(nullptr, 4);
+    AppMemcpy(nullptr, nullptr, 0);
+    AppMemzero(achBuf, 2);
+    EXPECT_EQ(AppMemcmp(achBuf, "\0\0c", 4), 0);
+    AppMemcpy(achBuf, "xy", 2);
+    EXPECT_STREQ(achBuf, "xyc");
+}
+
+TEST(String, CopiesAlwaysTerminateAndFill)
+{
+    struct {
+        const char *szSrc;
+        uint32_t dwSize;
+        std::string left; // of 8 bytes
+    } const rows[] = {
+        {"abcdef", 4, {"abc\0####", 8}},   {"ab", 8, {"ab\0\0\0\0\0\0", 8}},
+        {"abc", 1, {"\0#######", 8}},      {"abc", 0, {"########", 8}},
+        {nullptr, 8, {"########", 8}},     {"", 3, {"\0\0\0#####", 8}},
+        {"12345678", 8, {"1234567\0", 8}},
+    };
+    for (const auto &row : rows) {
+        char achBuf[9] = "########";
+        EXPECT_EQ(AppStrncpy(achBuf, row.szSrc, row.dwSize), achBuf);
+        EXPECT_EQ(std::string(achBuf, 8), row.left) << "size " << row.dwSize;
+    }
+    EXPECT_EQ(AppStrncpy(nullptr, "x", 4), nullptr);
+}
+
+// The destination ends where its allocation ends, so that the address sanitizer sees a step
+// too far, reading or writing.
+TEST(String, AppendingNeverLeavesTheBuffer)
+{
+    struct {
+        const char *szBefore; // the buffer's size bytes; '#' stands for what is not looked at
+        uint32_t dwSize;
+        const char *szSrc, *szAfter;
+    } const rows[] = {
+        {"abc\0####", 8, "defgh", "abcdefg"},
+        {"1234567", 8, ",", "1234567"},
+        {"12345678", 8, "x", "1234567"}, // no terminator inside the size
+        {"\0", 1, "x", ""},
+        {"#", 1, "x", ""},
+        {"ab\0#", 4, "c", "abc"},
+        {"ab\0#", 4, "", "ab"},
+        {"\0#######", 8, "1234567", "1234567"},
+    };
+    for (const auto &row : rows) {
+        std::unique_ptr<char[]> buffer(new char[row.dwSize]);
+        memcpy(buffer.get(), row.szBefore, row.dwSize);
+        EXPECT_EQ(AppStrncat(buffer.get(), row.szSrc, row.dwSize), buffer.get());
+        EXPECT_STREQ(buffer.get(), row.szAfter);
+    }
+    char achText[4] = "a";
+    AppStrncat(achText, "b", 0);
+    AppStrncat(achText, nullptr, 4);
+    EXPECT_STREQ(achText, "a");
+    EXPECT_EQ(AppStrncat(nullptr, "b", 4), nullptr);
+}
+
+TEST(String, HashIsTheAgreedOne)
+{
+    struct {
+        const char *szText;
+        uint32_t dwHash;
+    } const rows[] = {{nullptr, 0},
+                      {"", 0},
+                      {"a", 97},
+                      {"ab", 15167409},
+                      {"abc", 822160044},
+                      {"Hello", 360269938},
+                      {"\xFF", 255}, // bytes are unsigned
+                      {"\x80\xC3", (128u * (63689u * 378551u) + 0xC3) & 0x7FFFFFFF}};
+    for (const auto &row : rows)
+        EXPECT_EQ(AppStringHash(row.szText), row.dwHash) << (row.szText ? row.szText : "null");
+}
+
+// ---- Dump -----------------------------------------------------------------------------------
+
+static std::vector<std::string> DumpPieces(const uint8_t *pbyData, uint32_t dwLen)
+{
+    std::vector<std::string> pieces{
+        Text("ADDR:%p SIZE:%u(%xh)\n", (const void *)pbyData, dwLen, dwLen)};
+    for (uint32_t i = 0; i < dwLen; ++i) {
+        if (i % 16 == 0)
+            pieces.push_back(Text("%8xh: ", i));
+        pieces.push_back(Text("%02X ", pbyData[i]));
+        if (i % 16 != 15 && i != dwLen - 1)
+            continue;
+        for (uint32_t j = i % 16; j < 15; ++j)
+            pieces.push_back("   ");
+        pieces.push_back(" | ");
+        for (uint32_t j = i - i % 16; j <= i; ++j)
+            pieces.push_back(
+                std::string(1, pbyData[j] > 32 && pbyData[j] < 127 ? (char)pbyData[j] : '.'));
+        pieces.push_back("\n");
+    }
+    return pieces;
+}
+
+TEST(Dump, RowsAreAligned)
+{
+    const char *szData = "0123456789ABCDEF ";
+    char achText[512];
+    const auto pbyData = reinterpret_cast<const uint8_t *>(szData);
+    const std::string expected =
+        Text("ADDR:%p SIZE:17(11h)\n", (const void *)szData) +
+        "       0h: 30 31 32 33 34 35 36 37 38 39 41 42 43 44 45 46  | 0123456789ABCDEF\n"
+        "      10h: 20 " +
+        std::string(45, ' ') + " | .\n";
+    EXPECT_EQ(AppDumpMem(pbyData, 17, achText, sizeof(achText)), (int32_t)expected.size());
+    EXPECT_EQ(achText, expected);
+}
+
+TEST(Dump, EndsAfterItsLastWholePieceAtEverySize)
+{
+    uint8_t abyData[37];
+    for (unsigned i = 0; i < sizeof(abyData); ++i)
+        abyData[i] = static_cast<uint8_t>(28 + i * 7);
+    for (const uint32_t dwLen : {1u, 15u, 16u, 17u, 32u, 37u}) {
+        const std::vector<std::string> pieces = DumpPieces(abyData, dwLen);
+        std::string fits;
+        size_t nNext = 0;
+        for (uint32_t dwSize = 1; dwSize < 400; ++dwSize) {
+            while (nNext < pieces.size() && fits.size() + pieces[nNext].size() < dwSize)
+                fits += pieces[nNext++];
+            std::unique_ptr<char[]> buffer(new char[dwSize]);
+            ASSERT_EQ(AppDumpMem(abyData, dwLen, buffer.get(), dwSize), (int32_t)fits.size());
+            ASSERT_EQ(buffer.get(), fits) << "size " << dwSize;
+        }
+    }
+    char achText[4] = "###";
+    EXPECT_EQ(AppDumpMem(nullptr, 1, achText, 4), 0);
+    EXPECT_EQ(AppDumpMem(abyData, 0, achText, 4), 0);
+    EXPECT_EQ(AppDumpMem(abyData, 1, achText, 0), 0);
+    EXPECT_EQ(AppDumpMem(abyData, 1, nullptr, 4), 0);
+    EXPECT_STREQ(achText, "###");
 }

@@ -1,0 +1,473 @@
+// SPDX-License-Identifier: MIT
+#include <map>
+#include <thread>
+
+#include "appcore/appcore.h"
+#include "support/expect.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+#include "utils/double_list.h"
+#include "utils/queue.h"
+
+using fault::Fn;
+using test::LogCapture;
+using test::Text;
+
+namespace
+{
+
+// Elements are letters.
+void *El(int ch)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(ch));
+}
+
+char Letter(const void *pvData)
+{
+    return static_cast<char>(reinterpret_cast<uintptr_t>(pvData));
+}
+
+void Note(void *pvData, void *pvContext)
+{
+    *static_cast<std::string *>(pvContext) += Letter(pvData);
+}
+
+std::string Walk(HAppDoubleList hList)
+{
+    EXPECT_TRUE(app::ListIsValid(hList));
+    std::string text;
+    for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext)
+        text += Letter(hNode->pvData);
+    return text;
+}
+
+HAppDoubleList CreateList(uint32_t dwMaxSize = 0, uint32_t bLock = 0)
+{
+    HAppDoubleList hList = nullptr;
+    EXPECT_CODE(APP_OK, AppDoubleListCreate(nullptr, dwMaxSize, bLock, &hList));
+    return hList;
+}
+
+HAppDoubleListNode Append(HAppDoubleList hList, int ch)
+{
+    HAppDoubleListNode hNode = nullptr;
+    EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, nullptr, El(ch), &hNode));
+    return hNode;
+}
+
+HAppQueue CreateQueue(uint32_t dwMaxSize = 100, uint32_t bLock = 1)
+{
+    HAppQueue hQueue = nullptr;
+    EXPECT_CODE(APP_OK, AppQueueCreate(nullptr, dwMaxSize, bLock, &hQueue));
+    return hQueue;
+}
+
+// Takes what is there, without waiting for more.
+std::string Drain(HAppQueue hQueue)
+{
+    std::string text;
+    void *pvData = nullptr;
+    while (AppQueueGetSize(hQueue) > 0 && AppQueueOut(hQueue, 1, &pvData) == APP_OK)
+        text += Letter(pvData);
+    EXPECT_TRUE(app::QueueIsValid(hQueue));
+    return text;
+}
+
+// Size, maximum, top mark.
+void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwTop)
+{
+    EXPECT_EQ(AppQueueGetSize(hQueue), dwSize);
+    EXPECT_EQ(_AppQueueGetMaxSize(hQueue), dwMax);
+    EXPECT_EQ(_AppQueueGetTopSize(hQueue), dwTop);
+    EXPECT_TRUE(app::QueueIsValid(hQueue));
+}
+
+} // namespace
+
+// ---- Double list ----------------------------------------------------------------------------
+
+TEST(DoubleList, NodesGoBesideTheirAnchor)
+{
+    HAppDoubleList hList = CreateList();
+    EXPECT_EQ(hList->hLock, nullptr);
+    Append(hList, 'a');
+    HAppDoubleListNode hB = nullptr, hC = nullptr, hX = nullptr;
+    EXPECT_CODE(APP_OK, AppDoubleListInsertBefore(hList, nullptr, El('b'), &hB)); // the tail too
+    EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, nullptr, El('c'), &hC));
+    EXPECT_EQ(Walk(hList), "abc");
+    EXPECT_CODE(APP_OK, AppDoubleListInsertBefore(hList, hB, El('x'), &hX));
+    EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, hB, El('y'), nullptr));
+    EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, hC, El('z'), nullptr));
+    EXPECT_CODE(APP_OK, AppDoubleListInsertBefore(hList, hList->ptHead, El('h'), nullptr));
+    EXPECT_EQ(Walk(hList), "haxbycz");
+    void *pvData = nullptr;
+    EXPECT_CODE(APP_OK, AppDoubleListRemove(hList, hX, &pvData));
+    EXPECT_EQ(Letter(pvData), 'x');
+    EXPECT_CODE(APP_OK, AppDoubleListRemove(hList, hList->ptHead, nullptr));
+    EXPECT_CODE(APP_OK, AppDoubleListRemove(hList, hList->ptTail, nullptr));
+    EXPECT_EQ(Walk(hList), "abyc");
+    std::string freed;
+    AppDoubleListDestroy(hList, Note, &freed);
+    EXPECT_EQ(freed, "abyc");
+}
+
+TEST(DoubleList, MovesNodesBetweenLists)
+{
+    HAppDoubleList hFrom = CreateList(), hTo = CreateList();
+    HAppDoubleListNode hNodes[] = {Append(hFrom, 'a'), Append(hFrom, 'b'), Append(hFrom, 'c')};
+    const long nBlocks = fault::LiveBlocks();
+    struct {
+        int nNode;
+        HAppDoubleListNode hAnchor;
+        uint32_t dwFlag;
+        const char *szFrom, *szTo;
+    } const rows[] = {{1, nullptr, APP_ATTACH_BEFORE, "ac", "b"}, // the engine's way
+                      {0, hNodes[1], APP_ATTACH_BEFORE, "c", "ab"},
+                      {2, hNodes[0], APP_ATTACH_AFTER, "", "acb"}};
+    for (const auto &row : rows) {
+        _AppDoubleListDetachNode(hFrom, hNodes[row.nNode]);
+        _AppDoubleListAttachNode(hTo, row.hAnchor, hNodes[row.nNode], row.dwFlag);
+        EXPECT_EQ(Walk(hFrom), row.szFrom);
+        EXPECT_EQ(Walk(hTo), row.szTo);
+    }
+    EXPECT_EQ(fault::LiveBlocks(), nBlocks);
+    EXPECT_EQ(hFrom->ptHead, nullptr);
+    EXPECT_EQ(hFrom->ptTail, nullptr);
+    AppDoubleListDestroy(hFrom, nullptr, nullptr);
+    AppDoubleListDestroy(hTo, nullptr, nullptr); // drops the elements, releases the nodes
+}
+
+TEST(DoubleList, RefusesWhatItCannotHold)
+{
+    LogCapture log;
+    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListCreate(nullptr, 0, 0, nullptr));
+    HAppDoubleList hList = CreateList(2, 2); // only 1 asks for a lock
+    EXPECT_EQ(hList->hLock, nullptr);
+    EXPECT_CODE(APP_INVALID_ARG,
+                AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
+    HAppDoubleListNode hA = Append(hList, 'a');
+    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(hList, nullptr, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(nullptr, hA, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListInsertAfter(nullptr, nullptr, El('x'), nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListInsertBefore(nullptr, nullptr, El('x'), nullptr));
+    Append(hList, 'b');
+    log.ExpectNone();
+    HAppDoubleListNode hNode = hA;
+    EXPECT_CODE(APP_NO_RESOURCE, AppDoubleListInsertAfter(hList, hA, El('x'), &hNode));
+    EXPECT_CODE(APP_NO_RESOURCE, AppDoubleListInsertBefore(hList, hA, El('x'), &hNode));
+    log.ExpectLines({Text("[ERROR] %s: List full. cur size: %lu max size: %lu\n",
+                          "AppDoubleListInsertAfter", 2ul, 2ul),
+                     Text("[ERROR] %s: List full. cur size: %lu max size: %lu\n",
+                          "AppDoubleListInsertBefore", 2ul, 2ul)});
+    EXPECT_EQ(hNode, hA);
+    EXPECT_EQ(Walk(hList), "ab");
+    AppDoubleListDestroy(hList, nullptr, nullptr);
+    AppDoubleListDestroy(nullptr, Note, nullptr);
+}
+
+TEST(DoubleList, FaultsLeaveItUnchanged)
+{
+    LogCapture log;
+    HAppDoubleList hList;
+    unsigned nFaults = 0;
+    fault::Sweep(
+        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
+        [&] {
+            hList = reinterpret_cast<HAppDoubleList>(16);
+            const uint32_t dwResult = AppDoubleListCreate(nullptr, 0, 1, &hList);
+            if (dwResult == APP_OK)
+                AppDoubleListDestroy(hList, nullptr, nullptr);
+            return dwResult;
+        },
+        [&](uint32_t dwResult) {
+            EXPECT_CODE(++nFaults <= 2 ? APP_NO_RESOURCE : APP_FAILED, dwResult);
+            EXPECT_EQ(hList, nullptr);
+            EXPECT_EQ(log.Lines().back(),
+                      nFaults == 1
+                          ? Text("[ERROR] %s: AppMemPoolMalloc failed\n", "AppDoubleListCreate")
+                          : Text("[ERROR] %s: AppLockCreate failed %d\n", "AppDoubleListCreate",
+                                 static_cast<int>(dwResult)));
+        });
+    hList = CreateList();
+    HAppDoubleListNode hA = Append(hList, 'a');
+    for (const bool bAfter : {true, false}) {
+        const auto Insert = bAfter ? AppDoubleListInsertAfter : AppDoubleListInsertBefore;
+        HAppDoubleListNode hNode = nullptr;
+        EXPECT_EQ(1u, fault::Sweep(
+                          {Fn::malloc},
+                          [&] {
+                              const uint32_t dwResult = Insert(hList, hA, El('x'), &hNode);
+                              if (dwResult == APP_OK)
+                                  AppDoubleListRemove(hList, hNode, nullptr);
+                              return dwResult;
+                          },
+                          [&](uint32_t dwResult) {
+                              EXPECT_CODE(APP_NO_RESOURCE, dwResult);
+                              EXPECT_EQ(hNode, nullptr);
+                              EXPECT_EQ(Walk(hList), "a");
+                              EXPECT_EQ(log.Lines().back(),
+                                        Text("[ERROR] %s: AppMemPoolMalloc failed\n",
+                                             bAfter ? "AppDoubleListInsertAfter"
+                                                    : "AppDoubleListInsertBefore"));
+                          }));
+    }
+    AppDoubleListDestroy(hList, nullptr, nullptr);
+}
+
+TEST(DoubleList, DestroyWaitsForAUserInside)
+{
+    HAppDoubleList hList = CreateList(0, 1);
+    std::atomic<bool> bInside{false};
+    std::thread user([&] {
+        AppLockTakeByTime(hList->hLock, 0);
+        bInside = true;
+        for (int i = 0; i < 100; ++i, std::this_thread::yield())
+            Append(hList, 'x');
+        AppLockGive(hList->hLock);
+    });
+    EXPECT_TRUE(test::WaitUntil([&] { return bInside.load(); }));
+    std::string freed;
+    AppDoubleListDestroy(hList, Note, &freed);
+    EXPECT_EQ(freed, std::string(100, 'x'));
+    user.join();
+}
+
+// ---- Queue ----------------------------------------------------------------------------------
+
+TEST(Queue, OrdersBySignedPriorityThenAge)
+{
+    struct {
+        const char *szName;
+        std::vector<int32_t> priorities; // of a, b, c, …
+        const char *szOut;
+    } const rows[] = {
+        {"mixed", {5, 1, 5, 9, 1}, "dacbe"},
+        {"equal", {0, 0, 0, 0}, "abcd"},
+        {"signed", {0, -1, 1, INT32_MIN, INT32_MAX, -1}, "ecabfd"},
+        {"between", {9, 1, 5, 5, 7, 1, 3}, "aecdgbf"},
+        {"rising", {1, 2, 3}, "cba"},
+    };
+    for (const uint32_t bLock : {1u, 0u, 2u})
+        for (const auto &row : rows) {
+            SCOPED_TRACE(row.szName);
+            HAppQueue hQueue = CreateQueue(100, bLock);
+            EXPECT_EQ(hQueue->hLock != nullptr, bLock == 1);
+            for (int nRound = 0; nRound < 2; ++nRound) { // an emptied queue's tail is stale
+                int ch = 'a';
+                for (const int32_t nPriority : row.priorities) {
+                    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El(ch++), nPriority));
+                    EXPECT_TRUE(app::QueueIsValid(hQueue));
+                }
+                EXPECT_EQ(nRound == 0 ? Drain(hQueue) : row.szOut, row.szOut);
+            }
+            std::string dropped;
+            AppQueueDestroy(hQueue, Note, &dropped);
+            EXPECT_EQ(dropped, row.szOut);
+        }
+}
+
+TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly)
+{
+    LogCapture log;
+    HAppQueue hQueue = CreateQueue(2);
+    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('a'), 0));
+    EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('b'), 0, 0));
+    EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('c'), 9));
+    log.ExpectLines(
+        {Text("[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", "_AppQueueIn", 2ul, 2ul)});
+    ExpectMarks(hQueue, 2, 2, 2);
+    for (int ch = 'c'; ch < 'h'; ++ch)
+        EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El(ch), 0, ch % 2 ? 1 : -1));
+    ExpectMarks(hQueue, 7, 2, 7);
+    EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 0));
+    EXPECT_EQ(Drain(hQueue), "abcdefg");
+    ExpectMarks(hQueue, 0, 2, 7);
+    AppQueueDestroy(hQueue, nullptr, nullptr);
+}
+
+TEST(Queue, ChangedMaximumResetsTheTopMark)
+{
+    HAppQueue hQueue = CreateQueue(5);
+    for (int ch = 'a'; ch < 'd'; ++ch)
+        AppQueueIn(hQueue, El(ch), 0);
+    struct {
+        uint32_t dwMax, dwResult, dwMaxAfter, dwTopAfter;
+    } const rows[] = {{2, APP_INVALID_ARG, 5, 3},
+                      {0, APP_INVALID_ARG, 5, 3},
+                      {3, APP_OK, 3, 0},
+                      {4294967295u, APP_OK, 4294967295u, 0}};
+    for (const auto &row : rows) {
+        EXPECT_CODE(row.dwResult, _AppQueueChangeMaxSize(hQueue, row.dwMax));
+        ExpectMarks(hQueue, 3, row.dwMaxAfter, row.dwTopAfter);
+    }
+    AppQueueIn(hQueue, El('d'), 0);
+    ExpectMarks(hQueue, 4, 4294967295u, 4);
+    Drain(hQueue);
+    EXPECT_CODE(APP_OK, _AppQueueChangeMaxSize(hQueue, 0)); // no limit, no default
+    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('e'), 0));
+    ExpectMarks(hQueue, 1, 0, 1);
+    AppQueueDestroy(hQueue, nullptr, nullptr);
+}
+
+TEST(Queue, ArgumentsAndDefaults)
+{
+    LogCapture log;
+    EXPECT_CODE(APP_INVALID_ARG, AppQueueCreate(nullptr, 1, 1, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppQueueIn(nullptr, nullptr, 0));
+    EXPECT_CODE(APP_INVALID_ARG, _AppQueueIn(nullptr, nullptr, 0, 1));
+    EXPECT_CODE(APP_INVALID_ARG, AppQueueOut(nullptr, 1, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, _AppQueueChangeMaxSize(nullptr, 1));
+    EXPECT_EQ(AppQueueGetSize(nullptr), 4294967295u);
+    EXPECT_EQ(_AppQueueGetMaxSize(nullptr), 0u);
+    EXPECT_EQ(_AppQueueGetTopSize(nullptr), 0u);
+    AppQueueDestroy(nullptr, Note, nullptr);
+    log.ExpectNone();
+    HAppQueue hQueue = CreateQueue(0);
+    log.ExpectLines(
+        {Text("[ERROR] %s: change dwMaxSize(%u) ==> %u\n", "AppQueueCreate", 0u, 1048576u)});
+    EXPECT_EQ(_AppQueueGetMaxSize(hQueue), APP_QUEUE_DEFAULT_MAX);
+    void *pvData = El('u');
+    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 20, &pvData));
+    EXPECT_EQ(Letter(pvData), 'u'); // untouched
+    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, nullptr, 0));
+    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('v'), 0));
+    EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 1, &pvData));
+    EXPECT_EQ(pvData, nullptr);
+    EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 0, nullptr)); // dropped
+    ExpectMarks(hQueue, 0, APP_QUEUE_DEFAULT_MAX, 2);
+    AppQueueDestroy(hQueue, nullptr, nullptr);
+}
+
+TEST(Queue, FaultsLeaveCountAndRecordInStep)
+{
+    LogCapture log;
+    HAppQueue hQueue;
+    unsigned nFaults = 0;
+    fault::Sweep(
+        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
+        [&] {
+            hQueue = reinterpret_cast<HAppQueue>(16);
+            const uint32_t dwResult = AppQueueCreate(nullptr, 5, 1, &hQueue);
+            if (dwResult == APP_OK)
+                AppQueueDestroy(hQueue, nullptr, nullptr);
+            return dwResult;
+        },
+        [&](uint32_t dwResult) {
+            // The record, then for each lock its record, mutex and condition.
+            EXPECT_CODE(++nFaults == 1 || nFaults % 3 == 2 ? APP_NO_RESOURCE : APP_FAILED,
+                        dwResult);
+            EXPECT_EQ(hQueue, nullptr);
+            EXPECT_EQ(log.Lines().back(),
+                      nFaults == 1 ? Text("[ERROR] %s: AppMemPoolMalloc failed\n", "AppQueueCreate")
+                                   : Text("[ERROR] %s: AppLockCreate failed %d\n", "AppQueueCreate",
+                                          static_cast<int>(dwResult)));
+        });
+    EXPECT_EQ(nFaults, 7u);
+
+    hQueue = CreateQueue();
+    AppQueueIn(hQueue, El('a'), 5);
+    fault::Sweep(
+        {Fn::malloc},
+        [&] {
+            const uint32_t dwResult = AppQueueIn(hQueue, El('x'), 9);
+            if (dwResult == APP_OK)
+                AppQueueOut(hQueue, 1, nullptr);
+            return dwResult;
+        },
+        [&](uint32_t dwResult) {
+            EXPECT_CODE(APP_NO_RESOURCE, dwResult);
+            EXPECT_EQ(log.Lines().back(),
+                      Text("[ERROR] %s: AppMemPoolMalloc failed\n", "_AppQueueIn"));
+            ExpectMarks(hQueue, 1, 100, 1);
+        });
+    EXPECT_EQ(Drain(hQueue), "a");
+    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr)); // no unit was given for the failure
+    AppQueueDestroy(hQueue, nullptr, nullptr);
+}
+
+TEST(Queue, ForcedInsertionsWakeEverySleeper)
+{
+    constexpr unsigned kConsumers = 8, kPerConsumer = 50;
+    HAppQueue hQueue = CreateQueue(1);
+    std::atomic<unsigned> nTaken{0};
+    test::RunThreads(kConsumers + 1, [&](unsigned nThread) {
+        for (unsigned i = 0; nThread < kConsumers && i < kPerConsumer; ++i, ++nTaken)
+            EXPECT_CODE(APP_OK, AppQueueOut(hQueue, i % 2 ? 0 : 60000, nullptr));
+        for (unsigned i = 0; nThread == kConsumers && i < kConsumers * kPerConsumer; ++i) {
+            if (i % 40 == 0) {
+                EXPECT_TRUE(test::WaitUntil([&] { return nTaken == i; })); // all asleep, or nearly
+            }
+            EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('x'), static_cast<int32_t>(i), 1));
+        }
+    });
+    EXPECT_EQ(nTaken.load(), kConsumers * kPerConsumer);
+    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr));
+    EXPECT_LE(_AppQueueGetTopSize(hQueue), 40u);
+    AppQueueDestroy(hQueue, nullptr, nullptr);
+}
+
+// Who takes the last element may destroy the queue: its producer no longer touches it.
+TEST(Queue, MayBeDestroyedRightAfterItsLastElement)
+{
+    std::atomic<HAppQueue> hShared{nullptr};
+    std::atomic<bool> bEnd{false};
+    std::thread producer([&] {
+        while (!bEnd)
+            if (HAppQueue hQueue = hShared.exchange(nullptr))
+                AppQueueIn(hQueue, El('x'), 0);
+            else
+                std::this_thread::yield();
+    });
+    for (unsigned i = 0; i < test::Scaled(20000); ++i) {
+        HAppQueue hQueue = CreateQueue(1);
+        hShared = hQueue;
+        ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 60000, nullptr));
+        AppQueueDestroy(hQueue, nullptr, nullptr);
+    }
+    bEnd = true;
+    producer.join();
+}
+
+// Elements are producer and number.  Each consumer sees a producer's elements of one priority in
+// the order of their insertion, and every element comes out once.
+TEST(Queue, FourProducersAndFourConsumersLoseNothing)
+{
+    constexpr unsigned kProducers = 4, kThreads = 8;
+    constexpr unsigned kElements =
+        test::Scaled(1000000) / 2 / kProducers; // in and out are two operations
+    HAppQueue hQueue = CreateQueue(16);
+    std::atomic<uint64_t> qwSum{0};
+    for (int nPhase = 0; nPhase < 2; ++nPhase) {
+        test::RunThreads(kThreads, [&](unsigned nThread) {
+            if (nThread < kProducers) {
+                for (uint32_t i = 1; i <= kElements; ++i) {
+                    while (AppQueueGetSize(hQueue) > 300) // far beyond its maximum
+                        std::this_thread::yield();
+                    ASSERT_CODE(APP_OK, _AppQueueIn(hQueue, El(static_cast<int>(nThread << 24 | i)),
+                                                    static_cast<int32_t>(i % 3) - 1, 1));
+                }
+                return;
+            }
+            uint64_t qwMine = 0;
+            std::map<std::pair<unsigned, unsigned>, unsigned> last;
+            for (uint32_t i = 0; i < kElements; ++i) {
+                void *pvData = nullptr;
+                ASSERT_CODE(APP_OK, AppQueueOut(hQueue, i % 2 ? 0 : 60000, &pvData));
+                const auto dwElement = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pvData));
+                const uint32_t dwNumber = dwElement & 0xFFFFFF;
+                unsigned &nLast = last[{dwElement >> 24, dwNumber % 3}];
+                ASSERT_LT(nLast, dwNumber);
+                nLast = dwNumber;
+                qwMine += dwNumber;
+            }
+            qwSum += qwMine;
+        });
+        ASSERT_TRUE(app::QueueIsValid(hQueue));
+        EXPECT_EQ(AppQueueGetSize(hQueue), 0u);
+        EXPECT_EQ(qwSum.exchange(0), uint64_t{kProducers} * kElements * (kElements + 1) / 2);
+        EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr));
+        EXPECT_GT(_AppQueueGetTopSize(hQueue), 16u);
+        EXPECT_CODE(APP_OK, _AppQueueChangeMaxSize(hQueue, 16));
+    }
+    AppQueueDestroy(hQueue, nullptr, nullptr);
+}

@@ -1,0 +1,280 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <time.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "appcore/appcore.h"
+#include "cross_linux/cross_linux.h"
+#include "support/expect.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+using test::LogCapture;
+using test::StdoutCapture;
+using test::Text;
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr uint8_t kChannel = 77;
+constexpr size_t kStampLen = sizeof("[2026/03/05 07:08:09 ] ") - 1;
+
+std::string ReadFile(const fs::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The lines without their stamps; a torn line or a wrong stamp is an error.
+std::vector<std::string> ReadLines(const fs::path &path)
+{
+    std::vector<std::string> lines;
+    std::ifstream file(path, std::ios::binary);
+    bool bWhole = true;
+    for (std::string line; std::getline(file, line);) {
+        std::string shape = line.substr(0, kStampLen);
+        std::replace_if(shape.begin(), shape.end(), isdigit, '9');
+        bWhole = bWhole && !file.eof() && shape == "[9999/99/99 99:99:99 ] ";
+        lines.push_back(line.size() < kStampLen ? "" : line.substr(kStampLen));
+    }
+    EXPECT_TRUE(bWhole) << path;
+    return lines;
+}
+
+class FileLog : public testing::Test
+{
+protected:
+    FileLog()
+    {
+        char achDir[] = "/tmp/appcore-log-XXXXXX";
+        m_dir = mkdtemp(achDir);
+        m_path = m_dir / "channel.log";
+        m_backup = m_dir / "channel.log1";
+    }
+    ~FileLog() override
+    {
+        AppCloseFileLog(kChannel);
+        fs::remove_all(m_dir);
+    }
+
+    // The size printed on standard output when the file was opened, or -1.
+    long Open(uint32_t dwMaxSize)
+    {
+        StdoutCapture output;
+        const uint32_t bOpen = AppSetFileLog(kChannel, m_path.c_str(), dwMaxSize);
+        unsigned dwSize = 0;
+        const int nItems = sscanf(output.End().c_str(), "dwCurSize %u\n", &dwSize);
+        EXPECT_EQ(output.End(), bOpen ? Text("dwCurSize %u\n", dwSize) : "");
+        return bOpen && nItems == 1 ? static_cast<long>(dwSize) : -1;
+    }
+    static void Write(const std::string &text)
+    {
+        AppLogFile(kChannel, APP_LOG_ALWAYS, "%s\n", text.c_str());
+    }
+    static FILE *Stream() { return g_atAppFileLogInfo[kChannel].ptFile.load(); }
+
+    fs::path m_dir, m_path, m_backup;
+};
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(FileLog, OnlyLevelZeroReachesTheFile)
+{
+    LogCapture log;
+    AppSetLogLevel(kChannel, 255);
+    EXPECT_EQ(Open(1000), 0);
+    AppLog(kChannel, APP_LOG_ALWAYS, "both\n");
+    AppLog(kChannel, APP_LOG_INFO, "console\n");
+    AppLogFile(kChannel, APP_LOG_ALWAYS, "file\n");
+    AppLogFile(kChannel, APP_LOG_ERROR, "nowhere\n");
+    AppCloseFileLog(kChannel);
+    AppLog(kChannel, APP_LOG_ALWAYS, "closed\n");
+    EXPECT_EQ(ReadLines(m_path), (Lines{"both", "file"}));
+    log.ExpectLines({"both\n", "console\n", "closed\n"});
+    AppSetLogLevel(kChannel, 0);
+}
+
+TEST_F(FileLog, PathsUpTo127CharactersAreTaken)
+{
+    LogCapture log;
+    const std::string longest =
+        (m_dir / std::string(127 - m_dir.string().size() - 1, 'p')).string();
+    ASSERT_EQ(longest.size(), 127u);
+    m_path = longest;
+    EXPECT_EQ(Open(0), 0);
+    Write("x"); // the backup's name is one longer than a path may be
+    EXPECT_EQ(ReadLines(longest + "1"), Lines{"x"});
+    StdoutCapture output;
+    EXPECT_EQ(AppSetFileLog(kChannel, nullptr, 10), 0u);
+    log.ExpectNone();
+    EXPECT_EQ(AppSetFileLog(kChannel, (longest + "1").c_str(), 10), 0u);
+    log.ExpectLines(
+        {Text("[ERROR] %s: Filepath is limited under %lu digits.\n", "AppSetFileLog", 128ul)});
+    EXPECT_EQ(output.End(), "");
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].achFilePath, longest);
+    EXPECT_NE(Stream(), nullptr);
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwMaxSize, 0u);
+}
+
+TEST_F(FileLog, RotatesOnceTheLimitIsPassed)
+{
+    std::ofstream(m_path) << std::string(999, '-') << '\n';
+    std::ofstream(m_backup) << "older backup\n";
+    EXPECT_EQ(Open(1000 + 2 * 40), 1000);
+    const std::string text(40 - kStampLen - 1, 'x');
+    Write(text);
+    Write(text);
+    EXPECT_EQ(fs::file_size(m_path), 1080u); // at its limit, not beyond
+    Write(text);
+    EXPECT_EQ(fs::file_size(m_path), 0u);
+    EXPECT_EQ(fs::file_size(m_backup), 1120u);
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, 0u);
+    Write("next");
+    EXPECT_EQ(ReadLines(m_path), Lines{"next"});
+
+    EXPECT_EQ(Open(0), static_cast<long>(kStampLen + 5)); // the same path again: every line rotates
+    Write("first");
+    Write("second");
+    EXPECT_EQ(ReadLines(m_backup), Lines{"second"});
+    EXPECT_EQ(ReadFile(m_path), "");
+}
+
+TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone)
+{
+    ASSERT_EQ(Open(1000000), 0);
+    for (const char *szZone : {"UTC0", "XXX-5:30", "UTC0"}) {
+        setenv("TZ", szZone, 1);
+        // The zone shows within a second.
+        EXPECT_TRUE(test::WaitUntil([&] {
+            const time_t nNow = time(nullptr) + (szZone[0] == 'X' ? 19800 : 0);
+            struct tm tNow;
+            gmtime_r(&nNow, &tNow);
+            char achStamp[32];
+            strftime(achStamp, sizeof(achStamp), "[%Y/%m/%d %H:%M:%S ] ", &tNow);
+            Write("now");
+            const std::string content = ReadFile(m_path);
+            return content.substr(content.size() - kStampLen - 4) ==
+                   std::string(achStamp) + "now\n";
+        })) << szZone;
+    }
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(FileLog, StreamsAreCloseOnExec)
+{
+    ASSERT_EQ(Open(0), 0);
+    EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
+    Write("rotates");
+    EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(FileLog, VanishedDirectoryStopsTheFileOnly)
+{
+    const long nDescriptors = fault::OpenDescriptors();
+    ASSERT_EQ(Open(10), 0);
+    fs::remove_all(m_dir);
+    Write("the line that rotates");
+    EXPECT_EQ(Stream(), nullptr);
+    Write("goes nowhere");
+    EXPECT_EQ(fault::OpenDescriptors(), nDescriptors);
+    EXPECT_EQ(Open(10), -1); // silently
+    fs::create_directory(m_dir);
+    EXPECT_EQ(Open(1000), 0);
+    Write("again");
+    EXPECT_EQ(ReadLines(m_path), Lines{"again"});
+    m_path = m_dir / "missing" / "file"; // a failed open closes the old file
+    EXPECT_EQ(Open(10), -1);
+    EXPECT_EQ(Stream(), nullptr);
+}
+
+TEST_F(FileLog, FullDiskLeavesWholeLines)
+{
+    ASSERT_EQ(Open(100000), 0);
+    Write("before");
+    struct rlimit tOld;
+    getrlimit(RLIMIT_FSIZE, &tOld);
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit tSmall = tOld;
+    tSmall.rlim_cur = 200;
+    setrlimit(RLIMIT_FSIZE, &tSmall);
+    for (int i = 0; i < 9; ++i)
+        Write("a line that does not fit any more, soon");
+    Write("fits");
+    setrlimit(RLIMIT_FSIZE, &tOld);
+    signal(SIGXFSZ, SIG_DFL);
+    Write("after");
+    // 30 bytes and twice 63; a third would end at 219, where "fits" ends at 184.
+    const std::string line = "a line that does not fit any more, soon";
+    EXPECT_EQ(ReadLines(m_path), (Lines{"before", line, line, "fits", "after"}));
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+}
+
+TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal)
+{
+    ASSERT_EQ(Open(1000), 0);
+    fault::Fail fail(fault::Fn::writev, 2, EINTR, 2);
+    Write("one");
+    Write("two");
+    EXPECT_EQ(fail.Calls(), 4u);
+    fault::Fail full(fault::Fn::writev, 1, ENOSPC);
+    Write("lost");
+    Write("three");
+    EXPECT_EQ(ReadLines(m_path), (Lines{"one", "two", "three"}));
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+}
+
+// File and backup together hold, for each thread, its last lines without a gap.
+TEST_F(FileLog, EightWritersLoseNothingBetweenFileAndBackup)
+{
+    constexpr unsigned kThreads = 8;
+    constexpr unsigned kLines = test::Scaled(1000000) / kThreads;
+    constexpr uint32_t kLimit = 100000;
+    ASSERT_EQ(Open(kLimit), 0);
+    test::RunThreads(kThreads, [&](unsigned nThread) {
+        for (unsigned i = 0; i < kLines; ++i)
+            AppLogFile(kChannel, APP_LOG_ALWAYS, "%u %u end\n", nThread, i);
+    });
+    Lines lines = ReadLines(m_backup);
+    EXPECT_GT(fs::file_size(m_backup), kLimit);
+    for (const std::string &line : ReadLines(m_path))
+        lines.push_back(line);
+    unsigned anNext[kThreads] = {};
+    for (const std::string &line : lines) {
+        unsigned nThread = kThreads, nLine = 0;
+        ASSERT_EQ(sscanf(line.c_str(), "%u %u", &nThread, &nLine), 2) << line;
+        ASSERT_LT(nThread, kThreads);
+        ASSERT_EQ(line, Text("%u %u end", nThread, nLine));
+        ASSERT_TRUE(anNext[nThread] == 0 || nLine == anNext[nThread]) << line;
+        anNext[nThread] = nLine + 1;
+    }
+    for (const unsigned nNext : anNext)
+        EXPECT_TRUE(nNext == kLines || nNext == 0);
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+}
+
+TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite)
+{
+    StdoutCapture output;
+    test::RunThreads(4, [&](unsigned nThread) {
+        for (unsigned i = 0; i < 300; ++i)
+            if (nThread != 0)
+                Write("line");
+            else if (i % 3 == 2)
+                AppCloseFileLog(kChannel);
+            else
+                AppSetFileLog(kChannel, m_path.c_str(), 1000);
+    });
+    for (const fs::path &path : {m_path, m_backup})
+        for (const std::string &line : ReadLines(path))
+            EXPECT_EQ(line, "line");
+}

@@ -1,0 +1,435 @@
+// SPDX-License-Identifier: MIT
+#include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <functional>
+#include <thread>
+
+#include "appcore/appcore.h"
+#include "cross_linux/cross_linux.h"
+#include "support/expect.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+using fault::Fn;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using test::LogCapture;
+using test::Text;
+
+namespace
+{
+
+HAppLock CreateLock(uint32_t dwMax, uint32_t dwInit, uint32_t dwType = APP_LOCK_TYPE_SEM)
+{
+    HAppLock hLock = nullptr;
+    EXPECT_CODE(APP_OK, AppLockCreate(nullptr, dwMax, dwInit, dwType, &hLock));
+    return hLock;
+}
+
+// Units that can be had without waiting; they are given back.
+uint32_t CountUnits(HAppLock hLock)
+{
+    uint32_t dwUnits = 0;
+    while (AppLockTakeByTime(hLock, 1) == APP_OK)
+        ++dwUnits;
+    for (uint32_t i = 0; i < dwUnits; ++i)
+        EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    return dwUnits;
+}
+
+uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout)
+{
+    uint32_t dwResult = 0;
+    std::thread([&] { dwResult = AppLockTakeByTime(hLock, dwTimeout); }).join();
+    return dwResult;
+}
+
+// A take in a thread of its own, which has gone to sleep when the constructor ends.  What it took
+// it gives back.
+class SleepingTaker
+{
+public:
+    SleepingTaker(HAppLock hLock, uint32_t dwTimeout)
+        : m_waits(std::vector<Fn>{Fn::pthread_cond_timedwait, Fn::pthread_mutex_clocklock,
+                                  Fn::pthread_mutex_timedlock},
+                  0, 0, 1, fault::kEveryThread),
+          m_thread([=] {
+              m_dwResult = AppLockTakeByTime(hLock, dwTimeout);
+              if (m_dwResult == APP_OK)
+                  AppLockGive(hLock);
+              m_bDone = true;
+          })
+    {
+        EXPECT_TRUE(test::WaitUntil([&] { return m_waits.Calls() > 0 || m_bDone; }));
+    }
+    uint32_t Join()
+    {
+        m_thread.join();
+        return m_dwResult;
+    }
+    bool Done() const { return m_bDone; }
+
+private:
+    fault::Fail m_waits;
+    std::atomic<bool> m_bDone{false};
+    uint32_t m_dwResult = 0;
+    std::thread m_thread;
+};
+
+} // namespace
+
+// ---- Locks ----------------------------------------------------------------------------------
+
+TEST(Lock, CreateChecksAndClampsItsCounts)
+{
+    const auto hUntouched = reinterpret_cast<HAppLock>(16);
+    struct {
+        uint32_t dwMax, dwInit, dwType, dwResult, dwUnits;
+    } const rows[] = {
+        {0, 0, APP_LOCK_TYPE_SEM, APP_INVALID_ARG, 0},
+        {0, 0, APP_LOCK_TYPE_RECURSIVE, APP_INVALID_ARG, 0},
+        {2, 1, APP_LOCK_TYPE_RECURSIVE, APP_INVALID_ARG, 0},
+        {1, 1, APP_LOCK_TYPE_SEM, APP_OK, 1},
+        {3, 5, APP_LOCK_TYPE_SEM, APP_OK, 3},
+        {3, 0, APP_LOCK_TYPE_SEM, APP_OK, 0},
+        {5, 2, 7, APP_OK, 2}, // any other type
+        {4294967295u, 2, APP_LOCK_TYPE_SEM, APP_OK, 2},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(Text("max %u init %u type %u", row.dwMax, row.dwInit, row.dwType));
+        HAppLock hLock = hUntouched;
+        ASSERT_CODE(row.dwResult,
+                    AppLockCreate(nullptr, row.dwMax, row.dwInit, row.dwType, &hLock));
+        if (row.dwResult != APP_OK) {
+            EXPECT_EQ(hLock, hUntouched);
+            continue;
+        }
+        EXPECT_EQ(CountUnits(hLock), row.dwUnits);
+        AppLockDestroy(hLock);
+    }
+    EXPECT_CODE(APP_INVALID_ARG, AppLockCreate(nullptr, 1, 1, APP_LOCK_TYPE_SEM, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppLockTakeByTime(nullptr, 0));
+    EXPECT_CODE(APP_INVALID_ARG, AppLockGive(nullptr));
+    AppLockDestroy(nullptr);
+}
+
+TEST(Lock, EveryFailedCreationLeavesNothing)
+{
+    for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
+        LogCapture log;
+        unsigned nFaults = 0;
+        HAppLock hLock;
+        fault::Sweep(
+            {Fn::malloc, Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype,
+             Fn::pthread_mutex_init, Fn::pthread_condattr_init, Fn::pthread_condattr_setclock,
+             Fn::pthread_cond_init},
+            [&] {
+                hLock = reinterpret_cast<HAppLock>(16);
+                const uint32_t dwResult = AppLockCreate(nullptr, 1, 1, dwType, &hLock);
+                if (dwResult == APP_OK)
+                    AppLockDestroy(hLock);
+                return dwResult;
+            },
+            [&](uint32_t dwResult) {
+                EXPECT_CODE(++nFaults == 1 ? APP_NO_RESOURCE : APP_FAILED, dwResult);
+                EXPECT_EQ(hLock, nullptr);
+            });
+        EXPECT_GE(nFaults, 3u);
+        // The lock itself says nothing; the line is the allocation's.
+        EXPECT_EQ(log.Lines().size(), 1u);
+    }
+}
+
+TEST(Lock, GivesAtTheCeilingAreAbsorbed)
+{
+    for (const uint32_t dwMax : {1u, 3u}) {
+        HAppLock hLock = CreateLock(dwMax, dwMax - 1);
+        for (int i = 0; i < 5; ++i)
+            EXPECT_CODE(APP_OK, AppLockGive(hLock));
+        EXPECT_EQ(CountUnits(hLock), dwMax);
+        AppLockDestroy(hLock);
+    }
+}
+
+// 1200 ms is beyond the slice in which the library sleeps.
+TEST(Lock, TimeoutsAreNotEarlierThanAsked)
+{
+    HAppLock hEmpty = CreateLock(1, 0);
+    HAppLock hHeld = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE);
+    for (const uint32_t dwTimeout : {1u, 50u, 1200u}) {
+        auto start = steady_clock::now();
+        EXPECT_CODE(APP_TIMEOUT, AppLockTakeByTime(hEmpty, dwTimeout));
+        EXPECT_GE(test::ElapsedMs(start), dwTimeout);
+        start = steady_clock::now();
+        EXPECT_CODE(APP_TIMEOUT, TakeInOtherThread(hHeld, dwTimeout));
+        EXPECT_GE(test::ElapsedMs(start) + 1, dwTimeout); // the wall clock, where there is no other
+    }
+    AppLockGive(hHeld);
+    AppLockDestroy(hHeld);
+    AppLockDestroy(hEmpty);
+}
+
+TEST(Lock, LongTimeoutsDoNotWrap)
+{
+    for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE})
+        for (const uint32_t dwTimeout : {2147483u, 604800000u, 2147483648u, 4294967295u}) {
+            SCOPED_TRACE(dwTimeout);
+            HAppLock hLock = CreateLock(1, 0, dwType);
+            SleepingTaker taker(hLock, dwTimeout);
+            std::this_thread::sleep_for(milliseconds(5));
+            EXPECT_FALSE(taker.Done());
+            EXPECT_CODE(APP_OK, AppLockGive(hLock));
+            EXPECT_CODE(APP_OK, taker.Join());
+            AppLockDestroy(hLock);
+        }
+}
+
+TEST(Lock, RecursiveIsGivenAsOftenAsTaken)
+{
+    HAppLock hLock = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE); // starts held
+    EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 0));
+    EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 5));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_CODE(APP_TIMEOUT, TakeInOtherThread(hLock, 2));
+        EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    }
+    std::thread([&] {
+        EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1000));
+        AppLockGive(hLock);
+    }).join();
+    AppLockDestroy(hLock);
+}
+
+TEST(Lock, RecursiveTriesAgainAfterErrorsButNotForEver)
+{
+    const std::vector<Fn> locks{Fn::pthread_mutex_clocklock, Fn::pthread_mutex_timedlock};
+    for (const unsigned nTimes : {99u, 100u}) {
+        HAppLock hLock = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE);
+        std::thread([&] {
+            fault::Fail fail(locks, 1, EAGAIN, nTimes);
+            EXPECT_CODE(APP_TIMEOUT, AppLockTakeByTime(hLock, 1));
+            EXPECT_EQ(fail.Calls(), 100u); // number 100 really waits, or fails too
+        }).join();
+        AppLockGive(hLock);
+        AppLockDestroy(hLock);
+    }
+}
+
+TEST(Lock, RefusedSignalGivesNothing)
+{
+    HAppLock hLock = CreateLock(2, 0);
+    SleepingTaker taker(hLock, 0);
+    {
+        fault::Fail fail(Fn::pthread_cond_signal, 1, EINVAL);
+        EXPECT_CODE(APP_FAILED, AppLockGive(hLock));
+    }
+    EXPECT_CODE(APP_TIMEOUT, AppLockTakeByTime(hLock, 1));
+    EXPECT_FALSE(taker.Done());
+    EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    EXPECT_CODE(APP_OK, taker.Join());
+    AppLockDestroy(hLock);
+}
+
+// The one unit given goes to whoever is left, also when the signal met a taker that gave up.
+TEST(Lock, SignalOfATimedOutTakerIsPassedOn)
+{
+    constexpr unsigned kRounds = test::Scaled(300) + 50;
+    HAppLock hLock = CreateLock(2, 0);
+    unsigned nLate = 0;
+    for (unsigned i = 0; i < kRounds; ++i) {
+        uint32_t dwShort = 0;
+        std::thread patient([&] { EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 0)); });
+        std::thread hasty([&] { dwShort = AppLockTakeByTime(hLock, 1); });
+        std::this_thread::sleep_for(std::chrono::microseconds(900 + i % 400));
+        EXPECT_CODE(APP_OK, AppLockGive(hLock));
+        hasty.join();
+        const auto start = steady_clock::now();
+        if (dwShort == APP_OK)
+            AppLockGive(hLock);
+        patient.join();
+        nLate += test::ElapsedMs(start) > 500;
+    }
+    EXPECT_EQ(CountUnits(hLock), 0u);
+    EXPECT_LE(nLate, kRounds / 20) << "waiters sleep beside a unit until their slice ends";
+    AppLockDestroy(hLock);
+}
+
+// A wake-up whose unit somebody else took must not end a sleeper's waiting, and gives in quick
+// succession must reach every sleeper.
+TEST(Lock, EveryGiveReachesASleeper)
+{
+    constexpr unsigned kThreads = 6;
+    constexpr unsigned kTakes = test::Scaled(20000) / kThreads;
+    constexpr unsigned kPause = 31; // gives between two pauses, in which the takers fall asleep
+    HAppLock hLock = CreateLock(4294967295u, 0);
+    std::atomic<unsigned> nTaken{0};
+    unsigned nLate = 0;
+    test::RunThreads(kThreads + 1, [&](unsigned nThread) {
+        for (unsigned i = 0; nThread < kThreads && i < kTakes; ++i, ++nTaken)
+            EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, i % 2 ? 0 : 1000000));
+        for (unsigned i = 1; nThread == kThreads && i <= kThreads * kTakes; ++i) {
+            EXPECT_CODE(APP_OK, AppLockGive(hLock));
+            const auto start = steady_clock::now();
+            EXPECT_TRUE(i % kPause != 0 || test::WaitUntil([&] { return nTaken == i; }));
+            nLate += test::ElapsedMs(start) > 500;
+        }
+    });
+    EXPECT_EQ(nTaken.load(), kThreads * kTakes);
+    EXPECT_EQ(CountUnits(hLock), 0u);
+    EXPECT_LE(nLate, kThreads * kTakes / kPause / 20) << "takers sleep beside a unit";
+    AppLockDestroy(hLock);
+}
+
+// The giver's last touch of a record is its give: who takes may destroy and release at once.
+TEST(Lock, MayBeDestroyedRightAfterAHandOver)
+{
+    constexpr unsigned kRounds = test::Scaled(40000);
+    std::atomic<HAppLock> hShared{nullptr};
+    std::atomic<bool> bEnd{false};
+    std::thread giver([&] {
+        for (unsigned i = 0; !bEnd; ++i) {
+            HAppLock hLock = hShared.exchange(nullptr);
+            if (!hLock)
+                std::this_thread::yield();
+            else
+                AppLockGive(hLock);
+        }
+    });
+    for (unsigned i = 0; i < kRounds; ++i) {
+        HAppLock hLock = CreateLock(1, 0);
+        hShared = hLock;
+        for (unsigned nSpin = 0; nSpin < i % 64 * 8; ++nSpin) // asleep, about to sleep, or late
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        ASSERT_CODE(APP_OK, AppLockTakeByTime(hLock, i % 2 ? 0 : 60000));
+        AppLockDestroy(hLock);
+    }
+    bEnd = true;
+    giver.join();
+}
+
+TEST(Lock, ExcludesEightThreads)
+{
+    constexpr unsigned kThreads = 8;
+    constexpr unsigned kTakes = test::Scaled(1000000) / kThreads;
+    for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
+        HAppLock hLock = CreateLock(1, 1, dwType);
+        unsigned nInside = 0, nSum = 0, nMissed = 0; // guarded by the lock
+        test::RunThreads(kThreads, [&](unsigned nThread) {
+            unsigned nTimeouts = 0;
+            for (unsigned i = 0; i < kTakes; ++i) {
+                const uint32_t dwTimeout = (i + nThread) % 3 ? 0 : 1;
+                if (AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
+                    ++nTimeouts;
+                    continue;
+                }
+                if (dwType == APP_LOCK_TYPE_RECURSIVE && i % 16 == 0) {
+                    EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1));
+                    AppLockGive(hLock);
+                }
+                ASSERT_EQ(++nInside, 1u);
+                ++nSum;
+                --nInside;
+                AppLockGive(hLock);
+            }
+            AppLockTakeByTime(hLock, 0);
+            nMissed += nTimeouts;
+            AppLockGive(hLock);
+        });
+        EXPECT_EQ(nSum + nMissed, kThreads * kTakes);
+        EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1)); // free again
+        AppLockGive(hLock);
+        AppLockDestroy(hLock);
+    }
+}
+
+// ---- Ticks and delays -----------------------------------------------------------------------
+
+TEST(Tick, CountsTenMilliseconds)
+{
+    struct {
+        uint32_t dwStart, dwEnd, dwDiff;
+    } const rows[] = {{5, 5, 0}, {0xFFFFFFF0, 0x10, 32}, {10, 5, 4294967291u}, {1, 4, 3}};
+    for (const auto &row : rows)
+        EXPECT_EQ(AppTickDiff(row.dwStart, row.dwEnd), row.dwDiff);
+    EXPECT_EQ(AppConvertTickToMS(100), 1000u);
+    EXPECT_EQ(AppConvertTickToMS(0x1999999A), 4u);
+
+    const auto before = steady_clock::now();
+    const uint32_t dwStart = AppGetTick();
+    const auto start = steady_clock::now();
+    AppDelay(0);
+    AppDelay(300);
+    const int64_t qnAtLeast = test::ElapsedMs(start);
+    const uint32_t dwElapsed = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
+    EXPECT_GE(qnAtLeast, 300);
+    // A reading is at most two ticks old.
+    EXPECT_GE(dwElapsed + 20, qnAtLeast);
+    EXPECT_LE(dwElapsed, test::ElapsedMs(before) + 20);
+}
+
+// ---- Threads --------------------------------------------------------------------------------
+
+static void *NoteThread(void *pvArg)
+{
+    pthread_attr_t tAttr;
+    int nDetached = -1;
+    pthread_getattr_np(pthread_self(), &tAttr);
+    pthread_attr_getdetachstate(&tAttr, &nDetached);
+    pthread_attr_destroy(&tAttr);
+    _AppThreadSetName("a name of 20 letters");
+    char achName[16] = "";
+    prctl(PR_GET_NAME, achName);
+    EXPECT_STREQ(achName, "a name of 20 le");
+    EXPECT_EQ(nDetached, PTHREAD_CREATE_DETACHED);
+    EXPECT_EQ(_AppThreadGetTID(), static_cast<int32_t>(syscall(SYS_gettid)));
+    EXPECT_NE(_AppThreadGetTID(), getpid());
+    _AppThreadExit(); // does nothing
+    ++*static_cast<std::atomic<int> *>(pvArg);
+    return nullptr;
+}
+
+TEST(Thread, CreationFallsBackToInheritedScheduling)
+{
+    const std::string invalid =
+        Text("[ERROR] %s: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n",
+             "_AppThreadCreate", EINVAL);
+    const std::string again =
+        Text("[ERROR] %s: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n",
+             "_AppThreadCreate", EAGAIN);
+    const std::string inherit = Text("[ERROR] %s: pthread_attr_setinheritsched:%s\n",
+                                     "_AppThreadCreate", "Operation not supported");
+    struct {
+        int nCreateError;
+        unsigned nCreateTimes;
+        unsigned nInheritNth, nInheritTimes; // which calls of setinheritsched fail
+        uint32_t dwStack, dwResult;
+        std::vector<std::string> lines;
+    } const rows[] = {
+        {0, 0, 0, 0, 256 * 1024, APP_OK, {}},
+        {0, 0, 0, 0, 1, APP_OK, {}}, // a stack size that is refused is not checked
+        {EAGAIN, 1, 0, 0, 65536, APP_FAILED, {again}},
+        {EINVAL, 1, 0, 0, 65536, APP_OK, {invalid}},
+        {EINVAL, 2, 0, 0, 65536, APP_FAILED, {invalid, invalid}},
+        {0, 0, 1, 1, 65536, APP_OK, {inherit}},
+        {EINVAL, 1, 2, 1, 65536, APP_FAILED, {invalid, inherit}},
+        {EINVAL, 1, 1, 2, 65536, APP_FAILED, {inherit, invalid, inherit}},
+    };
+    LogCapture log;
+    int nRow = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(nRow++);
+        std::atomic<int> nRan{0};
+        fault::Fail create(Fn::pthread_create, row.nCreateTimes ? 1 : 0, row.nCreateError,
+                           row.nCreateTimes);
+        fault::Fail inherit(Fn::pthread_attr_setinheritsched, row.nInheritNth, ENOTSUP,
+                            row.nInheritTimes);
+        EXPECT_CODE(row.dwResult, _AppThreadCreate(NoteThread, row.dwStack, &nRan));
+        log.ExpectLines(row.lines);
+        EXPECT_TRUE(test::WaitUntil([&] { return nRan == (row.dwResult == APP_OK); }));
+    }
+    fault::Fail attr(Fn::pthread_attr_init);
+    EXPECT_CODE(APP_FAILED, _AppThreadCreate(NoteThread, 65536, nullptr));
+}
