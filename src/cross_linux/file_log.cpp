@@ -59,6 +59,17 @@ void CloseStream(TAppFileLogInfo &tInfo)
         fclose(ptFile);
 }
 
+// Closes the old stream first, so that it works with the last free descriptor too, and yet leaves
+// no moment without one: a writer that sees none, without the mutex, drops its line.
+FILE *ReplaceStream(TAppFileLogInfo &tInfo, const char *szPath, const char *szMode)
+{
+    if (FILE *ptOld = tInfo.ptFile.load())
+        fclose(ptOld);
+    FILE *ptFile = OpenStream(szPath, szMode);
+    tInfo.ptFile.store(ptFile);
+    return ptFile;
+}
+
 // "[stamp] text" in one system call, with no copy of the text.
 void WriteLine(TAppFileLogInfo &tInfo, FILE *ptFile, const char *szText)
 {
@@ -93,9 +104,8 @@ void Rotate(TAppFileLogInfo &tInfo)
     char achBackup[APP_FILE_LOG_PATH_SIZE + 1]; // the longest path and the digit
     AppSnprintf(achBackup, sizeof(achBackup), "%s%d", tInfo.achFilePath, 1);
     tInfo.dwCurSize = 0;
-    CloseStream(tInfo);
     rename(tInfo.achFilePath, achBackup);
-    tInfo.ptFile.store(OpenStream(tInfo.achFilePath, "wbe"));
+    ReplaceStream(tInfo, tInfo.achFilePath, "wbe");
 }
 
 } // namespace
@@ -108,14 +118,12 @@ uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSi
     AppStrncpy(tInfo.achFilePath, szPath, sizeof(tInfo.achFilePath));
     tInfo.dwCurSize = 0;
     tInfo.dwMaxSize = dwMaxSize;
-    CloseStream(tInfo);
-    FILE *ptFile = OpenStream(szPath, "ab+e");
+    FILE *ptFile = ReplaceStream(tInfo, szPath, "ab+e");
     if (!ptFile)
         return 0;
     fseek(ptFile, 0, SEEK_END);
     const long nSize = ftell(ptFile);
     tInfo.dwCurSize = nSize > 0 ? static_cast<uint32_t>(nSize) : 0;
-    tInfo.ptFile.store(ptFile);
     *pdwCurSize = tInfo.dwCurSize;
     return 1;
 }
