@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -233,32 +234,34 @@ TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal)
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
 }
 
-// File and backup together hold, for each thread, its last lines without a gap.
-TEST_F(FileLog, EightWritersLoseNothingBetweenFileAndBackup)
+// Every full file is read right before it becomes the backup: together with the last one they hold
+// each thread's lines, whole and in order.
+TEST_F(FileLog, EightWritersLoseNothingInRotations)
 {
     constexpr unsigned kThreads = 8;
     constexpr unsigned kLines = test::Scaled(1000000) / kThreads;
-    constexpr uint32_t kLimit = 100000;
+    constexpr uint32_t kLimit = 20000;
+    unsigned anNext[kThreads] = {};
+    const auto CheckFile = [&] {
+        for (const std::string &line : ReadLines(m_path)) {
+            unsigned nThread = kThreads, nLine = 0;
+            ASSERT_EQ(sscanf(line.c_str(), "%u %u", &nThread, &nLine), 2) << line;
+            ASSERT_LT(nThread, kThreads);
+            ASSERT_EQ(nLine, anNext[nThread]++);
+            ASSERT_EQ(line, std::to_string(nThread) + " " + std::to_string(nLine) + " end");
+        }
+    };
     ASSERT_EQ(Open(kLimit), 0);
+    fault::Fail rotation(fault::Fn::rename, 1, 0, UINT_MAX, fault::kEveryThread);
+    rotation.Action(CheckFile); // under the channel's mutex
     test::RunThreads(kThreads, [&](unsigned nThread) {
         for (unsigned i = 0; i < kLines; ++i)
             AppLogFile(kChannel, APP_LOG_ALWAYS, "%u %u end\n", nThread, i);
     });
-    Lines lines = ReadLines(m_backup);
-    EXPECT_GT(fs::file_size(m_backup), kLimit);
-    for (const std::string &line : ReadLines(m_path))
-        lines.push_back(line);
-    unsigned anNext[kThreads] = {};
-    for (const std::string &line : lines) {
-        unsigned nThread = kThreads, nLine = 0;
-        ASSERT_EQ(sscanf(line.c_str(), "%u %u", &nThread, &nLine), 2) << line;
-        ASSERT_LT(nThread, kThreads);
-        ASSERT_EQ(line, Text("%u %u end", nThread, nLine));
-        ASSERT_TRUE(anNext[nThread] == 0 || nLine == anNext[nThread]) << line;
-        anNext[nThread] = nLine + 1;
-    }
+    CheckFile();
     for (const unsigned nNext : anNext)
-        EXPECT_TRUE(nNext == kLines || nNext == 0);
+        EXPECT_EQ(nNext, kLines);
+    EXPECT_GE(rotation.Hits(), kThreads * kLines * (kStampLen + 8) / (kLimit + 40));
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
 }
 

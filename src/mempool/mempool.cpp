@@ -2,6 +2,7 @@
 #include "mempool/mempool.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -71,9 +72,11 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 // The header of a block, or null with a line when the pointer is not one of ours.
 TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 {
-    TAppMemPoolHead *ptHead = static_cast<TAppMemPoolHead *>(pvData) - 1;
-    if (ptHead->dwMagic == APP_MEMPOOL_MAGIC)
-        return ptHead;
+    void *pvHead = static_cast<char *>(pvData) - kHead;
+    uint32_t dwMagic;
+    memcpy(&dwMagic, pvHead, sizeof(dwMagic)); // copied: a foreign pointer need not be aligned
+    if (dwMagic == APP_MEMPOOL_MAGIC)
+        return static_cast<TAppMemPoolHead *>(pvHead);
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: %p is not create by AppMemPool or Data corruption.\n",
            szOp, pvData);
     return nullptr;
