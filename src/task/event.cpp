@@ -17,14 +17,15 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
     if (!hTask)
         return APP_INVALID_ARG;
     uint32_t dwState;
+    bool bWake = false;
     {
         app::LockGuard guard(hTask->hLock, dwTimeout);
         if (!guard)
             return APP_TIMEOUT;
         dwState = app::Peek(hTask->dwState);
         if (app::AdmitsWork(dwState)) {
-            const uint32_t dwResult = app::PlaceEvent(hTask, event, nPriority, bForce);
-            if (dwResult != APP_OK)
+            const uint32_t dwResult = app::PlaceEvent(hTask, event, nPriority, bForce, &bWake);
+            if (dwResult != APP_OK || !bWake)
                 return dwResult;
             hTask->dwUsers.fetch_add(1, std::memory_order_relaxed);
         }
@@ -42,7 +43,7 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
 } // namespace
 
 uint32_t app::PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority,
-                         uint32_t bForce)
+                         uint32_t bForce, bool *pbWake)
 {
     static constexpr char szOp[] = "_AppTaskSendEvent";
     auto ptCopy = static_cast<TAppTaskEvent *>(
@@ -55,7 +56,7 @@ uint32_t app::PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t n
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", szOp, Ptr(ptTask),
               static_cast<int>(event.dwEventType), Ptr(event.pfnHandler), event.pvArg);
     const uint32_t dwResult = QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                         static_cast<int32_t>(bForce), "_AppQueueIn");
+                                         static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", szOp,
                static_cast<int>(dwResult));
@@ -72,8 +73,9 @@ void app::WakeTask(TAppTask *ptTask)
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
                            uint32_t bForce)
 {
-    const uint32_t dwResult = app::PlaceEvent(ptTask, *ptEvent, nPriority, bForce);
-    if (dwResult == APP_OK)
+    bool bWake = false;
+    const uint32_t dwResult = app::PlaceEvent(ptTask, *ptEvent, nPriority, bForce, &bWake);
+    if (bWake)
         app::WakeTask(ptTask);
     return dwResult;
 }

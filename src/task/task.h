@@ -183,10 +183,10 @@ inline bool DropUser(TAppTask *ptTask)
 // The same for those who came by: they give hExitLock for the thread that has left before them.
 void DropVisitor(TAppTask *ptTask);
 
-// _AppTaskSendEvent() that does not wake the task's thread yet: WakeTask() does, after the task's
-// lock has been given, so that the thread does not run into that lock.
+// _AppTaskSendEvent() that does not wake the task's thread yet: WakeTask() does, when `*pbWake`
+// says so, after the task's lock has been given, so that the thread does not run into that lock.
 uint32_t PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority,
-                    uint32_t bForce);
+                    uint32_t bForce, bool *pbWake);
 void WakeTask(TAppTask *ptTask);
 
 // A timer has been set; see timer_run.cpp.

@@ -1,4 +1,13 @@
 // SPDX-License-Identifier: MIT
+//
+// One critical section is enough to insert an element, and one to take it while nobody has to
+// sleep.  A consumer that finds nothing counts itself as a sleeper and sleeps on hCountLock.  The
+// next insertion makes one sleeper into a promise: it gives hCountLock one unit, and its element,
+// or whichever is first by then, stays in the queue until the woken consumer fetches it.  So
+// consumers inside AppQueueOut() that have found nothing are dwSleepers + dwPromised, whoever they
+// are.  One whose time is up leaves as a sleeper; when all have been promised an element meanwhile,
+// it takes its own.  A queue without hLock has nothing to guard these counts: there hCountLock
+// counts every element.
 #include "utils/queue.h"
 
 #include "appcore/mempool.h"
@@ -80,6 +89,54 @@ TAppQueueNode *UnlinkHead(HAppQueue hQueue)
     return ptNode;
 }
 
+// Under hLock: true when a consumer has to be woken for the element just placed.
+bool Promise(HAppQueue hQueue)
+{
+    if (!hQueue->hLock)
+        return true;
+    if (hQueue->dwSleepers == 0)
+        return false;
+    --hQueue->dwSleepers;
+    ++hQueue->dwPromised;
+    return true;
+}
+
+// The first element, unless all are promised: then the caller is a sleeper.
+TAppQueueNode *TakeFree(HAppQueue hQueue)
+{
+    if (!hQueue->hLock)
+        return nullptr;
+    app::LockGuard guard(hQueue->hLock);
+    if (hQueue->dwCurSize > hQueue->dwPromised)
+        return UnlinkHead(hQueue);
+    ++hQueue->dwSleepers;
+    return nullptr;
+}
+
+uint32_t AwaitPromise(HAppQueue hQueue, uint32_t dwTimeout)
+{
+    const uint32_t dwResult = AppLockTakeByTime(hQueue->hCountLock, dwTimeout);
+    if (dwResult == APP_OK || !hQueue->hLock)
+        return dwResult;
+    {
+        app::LockGuard guard(hQueue->hLock);
+        if (hQueue->dwSleepers > 0) {
+            --hQueue->dwSleepers;
+            return dwResult;
+        }
+    }
+    // Every consumer still here has been promised an element since: the unit is on its way.
+    return AppLockTakeByTime(hQueue->hCountLock, 0);
+}
+
+TAppQueueNode *TakePromised(HAppQueue hQueue)
+{
+    app::LockGuard guard(hQueue->hLock);
+    if (hQueue->hLock)
+        --hQueue->dwPromised;
+    return UnlinkHead(hQueue);
+}
+
 uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwNull)
 {
     if (!hQueue)
@@ -159,7 +216,7 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, co
 }
 
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                         const char *szOp)
+                         const char *szOp, bool *pbWake)
 {
     LockGuard guard(hQueue->hLock);
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
@@ -167,7 +224,10 @@ uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int3
                Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
         return APP_NO_RESOURCE;
     }
-    return InsertNode(hQueue, pvData, nPriority, szOp);
+    const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority, szOp);
+    if (dwResult == APP_OK)
+        *pbWake = Promise(hQueue);
+    return dwResult;
 }
 
 // The last touch: the consumer of the element may destroy the queue.
@@ -180,8 +240,9 @@ uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t 
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, __func__);
-    if (dwResult == APP_OK)
+    bool bWake = false;
+    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, __func__, &bWake);
+    if (bWake)
         app::QueueWake(hQueue);
     return dwResult;
 }
@@ -195,13 +256,12 @@ uint32_t AppQueueOut(HAppQueue hQueue, uint32_t dwTimeout, void **ppvData)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    const uint32_t dwResult = AppLockTakeByTime(hQueue->hCountLock, dwTimeout);
-    if (dwResult != APP_OK)
-        return dwResult;
-    TAppQueueNode *ptNode;
-    {
-        app::LockGuard guard(hQueue->hLock);
-        ptNode = UnlinkHead(hQueue);
+    TAppQueueNode *ptNode = TakeFree(hQueue);
+    if (!ptNode) {
+        const uint32_t dwResult = AwaitPromise(hQueue, dwTimeout);
+        if (dwResult != APP_OK)
+            return dwResult;
+        ptNode = TakePromised(hQueue);
     }
     if (ppvData)
         *ppvData = ptNode->pvData;

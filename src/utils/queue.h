@@ -20,12 +20,16 @@ struct TAppQueue {
     TAppQueueNode *ptTail; // meaningful only while ptHead is not null
     TAppQueueNode *ptHead;
     HAppLock hLock;      // guards the record; null for a queue without
-    HAppLock hCountLock; // counts the elements that no consumer has claimed; consumers sleep on it
+    HAppLock hCountLock; // consumers sleep on it; one unit for each element that is promised
     HAppMemPool hMemPool;
     uint32_t dwCurSize;
     uint32_t dwMaxSize; // for ordinary insertions; 0 is no limit
     uint32_t dwTopSize; // highest dwCurSize since creation or the last change of the maximum
     TAppQueueNode *ptLastLevel; // first node of the level that ptTail ends
+
+    // Of a queue with hLock: see queue.cpp.
+    uint32_t dwSleepers; // consumers that found nothing and have been promised nothing
+    uint32_t dwPromised; // elements that wait for a consumer which has been woken for them
 };
 
 extern "C" {
@@ -41,9 +45,10 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize);
 namespace app
 {
 // _AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
-// element is placed, and one consumer woken for it.  `szOp` stands in the messages.
+// element is placed, and QueueWake() wakes one consumer for it when `*pbWake` says so; otherwise
+// the queue must not be touched any more.  `szOp` stands in the messages.
 uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                    const char *szOp);
+                    const char *szOp, bool *pbWake);
 void QueueWake(HAppQueue hQueue);
 
 // Order, count and tail agree.  For tests; takes the queue's lock.
