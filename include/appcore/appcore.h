@@ -9,9 +9,11 @@
 
 #include "appcore/containers.h"
 #include "appcore/convert.h"
+#include "appcore/enum_str.h"
 #include "appcore/foundation.h"
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "appcore/share_action.h"
 #include "appcore/socket.h"
 #include "appcore/task.h"
 

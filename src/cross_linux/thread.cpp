@@ -1,37 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include <errno.h>
 #include <pthread.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "cross_linux/cross_linux.h"
+#include "cross_linux/error_text.h"
 #include "utils/rollback.h"
 
 namespace
 {
 
-// strerror() without its shared buffer.
-const char *ErrorText(int nError, char (&achText)[64])
-{
-    achText[0] = '\0';
-#if defined(__GLIBC__) && defined(_GNU_SOURCE)
-    return strerror_r(nError, achText, sizeof(achText));
-#else
-    strerror_r(nError, achText, sizeof(achText));
-    return achText;
-#endif
-}
-
 int SetInheritance(pthread_attr_t *ptAttr, int nInherit, const char *szOp)
 {
     const int nError = pthread_attr_setinheritsched(ptAttr, nInherit);
-    if (nError != 0) {
-        char achText[64];
+    if (nError != 0)
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: pthread_attr_setinheritsched:%s\n", szOp,
-               ErrorText(nError, achText));
-    }
+               app::ErrorText(nError).Text());
     return nError;
 }
 
