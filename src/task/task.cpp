@@ -111,24 +111,31 @@ void _AppTaskDestroy(TAppTask *ptTask)
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext)
 {
-    app::LockGuard guard(ptTask->hLock);
-    const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
-    if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,
-               app::Ul(dwMaxEvent));
-        return dwResult;
+    bool bWake = false;
+    {
+        app::LockGuard guard(ptTask->hLock);
+        const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
+        if (dwResult != APP_OK) {
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,
+                   app::Ul(dwMaxEvent));
+            return dwResult;
+        }
+        AppMemPoolFree(ptTask->szTaskName);
+        ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
+        app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
+        ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
+        ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
+        app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
+        ptTask->bClaimed = 0;
+        // The thread may be between a wait that has ended and its look at the idle time-out: for
+        // the new owner that time-out runs from now.
+        ptTask->dwLastEventTick = AppGetTick();
+        const TAppTaskEvent event = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
+                                     nullptr};
+        app::PlaceEvent(ptTask, event, APP_TASK_PRIORITY_REQUEST, 1, &bWake);
     }
-    AppMemPoolFree(ptTask->szTaskName);
-    ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
-    app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
-    ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
-    ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
-    app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    ptTask->bClaimed = 0;
-    // The thread may be between a wait that has ended and its look at the idle time-out: for the
-    // new owner that time-out runs from now.
-    ptTask->dwLastEventTick = AppGetTick();
-    const TAppTaskEvent event = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler, nullptr};
-    _AppTaskSendEvent(ptTask, &event, APP_TASK_PRIORITY_REQUEST, 1);
+    // The manager's lock, which is held here, keeps the record.
+    if (bWake)
+        app::WakeTask(ptTask);
     return APP_OK;
 }
