@@ -73,6 +73,34 @@ std::string Drain(HAppQueue hQueue)
     return text;
 }
 
+// Every failed creation is logged, leaves nothing and gives null.  `nLocks` locks follow the
+// record, each with its own record, mutex and condition.
+template <typename Handle, typename Create, typename Destroy>
+void SweepCreation(const std::string &name, unsigned nLocks, Create create, Destroy destroy)
+{
+    LogCapture log;
+    Handle handle;
+    unsigned nFaults = 0;
+    fault::Sweep(
+        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
+        [&] {
+            handle = reinterpret_cast<Handle>(16);
+            const uint32_t dwResult = create(&handle);
+            if (dwResult == APP_OK)
+                destroy(handle, nullptr, nullptr);
+            return dwResult;
+        },
+        [&](uint32_t dwResult) {
+            const bool bMemory = ++nFaults == 1 || nFaults % 3 == 2;
+            EXPECT_CODE(bMemory ? APP_NO_RESOURCE : APP_FAILED, dwResult);
+            EXPECT_EQ(handle, nullptr);
+            const std::string failed = nFaults == 1 ? "AppMemPoolMalloc failed"
+                                                    : Text("AppLockCreate failed %u", dwResult);
+            EXPECT_EQ(log.Lines().back(), "[ERROR] " + name + ": " + failed + "\n");
+        });
+    EXPECT_EQ(nFaults, 1 + 3 * nLocks);
+}
+
 // Size, maximum, top mark.
 void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwTop)
 {
@@ -155,10 +183,8 @@ TEST(DoubleList, RefusesWhatItCannotHold)
     HAppDoubleListNode hNode = hA;
     EXPECT_CODE(APP_NO_RESOURCE, AppDoubleListInsertAfter(hList, hA, El('x'), &hNode));
     EXPECT_CODE(APP_NO_RESOURCE, AppDoubleListInsertBefore(hList, hA, El('x'), &hNode));
-    log.ExpectLines({Text("[ERROR] %s: List full. cur size: %lu max size: %lu\n",
-                          "AppDoubleListInsertAfter", 2ul, 2ul),
-                     Text("[ERROR] %s: List full. cur size: %lu max size: %lu\n",
-                          "AppDoubleListInsertBefore", 2ul, 2ul)});
+    log.ExpectLines({"[ERROR] AppDoubleListInsertAfter: List full. cur size: 2 max size: 2\n",
+                     "[ERROR] AppDoubleListInsertBefore: List full. cur size: 2 max size: 2\n"});
     EXPECT_EQ(hNode, hA);
     EXPECT_EQ(Walk(hList), "ab");
     AppDoubleListDestroy(hList, nullptr, nullptr);
@@ -167,50 +193,21 @@ TEST(DoubleList, RefusesWhatItCannotHold)
 
 TEST(DoubleList, FaultsLeaveItUnchanged)
 {
+    SweepCreation<HAppDoubleList>(
+        "AppDoubleListCreate", 1,
+        [](HAppDoubleList *phList) { return AppDoubleListCreate(nullptr, 0, 1, phList); },
+        AppDoubleListDestroy);
     LogCapture log;
-    HAppDoubleList hList;
-    unsigned nFaults = 0;
-    fault::Sweep(
-        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
-        [&] {
-            hList = reinterpret_cast<HAppDoubleList>(16);
-            const uint32_t dwResult = AppDoubleListCreate(nullptr, 0, 1, &hList);
-            if (dwResult == APP_OK)
-                AppDoubleListDestroy(hList, nullptr, nullptr);
-            return dwResult;
-        },
-        [&](uint32_t dwResult) {
-            EXPECT_CODE(++nFaults <= 2 ? APP_NO_RESOURCE : APP_FAILED, dwResult);
-            EXPECT_EQ(hList, nullptr);
-            EXPECT_EQ(log.Lines().back(),
-                      nFaults == 1
-                          ? Text("[ERROR] %s: AppMemPoolMalloc failed\n", "AppDoubleListCreate")
-                          : Text("[ERROR] %s: AppLockCreate failed %d\n", "AppDoubleListCreate",
-                                 static_cast<int>(dwResult)));
-        });
-    hList = CreateList();
-    HAppDoubleListNode hA = Append(hList, 'a');
-    for (const bool bAfter : {true, false}) {
-        const auto Insert = bAfter ? AppDoubleListInsertAfter : AppDoubleListInsertBefore;
-        HAppDoubleListNode hNode = nullptr;
-        EXPECT_EQ(1u, fault::Sweep(
-                          {Fn::malloc},
-                          [&] {
-                              const uint32_t dwResult = Insert(hList, hA, El('x'), &hNode);
-                              if (dwResult == APP_OK)
-                                  AppDoubleListRemove(hList, hNode, nullptr);
-                              return dwResult;
-                          },
-                          [&](uint32_t dwResult) {
-                              EXPECT_CODE(APP_NO_RESOURCE, dwResult);
-                              EXPECT_EQ(hNode, nullptr);
-                              EXPECT_EQ(Walk(hList), "a");
-                              EXPECT_EQ(log.Lines().back(),
-                                        Text("[ERROR] %s: AppMemPoolMalloc failed\n",
-                                             bAfter ? "AppDoubleListInsertAfter"
-                                                    : "AppDoubleListInsertBefore"));
-                          }));
+    HAppDoubleList hList = CreateList();
+    HAppDoubleListNode hNode = Append(hList, 'a'), hUntouched = hNode;
+    for (const auto Insert : {AppDoubleListInsertAfter, AppDoubleListInsertBefore}) {
+        fault::Fail fail(Fn::malloc);
+        EXPECT_CODE(APP_NO_RESOURCE, Insert(hList, hNode, El('x'), &hUntouched));
+        EXPECT_EQ(hUntouched, hNode);
+        EXPECT_EQ(Walk(hList), "a");
     }
+    EXPECT_EQ(log.Count("[ERROR] AppDoubleListInsertAfter: AppMemPoolMalloc failed\n"), 1u);
+    EXPECT_EQ(log.Count("[ERROR] AppDoubleListInsertBefore: AppMemPoolMalloc failed\n"), 1u);
     AppDoubleListDestroy(hList, nullptr, nullptr);
 }
 
@@ -273,8 +270,7 @@ TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly)
     EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('a'), 0));
     EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('b'), 0, 0));
     EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('c'), 9));
-    log.ExpectLines(
-        {Text("[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", "_AppQueueIn", 2ul, 2ul)});
+    log.ExpectLines({"[ERROR] _AppQueueIn: Queue full. cur size: 2 max size: 2\n"});
     ExpectMarks(hQueue, 2, 2, 2);
     for (int ch = 'c'; ch < 'h'; ++ch)
         EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El(ch), 0, ch % 2 ? 1 : -1));
@@ -323,8 +319,7 @@ TEST(Queue, ArgumentsAndDefaults)
     AppQueueDestroy(nullptr, Note, nullptr);
     log.ExpectNone();
     HAppQueue hQueue = CreateQueue(0);
-    log.ExpectLines(
-        {Text("[ERROR] %s: change dwMaxSize(%u) ==> %u\n", "AppQueueCreate", 0u, 1048576u)});
+    log.ExpectLines({"[ERROR] AppQueueCreate: change dwMaxSize(0) ==> 1048576\n"});
     EXPECT_EQ(_AppQueueGetMaxSize(hQueue), APP_QUEUE_DEFAULT_MAX);
     void *pvData = El('u');
     EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 20, &pvData));
@@ -340,46 +335,18 @@ TEST(Queue, ArgumentsAndDefaults)
 
 TEST(Queue, FaultsLeaveCountAndRecordInStep)
 {
+    SweepCreation<HAppQueue>(
+        "AppQueueCreate", 2,
+        [](HAppQueue *phQueue) { return AppQueueCreate(nullptr, 5, 1, phQueue); }, AppQueueDestroy);
     LogCapture log;
-    HAppQueue hQueue;
-    unsigned nFaults = 0;
-    fault::Sweep(
-        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
-        [&] {
-            hQueue = reinterpret_cast<HAppQueue>(16);
-            const uint32_t dwResult = AppQueueCreate(nullptr, 5, 1, &hQueue);
-            if (dwResult == APP_OK)
-                AppQueueDestroy(hQueue, nullptr, nullptr);
-            return dwResult;
-        },
-        [&](uint32_t dwResult) {
-            // The record, then for each lock its record, mutex and condition.
-            EXPECT_CODE(++nFaults == 1 || nFaults % 3 == 2 ? APP_NO_RESOURCE : APP_FAILED,
-                        dwResult);
-            EXPECT_EQ(hQueue, nullptr);
-            EXPECT_EQ(log.Lines().back(),
-                      nFaults == 1 ? Text("[ERROR] %s: AppMemPoolMalloc failed\n", "AppQueueCreate")
-                                   : Text("[ERROR] %s: AppLockCreate failed %d\n", "AppQueueCreate",
-                                          static_cast<int>(dwResult)));
-        });
-    EXPECT_EQ(nFaults, 7u);
-
-    hQueue = CreateQueue();
+    HAppQueue hQueue = CreateQueue();
     AppQueueIn(hQueue, El('a'), 5);
-    fault::Sweep(
-        {Fn::malloc},
-        [&] {
-            const uint32_t dwResult = AppQueueIn(hQueue, El('x'), 9);
-            if (dwResult == APP_OK)
-                AppQueueOut(hQueue, 1, nullptr);
-            return dwResult;
-        },
-        [&](uint32_t dwResult) {
-            EXPECT_CODE(APP_NO_RESOURCE, dwResult);
-            EXPECT_EQ(log.Lines().back(),
-                      Text("[ERROR] %s: AppMemPoolMalloc failed\n", "_AppQueueIn"));
-            ExpectMarks(hQueue, 1, 100, 1);
-        });
+    {
+        fault::Fail fail(Fn::malloc);
+        EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 9));
+        EXPECT_EQ(log.Lines().back(), "[ERROR] _AppQueueIn: AppMemPoolMalloc failed\n");
+        ExpectMarks(hQueue, 1, 100, 1);
+    }
     EXPECT_EQ(Drain(hQueue), "a");
     EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr)); // no unit was given for the failure
     AppQueueDestroy(hQueue, nullptr, nullptr);

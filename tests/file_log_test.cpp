@@ -118,8 +118,7 @@ TEST_F(FileLog, PathsUpTo127CharactersAreTaken)
     EXPECT_EQ(AppSetFileLog(kChannel, nullptr, 10), 0u);
     log.ExpectNone();
     EXPECT_EQ(AppSetFileLog(kChannel, (longest + "1").c_str(), 10), 0u);
-    log.ExpectLines(
-        {Text("[ERROR] %s: Filepath is limited under %lu digits.\n", "AppSetFileLog", 128ul)});
+    log.ExpectLines({"[ERROR] AppSetFileLog: Filepath is limited under 128 digits.\n"});
     EXPECT_EQ(output.End(), "");
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].achFilePath, longest);
     EXPECT_NE(Stream(), nullptr);

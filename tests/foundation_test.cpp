@@ -255,62 +255,55 @@ TEST(String, HashIsTheAgreedOne)
 
 // ---- Dump -----------------------------------------------------------------------------------
 
-static std::vector<std::string> DumpPieces(const uint8_t *pbyData, uint32_t dwLen)
+static const char kDumped[] = "0123456789ABCDEF \x7F!~\t"
+                              "abcdefghijklmnop";
+
+static std::string FullDump(uint32_t dwLen)
 {
-    std::vector<std::string> pieces{
-        Text("ADDR:%p SIZE:%u(%xh)\n", (const void *)pbyData, dwLen, dwLen)};
-    for (uint32_t i = 0; i < dwLen; ++i) {
-        if (i % 16 == 0)
-            pieces.push_back(Text("%8xh: ", i));
-        pieces.push_back(Text("%02X ", pbyData[i]));
-        if (i % 16 != 15 && i != dwLen - 1)
-            continue;
-        for (uint32_t j = i % 16; j < 15; ++j)
-            pieces.push_back("   ");
-        pieces.push_back(" | ");
-        for (uint32_t j = i - i % 16; j <= i; ++j)
-            pieces.push_back(
-                std::string(1, pbyData[j] > 32 && pbyData[j] < 127 ? (char)pbyData[j] : '.'));
-        pieces.push_back("\n");
+    static const char *const aszRows[] = {
+        "       0h: 30 31 32 33 34 35 36 37 38 39 41 42 43 44 45 46  | 0123456789ABCDEF\n",
+        "      10h: 20 7F 21 7E 09 61 62 63 64 65 66 67 68 69 6A 6B  | ..!~.abcdefghijk\n",
+        "      20h: 6C 6D 6E 6F 70 00                                | lmnop.\n"};
+    std::string text =
+        Text("ADDR:%p SIZE:%u(%xh)\n", static_cast<const void *>(kDumped), dwLen, dwLen);
+    for (uint32_t dwStart = 0; dwStart < dwLen; dwStart += 16) {
+        std::string row = aszRows[dwStart / 16];
+        for (uint32_t i = dwLen - dwStart; i < 16; ++i)
+            row.replace(11 + 3 * i, 3, "   ");
+        text += dwLen - dwStart < 16 ? row.substr(0, 62 + dwLen - dwStart) + "\n" : row;
     }
-    return pieces;
+    return text;
 }
 
-TEST(Dump, RowsAreAligned)
+// Whether a piece of the dump ends there.
+static bool EndsPiece(const std::string &text, size_t nEnd)
 {
-    const char *szData = "0123456789ABCDEF ";
-    char achText[512];
-    const auto pbyData = reinterpret_cast<const uint8_t *>(szData);
-    const std::string expected =
-        Text("ADDR:%p SIZE:17(11h)\n", (const void *)szData) +
-        "       0h: 30 31 32 33 34 35 36 37 38 39 41 42 43 44 45 46  | 0123456789ABCDEF\n"
-        "      10h: 20 " +
-        std::string(45, ' ') + " | .\n";
-    EXPECT_EQ(AppDumpMem(pbyData, 17, achText, sizeof(achText)), (int32_t)expected.size());
-    EXPECT_EQ(achText, expected);
+    const size_t nHeader = text.find('\n') + 1;
+    if (nEnd <= nHeader)
+        return nEnd == nHeader || nEnd == 0;
+    const size_t nColumn = (nEnd - nHeader) % 79; // of a full row
+    return nColumn == 0 || nColumn >= 62 ||
+           (nColumn >= 11 && nColumn <= 59 && (nColumn - 11) % 3 == 0);
 }
 
 TEST(Dump, EndsAfterItsLastWholePieceAtEverySize)
 {
-    uint8_t abyData[37];
-    for (unsigned i = 0; i < sizeof(abyData); ++i)
-        abyData[i] = static_cast<uint8_t>(28 + i * 7);
-    for (const uint32_t dwLen : {1u, 15u, 16u, 17u, 32u, 37u}) {
-        const std::vector<std::string> pieces = DumpPieces(abyData, dwLen);
-        std::string fits;
-        size_t nNext = 0;
-        for (uint32_t dwSize = 1; dwSize < 400; ++dwSize) {
-            while (nNext < pieces.size() && fits.size() + pieces[nNext].size() < dwSize)
-                fits += pieces[nNext++];
-            std::unique_ptr<char[]> buffer(new char[dwSize]);
-            ASSERT_EQ(AppDumpMem(abyData, dwLen, buffer.get(), dwSize), (int32_t)fits.size());
-            ASSERT_EQ(buffer.get(), fits) << "size " << dwSize;
+    const auto pbyData = reinterpret_cast<const uint8_t *>(kDumped);
+    for (const uint32_t dwLen : {1u, 15u, 16u, 17u, 32u, 38u}) {
+        const std::string full = FullDump(dwLen);
+        size_t nFits = 0;
+        for (uint32_t dwSize = 1; dwSize < full.size() + 5; ++dwSize) {
+            nFits = dwSize <= full.size() + 1 && EndsPiece(full, dwSize - 1) ? dwSize - 1 : nFits;
+            std::unique_ptr<char[]> buffer(new char[dwSize]); // guarded by the address sanitizer
+            ASSERT_EQ(AppDumpMem(pbyData, dwLen, buffer.get(), dwSize),
+                      static_cast<int32_t>(nFits));
+            ASSERT_EQ(buffer.get(), full.substr(0, nFits)) << "size " << dwSize;
         }
     }
     char achText[4] = "###";
     EXPECT_EQ(AppDumpMem(nullptr, 1, achText, 4), 0);
-    EXPECT_EQ(AppDumpMem(abyData, 0, achText, 4), 0);
-    EXPECT_EQ(AppDumpMem(abyData, 1, achText, 0), 0);
-    EXPECT_EQ(AppDumpMem(abyData, 1, nullptr, 4), 0);
+    EXPECT_EQ(AppDumpMem(pbyData, 0, achText, 4), 0);
+    EXPECT_EQ(AppDumpMem(pbyData, 1, achText, 0), 0);
+    EXPECT_EQ(AppDumpMem(pbyData, 1, nullptr, 4), 0);
     EXPECT_STREQ(achText, "###");
 }

@@ -5,6 +5,8 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <algorithm>
+
 #include "appcore/host.h"
 #include "utils/log.h"
 
@@ -70,19 +72,27 @@ LogCapture::~LogCapture()
     g_byAppLogLevel[0].store(m_byThreshold);
 }
 
+void LogCapture::Name(const void *pv, const char *szName)
+{
+    std::lock_guard<std::mutex> guard(m_mutex);
+    m_names.insert(m_names.begin(), {Text("%p", pv), szName}); // an address may be used again
+}
+
 std::vector<std::string> LogCapture::Lines() const
 {
     std::lock_guard<std::mutex> guard(m_mutex);
-    return m_lines;
+    std::vector<std::string> lines = m_lines;
+    for (std::string &line : lines)
+        for (const auto &[address, name] : m_names)
+            for (size_t n; (n = line.find(address)) != std::string::npos;)
+                line.replace(n, address.size(), name);
+    return lines;
 }
 
 size_t LogCapture::Count(const std::string &line) const
 {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    size_t nCount = 0;
-    for (const std::string &each : m_lines)
-        nCount += each == line;
-    return nCount;
+    const std::vector<std::string> lines = Lines();
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
 void LogCapture::Clear()

@@ -13,6 +13,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "appcore/foundation.h"
@@ -33,6 +34,8 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
+    // From here on a line shows `szName` for the address.
+    void Name(const void *pv, const char *szName);
     std::vector<std::string> Lines() const;
     size_t Count(const std::string &line) const;
     void Clear();
@@ -46,6 +49,7 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
+    std::vector<std::pair<std::string, std::string>> m_names;
     uint8_t m_byThreshold;
 };
 
