@@ -108,10 +108,10 @@ APP_API int32_t IpcConvConvertUnicodetoGbk(const void *pvSrc, uint32_t dwSrcLen,
 
 /** The numbers of network interfaces. */
 typedef struct TIpcCapHwExternal {
-    uint8_t abyHost1[17];
-    uint8_t byIfCount1; /**< interfaces 0 to `byIfCount1` + `byIfCount2` - 1 are queried */
-    uint8_t byIfCount2; /**< see `byIfCount1` */
-    uint8_t abyHost2[25];
+    uint8_t abyHost1[17]; /**< the host's */
+    uint8_t byIfCount1;   /**< interfaces 0 to `byIfCount1` + `byIfCount2` - 1 are queried */
+    uint8_t byIfCount2;   /**< see `byIfCount1` */
+    uint8_t abyHost2[25]; /**< the host's */
 } TIpcCapHwExternal;
 
 #define APP_HOST_ETH_ADDR_MAX 21 /**< address pairs of one interface */
@@ -124,10 +124,10 @@ typedef struct TIpcNetEthAddr {
 
 /** The addresses of one interface. */
 typedef struct TIpcNetEthParam {
-    uint8_t abyHost1[8];
+    uint8_t abyHost1[8];                          /**< the host's */
     uint32_t dwAddrNum;                           /**< pairs that follow */
     TIpcNetEthAddr atAddr[APP_HOST_ETH_ADDR_MAX]; /**< the pairs */
-    uint8_t abyHost2[4];
+    uint8_t abyHost2[4];                          /**< the host's */
 } TIpcNetEthParam;
 
 #define APP_HOST_UPNP_NAME_SIZE 34 /**< bytes of a mapping's name */
@@ -140,15 +140,15 @@ typedef struct TIpcUpupMap {
     char achName[APP_HOST_UPNP_NAME_SIZE]; /**< printed only */
     uint16_t wExtPort;                     /**< external port */
     uint16_t wInPort;                      /**< local port */
-    uint8_t abyHost[2];
-    uint32_t dwExtAddr; /**< external address */
-    uint32_t dwActive;  /**< not 0: in force */
+    uint8_t abyHost[2];                    /**< the host's */
+    uint32_t dwExtAddr;                    /**< external address */
+    uint32_t dwActive;                     /**< not 0: in force */
 } TIpcUpupMap;
 
 /** The UPnP port mappings. */
 typedef struct TIpcUpupCfg {
-    uint32_t dwEnable; /**< 0: off */
-    uint8_t abyHost[264];
+    uint32_t dwEnable;                        /**< 0: off */
+    uint8_t abyHost[264];                     /**< the host's */
     TIpcUpupMap atMap[APP_HOST_UPNP_MAP_NUM]; /**< the mappings */
 } TIpcUpupCfg;
 
@@ -169,6 +169,7 @@ APP_API int32_t IpcGetUpupCfg(TIpcUpupCfg *ptCfg);
 }
 #endif
 
+/** @cond */
 #if defined(__cplusplus)
 #define APP_HOST_ASSERT(bCondition, szText) static_assert(bCondition, szText)
 #else
@@ -183,5 +184,6 @@ APP_HOST_ASSERT(offsetof(TIpcUpupMap, wExtPort) == 42, "the host's layout");
 APP_HOST_ASSERT(offsetof(TIpcUpupMap, dwExtAddr) == 48, "the host's layout");
 APP_HOST_ASSERT(sizeof(TIpcUpupCfg) == 436, "the host's layout");
 APP_HOST_ASSERT(offsetof(TIpcUpupCfg, atMap) == 268, "the host's layout");
+/** @endcond */
 
 #endif
