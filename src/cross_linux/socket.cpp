@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+//
+// Creation, binding, groups, and the local address.
+#include "cross_linux/socket.h"
+
+#include <netinet/tcp.h>
+
+#include "cross_linux/error_text.h"
+#include "utils/log.h"
+
+namespace
+{
+
+constexpr uint16_t kProbePort = 5690; // any: connecting a UDP socket sends nothing
+constexpr int kSocketFailed = 666;    // marks the line of a refused probe socket
+
+int OpenDescriptor(uint32_t dwSockType)
+{
+    if (dwSockType == APP_SOCKET_UDP)
+        return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+uint32_t CalLocalIpv4(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr, const char *szOp)
+{
+    const app::OwnedFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+    if (probe.Get() < 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: [%d]socket failed  %d %s\n", szOp, kSocketFailed,
+               nError, app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    struct sockaddr_in tAddr = app::ToSockaddr(*ptRemoteAddr, htons(kProbePort));
+    socklen_t nLen = sizeof(tAddr);
+    if (connect(probe.Get(), app::Generic(&tAddr), nLen) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    if (getsockname(probe.Get(), app::Generic(&tAddr), &nLen) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: getsockname failed  %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    app::FromInAddr(tAddr.sin_addr, ptLocalAddr);
+    return APP_OK;
+}
+
+uint32_t CalLocalIpv6(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr, const char *szOp)
+{
+    const app::OwnedFd probe(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
+    if (probe.Get() < 0)
+        return APP_FAILED;
+    struct sockaddr_in6 tAddr = {};
+    tAddr.sin6_family = AF_INET6;
+    tAddr.sin6_port = htons(kProbePort);
+    tAddr.sin6_scope_id = 1;
+    AppMemcpy(&tAddr.sin6_addr, ptRemoteAddr->abyIpv6, sizeof(ptRemoteAddr->abyIpv6));
+    socklen_t nLen = sizeof(tAddr);
+    if (connect(probe.Get(), app::Generic(&tAddr), nLen) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: connect failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    if (getsockname(probe.Get(), app::Generic(&tAddr), &nLen) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: getsockname failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    ptLocalAddr->dwType = APP_NET_ADDR_IPV6;
+    AppMemcpy(ptLocalAddr->abyIpv6, &tAddr.sin6_addr, sizeof(ptLocalAddr->abyIpv6));
+    return APP_OK;
+}
+
+} // namespace
+
+void _AppSocetStartUp(void) {}
+
+void _AppSocetClearUp(void) {}
+
+HAppSocket _AppSocketCreate(HAppMemPool hMemPool, uint32_t dwSockType)
+{
+    auto hSocket = static_cast<HAppSocket>(AppMemPoolMalloc(hMemPool, sizeof(TAppSocket)));
+    if (!hSocket) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return nullptr;
+    }
+    if (dwSockType != APP_SOCKET_UDP && dwSockType != APP_SOCKET_TCP) {
+        AppMemPoolFree(hSocket);
+        return nullptr;
+    }
+    *hSocket = {dwSockType, OpenDescriptor(dwSockType), 0};
+    return hSocket;
+}
+
+void _AppSocketDestroy(HAppSocket hSocket)
+{
+    if (!hSocket)
+        return;
+    const app::OwnedFd closed(hSocket->nFd);
+    AppMemPoolFree(hSocket);
+}
+
+uint32_t _AppSocketCalLocalAddr(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr)
+{
+    if (ptRemoteAddr->dwType == APP_NET_ADDR_IPV4)
+        return CalLocalIpv4(ptRemoteAddr, ptLocalAddr, __func__);
+    if (ptRemoteAddr->dwType == APP_NET_ADDR_IPV6)
+        return CalLocalIpv6(ptRemoteAddr, ptLocalAddr, __func__);
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: not V4 or V6,APP_INVALID_ARG\n", __func__);
+    return APP_INVALID_ARG;
+}
+
+uint32_t _AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAddr, uint16_t wPort,
+                        uint32_t bReuse)
+{
+    if (!hSocket)
+        return APP_INVALID_ARG;
+    if (ptLocalAddr->dwType != APP_NET_ADDR_IPV4)
+        return APP_FAILED;
+    if (bReuse == 1 && !app::SetOption(hSocket->nFd, SOL_SOCKET, SO_REUSEADDR, 1)) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt  SO_REUSEADDR nError %d %s\n", __func__,
+               nError, app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    const struct sockaddr_in tAddr = app::ToSockaddr(*ptLocalAddr, wPort);
+    hSocket->wPort = wPort;
+    if (bind(hSocket->nFd, app::Generic(&tAddr), sizeof(tAddr)) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: bind nError %d %s\n", __func__, nError,
+               app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    return APP_OK;
+}
+
+uint32_t _AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNetAddr *ptGroupAddr,
+                                         const TAppNetAddr *ptIfAddr, uint32_t bLoop)
+{
+    if (!hSocket || hSocket->dwSockType != APP_SOCKET_UDP)
+        return APP_INVALID_ARG;
+    struct ip_mreq tRequest = {};
+    tRequest.imr_multiaddr.s_addr = ptGroupAddr->dwIpv4;
+    tRequest.imr_interface.s_addr = ptIfAddr ? ptIfAddr->dwIpv4 : AppConvertHtonl(INADDR_ANY);
+    if (ptIfAddr && setsockopt(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_IF, &ptIfAddr->dwIpv4,
+                               sizeof(ptIfAddr->dwIpv4)) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_MULTICAST_IF failed %x %d %s\n",
+               __func__, ptIfAddr->dwIpv4, nError, app::ErrorText(nError).Text());
+    }
+    if (setsockopt(hSocket->nFd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &tRequest, sizeof(tRequest)) != 0 &&
+        errno != EADDRINUSE) { // else a member already
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n",
+               __func__, nError, app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_LOOP, static_cast<int>(bLoop))) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_MULTICAST_LOOP failed %d %s\n",
+               __func__, nError, app::ErrorText(nError).Text());
+        return APP_FAILED;
+    }
+    return APP_OK;
+}

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: MIT
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+
+#include "cross_linux/error_text.h"
+#include "cross_linux/socket.h"
+#include "utils/rollback.h"
+
+namespace
+{
+
+constexpr uint32_t kDefaultTimeoutMs = 30000;
+
+// After the wait: is there a peer?  Otherwise the socket's pending error is the cause; that
+// getpeername() finds it "not connected" is not.
+bool CheckPeer(int nFd, TAppNetAddr *ptPeerAddr, const char *szOp)
+{
+    struct sockaddr_in tPeer = {};
+    socklen_t nLen = sizeof(tPeer);
+    if (getpeername(nFd, app::Generic(&tPeer), &nLen) != 0) {
+        int nError = errno;
+        int nPending = 0;
+        socklen_t nPendingLen = sizeof(nPending);
+        if (getsockopt(nFd, SOL_SOCKET, SO_ERROR, &nPending, &nPendingLen) == 0 && nPending != 0)
+            nError = nPending;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return false;
+    }
+    if (ptPeerAddr)
+        app::FromInAddr(tPeer.sin_addr, ptPeerAddr);
+    return true;
+}
+
+bool AwaitConnection(int nFd, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr, const char *szOp)
+{
+    const app::Deadline deadline(dwTimeout != 0 ? dwTimeout : kDefaultTimeoutMs);
+    const app::WaitResult wait = app::WaitForSocket(nFd, EPOLLOUT, deadline, szOp);
+    const int nError = errno;
+    if (wait == app::WaitResult::Failed)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: epoll_wait failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+    if (wait == app::WaitResult::Timeout)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect timeout %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+    return wait == app::WaitResult::Ready && CheckPeer(nFd, ptPeerAddr, szOp);
+}
+
+// `nFd` does not block.
+bool Connect(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr,
+             const char *szOp)
+{
+    if (connect(nFd, app::Generic(&tAddr), sizeof(tAddr)) == 0)
+        return true;
+    const int nError = errno;
+    if (nError == EINPROGRESS)
+        return AwaitConnection(nFd, dwTimeout, ptPeerAddr, szOp);
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
+           app::ErrorText(nError).Text());
+    return false;
+}
+
+// Connects without blocking and makes the socket block again.
+bool ConnectInTime(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout,
+                   TAppNetAddr *ptPeerAddr, const char *szOp)
+{
+    const int nFlags = fcntl(nFd, F_GETFL);
+    if (nFlags < 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: fcntl F_GETFL failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return false;
+    }
+    if (fcntl(nFd, F_SETFL, nFlags | O_NONBLOCK) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: fcntl F_SETFL O_NONBLOCK failed %d %s\n", szOp,
+               nError, app::ErrorText(nError).Text());
+        return false;
+    }
+    if (!Connect(nFd, tAddr, dwTimeout, ptPeerAddr, szOp))
+        return false;
+    if (fcntl(nFd, F_SETFL, nFlags) != 0) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: fcntl F_SETFL failed %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+        return false;
+    }
+    return true;
+}
+
+// Wanted, but a connection without them is a connection.
+void SetOptions(int nFd, const char *szOp)
+{
+    if (!app::SetOption(nFd, IPPROTO_TCP, TCP_NODELAY, 1)) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt TCP_NODELAY fail %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+    }
+    if (!app::SetOption(nFd, SOL_SOCKET, SO_KEEPALIVE, 1)) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt SO_KEEPALIVE fail %d %s\n", szOp, nError,
+               app::ErrorText(nError).Text());
+    }
+}
+
+} // namespace
+
+HAppSocket _AppSocketTCPConnect(HAppMemPool hMemPool, const TAppNetAddr *ptRemoteAddr,
+                                uint16_t wPort, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr)
+{
+    const struct sockaddr_in tAddr = app::ToSockaddr(*ptRemoteAddr, wPort);
+    HAppSocket hSocket = _AppSocketCreate(hMemPool, APP_SOCKET_TCP);
+    if (!hSocket) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppSocketCreate failed\n", __func__);
+        return nullptr;
+    }
+    app::Rollback undo([&] { _AppSocketDestroy(hSocket); });
+    if (!ConnectInTime(hSocket->nFd, tAddr, dwTimeout, ptPeerAddr, __func__))
+        return nullptr;
+    SetOptions(hSocket->nFd, __func__);
+    undo.Dismiss();
+    return hSocket;
+}

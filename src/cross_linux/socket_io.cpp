@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: MIT
+//
+// The four data operations.  With a time-out the transfer itself never blocks: readiness promises
+// one byte and not the whole buffer, and another thread may take the datagram first.  So the
+// transfer is tried, and only when it would block is there a wait, with the time that is left.
+#include <sys/epoll.h>
+
+#include "cross_linux/error_text.h"
+#include "cross_linux/socket.h"
+
+namespace
+{
+
+constexpr int32_t kFailed = -1;
+constexpr int32_t kTimeout = -2;
+
+// What a transfer came to: a count above 0 or 0 and errno, or no transfer at all.
+struct TOutcome {
+    ssize_t nCount;
+    int32_t nResult; // kFailed or kTimeout when there was none, else 0
+};
+
+bool WouldBlock(ssize_t nCount)
+{
+    return nCount < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+// A signal does not end a transfer that waits.
+template <typename Transfer>
+ssize_t Try(Transfer transfer, int nFlags)
+{
+    ssize_t nCount;
+    do {
+        errno = 0; // a count of 0 is logged with it
+        nCount = transfer(nFlags);
+    } while (nCount < 0 && errno == EINTR);
+    return nCount;
+}
+
+template <typename Transfer>
+TOutcome Run(HAppSocket hSocket, uint32_t dwEvents, uint32_t dwTimeout, const char *szOp,
+             Transfer transfer)
+{
+    if (dwTimeout == 0)
+        return {Try(transfer, 0), 0};
+    ssize_t nCount = Try(transfer, MSG_DONTWAIT);
+    if (!WouldBlock(nCount))
+        return {nCount, 0};
+    const app::Deadline deadline(dwTimeout);
+    do {
+        const app::WaitResult wait = app::WaitForSocket(hSocket->nFd, dwEvents, deadline, szOp);
+        if (wait != app::WaitResult::Ready)
+            return {0, wait == app::WaitResult::Timeout ? kTimeout : kFailed};
+        nCount = Try(transfer, MSG_DONTWAIT);
+    } while (WouldBlock(nCount));
+    return {nCount, 0};
+}
+
+int32_t FinishSend(const TOutcome &outcome, const char *szOp)
+{
+    if (outcome.nResult != 0)
+        return outcome.nResult;
+    if (outcome.nCount > 0)
+        return static_cast<int32_t>(outcome.nCount);
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: sendto failed %d\n", szOp, errno);
+    return kFailed;
+}
+
+int32_t FinishReceive(const TOutcome &outcome, uint32_t *pdwLen, const char *szOp)
+{
+    if (outcome.nResult != 0)
+        return outcome.nResult;
+    if (outcome.nCount > 0) {
+        *pdwLen = static_cast<uint32_t>(outcome.nCount);
+        return static_cast<int32_t>(outcome.nCount);
+    }
+    const int nError = errno;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: recvmsg failed %d %s\n", szOp, nError,
+           app::ErrorText(nError).Text());
+    return kFailed;
+}
+
+// The address that a datagram was sent to.
+void FindDestination(struct msghdr *ptMsg, TAppNetAddr *ptLocalAddr)
+{
+    app::FromInAddr({0}, ptLocalAddr);
+    for (struct cmsghdr *ptHead = CMSG_FIRSTHDR(ptMsg); ptHead;
+         ptHead = CMSG_NXTHDR(ptMsg, ptHead)) {
+        if (ptHead->cmsg_level != IPPROTO_IP || ptHead->cmsg_type != IP_PKTINFO)
+            continue;
+        struct in_pktinfo tInfo;
+        AppMemcpy(&tInfo, CMSG_DATA(ptHead), sizeof(tInfo));
+        app::FromInAddr(tInfo.ipi_addr, ptLocalAddr);
+    }
+}
+
+bool IsKind(HAppSocket hSocket, uint32_t dwSockType)
+{
+    return hSocket && hSocket->dwSockType == dwSockType;
+}
+
+} // namespace
+
+int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uint32_t dwTimeout,
+                          TAppNetAddr *ptLocalAddr, uint16_t *pwLocalPort,
+                          TAppNetAddr *ptRemoteAddr, uint16_t *pwRemotePort)
+{
+    if (!IsKind(hSocket, APP_SOCKET_UDP))
+        return kFailed;
+    if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_PKTINFO, 1)) {
+        const int nError = errno;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt  IP_PKTINFO failed %d %s\n", __func__,
+               nError, app::ErrorText(nError).Text());
+        return kFailed;
+    }
+    struct sockaddr_in tRemote = {};
+    struct iovec tPiece = {pvBuf, *pdwLen};
+    alignas(struct cmsghdr) char achControl[32];
+    struct msghdr tMsg = {};
+    const TOutcome outcome = Run(hSocket, EPOLLIN, dwTimeout, __func__, [&](int nFlags) {
+        tMsg = {};
+        tMsg.msg_name = &tRemote;
+        tMsg.msg_namelen = sizeof(tRemote);
+        tMsg.msg_iov = &tPiece;
+        tMsg.msg_iovlen = 1;
+        tMsg.msg_control = achControl;
+        tMsg.msg_controllen = sizeof(achControl);
+        return recvmsg(hSocket->nFd, &tMsg, nFlags);
+    });
+    const int32_t nResult = FinishReceive(outcome, pdwLen, __func__);
+    if (nResult < 0)
+        return nResult;
+    if (ptRemoteAddr)
+        app::FromInAddr(tRemote.sin_addr, ptRemoteAddr);
+    if (pwRemotePort)
+        *pwRemotePort = tRemote.sin_port;
+    if (ptLocalAddr)
+        FindDestination(&tMsg, ptLocalAddr);
+    if (pwLocalPort)
+        *pwLocalPort = hSocket->wPort;
+    return nResult;
+}
+
+int32_t _AppSocketUDPSend(HAppSocket hSocket, const void *pvBuf, uint32_t dwLen, uint32_t dwTimeout,
+                          const TAppNetAddr *ptRemoteAddr, uint16_t wPort)
+{
+    if (!IsKind(hSocket, APP_SOCKET_UDP))
+        return kFailed;
+    const struct sockaddr_in tAddr = app::ToSockaddr(*ptRemoteAddr, wPort);
+    const TOutcome outcome = Run(hSocket, EPOLLOUT, dwTimeout, __func__, [&](int nFlags) {
+        return sendto(hSocket->nFd, pvBuf, dwLen, nFlags | MSG_NOSIGNAL, app::Generic(&tAddr),
+                      sizeof(tAddr));
+    });
+    return FinishSend(outcome, __func__);
+}
+
+int32_t _AppSocketTCPSend(HAppSocket hSocket, const void *pvBuf, uint32_t dwLen, uint32_t dwTimeout)
+{
+    if (!IsKind(hSocket, APP_SOCKET_TCP))
+        return kFailed;
+    const TOutcome outcome = Run(hSocket, EPOLLOUT, dwTimeout, __func__, [&](int nFlags) {
+        return send(hSocket->nFd, pvBuf, dwLen, nFlags | MSG_NOSIGNAL);
+    });
+    return FinishSend(outcome, __func__);
+}
+
+int32_t _AppSocketTCPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uint32_t dwTimeout)
+{
+    if (!IsKind(hSocket, APP_SOCKET_TCP))
+        return kFailed;
+    const TOutcome outcome = Run(hSocket, EPOLLIN, dwTimeout, __func__, [&](int nFlags) {
+        return recv(hSocket->nFd, pvBuf, *pdwLen, nFlags);
+    });
+    return FinishReceive(outcome, pdwLen, __func__);
+}
