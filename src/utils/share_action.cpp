@@ -16,7 +16,7 @@ std::atomic<uint32_t> g_eAppShareActionLastCalledResult;
 namespace
 {
 
-constexpr uint32_t kSlots = 256;
+constexpr uint32_t kSlots = 1024;
 
 TAppShareAction *s_aptIndex[kSlots]; // under the list's lock
 std::atomic<uint32_t> s_bCreating;   // one thread at a time creates the registry
