@@ -16,5 +16,6 @@
 #include "appcore/share_action.h"
 #include "appcore/socket.h"
 #include "appcore/task.h"
+#include "appcore/xml.h"
 
 #endif
