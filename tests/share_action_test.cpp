@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: MIT
+#include "utils/share_action.h"
+
+#include <algorithm>
+#include <atomic>
+#include <string.h>
+#include <thread>
+
+#include "support/expect.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+using fault::Fn;
+using test::Text;
+using test::WaitUntil;
+
+namespace
+{
+
+void Collect(const char *szText, void *pvContext)
+{
+    static_cast<std::vector<std::string> *>(pvContext)->push_back(szText);
+}
+
+std::vector<std::string> Report()
+{
+    std::vector<std::string> texts;
+    AppShareActionShow(Collect, &texts);
+    return texts;
+}
+
+std::string FirstLine()
+{
+    const auto texts = Report();
+    return texts.empty() ? "" : texts[0].substr(0, texts[0].find('\n') + 1);
+}
+
+std::string LastCalled(const char *szKey, int nResult)
+{
+    return Text("Last called action: %s result %d\n", szKey, nResult);
+}
+
+uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
+{
+    return dwArg1 + dwArg2 + dwArg3;
+}
+
+uint32_t Five(uint32_t, uint32_t, uint32_t)
+{
+    return 5;
+}
+
+std::string s_seen;
+uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t)
+{
+    s_seen = FirstLine();
+    EXPECT_CODE(APP_OK, AppRegisterShareAction("made inside", Five));
+    uint32_t dwResult = 0;
+    if (dwDepth > 0) {
+        EXPECT_CODE(APP_OK, AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult));
+    }
+    return dwResult + 1;
+}
+
+// Each case is a process of its own under CTest: there the first one meets no registry.
+TEST(ShareAction, BeginsWithTheFirstRegistration)
+{
+    if (g_hAppShareActionList.load())
+        GTEST_SKIP() << "not run: the registry exists already in this process";
+    uint32_t dwResult = 77;
+    EXPECT_CODE(APP_FAILED, AppRunShareAction("add", 1, 2, 3, &dwResult));
+    EXPECT_CODE(APP_INVALID_ARG, AppShareActionLock());
+    EXPECT_CODE(APP_INVALID_ARG, AppShareActionUnlock());
+    EXPECT_CODE(APP_INVALID_ARG, AppRegisterShareAction(nullptr, Add));
+    EXPECT_CODE(APP_INVALID_ARG, AppRegisterShareAction("12345678901234567890123456789012", Add));
+    EXPECT_TRUE(Report().empty());
+    EXPECT_EQ(g_hAppShareActionList.load(), nullptr);
+
+    // Whatever fails, nothing is half there and the next registration tries again.
+    for (const Fn fn : {Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype,
+                        Fn::pthread_mutex_init, Fn::pthread_cond_init}) {
+        const long nBlocks = fault::LiveBlocks();
+        fault::Fail fail(fn);
+        EXPECT_CODE(APP_FAILED, AppRegisterShareAction("add", Add));
+        EXPECT_EQ(fault::LiveBlocks(), nBlocks);
+        EXPECT_EQ(g_hAppShareActionRecursiveLock.load(), nullptr);
+    }
+    unsigned nFaults = 0;
+    for (uint32_t dwCode = APP_NO_RESOURCE; dwCode != APP_OK; ++nFaults) {
+        fault::Fail fail(Fn::malloc, nFaults + 1);
+        dwCode = AppRegisterShareAction("add", Add);
+        if (g_hAppShareActionList.load()) { // an entry that failed leaves the registry usable
+            EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("none", 0, 0, 0, nullptr));
+        }
+        if (fail.Hits() > 0) {
+            EXPECT_CODE(APP_NO_RESOURCE, dwCode);
+        }
+        ASSERT_LT(nFaults, 20u);
+    }
+    EXPECT_GE(nFaults, 3u);
+    EXPECT_EQ(FirstLine(), LastCalled("", 0));
+    ASSERT_CODE(APP_OK, AppRunShareAction("add", 1, 2, 3, &dwResult));
+    EXPECT_EQ(dwResult, 6u);
+}
+
+TEST(ShareAction, RunsByKeyAndReports)
+{
+    const std::string longest(31, 'k');
+    ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Five));
+    ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Add)); // the first one stays
+    ASSERT_CODE(APP_OK, AppRegisterBlockShareAction(longest.c_str(), Add));
+    ASSERT_CODE(APP_OK, AppRegisterShareAction("", Add));
+    uint32_t dwResult = 77;
+    ASSERT_CODE(APP_OK, AppRunShareAction("five", 1, 1, 1, &dwResult));
+    EXPECT_EQ(dwResult, 5u);
+    EXPECT_EQ(FirstLine(), LastCalled("five", 5));
+    EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("Five", 0, 0, 0, &dwResult));
+    EXPECT_EQ(FirstLine(), LastCalled("five", 5));
+    EXPECT_CODE(APP_OK, AppRunShareAction(longest.c_str(), 7, 0, 0, nullptr));
+    EXPECT_EQ(FirstLine(), LastCalled(longest.c_str(), 7));
+
+    std::string wanted = LastCalled(longest.c_str(), 7) + std::string(40, '=') + "\n";
+    int nEntry = 0;
+    for (HAppDoubleListNode hNode = g_hAppShareActionList.load()->ptHead; hNode;
+         hNode = hNode->ptNext) {
+        auto ptEntry = static_cast<const TAppShareAction *>(hNode->pvData);
+        wanted += Text("[%d/%d] Hash %u Key %s Addr %p\n", ++nEntry,
+                       static_cast<int>(g_hAppShareActionList.load()->dwCurSize),
+                       AppStringHash(ptEntry->achKey), ptEntry->achKey,
+                       reinterpret_cast<void *>(ptEntry->pfnAction));
+    }
+    const auto texts = Report();
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_EQ(texts[0], wanted);
+    AppShareActionShow(nullptr, nullptr);
+}
+
+TEST(ShareAction, NestsAndShowsTheActionThatRuns)
+{
+    ASSERT_CODE(APP_OK, AppRegisterShareAction("nest", Nest));
+    uint32_t dwResult = 0;
+    ASSERT_CODE(APP_OK, AppShareActionLock());
+    ASSERT_CODE(APP_OK, AppRunShareAction("nest", 3, 0, 0, &dwResult));
+    EXPECT_EQ(dwResult, 4u);
+    EXPECT_EQ(s_seen, LastCalled("nest", APP_IN_PROGRESS));
+    ASSERT_CODE(APP_OK, AppRunShareAction("made inside", 0, 0, 0, &dwResult));
+    EXPECT_EQ(dwResult, 5u);
+    ASSERT_CODE(APP_OK, AppShareActionUnlock());
+}
+
+std::atomic<bool> s_bLet{false};
+std::atomic<int> s_nRunning{0};
+uint32_t WaitForOther(uint32_t, uint32_t, uint32_t)
+{
+    ++s_nRunning;
+    return WaitUntil([] { return s_bLet.load(); });
+}
+uint32_t LetOther(uint32_t, uint32_t, uint32_t)
+{
+    s_bLet = true;
+    return 1;
+}
+
+TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun)
+{
+    ASSERT_CODE(APP_OK, AppRegisterBlockShareAction("wait", WaitForOther));
+    ASSERT_CODE(APP_OK, AppRegisterShareAction("let", LetOther));
+    uint32_t adwResult[2] = {};
+    std::thread first([&] { AppRunShareAction("wait", 0, 0, 0, &adwResult[0]); });
+    std::thread second([&] { AppRunShareAction("wait", 0, 0, 0, &adwResult[1]); });
+    EXPECT_TRUE(WaitUntil([] { return s_nRunning == 2; }));
+    EXPECT_CODE(APP_OK, AppRunShareAction("let", 0, 0, 0, nullptr));
+    first.join();
+    second.join();
+    EXPECT_EQ(adwResult[0] + adwResult[1], 2u);
+}
+
+std::atomic<int> s_nInside{0};
+uint32_t Exclusive(uint32_t, uint32_t, uint32_t)
+{
+    EXPECT_EQ(++s_nInside, 1);
+    std::this_thread::yield();
+    --s_nInside;
+    return 1;
+}
+
+// One registry, one entry a key, ordinary actions one at a time, and no torn key in a report.
+TEST(ShareAction, ServesManyThreads)
+{
+    const std::string keys[] = {std::string(31, 'a'), std::string(31, 'b'), std::string(31, 'c')};
+    std::atomic<uint32_t> dwRuns{0};
+    constexpr uint32_t kRounds = 2000;
+    test::RunThreads(8, [&](unsigned nThread) {
+        for (uint32_t i = 0; i < test::Scaled(kRounds); ++i) {
+            const char *szKey = keys[(nThread + i) % 3].c_str();
+            EXPECT_CODE(APP_OK, AppRegisterShareAction(szKey, Exclusive));
+            uint32_t dwResult = 0;
+            EXPECT_CODE(APP_OK, AppRunShareAction(szKey, 0, 0, 0, &dwResult));
+            dwRuns += dwResult;
+            if (i % 16 == 0) {
+                const std::string line = FirstLine();
+                const std::string key = line.substr(strlen("Last called action: "), 31);
+                EXPECT_EQ(key, std::string(31, key[0]));
+            }
+        }
+    });
+    EXPECT_EQ(dwRuns, 8 * test::Scaled(kRounds));
+    const std::string report = Report()[0];
+    long nEntries = 0;
+    for (const std::string &key : keys)
+        nEntries += report.find("Key " + key) == report.rfind("Key " + key);
+    EXPECT_EQ(nEntries, 3);
+}
+
+TEST(ShareAction, FindsEveryKeyOfMany)
+{
+    for (uint32_t i = 0; i < 1000; ++i)
+        ASSERT_CODE(APP_OK, AppRegisterShareAction(Text("key %u", i).c_str(), i % 2 ? Add : Five));
+    for (uint32_t i = 0; i < 1000; ++i) {
+        uint32_t dwResult = 0;
+        ASSERT_CODE(APP_OK, AppRunShareAction(Text("key %u", i).c_str(), i, 1, 1, &dwResult));
+        EXPECT_EQ(dwResult, i % 2 ? i + 2 : 5);
+    }
+    const auto texts = Report(); // in pieces, each line once
+    size_t nLines = 0;
+    for (const std::string &text : texts) {
+        EXPECT_LE(text.size(), 3071u);
+        nLines += static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    }
+    EXPECT_EQ(nLines, 2u + g_hAppShareActionList.load()->dwCurSize);
+}
+
+// ---- Debug-shell commands -------------------------------------------------------------------
+
+int32_t s_nArgc;
+std::string s_lastWord;
+int32_t Command(int32_t nArgc, char **ppszArgv)
+{
+    s_nArgc = nArgc;
+    s_lastWord = ppszArgv[nArgc - 1];
+    return 42;
+}
+
+TEST(RegCommand, StandInServesAShell)
+{
+    AppRegCommand("motion", Command, "raise motion");
+    AppRegCommand("motion", Command, "raise motion n times"); // replaces
+    AppRegCommand(nullptr, Command, "");
+    AppRegCommand("none", nullptr, "");
+    int32_t nResult = 0;
+    EXPECT_CODE(APP_OK, AppHostRunCommand("  motion 3\tlast\n", &nResult));
+    EXPECT_EQ(nResult, 42);
+    EXPECT_EQ(s_nArgc, 3);
+    EXPECT_EQ(s_lastWord, "last");
+    EXPECT_CODE(APP_NOT_FOUND, AppHostRunCommand("none", nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(" \n", nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(nullptr, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(std::string(256, 'x').c_str(), nullptr));
+    std::vector<std::string> seen;
+    AppHostWalkCommands(
+        [](const char *szName, const char *szHelp, void *pvContext) {
+            static_cast<std::vector<std::string> *>(pvContext)->push_back(std::string(szName) +
+                                                                          ": " + szHelp);
+        },
+        &seen);
+    EXPECT_EQ(seen, std::vector<std::string>{"motion: raise motion n times"});
+}
+
+} // namespace
