@@ -4,17 +4,12 @@
 // terminate it, and agree with what the buffer then holds.
 #include "appcore/foundation.h"
 
-#include <stdlib.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
 
-static void Require(bool bHolds)
-{
-    if (!bHolds)
-        abort();
-}
+#include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
 {
