@@ -67,8 +67,7 @@ TAppMemBlockHead *ReuseBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t 
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p\n",
               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass),
               app::Ul(ClassSize(dwClass)), hNode->pvData);
-    _AppDoubleListDetachNode(ptImpl->hOffList[dwClass], hNode);
-    _AppDoubleListAttachNode(ptImpl->hOnList[dwClass], nullptr, hNode, APP_ATTACH_BEFORE);
+    app::MoveNode(ptImpl->hOffList[dwClass], ptImpl->hOnList[dwClass], hNode);
     return static_cast<TAppMemBlockHead *>(hNode->pvData);
 }
 
@@ -116,8 +115,7 @@ void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwCla
               "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p return to offlist\n",
               szOp, app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), app::Ul(dwClass),
               app::Ul(ClassSize(dwClass)), app::Ptr(ptHead));
-    _AppDoubleListDetachNode(ptImpl->hOnList[dwClass], ptHead->hNode);
-    _AppDoubleListAttachNode(ptImpl->hOffList[dwClass], nullptr, ptHead->hNode, APP_ATTACH_BEFORE);
+    app::MoveNode(ptImpl->hOnList[dwClass], ptImpl->hOffList[dwClass], ptHead->hNode);
     Uncount(ptImpl, ptHead->dwBlockSize);
     TraceCounters(ptImpl, szOp);
 }

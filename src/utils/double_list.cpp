@@ -25,18 +25,12 @@ void _AppDoubleListAttachNode(HAppDoubleList hList, HAppDoubleListNode hAnchor,
         hPrev = hAnchor;
         hNext = hAnchor->ptNext;
     }
-    hNode->ptPrev = hPrev;
-    hNode->ptNext = hNext;
-    (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
-    (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
-    app::Poke(hList->dwCurSize, hList->dwCurSize + 1);
+    app::LinkNode(hList, hPrev, hNode, hNext);
 }
 
 void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode)
 {
-    (hNode->ptPrev ? hNode->ptPrev->ptNext : hList->ptHead) = hNode->ptNext;
-    (hNode->ptNext ? hNode->ptNext->ptPrev : hList->ptTail) = hNode->ptPrev;
-    app::Poke(hList->dwCurSize, hList->dwCurSize - 1);
+    app::UnlinkNode(hList, hNode);
 }
 
 uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,

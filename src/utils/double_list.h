@@ -5,6 +5,7 @@
 #define APPCORE_UTILS_DOUBLE_LIST_H
 
 #include "appcore/containers.h"
+#include "utils/log.h"
 
 enum EAppAttachSide {
     APP_ATTACH_AFTER = 0,
@@ -21,6 +22,29 @@ void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode);
 
 namespace app
 {
+// The two moves in line, for the pools' engine.
+inline void LinkNode(HAppDoubleList hList, HAppDoubleListNode hPrev, HAppDoubleListNode hNode,
+                     HAppDoubleListNode hNext)
+{
+    hNode->ptPrev = hPrev;
+    hNode->ptNext = hNext;
+    (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
+    (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
+    Poke(hList->dwCurSize, hList->dwCurSize + 1);
+}
+inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
+{
+    (hNode->ptPrev ? hNode->ptPrev->ptNext : hList->ptHead) = hNode->ptNext;
+    (hNode->ptNext ? hNode->ptNext->ptPrev : hList->ptTail) = hNode->ptPrev;
+    Poke(hList->dwCurSize, hList->dwCurSize - 1);
+}
+// To the tail of another list.
+inline void MoveNode(HAppDoubleList hFrom, HAppDoubleList hTo, HAppDoubleListNode hNode)
+{
+    UnlinkNode(hFrom, hNode);
+    LinkNode(hTo, hTo->ptTail, hNode, nullptr);
+}
+
 // Links, tail and count agree.  For tests; the caller holds the list's lock.
 bool ListIsValid(const TAppDoubleList *ptList);
 } // namespace app
