@@ -6,6 +6,7 @@
 #include <ifaddrs.h>
 #include <mxml.h>
 #include <pthread.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -284,5 +285,11 @@ WRAP_PTR(mxml_node_t, mxmlNewOpaque, (mxml_node_t * ptParent, const char *szText
          (ptParent, szText))
 WRAP_PTR(mxml_node_t, mxmlNewCDATA, (mxml_node_t * ptParent, const char *szText),
          (ptParent, szText))
+WRAP_PTR(const char, mxmlGetOpaque, (mxml_node_t * ptNode), (ptNode))
+WRAP_PTR(const char, mxmlGetText, (mxml_node_t * ptNode, int *pn), (ptNode, pn))
+WRAP_PTR(const char, mxmlGetCDATA, (mxml_node_t * ptNode), (ptNode))
+
+WRAP_INT(_AppVsnprintf, (char *szBuf, uint32_t dwSize, const char *szFormat, va_list args),
+         (szBuf, dwSize, szFormat, args))
 
 } // extern "C"

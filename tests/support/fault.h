@@ -80,7 +80,11 @@
     X(mxmlNewElement)                                                                              \
     X(mxmlNewText)                                                                                 \
     X(mxmlNewOpaque)                                                                               \
-    X(mxmlNewCDATA)
+    X(mxmlNewCDATA)                                                                                \
+    X(mxmlGetOpaque)                                                                               \
+    X(mxmlGetText)                                                                                 \
+    X(mxmlGetCDATA)                                                                                \
+    X(_AppVsnprintf)
 
 namespace fault
 {

@@ -1,0 +1,736 @@
+// SPDX-License-Identifier: MIT
+#include "appcore/appcore.h"
+
+#include <math.h>
+#include <string.h>
+
+#include <functional>
+#include <memory>
+#include <regex>
+
+#include "support/expect.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+using fault::Fn;
+using test::LogCapture;
+using test::Text;
+
+// ---- Documents and log lines ----------------------------------------------------------------
+
+using Document = std::unique_ptr<mxml_node_t, void (*)(mxml_node_t *)>;
+
+static Document Load(const std::string &text, mxml_load_cb_t pfnType = AppXmlMxmlParseCB)
+{
+    Document document(mxmlLoadString(nullptr, text.c_str(), pfnType), mxmlDelete);
+    EXPECT_NE(document, nullptr) << text;
+    return document;
+}
+
+static Document Create(const char *szRoot)
+{
+    return Document(mxmlNewElement(nullptr, szRoot), mxmlDelete);
+}
+
+static std::string Save(const Document &document)
+{
+    // Not mxmlSaveAllocString(): the block of another library would upset the count of blocks.
+    const int nLen = mxmlSaveString(document.get(), nullptr, 0, MXML_NO_CALLBACK);
+    std::string text(static_cast<size_t>(nLen), '\0');
+    mxmlSaveString(document.get(), text.data(), nLen + 1, MXML_NO_CALLBACK);
+    return text;
+}
+
+// Runs an operation under every threshold that matters.  `lines` are those under the lowest;
+// addresses show as "P".
+static void ExpectLogged(const std::string &lines, const std::function<void()> &operation)
+{
+    static const std::regex address("0x[0-9a-f]+"), debug("\\[DEBUG\\] [^\n]*\n");
+    for (const int nThreshold : {APP_LOG_DEBUG + 0, APP_LOG_DEBUG - 1, APP_LOG_ERROR + 0}) {
+        SCOPED_TRACE(Text("threshold %d", nThreshold));
+        LogCapture log(static_cast<uint8_t>(nThreshold));
+        operation();
+        std::string logged;
+        for (const std::string &line : log.Lines())
+            logged += std::regex_replace(line, address, "P");
+        EXPECT_EQ(logged,
+                  nThreshold == APP_LOG_DEBUG ? lines : std::regex_replace(lines, debug, ""));
+    }
+}
+
+// ---- Readers --------------------------------------------------------------------------------
+
+// Every reader in one shape: node, name, and the value as text (null for a null out-parameter).
+using Read = std::function<uint32_t(mxml_node_t *, const char *, std::string *)>;
+static const char *const kKept = "77"; // what an untouched value shows
+
+template <typename T>
+static Read As(uint32_t (*pfnRead)(mxml_node_t *, const char *, T *))
+{
+    return [=](mxml_node_t *ptNode, const char *szName, std::string *pText) {
+        T value;
+        if constexpr (std::is_pointer_v<T>)
+            value = kKept;
+        else
+            value = 77;
+        const uint32_t dwCode = pfnRead(ptNode, szName, pText ? &value : nullptr);
+        if (!pText)
+            return dwCode;
+        if constexpr (std::is_pointer_v<T>)
+            *pText = value;
+        else
+            *pText = std::to_string(value);
+        return dwCode;
+    };
+}
+
+// The readers of other shapes, adapted.
+template <typename T, uint32_t (*pfnRead)(mxml_node_t *, T *)>
+static uint32_t OfNode(mxml_node_t *ptNode, const char *, T *ptValue)
+{
+    return pfnRead(ptNode, ptValue);
+}
+
+static uint32_t Copy(mxml_node_t *ptNode, const char *szName, const char **pszText)
+{
+    static char s_achBuf[8];
+    strcpy(s_achBuf, kKept);
+    if (!pszText)
+        return AppXmlGetSonNodeValue_Str_Copy(ptNode, szName, nullptr, 8);
+    *pszText = s_achBuf;
+    return AppXmlGetSonNodeValue_Str_Copy(ptNode, szName, s_achBuf, 8);
+}
+
+static uint32_t Find(mxml_node_t *ptNode, const char *szName, const char **pszText)
+{
+    mxml_node_t *ptFound = nullptr;
+    const uint32_t dwCode = AppXmlGetSonNode(ptNode, szName, pszText ? &ptFound : nullptr);
+    if (ptFound)
+        *pszText = mxmlGetElement(ptFound);
+    return dwCode;
+}
+
+struct ReadRow {
+    Read read;
+    const char *szText; // null: there is no such element or attribute
+    const char *szValue;
+    const char *szLog = "";
+};
+
+// Reads "v" of the document `before` text `after`: a line means a failure.
+static void ExpectReads(const std::string &before, const std::string &after,
+                        const std::vector<ReadRow> &rows)
+{
+    for (const ReadRow &row : rows) {
+        SCOPED_TRACE(Text("row %d", int(&row - rows.data())));
+        const Document document = Load(row.szText ? before + row.szText + after : "<cfg/>");
+        ExpectLogged(row.szLog, [&] {
+            std::string value;
+            EXPECT_CODE(!*row.szLog  ? APP_OK
+                        : row.szText ? APP_BAD_VALUE
+                                     : APP_NOT_FOUND,
+                        row.read(document.get(), "v", &value));
+            EXPECT_EQ(value, row.szValue);
+        });
+    }
+}
+
+TEST(XmlReaders, ValuesBelowANode)
+{
+    const Read text = As(AppXmlGetSonNodeValue_Str), flag = As(AppXmlGetSonNodeValue_Bool);
+    const Read s32 = As(AppXmlGetSonNodeValue_s32), u8 = As(AppXmlGetSonNodeValue_u8);
+    const Read u16 = As(AppXmlGetSonNodeValue_u16), u32 = As(AppXmlGetSonNodeValue_u32);
+    const Read u64 = As(AppXmlGetSonNodeValue_u64), section = As(AppXmlGetSonNodeValue_CData);
+#define MISSING "[DEBUG] AppXmlGetSonNodeValue_Str: mxmlFindPath() failed, {v}\n"
+    const std::vector<ReadRow> rows = {
+        {text, " a &lt; b ", " a < b "},
+        {text, "", ""},
+        {text, nullptr, kKept, MISSING},
+        {As(Copy), "camera", "camera"},
+        {As(Copy), nullptr, kKept,
+         MISSING "[ERROR] AppXmlGetSonNodeValue_Str_Copy: AppXmlGetSonNodeValue_Str() failed 108, "
+                 "szSonNodeName{v}\n"},
+        {As(Find), "", "v"},
+        {As(Find), nullptr, kKept, "[DEBUG] AppXmlGetSonNode: mxmlFindElement() failed, name{v}\n"},
+        {section, "<![CDATA[a < b]]>", "a < b"},
+        {section, "x<!--c--><e/><![CDATA[one]]>y<![CDATA[two]]>", "one"},
+        {section, "<![CDATA[]]>", ""},
+        {section, "<e><![CDATA[deep]]></e>", "]]"},
+        {section, "", "]]"},
+        {section, nullptr, kKept,
+         "[DEBUG] AppXmlGetSonNodeValue_CData: do not find element. {v}\n"},
+        {s32, "-12 volts", "-12"},
+        {s32, "", "0"},
+        {s32, nullptr, kKept, MISSING},
+        {s32, "2147483648", kKept,
+         "[ERROR] AppXmlGetSonNodeValue_s32: AppConvertStrtoS32() failed, {2147483648}\n"},
+        {u8, "256", kKept, "[ERROR] AppXmlGetSonNodeValue_u8: invalid value: 256\n"},
+        {u8, "-1", kKept, "[ERROR] AppXmlGetSonNodeValue_u8: invalid value: -1\n"},
+        {u8, nullptr, kKept, MISSING},
+        {u16, "70000", kKept, "[ERROR] AppXmlGetSonNodeValue_u16: invalid value: 70000\n"},
+        {u16, "99999999999", kKept,
+         "[ERROR] AppXmlGetSonNodeValue_s32: AppConvertStrtoS32() failed, {99999999999}\n"},
+        {u16, nullptr, kKept, MISSING},
+        {u32, "", "0"},
+        {u32, nullptr, kKept, MISSING},
+        {u32, "-1", kKept,
+         "[ERROR] AppXmlGetSonNodeValue_u32: AppConvertStrtoU32() overflow, {-1}\n"},
+        {u64, nullptr, kKept, MISSING},
+        {u64, "18446744073709551616", kKept,
+         "[ERROR] AppXmlGetSonNodeValue_u64: AppConvertStrtoU64() overflow, "
+         "{18446744073709551616}\n"},
+        {flag, "TRUE", "1"},
+        {flag, "falsE", "0"},
+        {flag, "1", kKept, "[ERROR] AppXmlGetSonNodeValue_Bool: unknown text{1}, node{v}\n"},
+        {flag, "", kKept, "[ERROR] AppXmlGetSonNodeValue_Bool: unknown text{}, node{v}\n"},
+        {flag, nullptr, kKept,
+         MISSING "[DEBUG] AppXmlGetSonNodeValue_Bool: AppXmlGetSonNodeValue_Str() failed 108\n"},
+    };
+#undef MISSING
+    ExpectReads("<cfg><v>", "</v></cfg>", rows);
+}
+
+TEST(XmlReaders, Attributes)
+{
+    const Read text = As(AppXmlGetAttr_Str), flag = As(AppXmlGetAttr_Bool);
+    const Read s32 = As(AppXmlGetAttr_s32), u32 = As(AppXmlGetAttr_u32);
+    const Read u8 = As(AppXmlGetAttr_u8), u16 = As(AppXmlGetAttr_u16);
+    const char *szNoS32 = "[DEBUG] AppXmlGetAttr_s32: get attr failed, name {v}\n";
+    const char *szWideS32 = "[ERROR] AppXmlGetAttr_s32: conv str to s32 failed, {99999999999}\n";
+    const std::vector<ReadRow> rows = {
+        {text, " a&amp;b", " a&b"},
+        {text, nullptr, kKept, "[ERROR] AppXmlGetAttr_Str: can NOT find attr{v}\n"},
+        {s32, "abc", "0"},
+        {s32, "-5", "-5"},
+        {s32, nullptr, kKept, szNoS32},
+        {s32, "99999999999", "0", szWideS32},
+        {u8, "-1", kKept, "[ERROR] AppXmlGetAttr_u8: value -1, is not in [0, 0xFF]\n"},
+        {u8, "256", kKept, "[ERROR] AppXmlGetAttr_u8: value 256, is not in [0, 0xFF]\n"},
+        {u8, "99999999999", kKept, szWideS32},
+        {u8, nullptr, kKept, szNoS32},
+        {u16, "65536", kKept, "[ERROR] AppXmlGetAttr_u16: value 65536, is not in [0, 0xFFFF]\n"},
+        {u16, nullptr, kKept, szNoS32},
+        {u32, "12V", "12"},
+        {u32, nullptr, kKept, "[DEBUG] AppXmlGetAttr_u32: get attr failed, name {v}\n"},
+        {u32, "-1", "0", "[ERROR] AppXmlGetAttr_u32: conv str to u32 failed, {-1}\n"},
+        {flag, "True", "1"},
+        {flag, "FALSE", "0"},
+        {flag, "0", kKept, "[ERROR] AppXmlGetAttr_Bool: unknown value {0}, attr {v}\n"},
+        {flag, nullptr, kKept, "[DEBUG] AppXmlGetAttr_Bool: get attr failed, name {v}\n"},
+    };
+    ExpectReads("<cfg v='", "'/>", rows);
+}
+
+TEST(XmlReaders, ValuesOfTheNodeItself)
+{
+    const Read text = As(OfNode<const char *, AppXmlGetNodeValue_Str>);
+    const Read u16 = As(OfNode<uint16_t, AppXmlGetNodeValue_u16>);
+    const Read u32 = As(OfNode<uint32_t, AppXmlGetNodeValue_u32>);
+    const std::vector<ReadRow> rows = {
+        {text, " 10.0.0.1", " 10.0.0.1"},
+        {text, "<e>1</e>", ""},
+        {text, nullptr, ""},
+        {u16, nullptr, "0"},
+        {u16, "65536", kKept,
+         "[ERROR] AppXmlGetNodeValue_u16: node value too large for u16, dwNum 65536\n"},
+        {u16, "-1", kKept, "[ERROR] AppXmlGetNodeValue_u16: overflow, {-1}\n"},
+        {u32, "80 ", "80"},
+        {u32, "4294967296", kKept, "[ERROR] AppXmlGetNodeValue_u32: overflow, {4294967296}\n"},
+    };
+    ExpectReads("<v>", "</v>", rows);
+}
+
+TEST(XmlReaders, ThreeWaysToFindANode)
+{
+    const Document document = Load("<cfg>\n <net><ip>10.0.0.1</ip></net><port>1</port><other/>"
+                                   "<port>2</port>text<Port>3</Port></cfg>");
+    mxml_node_t *ptCfg = document.get(), *ptIp = nullptr;
+    LogCapture log(APP_LOG_DEBUG);
+    for (const char *szPath : {"net/ip", "*/ip"}) {
+        const char *szText = nullptr;
+        EXPECT_CODE(APP_OK, AppXmlGetSonNodeValue_Str(ptCfg, szPath, &szText));
+        EXPECT_STREQ(szText, "10.0.0.1");
+    }
+    EXPECT_CODE(APP_OK, AppXmlGetSonNode(ptCfg, "ip", &ptIp));
+    EXPECT_STREQ(mxmlGetOpaque(ptIp), "10.0.0.1");
+    EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, "ip"), nullptr) << "not a direct child";
+    EXPECT_EQ(AppXmlGetFirstChildWithName(mxmlGetParent(ptIp), "ip"), ptIp) << "the very first";
+    EXPECT_EQ(AppXmlGetFirstChildWithName(AppXmlGetFirstChildWithName(ptCfg, "other"), "ip"),
+              nullptr);
+    std::string ports;
+    for (mxml_node_t *pt = AppXmlGetFirstChildWithName(ptCfg, "port"); pt;
+         pt = AppXmlGetNextSiblingWithName(pt, "port"))
+        ports += mxmlGetOpaque(pt);
+    EXPECT_EQ(ports, "12");
+    log.ExpectNone();
+    EXPECT_CODE(APP_NOT_FOUND, AppXmlGetSonNode(ptCfg, "cfg", &ptIp)) << "the top itself";
+    std::string text;
+    EXPECT_CODE(APP_NOT_FOUND, As(AppXmlGetSonNodeValue_Str)(ptCfg, "ip", &text)) << "no search";
+}
+
+TEST(XmlReaders, KindsOfValueNodes)
+{
+    struct {
+        std::function<void(mxml_node_t *)> fill;
+        const char *szText; // null: unusable
+    } const rows[] = {
+        {[](mxml_node_t *pt) { mxmlNewInteger(pt, 5); }, nullptr},
+        {[](mxml_node_t *pt) { mxmlNewReal(pt, 5); }, nullptr},
+        {[](mxml_node_t *pt) { mxmlNewCustom(pt, pt, nullptr); }, nullptr},
+        {[](mxml_node_t *pt) { mxmlNewText(pt, 1, "5"), mxmlNewText(pt, 1, "6"); }, "5"},
+        {[](mxml_node_t *pt) { mxmlNewOpaque(pt, " 5 6"); }, " 5 6"},
+        {[](mxml_node_t *) {}, ""},
+        {[](mxml_node_t *pt) { mxmlNewElement(pt, "e"), mxmlNewOpaque(pt, "5"); }, ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(Text("row %d", int(&row - rows)));
+        const Document document = Create("cfg");
+        row.fill(mxmlNewElement(document.get(), "v"));
+        ExpectLogged(row.szText ? ""
+                                : "[ERROR] AppXmlGetSonNodeValue_Str: node{v} is NOT MXML_OPAQUE, "
+                                  "or MXML_TEXT\n",
+                     [&] {
+                         std::string text;
+                         EXPECT_CODE(row.szText ? APP_OK : APP_XML_NODE_INVALID,
+                                     As(AppXmlGetSonNodeValue_Str)(document.get(), "v", &text));
+                         EXPECT_EQ(text, row.szText ? row.szText : kKept);
+                     });
+    }
+    // Loaded without the callback: words.  Behind a comment: no value any more.
+    std::string text;
+    const Document words = Load("<cfg><v> two words</v></cfg>", MXML_TEXT_CALLBACK);
+    EXPECT_CODE(APP_OK, As(AppXmlGetSonNodeValue_Str)(words.get(), "v", &text));
+    EXPECT_EQ(text, "two");
+    const Document comment = Load("<cfg><v><!-- HTTP -->80</v></cfg>");
+    EXPECT_CODE(APP_OK, As(AppXmlGetSonNodeValue_u32)(comment.get(), "v", &text));
+    EXPECT_EQ(text, "0");
+}
+
+TEST(XmlReaders, ValueNodesWithoutText)
+{
+    struct {
+        Fn fn;
+        Read read;
+        const char *szContent;
+        mxml_load_cb_t pfnType;
+        const char *szLine;
+    } const rows[] = {
+        {Fn::mxmlGetOpaque, As(AppXmlGetSonNodeValue_s32), "5", AppXmlMxmlParseCB,
+         "[ERROR] AppXmlGetSonNodeValue_Str: node{v} value is NULL\n"},
+        {Fn::mxmlGetText, As(AppXmlGetSonNodeValue_Str), "5", MXML_TEXT_CALLBACK,
+         "[ERROR] AppXmlGetSonNodeValue_Str: node{v} value is NULL\n"},
+        {Fn::mxmlGetCDATA, As(AppXmlGetSonNodeValue_CData), "<![CDATA[5]]>", AppXmlMxmlParseCB,
+         "[ERROR] AppXmlGetSonNodeValue_CData: mxmlGetCDATA() failed, szNodeName{v}\n"},
+    };
+    for (const auto &row : rows) {
+        const Document document = Load(Text("<cfg><v>%s</v></cfg>", row.szContent), row.pfnType);
+        ExpectLogged(row.szLine, [&] {
+            fault::Fail fail(row.fn);
+            std::string value;
+            EXPECT_CODE(APP_XML_NODE_INVALID, row.read(document.get(), "v", &value));
+            EXPECT_EQ(value, kKept);
+        });
+    }
+}
+
+TEST(XmlReaders, CopiesOnlyWhatFits)
+{
+    const Document document = Load("<cfg><v>12345</v></cfg>");
+    const auto Long = [](uint32_t dwSize) {
+        return Text("[ERROR] AppXmlGetSonNodeValue_Str_Copy: buffer too small, len 5, dwBufSize "
+                    "%u\n",
+                    dwSize);
+    };
+    struct {
+        uint32_t dwSize, dwCode;
+        std::string left, log;
+    } const rows[] = {
+        {0, APP_INVALID_ARG, "########",
+         "[ERROR] AppXmlGetSonNodeValue_Str_Copy: dwBufSize zero\n"},
+        {1, APP_BUFFER_TOO_SMALL, "########", Long(1)},
+        {5, APP_BUFFER_TOO_SMALL, "########", Long(5)},
+        {6, APP_OK, {"12345\0##", 8}, ""},
+        {8, APP_OK, {"12345\0\0\0", 8}, ""},
+    };
+    for (const auto &row : rows)
+        ExpectLogged(row.log, [&] {
+            char achBuf[9] = "########";
+            EXPECT_CODE(row.dwCode,
+                        AppXmlGetSonNodeValue_Str_Copy(document.get(), "v", achBuf, row.dwSize));
+            EXPECT_EQ(std::string(achBuf, 8), row.left);
+        });
+}
+
+// ---- Null arguments -------------------------------------------------------------------------
+
+// Each argument null in turn: `names` are as the message has them; `call` gets whether the first,
+// second and third are given.  "" is an argument that the operation does not have.
+static void ExpectNullsRefused(const char *szOp, std::initializer_list<const char *> names,
+                               const std::function<uint32_t(bool, bool, bool)> &call)
+{
+    for (const char *const &szNull : names) {
+        std::string line = Text("[ERROR] %s:", szOp);
+        for (const char *const &szName : names)
+            if (*szName)
+                line += Text("%s %s %s", line.back() == ':' ? "" : ",", szName,
+                             &szName == &szNull ? "(nil)" : "P");
+        const auto nNull = &szNull - names.begin();
+        if (*szNull)
+            ExpectLogged(line + "\n", [&] {
+                EXPECT_CODE(APP_INVALID_ARG, call(nNull != 0, nNull != 1, nNull != 2));
+            });
+    }
+}
+
+TEST(XmlReaders, NullArguments)
+{
+    const Document document = Load("<cfg v='1'><v>1</v></cfg>");
+    mxml_node_t *const ptCfg = document.get();
+    std::string value;
+    uint32_t bValue = 0;
+    struct {
+        const char *szOp;
+        Read read;
+        const char *szNode, *szName, *szOut;
+    } const rows[] = {
+#define READER(name) #name, As(name)
+#define NODE_READER(name, type) #name, As(OfNode <type, name>)
+        {"AppXmlGetSonNode", As(Find), "ptParent", "szNodeName", "pptSonNode"},
+        {NODE_READER(AppXmlGetNodeValue_Str, const char *), "ptNode", "", "pszStr"},
+        {NODE_READER(AppXmlGetNodeValue_u16, uint16_t), "ptNode", "", "pwValue"},
+        {NODE_READER(AppXmlGetNodeValue_u32, uint32_t), "ptNode", "", "pdwValue"},
+        {READER(AppXmlGetAttr_Str), "ptNode", "szAttrName", "pszValue"},
+        {READER(AppXmlGetAttr_s32), "ptNode", "szAttrName", "pnValue"},
+        {READER(AppXmlGetAttr_u8), "ptNode", "szAttrName", "pbyValue"},
+        {READER(AppXmlGetAttr_u16), "ptNode", "szAttrName", "pwValue"},
+        {READER(AppXmlGetAttr_u32), "ptNode", "szAttrName", "pdwValue"},
+        {READER(AppXmlGetAttr_Bool), "ptNode", "szAttrName", "pbValue"},
+        {READER(AppXmlGetSonNodeValue_Str), "ptParent", "szNodeName", "szText"},
+        {"AppXmlGetSonNodeValue_Str_Copy", As(Copy), "ptParent", "szNodeName", "szBuf"},
+        {READER(AppXmlGetSonNodeValue_CData), "ptParent", "szNodeName", "pszText"},
+        {READER(AppXmlGetSonNodeValue_s32), "ptParent", "szNodeName", "pnValue"},
+        {READER(AppXmlGetSonNodeValue_u32), "ptParent", "szNodeName", "pdwValue"},
+        {READER(AppXmlGetSonNodeValue_u64), "ptParent", "szNodeName", "pqwValue"},
+#undef READER
+#undef NODE_READER
+    };
+    for (const auto &row : rows)
+        ExpectNullsRefused(row.szOp, {row.szNode, row.szName, row.szOut},
+                           [&](bool bNode, bool bName, bool bOut) {
+                               return row.read(bNode ? ptCfg : nullptr, bName ? "v" : nullptr,
+                                               bOut ? &value : nullptr);
+                           });
+    // These leave all but their own argument to the reader inside.
+    ExpectLogged("[ERROR] AppXmlGetSonNodeValue_u8: pbyValue NULL\n"
+                 "[ERROR] AppXmlGetSonNodeValue_u16: pwValue NULL\n"
+                 "[ERROR] AppXmlGetSonNodeValue_s32: ptParent (nil), szNodeName P, pnValue P\n"
+                 "[ERROR] AppXmlGetSonNodeValue_s32: ptParent P, szNodeName (nil), pnValue P\n"
+                 "[ERROR] AppXmlGetSonNodeValue_Str: ptParent (nil), szNodeName P, szText P\n"
+                 "[DEBUG] AppXmlGetSonNodeValue_Bool: AppXmlGetSonNodeValue_Str() failed 103\n"
+                 "[ERROR] AppXmlGetFirstChildWithName: ptParent (nil), szName P\n"
+                 "[ERROR] AppXmlGetFirstChildWithName: ptParent P, szName (nil)\n"
+                 "[ERROR] AppXmlGetNextSiblingWithName: ptNode (nil), szName P\n"
+                 "[ERROR] AppXmlGetNextSiblingWithName: ptNode P, szName (nil)\n",
+                 [&] {
+                     const Read u8 = As(AppXmlGetSonNodeValue_u8);
+                     const Read u16 = As(AppXmlGetSonNodeValue_u16);
+                     EXPECT_CODE(APP_INVALID_ARG, u8(ptCfg, "v", nullptr));
+                     EXPECT_CODE(APP_INVALID_ARG, u16(ptCfg, "v", nullptr));
+                     EXPECT_CODE(APP_INVALID_ARG, u8(nullptr, "v", &value));
+                     EXPECT_CODE(APP_INVALID_ARG, u16(ptCfg, nullptr, &value));
+                     EXPECT_CODE(APP_INVALID_ARG,
+                                 AppXmlGetSonNodeValue_Bool(nullptr, "v", &bValue));
+                     EXPECT_EQ(AppXmlGetFirstChildWithName(nullptr, "v"), nullptr);
+                     EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, nullptr), nullptr);
+                     EXPECT_EQ(AppXmlGetNextSiblingWithName(nullptr, "v"), nullptr);
+                     EXPECT_EQ(AppXmlGetNextSiblingWithName(ptCfg, nullptr), nullptr);
+                 });
+    // Without an out-parameter the text is checked all the same.
+    LogCapture log;
+    EXPECT_CODE(APP_BAD_VALUE, AppXmlGetSonNodeValue_Bool(ptCfg, "v", nullptr));
+    EXPECT_CODE(APP_OK, AppXmlGetSonNodeValue_Bool(Load("<c><v>true</v></c>").get(), "v", nullptr));
+}
+
+// ---- Writers --------------------------------------------------------------------------------
+
+using Write = std::function<uint32_t(mxml_node_t *, mxml_node_t **)>; // adds an element "v"
+
+template <typename T, typename V>
+static Write Adds(uint32_t (*pfnAdd)(mxml_node_t *, const char *, T, mxml_node_t **), V value)
+{
+    return [=](mxml_node_t *pt, mxml_node_t **pptNew) { return pfnAdd(pt, "v", value, pptNew); };
+}
+
+template <typename T, typename V>
+static Write Sets(uint32_t (*pfnSet)(mxml_node_t *, const char *, T), V value)
+{
+    return [=](mxml_node_t *pt, mxml_node_t **) { return pfnSet(pt, "v", value); };
+}
+
+static uint32_t AddEmpty(mxml_node_t *ptFather, mxml_node_t **pptNew)
+{
+    return AppXmlAddSonNode(ptFather, "v", pptNew);
+}
+
+TEST(XmlWriters, ElementsAndTheirTexts)
+{
+    const auto Double = [](double fValue) { return Adds(AppXmlAddSonNode_Double, fValue); };
+    const double fMost = nextafter(1e56, 0), fLeast = nextafter(-1e55, 0);
+    struct {
+        Write write;
+        std::string content;
+    } const rows[] = {
+        {AddEmpty, "<v />"},
+        {Adds(AppXmlAddSonNode_Str, "a  <b>& "), "<v>a  &lt;b&gt;&amp; </v>"},
+        {Adds(AppXmlAddSonNode_CDATA, "a <b>&"), "<v><![CDATA[a <b>&]]></v>"},
+        {Adds(AppXmlAddSonNode_s32, -5), "<v>-5</v>"},
+        {Adds(AppXmlAddSonNode_u64, UINT64_MAX), "<v>18446744073709551615</v>"},
+        {Adds(AppXmlAddSonNode_Bool, 2u), "<v>true</v>"},
+        {Adds(AppXmlAddSonNode_Bool, 0u), "<v>false</v>"},
+        {Double(2.5), "<v>2.500000</v>"},
+        {Double(-0.1), "<v>-0.100000</v>"},
+        {Double(fMost), Text("<v>%lf</v>", fMost)},
+        {Double(fLeast), Text("<v>%lf</v>", fLeast)},
+    };
+    LogCapture log(APP_LOG_DEBUG);
+    for (const auto &row : rows) {
+        const Document document = Create("cfg");
+        mxmlNewElement(document.get(), "first");
+        mxml_node_t *ptNew = nullptr;
+        EXPECT_CODE(APP_OK, row.write(document.get(), &ptNew));
+        EXPECT_EQ(ptNew, mxmlGetLastChild(document.get()));
+        EXPECT_EQ(Save(document), "<cfg><first />" + row.content + "</cfg>\n");
+    }
+    const Document document = Create("cfg");
+    EXPECT_CODE(APP_OK, AppXmlSetAttr_s32(document.get(), "a", -1));
+    EXPECT_CODE(APP_OK, AppXmlSetAttr_u32(document.get(), "b", 1));
+    EXPECT_CODE(APP_OK, AppXmlSetAttr_u32(document.get(), "b", UINT32_MAX));
+    EXPECT_EQ(Save(document), "<cfg a=\"-1\" b=\"4294967295\" />\n") << "replaced, not doubled";
+    log.ExpectNone();
+}
+
+TEST(XmlWriters, WhatHasNoTextIsNotAdded)
+{
+    const Document document = Create("cfg");
+    struct {
+        Write write;
+        const char *szFormat;
+        std::string value; // a double is too long by itself, the others need a formatter's error
+    } const rows[] = {
+        {Adds(AppXmlAddSonNode_Double, 1e56), "AddSonNode_Double", Text("%lf", 1e56)},
+        {Adds(AppXmlAddSonNode_Double, -1e55), "AddSonNode_Double", Text("%lf", -1e55)},
+        {Adds(AppXmlAddSonNode_s32, -7), "AddSonNode_s32", "value -7"},
+        {Adds(AppXmlAddSonNode_u32, 7u), "AddSonNode_u32", "7"},
+        {Adds(AppXmlAddSonNode_u64, UINT64_MAX), "AddSonNode_u64", "18446744073709551615"},
+        {Sets(AppXmlSetAttr_s32, -7), "SetAttr_s32", "value -7"},
+        {Sets(AppXmlSetAttr_u32, 7u), "SetAttr_u32", "value 7"},
+    };
+    for (const auto &row : rows)
+        ExpectLogged(
+            Text("[ERROR] AppXml%s: AppSnprintf() failed, %s\n", row.szFormat, row.value.c_str()),
+            [&] {
+                // Only the first text fails, not that of the line.
+                const bool bTooLong = row.value.size() > 60;
+                fault::Fail fail(Fn::_AppVsnprintf, bTooLong ? 0 : 1);
+                mxml_node_t *ptNew = nullptr;
+                EXPECT_CODE(APP_FAILED, row.write(document.get(), &ptNew));
+                EXPECT_EQ(ptNew, nullptr);
+            });
+    EXPECT_EQ(Save(document), "<cfg />\n");
+}
+
+TEST(XmlWriters, NullArguments)
+{
+    const Document document = Create("cfg");
+    mxml_node_t *const ptCfg = document.get(), *ptNew = ptCfg;
+    const auto Node = [&](bool bGiven) { return bGiven ? ptCfg : nullptr; };
+    const auto Any = [](bool bGiven) { return bGiven ? "v" : nullptr; };
+    ExpectNullsRefused("AppXmlAddSonNode", {"ptFather", "szNodeName", "pptNewNode"},
+                       [&](bool bNode, bool bName, bool bOut) {
+                           return AppXmlAddSonNode(Node(bNode), Any(bName),
+                                                   bOut ? &ptNew : nullptr);
+                       });
+    ExpectNullsRefused("AppXmlAddSonNode_Str", {"ptFather", "szNodeName", "szValue"},
+                       [&](bool bNode, bool bName, bool bText) {
+                           return AppXmlAddSonNode_Str(Node(bNode), Any(bName), Any(bText), &ptNew);
+                       });
+    ExpectNullsRefused("AppXmlAddSonNode_CDATA", {"ptFather", "szNodeName", "szData"},
+                       [&](bool bNode, bool bName, bool bText) {
+                           return AppXmlAddSonNode_CDATA(Node(bNode), Any(bName), Any(bText),
+                                                         &ptNew);
+                       });
+    ExpectNullsRefused("AppXmlSetAttr_s32", {"ptNode", "szAttrName"},
+                       [&](bool bNode, bool bName, bool) {
+                           return AppXmlSetAttr_s32(Node(bNode), Any(bName), 1);
+                       });
+    ExpectNullsRefused("AppXmlSetAttr_u32", {"ptNode", "szAttrName"},
+                       [&](bool bNode, bool bName, bool) {
+                           return AppXmlSetAttr_u32(Node(bNode), Any(bName), 1);
+                       });
+    ExpectLogged("[ERROR] AppXmlAddSonNode_CDATA: pptElem NULL\n"
+                 "[ERROR] AppXmlAddSonNode_Str: ptFather (nil), szNodeName P, szValue P\n",
+                 [&] {
+                     EXPECT_CODE(APP_INVALID_ARG, AppXmlAddSonNode_CDATA(ptCfg, "v", "1", nullptr));
+                     EXPECT_CODE(APP_INVALID_ARG, AppXmlAddSonNode_Bool(nullptr, "v", 1, &ptNew));
+                 });
+    EXPECT_EQ(ptNew, ptCfg) << "untouched";
+    EXPECT_EQ(Save(document), "<cfg />\n");
+}
+
+TEST(XmlWriters, WhatCannotBeMadeIsReported)
+{
+    const char *szStr = "[ERROR] AppXmlAddSonNode_Str: mxmlNewElement() failed, {v}\n"
+                        "[ERROR] AppXmlAddSonNode_Str: mxmlNewText() failed, Elem{v}, value{7}\n";
+    struct {
+        Write write;
+        unsigned nFaults;
+        std::string lines;
+    } const rows[] = {
+        {AddEmpty, 1, "[ERROR] AppXmlAddSonNode: mxmlNewElement() failed, {v}\n"},
+        {Adds(AppXmlAddSonNode_Str, "7"), 2, szStr},
+        {Adds(AppXmlAddSonNode_u32, 7u), 2, szStr},
+        {Adds(AppXmlAddSonNode_CDATA, "7"), 2,
+         "[ERROR] AppXmlAddSonNode_CDATA: mxmlNewElement() failed\n"
+         "[ERROR] AppXmlAddSonNode_CDATA: mxmlNewCDATA() failed\n"},
+    };
+    for (const auto &row : rows)
+        ExpectLogged(row.lines, [&] {
+            const Document document = Create("cfg");
+            const auto Operation = [&] {
+                mxml_node_t *ptNew = document.get();
+                const uint32_t dwCode = row.write(document.get(), &ptNew);
+                EXPECT_EQ(ptNew == nullptr, dwCode != APP_OK);
+                return dwCode;
+            };
+            EXPECT_EQ(row.nFaults,
+                      fault::Sweep({Fn::mxmlNewElement, Fn::mxmlNewText, Fn::mxmlNewCDATA},
+                                   Operation,
+                                   [](uint32_t dwCode) { EXPECT_CODE(APP_NO_RESOURCE, dwCode); }));
+            // An element without its value stays; the last one is that of the success.
+            mxml_node_t *ptFirst = mxmlGetFirstChild(document.get());
+            EXPECT_EQ(ptFirst != mxmlGetLastChild(document.get()), row.nFaults == 2);
+            EXPECT_EQ(mxmlGetFirstChild(ptFirst), nullptr);
+        });
+}
+
+// ---- Both -----------------------------------------------------------------------------------
+
+TEST(Xml, EveryNarrowValueComesBack)
+{
+    const Document written = Create("all");
+    for (uint32_t i = 0; i <= UINT16_MAX; ++i) {
+        mxml_node_t *ptItem = nullptr;
+        ASSERT_CODE(APP_OK, AppXmlAddSonNode(written.get(), "i", &ptItem));
+        AppXmlSetAttr_u32(ptItem, "a", i);
+        ASSERT_CODE(APP_OK, AppXmlAddSonNode_u32(ptItem, "v", i, nullptr));
+    }
+    const Document read = Load(Save(written));
+    LogCapture log; // for the values behind 255 that 8 bits refuse
+    uint32_t i = 0;
+    for (mxml_node_t *pt = AppXmlGetFirstChildWithName(read.get(), "i"); pt;
+         pt = AppXmlGetNextSiblingWithName(pt, "i"), ++i) {
+        uint16_t wAttr = 0, wSon = 0, wNode = 0;
+        AppXmlGetAttr_u16(pt, "a", &wAttr);
+        AppXmlGetSonNodeValue_u16(pt, "v", &wSon);
+        AppXmlGetNodeValue_u16(AppXmlGetFirstChildWithName(pt, "v"), &wNode);
+        ASSERT_TRUE(wAttr == i && wSon == i && wNode == i) << i;
+        if (i > UINT8_MAX + 9)
+            continue;
+        uint8_t byAttr = 77, bySon = 77;
+        const uint32_t dwCode = i <= UINT8_MAX ? APP_OK : APP_BAD_VALUE;
+        EXPECT_CODE(dwCode, AppXmlGetAttr_u8(pt, "a", &byAttr));
+        EXPECT_CODE(dwCode, AppXmlGetSonNodeValue_u8(pt, "v", &bySon));
+        EXPECT_EQ(byAttr, i <= UINT8_MAX ? i : 77);
+        EXPECT_EQ(bySon, byAttr);
+    }
+    EXPECT_EQ(i, UINT16_MAX + 1u);
+}
+
+TEST(Xml, EdgesOfWideValuesComeBack)
+{
+    std::vector<uint64_t> values = {0, 1, UINT64_MAX - 1, UINT64_MAX};
+    for (const int nBits : {31, 32, 63})
+        for (const uint64_t qwOff : {-1, 0, 1})
+            values.push_back((UINT64_C(1) << nBits) + qwOff);
+    for (const uint64_t qw : values) {
+        const auto dw = static_cast<uint32_t>(qw);
+        const auto n = static_cast<int32_t>(dw);
+        const Document written = Create("cfg");
+        AppXmlSetAttr_u32(written.get(), "dw", dw);
+        AppXmlSetAttr_s32(written.get(), "n", n);
+        AppXmlAddSonNode_u64(written.get(), "qw", qw, nullptr);
+        AppXmlAddSonNode_u32(written.get(), "dw", dw, nullptr);
+        AppXmlAddSonNode_s32(written.get(), "n", n, nullptr);
+        const Document loaded = Load(Save(written));
+        for (mxml_node_t *pt : {written.get(), loaded.get()}) { // texts, then opaque values
+            uint64_t qwSon = 77;
+            uint32_t dwSon = 77, dwAttr = 77, dwNode = 77;
+            int32_t nSon = 77, nAttr = 77;
+            AppXmlGetSonNodeValue_u64(pt, "qw", &qwSon);
+            AppXmlGetSonNodeValue_u32(pt, "dw", &dwSon);
+            AppXmlGetSonNodeValue_s32(pt, "n", &nSon);
+            AppXmlGetAttr_u32(pt, "dw", &dwAttr);
+            AppXmlGetAttr_s32(pt, "n", &nAttr);
+            AppXmlGetNodeValue_u32(AppXmlGetFirstChildWithName(pt, "dw"), &dwNode);
+            EXPECT_TRUE(qwSon == qw && dwSon == dw && nSon == n && dwAttr == dw && nAttr == n)
+                << qw;
+            EXPECT_EQ(dwNode, pt == loaded.get() ? dw : 0) << "a text node is no opaque value";
+        }
+    }
+}
+
+// A camera's configuration: written, saved to a file, loaded, compared and read.
+TEST(Xml, ACameraDocumentSurvivesItsFile)
+{
+    const Document written(mxmlNewXML("1.0"), mxmlDelete);
+    mxml_node_t *ptCamera = nullptr, *ptNode = nullptr;
+    AppXmlAddSonNode(written.get(), "camera", &ptCamera);
+    AppXmlSetAttr_u32(ptCamera, "version", 3);
+    AppXmlAddSonNode_Str(ptCamera, "name", "Gate <north> & \"yard\"", nullptr);
+    AppXmlAddSonNode(ptCamera, "net", &ptNode);
+    AppXmlAddSonNode_Str(ptNode, "ip", "192.168.1.64", nullptr);
+    AppXmlAddSonNode_u32(ptNode, "port", 554, nullptr);
+    AppXmlAddSonNode_Bool(ptNode, "dhcp", 0, nullptr);
+    for (const uint32_t dwRate : {25u, 12u}) {
+        AppXmlAddSonNode(ptCamera, "stream", &ptNode);
+        AppXmlSetAttr_s32(ptNode, "gain", -3);
+        AppXmlAddSonNode_u32(ptNode, "rate", dwRate, nullptr);
+        AppXmlAddSonNode_Double(ptNode, "zoom", 1.25, nullptr);
+    }
+    AppXmlAddSonNode_u64(ptCamera, "serial", UINT64_MAX, nullptr);
+    AppXmlAddSonNode_CDATA(ptCamera, "note", "if (a < b) & ...", &ptNode);
+
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(tmpfile(), fclose);
+    ASSERT_EQ(mxmlSaveFile(written.get(), file.get(), MXML_NO_CALLBACK), 0);
+    rewind(file.get());
+    const Document loaded(mxmlLoadFile(nullptr, file.get(), AppXmlMxmlParseCB), mxmlDelete);
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_EQ(Save(loaded), Save(written));
+
+    mxml_node_t *ptRead = AppXmlGetFirstChildWithName(loaded.get(), "camera");
+    mxml_node_t *ptFirst = AppXmlGetFirstChildWithName(ptRead, "stream");
+    mxml_node_t *ptSecond = AppXmlGetNextSiblingWithName(ptFirst, "stream");
+    struct {
+        mxml_node_t *ptNode;
+        Read read;
+        const char *szName, *szValue;
+    } const rows[] = {
+        {ptRead, As(AppXmlGetAttr_u8), "version", "3"},
+        {ptRead, As(AppXmlGetSonNodeValue_Str), "name", "Gate <north> & \"yard\""},
+        {ptRead, As(AppXmlGetSonNodeValue_Str), "net/ip", "192.168.1.64"},
+        {ptRead, As(AppXmlGetSonNodeValue_u16), "net/port", "554"},
+        {ptRead, As(AppXmlGetSonNodeValue_Bool), "net/dhcp", "0"},
+        {ptFirst, As(AppXmlGetAttr_s32), "gain", "-3"},
+        {ptFirst, As(AppXmlGetSonNodeValue_u8), "rate", "25"},
+        {ptSecond, As(AppXmlGetSonNodeValue_u8), "rate", "12"},
+        {ptSecond, As(AppXmlGetSonNodeValue_Str), "zoom", "1.250000"},
+        {ptRead, As(AppXmlGetSonNodeValue_u64), "serial", "18446744073709551615"},
+        {ptRead, As(AppXmlGetSonNodeValue_CData), "note", "if (a < b) & ..."},
+    };
+    for (const auto &row : rows) {
+        std::string value;
+        EXPECT_CODE(APP_OK, row.read(row.ptNode, row.szName, &value)) << row.szName;
+        EXPECT_EQ(value, row.szValue);
+    }
+    EXPECT_EQ(AppXmlGetNextSiblingWithName(ptSecond, "stream"), nullptr);
+}
