@@ -340,45 +340,75 @@ TEST(Queue, FaultsLeaveCountAndRecordInStep)
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
+// Who takes the last element may destroy the queue: its producer no longer touches it.
+TEST(Queue, MayBeDestroyedRightAfterItsLastElement)
+{
+    std::atomic<HAppQueue> hShared{nullptr};
+    std::atomic<bool> bEnd{false};
+    std::thread producer([&] {
+        while (!bEnd)
+            if (HAppQueue hQueue = hShared.exchange(nullptr))
+                AppQueueIn(hQueue, El('x'), 0);
+            else
+                std::this_thread::yield();
+    });
+    for (unsigned i = 0; i < test::Scaled(20000); ++i) {
+        HAppQueue hQueue = CreateQueue(1);
+        hShared = hQueue;
+        for (unsigned nSpin = 0; nSpin < i % 64 * 8; ++nSpin) // asleep, about to sleep, or late
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 60000, nullptr));
+        AppQueueDestroy(hQueue, nullptr, nullptr);
+    }
+    bEnd = true;
+    producer.join();
+}
+
 // Elements are producer and number.  Each consumer sees a producer's elements of one priority in
-// the order of their insertion, and every element comes out once.
+// the order of their insertion, and every element comes out once, also while time-outs expire.
 TEST(Queue, FourProducersAndFourConsumersLoseNothing)
 {
     constexpr unsigned kProducers = 4, kThreads = 8;
-    constexpr unsigned kElements =
-        test::Scaled(1000000) / 2 / kProducers; // in and out are two operations
+    constexpr unsigned kElements = test::Scaled(1000000) / 4 / kProducers; // in and out, two phases
     HAppQueue hQueue = CreateQueue(16);
     std::atomic<uint64_t> qwSum{0};
+    std::atomic<unsigned> nTimeouts{0};
+    const auto Produce = [&](unsigned nThread) {
+        for (uint32_t i = 1; i <= kElements; ++i) {
+            while (AppQueueGetSize(hQueue) > 300) // far beyond its maximum
+                std::this_thread::yield();
+            if (i % (kElements / 50) == 0) // lets the consumers fall asleep
+                std::this_thread::sleep_for(std::chrono::microseconds(900 + i % 400));
+            ASSERT_CODE(APP_OK, _AppQueueIn(hQueue, El(static_cast<int>(nThread << 24 | i)),
+                                            static_cast<int32_t>(i % 3) - 1, 1));
+        }
+    };
+    const auto Consume = [&] {
+        uint64_t qwMine = 0;
+        std::map<std::pair<unsigned, unsigned>, unsigned> last;
+        for (uint32_t i = 0; i < kElements; ++i) {
+            void *pvData = nullptr;
+            while (AppQueueOut(hQueue, i % 4, &pvData) == APP_TIMEOUT)
+                ++nTimeouts;
+            const auto dwElement = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pvData));
+            const uint32_t dwNumber = dwElement & 0xFFFFFF;
+            unsigned &nLast = last[{dwElement >> 24, dwNumber % 3}];
+            ASSERT_LT(nLast, dwNumber);
+            nLast = dwNumber;
+            qwMine += dwNumber;
+        }
+        qwSum += qwMine;
+    };
     for (int nPhase = 0; nPhase < 2; ++nPhase) {
         test::RunThreads(kThreads, [&](unsigned nThread) {
-            if (nThread < kProducers) {
-                for (uint32_t i = 1; i <= kElements; ++i) {
-                    while (AppQueueGetSize(hQueue) > 300) // far beyond its maximum
-                        std::this_thread::yield();
-                    ASSERT_CODE(APP_OK, _AppQueueIn(hQueue, El(static_cast<int>(nThread << 24 | i)),
-                                                    static_cast<int32_t>(i % 3) - 1, 1));
-                }
-                return;
-            }
-            uint64_t qwMine = 0;
-            std::map<std::pair<unsigned, unsigned>, unsigned> last;
-            for (uint32_t i = 0; i < kElements; ++i) {
-                void *pvData = nullptr;
-                ASSERT_CODE(APP_OK, AppQueueOut(hQueue, i % 2 ? 0 : 60000, &pvData));
-                const auto dwElement = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pvData));
-                const uint32_t dwNumber = dwElement & 0xFFFFFF;
-                unsigned &nLast = last[{dwElement >> 24, dwNumber % 3}];
-                ASSERT_LT(nLast, dwNumber);
-                nLast = dwNumber;
-                qwMine += dwNumber;
-            }
-            qwSum += qwMine;
+            nThread < kProducers ? Produce(nThread) : Consume();
         });
         ASSERT_TRUE(app::QueueIsValid(hQueue));
         EXPECT_EQ(AppQueueGetSize(hQueue), 0u);
+        EXPECT_EQ(hQueue->dwSleepers + hQueue->dwPromised, 0u);
         EXPECT_EQ(qwSum.exchange(0), uint64_t{kProducers} * kElements * (kElements + 1) / 2);
         EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr));
-        EXPECT_CODE(APP_OK, _AppQueueChangeMaxSize(hQueue, 16));
     }
+    EXPECT_GT(nTimeouts.load(), 0u);
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
