@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: MIT
+//
+// Turns motion events into notices: an XML line each, written to the alarm log and handed to push.
+#include "camera.h"
+
+namespace camera
+{
+
+namespace
+{
+
+constexpr uint32_t kRoom = 256; // events that may wait for this module
+
+constexpr TAppS32StrPair s_atPriority[] = {{kRoutine, "routine"}, {kAlarm, "alarm"}};
+
+uint32_t HandleAlarm(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+
+TModule s_tModule = {"alarm", HandleAlarm, nullptr, nullptr};
+TMailbox s_tMailbox;
+std::atomic<uint32_t> s_dwWritten;
+
+bool BuildNotice(mxml_node_t *ptNotice, const TMotion *ptMotion)
+{
+    const TConfig tConfig = ConfigGet();
+    char achTime[32];
+    uint32_t dwResult = AppConvertU322XsdDatetime(ptMotion->dwTime, 1, &ptMotion->dwMs, nullptr,
+                                                  achTime, sizeof(achTime));
+    mxmlElementSetAttr(ptNotice, "camera", tConfig.achUuid);
+    dwResult |= AppXmlSetAttr_u32(ptNotice, "number", ptMotion->dwNumber);
+    dwResult |= AppXmlAddSonNode_Str(ptNotice, "name", tConfig.achName, nullptr);
+    dwResult |= AppXmlAddSonNode_Str(ptNotice, "time", achTime, nullptr);
+    dwResult |= AppXmlAddSonNode_Str(
+        ptNotice, "priority", AppConvEnum2Str(s_atPriority, 2, ptMotion->nPriority), nullptr);
+    dwResult |= AppXmlAddSonNode_u32(ptNotice, "score", ptMotion->dwScore, nullptr);
+    return dwResult == APP_OK;
+}
+
+TNotice *MakeNotice(const TMotion *ptMotion)
+{
+    mxml_node_t *ptTree = mxmlNewElement(nullptr, "motion");
+    auto ptNotice = static_cast<TNotice *>(AppMemPoolMalloc(g_hPool, sizeof(TNotice)));
+    constexpr int nRoom = sizeof(ptNotice->achText) - 1; // one for the line's end
+    int nLength = 0;
+    mxmlSetWrapMargin(0); // a notice is one line
+    if (ptTree && ptNotice && BuildNotice(ptTree, ptMotion))
+        nLength = mxmlSaveString(ptTree, ptNotice->achText, nRoom, nullptr);
+    mxmlDelete(ptTree);
+    if (nLength <= 0 || nLength >= nRoom) {
+        AppMemPoolFree(ptNotice);
+        return nullptr;
+    }
+    // Mini-XML may have ended its text with a line break, or not.
+    while (nLength > 0 && ptNotice->achText[nLength - 1] == '\n')
+        --nLength;
+    ptNotice->achText[nLength] = '\n';
+    ptNotice->achText[nLength + 1] = '\0';
+    ptNotice->dwLength = static_cast<uint32_t>(nLength) + 1;
+    return ptNotice;
+}
+
+void Report(TMotion *ptMotion)
+{
+    AppLog(g_byLog, APP_LOG_INFO, "alarm: motion %lu, score %lu, %s\n",
+           static_cast<unsigned long>(ptMotion->dwNumber),
+           static_cast<unsigned long>(ptMotion->dwScore),
+           AppConvEnum2Str(s_atPriority, 2, ptMotion->nPriority));
+    TNotice *ptNotice = MakeNotice(ptMotion);
+    if (ptNotice) {
+        AppLogFile(g_byAlarmLog, APP_LOG_ALWAYS, "%s", ptNotice->achText);
+        s_dwWritten++;
+    }
+    PushNotice(ptNotice, ptMotion->nPriority); // null counts as dropped
+    AppMemPoolFree(ptMotion);
+}
+
+uint32_t HandleAlarm(HAppTask, uint32_t dwEventType, void *, void *)
+{
+    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_STOP)
+        while (void *pvMotion = MailboxTake(&s_tMailbox))
+            Report(static_cast<TMotion *>(pvMotion));
+    if (dwEventType == APP_TASK_EVENT_STOP)
+        ModuleStopped(&s_tModule);
+    return 0;
+}
+
+} // namespace
+
+bool AlarmRaise(TMotion *ptMotion)
+{
+    return MailboxPut(&s_tMailbox, ptMotion, ptMotion ? ptMotion->nPriority : kRoutine);
+}
+
+bool AlarmStart()
+{
+    return MailboxOpen(&s_tMailbox, &s_tModule, kRoom) && ModuleStart(&s_tModule);
+}
+
+void AlarmStop()
+{
+    ModuleStop(&s_tModule);
+    MailboxClose(&s_tMailbox);
+}
+
+int32_t AlarmStatus(char *szBuf, uint32_t dwSize)
+{
+    return AppSnprintf(szBuf, dwSize, "alarm: written %lu, waiting %lu\n",
+                       static_cast<unsigned long>(s_dwWritten),
+                       static_cast<unsigned long>(MailboxWaiting(&s_tMailbox)));
+}
+
+} // namespace camera

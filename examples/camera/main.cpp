@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: MIT
+//
+// A small camera application on appcore:  camera [camera.xml]
+// It can be found by WS-Discovery, watches for motion, tells an alarm receiver, and has a prompt.
+#include "camera.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace camera
+{
+
+HAppMemPool g_hPool;
+HAppTaskMgr g_hTaskMgr;
+uint8_t g_byLog, g_byAlarmLog, g_byNetLog;
+
+namespace
+{
+
+constexpr uint32_t kPoolLimit = 1024 * 1024;
+constexpr uint32_t kMaxTasks = 10;
+
+// Stopped in the reverse order of their start: whoever sends is stopped before whom it sends to.
+struct TStep {
+    bool (*pfnStart)();
+    void (*pfnStop)();
+};
+constexpr TStep s_atStep[] = {
+    {ConfigStart, ConfigStop}, {DiscoveryStart, DiscoveryStop},
+    {PushStart, PushStop},     {AlarmStart, AlarmStop},
+    {MotionStart, MotionStop}, {HousekeepingStart, HousekeepingStop},
+    {SearchStart, nullptr},    {ShellStart, ShellStop},
+};
+constexpr uint32_t kSteps = sizeof(s_atStep) / sizeof(s_atStep[0]);
+
+// Stops what was started.  A step that failed half-way is among it.
+void StopFrom(uint32_t dwStep)
+{
+    while (dwStep-- > 0)
+        if (s_atStep[dwStep].pfnStop)
+            s_atStep[dwStep].pfnStop();
+}
+
+uint8_t NewChannel(const char *szFile, uint32_t dwLimit)
+{
+    const uint8_t byChannel = AppGenerateLogChannel();
+    AppSetLogViaStdout(byChannel, 0); // standard output is the prompt's; the console has the lines
+    if (szFile && AppSetFileLog(byChannel, szFile, dwLimit) != 1)
+        AppLog(byChannel, APP_LOG_ERROR, "[ERROR] %s: no log file %s\n", __func__, szFile);
+    return byChannel;
+}
+
+// Waits for input or a signal.  False when the camera is to end.
+bool InputIsThere(int nSignals)
+{
+    pollfd atPoll[] = {{STDIN_FILENO, POLLIN, 0}, {nSignals, POLLIN, 0}};
+    while (poll(atPoll, 2, -1) < 0)
+        if (errno != EINTR)
+            return false;
+    return (atPoll[1].revents & POLLIN) == 0;
+}
+
+struct TInput {
+    char achText[512];
+    size_t nUsed;
+    bool bSkip; // behind a line that was too long
+};
+
+// Runs the whole lines that have come; false after "quit".
+bool RunLines(TInput *ptInput)
+{
+    char *szEnd = nullptr;
+    while ((szEnd = AppStrchr(ptInput->achText, '\n'))) {
+        const auto nLine = static_cast<size_t>(szEnd - ptInput->achText) + 1;
+        *szEnd = '\0';
+        if (!isatty(STDIN_FILENO))
+            printf("%s\n", ptInput->achText); // a script's commands among their results
+        const bool bGoOn = ptInput->bSkip || ShellRun(ptInput->achText);
+        ptInput->bSkip = false;
+        ptInput->nUsed -= nLine;
+        for (size_t i = 0; i <= ptInput->nUsed; ++i)
+            ptInput->achText[i] = ptInput->achText[nLine + i];
+        if (!bGoOn)
+            return false;
+        printf("camera> ");
+        fflush(stdout);
+    }
+    if (ptInput->nUsed == sizeof(ptInput->achText) - 1) {
+        printf("\nthis line is too long\n");
+        ptInput->bSkip = true;
+        ptInput->nUsed = 0;
+    }
+    return true;
+}
+
+// Serves standard input until its end, "quit", Ctrl-C or the wish of another program.
+void Serve(int nSignals)
+{
+    TInput tInput = {};
+    printf("camera> ");
+    fflush(stdout);
+    while (InputIsThere(nSignals)) {
+        const ssize_t nRead = read(STDIN_FILENO, tInput.achText + tInput.nUsed,
+                                   sizeof(tInput.achText) - 1 - tInput.nUsed);
+        if (nRead <= 0)
+            break;
+        tInput.nUsed += static_cast<size_t>(nRead);
+        tInput.achText[tInput.nUsed] = '\0';
+        if (!RunLines(&tInput))
+            break;
+    }
+    printf("\n");
+}
+
+bool RunTasks(int nSignals)
+{
+    const TConfig tConfig = ConfigGet();
+    AppSetFileLog(g_byLog, tConfig.achLogFile, tConfig.dwLogLimit);
+    g_byAlarmLog = NewChannel(tConfig.achAlarmFile, tConfig.dwAlarmLimit);
+    g_byNetLog = NewChannel(nullptr, 0);
+    if (AppTaskMgrCreate(g_hPool, kMaxTasks, tConfig.dwTaskIdle, &g_hTaskMgr) != APP_OK)
+        return false;
+    uint32_t dwStarted = 0;
+    bool bGood = true;
+    while (bGood && dwStarted < kSteps)
+        bGood = s_atStep[dwStarted++].pfnStart();
+    if (bGood) {
+        AppLog(g_byLog, APP_LOG_ALWAYS, "camera: \"%s\" started\n", tConfig.achName);
+        Serve(nSignals);
+        AppLog(g_byLog, APP_LOG_ALWAYS, "camera: ending\n");
+    }
+    StopFrom(dwStarted);
+    AppTaskMgrDestroy(g_hTaskMgr);
+    return bGood;
+}
+
+int Run(const char *szFile, int nSignals)
+{
+    bool bGood = false;
+    AppSocketStartUp();
+    g_byLog = NewChannel(nullptr, 0);
+    if (AppMemPoolCreate(kPoolLimit, 1, 0, &g_hPool) == APP_OK) {
+        bGood = ConfigLoad(szFile) && RunTasks(nSignals);
+        ConfigStop();
+        AppMemPoolDestroy(g_hPool);
+    }
+    AppLog(g_byLog, APP_LOG_ALWAYS, bGood ? "camera: ended\n" : "camera: could not start\n");
+    AppCloseFileLog(g_byAlarmLog);
+    AppCloseFileLog(g_byLog);
+    AppSocketClearUp();
+    return bGood ? 0 : 1;
+}
+
+} // namespace
+
+} // namespace camera
+
+int main(int argc, char **argv)
+{
+    // Blocked before the first thread is made, so that every thread leaves them to our descriptor.
+    sigset_t tSignals;
+    sigemptyset(&tSignals);
+    sigaddset(&tSignals, SIGINT);
+    sigaddset(&tSignals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &tSignals, nullptr);
+    const int nSignals = signalfd(-1, &tSignals, SFD_CLOEXEC);
+    const int nResult = camera::Run(argc > 1 ? argv[1] : "camera.xml", nSignals);
+    close(nSignals);
+    return nResult;
+}

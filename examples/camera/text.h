@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+//
+// Texts that come from people and from the network.
+#ifndef CAMERA_TEXT_H
+#define CAMERA_TEXT_H
+
+#include <stdint.h>
+
+namespace camera
+{
+
+// A decimal number from dwMin to dwMax and nothing else, blanks around it aside.
+bool ParseNumber(const char *szText, uint32_t dwMin, uint32_t dwMax, uint32_t *pdwValue);
+
+// Makes a text of unknown origin fit for a log line: what is not printable ASCII becomes \xNN.
+// Writes at most dwSize - 1 characters; returns szDst.
+char *EscapeForLog(const char *szSrc, char *szDst, uint32_t dwSize);
+
+// Percent-encodes a text for use in a URI, and back; the result is cut to dwSize - 1 characters.
+char *EncodeUri(const char *szSrc, char *szDst, uint32_t dwSize);
+char *DecodeUri(const char *szSrc, uint32_t dwLen, char *szDst, uint32_t dwSize);
+
+constexpr uint32_t kUuidSize = 37;
+void MakeUuid(char *szDst); // a random one, of kUuidSize bytes
+bool IsUuid(const char *szText);
+
+bool HasControlChars(const char *szText);
+bool IsBlank(char ch);
+// The first word of *pszRest, with its length; moves *pszRest behind it.  Null at the end.
+const char *NextWord(const char **pszRest, uint32_t *pdwLen);
+
+} // namespace camera
+
+#endif
