@@ -7,6 +7,7 @@
 #include "support/fault.h"
 #include "support/log_capture.h"
 #include "utils/double_list.h"
+#include "utils/lock_guard.h"
 #include "utils/queue.h"
 
 using fault::Fn;
@@ -253,19 +254,56 @@ TEST(Queue, OrdersBySignedPriorityThenAge)
 
 TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly)
 {
-    LogCapture log;
-    HAppQueue hQueue = CreateQueue(2);
-    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('a'), 0));
-    EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('b'), 0, 0));
-    EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('c'), 9));
-    log.ExpectLines({"[ERROR] _AppQueueIn: Queue full. cur size: 2 max size: 2\n"});
-    ExpectMarks(hQueue, 2, 2, 2);
-    for (int i = 0; i < 1000; ++i)
-        EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('f'), 0, i % 2 ? 1 : -1));
-    ExpectMarks(hQueue, 1002, 2, 1002);
-    EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 0));
-    EXPECT_EQ(Drain(hQueue), "ab" + std::string(1000, 'f'));
-    ExpectMarks(hQueue, 0, 2, 1002);
+    for (const uint32_t bLock : {1u, 0u}) {
+        LogCapture log;
+        HAppQueue hQueue = CreateQueue(2, bLock);
+        EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('a'), 0));
+        EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('b'), 0, 0));
+        EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('c'), 9));
+        log.ExpectLines({"[ERROR] _AppQueueIn: Queue full. cur size: 2 max size: 2\n"});
+        ExpectMarks(hQueue, 2, 2, 2);
+        for (int i = 0; i < 1000; ++i)
+            EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('f'), 0, i % 2 ? 1 : -1));
+        ExpectMarks(hQueue, 1002, 2, 1002);
+        EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 0));
+        EXPECT_EQ(Drain(hQueue), "ab" + std::string(1000, 'f'));
+        ExpectMarks(hQueue, 0, 2, 1002);
+        AppQueueDestroy(hQueue, nullptr, nullptr);
+    }
+}
+
+// A consumer whose time runs out between the insertion and its wake-up takes the element.
+TEST(Queue, PromisedElementIsTakenAfterTheTimeout)
+{
+    HAppQueue hQueue = CreateQueue();
+    bool bWake = false;
+    while (!bWake) {
+        uint32_t dwResult = APP_FAILED;
+        void *pvData = nullptr;
+        std::atomic<bool> bDone{false};
+        std::thread consumer([&] {
+            dwResult = AppQueueOut(hQueue, 100, &pvData);
+            bDone = true;
+        });
+        EXPECT_TRUE(test::WaitUntil([&] {
+            app::LockGuard guard(hQueue->hLock);
+            return hQueue->dwSleepers == 1 || bDone;
+        }));
+        {
+            LogCapture log;
+            fault::Fail fail(Fn::malloc); // a failed insertion promises nothing
+            EXPECT_CODE(APP_NO_RESOURCE, app::QueuePlace(hQueue, El('f'), 0, 0, "test", &bWake));
+            EXPECT_FALSE(bWake);
+        }
+        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, "test", &bWake));
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        if (bWake) // unless this thread was too slow
+            app::QueueWake(hQueue);
+        consumer.join();
+        EXPECT_CODE(bWake ? APP_OK : APP_TIMEOUT, dwResult);
+        EXPECT_EQ(bWake ? Letter(pvData) : 'p', 'p');
+        EXPECT_EQ(Drain(hQueue), bWake ? "" : "p");
+    }
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 

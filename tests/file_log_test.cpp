@@ -268,7 +268,7 @@ TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite)
 {
     StdoutCapture output;
     test::RunThreads(4, [&](unsigned nThread) {
-        for (unsigned i = 0; i < 300; ++i)
+        for (unsigned i = 0; i < 3000; ++i)
             if (nThread != 0)
                 Write("line");
             else if (i % 3 == 2)
