@@ -484,8 +484,8 @@ static uint32_t AddEmpty(mxml_node_t *ptFather, mxml_node_t **pptNew)
 
 TEST(XmlWriters, ElementsAndTheirTexts)
 {
-    const auto Double = [](double fValue) { return Adds(AppXmlAddSonNode_Double, fValue); };
-    const double fMost = nextafter(1e56, 0), fLeast = nextafter(-1e55, 0);
+    const auto Double = [](double dValue) { return Adds(AppXmlAddSonNode_Double, dValue); };
+    const double dMost = nextafter(1e56, 0), dLeast = nextafter(-1e55, 0);
     struct {
         Write write;
         std::string content;
@@ -499,8 +499,8 @@ TEST(XmlWriters, ElementsAndTheirTexts)
         {Adds(AppXmlAddSonNode_Bool, 0u), "<v>false</v>"},
         {Double(2.5), "<v>2.500000</v>"},
         {Double(-0.1), "<v>-0.100000</v>"},
-        {Double(fMost), Text("<v>%lf</v>", fMost)},
-        {Double(fLeast), Text("<v>%lf</v>", fLeast)},
+        {Double(dMost), Text("<v>%lf</v>", dMost)},
+        {Double(dLeast), Text("<v>%lf</v>", dLeast)},
     };
     LogCapture log(APP_LOG_DEBUG);
     for (const auto &row : rows) {

@@ -310,14 +310,14 @@ APP_API uint32_t AppXmlAddSonNode_u64(mxml_node_t *ptFather, const char *szNodeN
  * Adds an element with a number in fixed point, six digits behind the point: 0.1 is "0.100000".
  * @param ptFather   the parent
  * @param szNodeName its name
- * @param fValue     the number; its text has room for 63 characters, so it must lie between -1e55
+ * @param dValue     the number; its text has room for 63 characters, so it must lie between -1e55
  *                   and 1e56, both excluded
  * @param pptNewNode receives the element; may be null
  * @retval APP_FAILED the text is longer; nothing is added
  * @return otherwise as AppXmlAddSonNode_Str()
  */
 APP_API uint32_t AppXmlAddSonNode_Double(mxml_node_t *ptFather, const char *szNodeName,
-                                         double fValue, mxml_node_t **pptNewNode);
+                                         double dValue, mxml_node_t **pptNewNode);
 
 /** Adds an element with "true" for any value but 0, else "false".  Otherwise as
  *  AppXmlAddSonNode_s32(). */

@@ -136,14 +136,14 @@ uint32_t AppXmlAddSonNode_u64(mxml_node_t *ptFather, const char *szNodeName, uin
         });
 }
 
-uint32_t AppXmlAddSonNode_Double(mxml_node_t *ptFather, const char *szNodeName, double fValue,
+uint32_t AppXmlAddSonNode_Double(mxml_node_t *ptFather, const char *szNodeName, double dValue,
                                  mxml_node_t **pptNewNode)
 {
     return AddTyped(
         ptFather, szNodeName, pptNewNode,
-        [=](char *szBuf, uint32_t dwSize) { return AppSnprintf(szBuf, dwSize, "%lf", fValue); },
+        [=](char *szBuf, uint32_t dwSize) { return AppSnprintf(szBuf, dwSize, "%lf", dValue); },
         [=, szOp = __func__] {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppSnprintf() failed, %lf\n", szOp, fValue);
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppSnprintf() failed, %lf\n", szOp, dValue);
         });
 }
 
