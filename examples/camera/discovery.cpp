@@ -19,6 +19,7 @@ constexpr uint32_t kSendMs = 50;    // an answer has 250 ms in all
 constexpr uint32_t kLookMs = 10000; // between two looks for new interfaces
 constexpr uint32_t kMaxInterfaces = 16;
 constexpr uint32_t kRemembered = 10; // messages that are answered once
+constexpr uint32_t kCopyMs = 400;    // how much later a copy of a message may come by another way
 constexpr uint32_t kMaxIdSize = 256;
 constexpr uint32_t kScopesSize = 512;
 
@@ -44,6 +45,12 @@ constexpr TAppS32StrPair s_atOutcome[kOutcomes] = {
     {kNotSent, "not sent"},
 };
 
+struct TSeen {
+    char achId[kMaxIdSize];
+    uint16_t wPort;
+    uint32_t dwTick;
+};
+
 uint32_t HandleDiscovery(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
 
 TModule s_tModule = {"discovery", HandleDiscovery, nullptr, nullptr};
@@ -51,7 +58,7 @@ HAppSocket s_hSocket;
 TAppNetAddr s_tGroup;
 TAppNetAddr s_atInterface[kMaxInterfaces]; // where Hello has been said
 uint32_t s_dwInterfaces;
-char s_aachSeen[kRemembered][kMaxIdSize]; // a ring
+TSeen s_atSeen[kRemembered]; // a ring
 uint32_t s_dwSeen;
 uint32_t s_dwInstance; // with each start of the camera a larger one
 uint32_t s_dwMessages;
@@ -181,18 +188,25 @@ void LookForInterfaces(HAppTask hTask)
 
 // ---- Probes -------------------------------------------------------------------------------------
 
-// A message is remembered when it is answered; in all this task's thread.
-bool WasAnswered(const char *szMessageId)
+// A MessageID that was answered stands for the same message again, unless it comes from another
+// port and too late for a copy: some clients draw theirs from the clock, by the second, and the
+// next of them wants its answer too.
+bool WasAnswered(const char *szMessageId, uint16_t wPort)
 {
-    for (const auto &achSeen : s_aachSeen)
-        if (AppStrcmp(achSeen, szMessageId) == 0)
+    const uint32_t dwNow = AppGetTick();
+    for (const TSeen &seen : s_atSeen)
+        if (AppStrcmp(seen.achId, szMessageId) == 0 &&
+            (seen.wPort == wPort || AppConvertTickToMS(AppTickDiff(seen.dwTick, dwNow)) < kCopyMs))
             return true;
     return false;
 }
 
-void Remember(const char *szMessageId)
+void Remember(const char *szMessageId, uint16_t wPort)
 {
-    AppStrncpy(s_aachSeen[s_dwSeen++ % kRemembered], szMessageId, kMaxIdSize);
+    TSeen &seen = s_atSeen[s_dwSeen++ % kRemembered];
+    AppStrncpy(seen.achId, szMessageId, kMaxIdSize);
+    seen.wPort = wPort;
+    seen.dwTick = AppGetTick();
 }
 
 // Every type that is asked for must be one of ours.
@@ -235,7 +249,7 @@ bool ScopesMatch(mxml_node_t *ptProbe)
 }
 
 // Why a message is not to be answered, or kAnswered when it is.
-EOutcome Judge(const TSoapMessage &tMessage)
+EOutcome Judge(const TSoapMessage &tMessage, uint16_t wPort)
 {
     mxml_node_t *ptProbe = SoapChild(tMessage.ptBody, kDiscoveryNs, "Probe");
     const char *szId = tMessage.szMessageId, *szRest = szId;
@@ -246,7 +260,7 @@ EOutcome Judge(const TSoapMessage &tMessage)
         return kNoMessageId;
     if (AppStrlen(szId) >= kMaxIdSize || HasControlChars(szId))
         return kBroken;
-    if (WasAnswered(szId))
+    if (WasAnswered(szId, wPort))
         return kRepeated;
     if (!TypesMatch(ptProbe))
         return kOtherTypes;
@@ -269,11 +283,11 @@ void HandleDatagram(const char *szText, const TAppNetAddr &tPeer, uint16_t wPort
     TSoapMessage tMessage;
     EOutcome eOutcome = kBroken;
     if (SoapParse(szText, &tMessage))
-        eOutcome = Judge(tMessage);
+        eOutcome = Judge(tMessage, wPort);
     if (eOutcome == kAnswered && !Answer(tMessage.szMessageId, tPeer, wPort))
         eOutcome = kNotSent;
     if (eOutcome == kAnswered)
-        Remember(tMessage.szMessageId);
+        Remember(tMessage.szMessageId, wPort);
     s_adwCount[eOutcome]++;
 
     char achIp[16] = "", achId[80], achAction[100];

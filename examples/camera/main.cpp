@@ -161,6 +161,7 @@ int Run(const char *szFile, int nSignals)
 
 int main(int argc, char **argv)
 {
+    setvbuf(stdout, nullptr, _IOLBF, 0); // in step with the console, whatever it leads to
     // Blocked before the first thread is made, so that every thread leaves them to our descriptor.
     sigset_t tSignals;
     sigemptyset(&tSignals);

@@ -54,13 +54,15 @@ bool FindReceiver(TAppNetAddr *ptAddr, uint16_t *pwPort)
 
 // The receiver may have been changed by a setting, or have hung up: whoever sends into a connection
 // that the other side has closed loses what is sent.
-void CheckConnection(const TAppNetAddr &tAddr, uint16_t wPort)
+void CheckConnection()
 {
-    if (!s_hSocket)
-        return;
     char achDiscard[256];
     uint32_t dwLen = sizeof(achDiscard);
-    if (s_tPeer.dwIpv4 != tAddr.dwIpv4 || s_wPeerPort != wPort)
+    TAppNetAddr tAddr;
+    uint16_t wPort = 0;
+    if (!s_hSocket)
+        return;
+    if (!FindReceiver(&tAddr, &wPort) || s_tPeer.dwIpv4 != tAddr.dwIpv4 || s_wPeerPort != wPort)
         Disconnect("another receiver was set");
     else if (AppSocketTCPRecv(s_hSocket, achDiscard, &dwLen, 1) == -1)
         Disconnect("the receiver has hung up");
@@ -68,9 +70,6 @@ void CheckConnection(const TAppNetAddr &tAddr, uint16_t wPort)
 
 bool Connect(const TAppNetAddr &tAddr, uint16_t wPort)
 {
-    CheckConnection(tAddr, wPort);
-    if (s_hSocket)
-        return true;
     s_hSocket = AppSocketTCPConnect(g_hPool, &tAddr, wPort, kConnectMs, nullptr);
     if (!s_hSocket)
         return false;
@@ -106,7 +105,9 @@ bool SendAll()
     uint16_t wPort = 0;
     while (s_ptCurrent || (s_ptCurrent = static_cast<TNotice *>(MailboxTake(&s_tMailbox)))) {
         s_bHolding = 1;
-        if (!FindReceiver(&tAddr, &wPort) || !Connect(tAddr, wPort) || !SendCurrent())
+        if (!s_hSocket && (!FindReceiver(&tAddr, &wPort) || !Connect(tAddr, wPort)))
+            return false;
+        if (!SendCurrent())
             return false;
         if (s_dwSentBytes < s_ptCurrent->dwLength)
             continue;
@@ -135,6 +136,7 @@ void Push(HAppTask hTask)
 {
     if (s_hRetry && !s_hSocket)
         return TellDropped(); // the receiver is away: not before its time
+    CheckConnection();
     if (SendAll()) {
         if (s_hIdle)
             AppTaskResetTimer(s_hIdle);
@@ -150,6 +152,7 @@ void Push(HAppTask hTask)
 // A last try, then the receiver's loss is told.
 void Finish()
 {
+    CheckConnection();
     SendAll();
     TellDropped();
     Disconnect("the camera ends");

@@ -90,10 +90,11 @@ bool SoapParse(const char *szText, TSoapMessage *ptMessage)
     ptMessage->ptTree = mxmlLoadString(nullptr, szText, AppXmlMxmlParseCB);
     if (!ptMessage->ptTree)
         return false;
-    // With an XML declaration the envelope is its child, without one it is the root.
-    mxml_node_t *ptEnvelope = IsElement(ptMessage->ptTree, kSoapNs, "Envelope")
-                                  ? ptMessage->ptTree
-                                  : SoapChild(ptMessage->ptTree, kSoapNs, "Envelope");
+    // An XML declaration is the parent of the envelope to Mini-XML.
+    const char *szRoot = mxmlGetElement(ptMessage->ptTree);
+    mxml_node_t *ptEnvelope = szRoot && szRoot[0] == '?'
+                                  ? SoapChild(ptMessage->ptTree, kSoapNs, "Envelope")
+                                  : FirstOf(ptMessage->ptTree, kSoapNs, "Envelope");
     mxml_node_t *ptHeader = SoapChild(ptEnvelope, kSoapNs, "Header");
     ptMessage->ptBody = SoapChild(ptEnvelope, kSoapNs, "Body");
     ptMessage->szAction = SoapText(SoapChild(ptHeader, kAddressingNs, "Action"));

@@ -1,0 +1,477 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Drives the camera example as its users, clients and receivers do.
+
+camera_test.py CASE COMMAND...   runs one case, in a network namespace of its own where that is
+allowed.  Exit status 77: the case could not be run here.
+"""
+import os
+import re
+import selectors
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import uuid
+import xml.etree.ElementTree as ET
+
+PATIENCE = 60  # seconds until something that must happen is given up
+ADDRESS = "10.99.0.1"
+GROUP = ("239.255.255.250", 3702)
+NS = {"s": "http://www.w3.org/2003/05/soap-envelope",
+      "a": "http://schemas.xmlsoap.org/ws/2004/08/addressing",
+      "d": "http://schemas.xmlsoap.org/ws/2005/04/discovery"}
+NVT = "http://www.onvif.org/ver10/network/wsdl"
+
+CONFIG = """<?xml version="1.0"?>
+<camera>
+  <name>{name}</name><hardware>DC-100</hardware><uuid>{uuid}</uuid><metadata>1</metadata>
+  <service>{service}</service>
+  <log><file>camera.log</file><limit>65536</limit>
+    <alarmfile>alarm.log</alarmfile><alarmlimit>10000000</alarmlimit></log>
+  <motion><interval>3600000</interval><threshold>100</threshold><alarm>{alarm}</alarm></motion>
+  <receiver><address>{receiver}</address><port>{port}</port><queue>{queue}</queue></receiver>
+  <idle><receiver>60000</receiver><task>60000</task></idle><report>60000</report>
+</camera>
+"""
+
+
+def not_run(why):
+    print("not run:", why)
+    sys.exit(77)
+
+
+def expect(holds, what, camera=None):
+    if not holds:
+        raise AssertionError(what + ("\n--- camera ---\n" + camera.output if camera else ""))
+
+
+def wait_until(condition, what, camera=None):
+    end = time.monotonic() + PATIENCE
+    while not condition():
+        expect(time.monotonic() < end, "never: " + what, camera)
+        time.sleep(0.02)
+
+
+class Camera:
+    """A camera in a folder of its own."""
+    command = []
+    running = []
+
+    def __init__(self, text=None, **values):
+        self.folder = tempfile.TemporaryDirectory(prefix="camera-")
+        self.file = os.path.join(self.folder.name, "camera.xml")
+        settings = dict(name="Front door", uuid=uuid.uuid4(), service=8000, alarm=90,
+                        receiver="", port=9100, queue=8)
+        settings.update(values)
+        with open(self.file, "w") as file:
+            file.write(CONFIG.format(**settings) if text is None else text)
+        self.start()
+
+    def start(self, file="camera.xml"):
+        self.output = ""
+        self.process = subprocess.Popen(
+            self.command + [file], cwd=self.folder.name, stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.running.append(self.process)
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        while chunk := self.process.stdout.read1(65536):
+            self.output += chunk.decode(errors="backslashreplace")
+
+    def say(self, line, answer=None):
+        """Runs a line; returns the first match of an answer in what it prints."""
+        start = len(self.output)
+        self.process.stdin.write(line.encode() + b"\n")
+        self.process.stdin.flush()
+        return self.wait_for(answer, start) if answer else None
+
+    def wait_for(self, pattern, start=0):
+        wait_until(lambda: re.search(pattern, self.output[start:]), pattern, self)
+        return re.search(pattern, self.output[start:])
+
+    def status(self):
+        text = self.say("status", r"motion: raised[^\0]*?not sent \d+\n")[0]
+        found = {f"{line.split(':')[0]} {name}": int(number) for line in text.splitlines()
+                 for name, number in re.findall(r"([a-zA-Z ]+?) (\d+)", line)}
+        return {re.sub(" +", " ", key): number for key, number in found.items()}
+
+    def pool(self):
+        """Bytes taken from the heap by the camera's pool."""
+        return int(self.say("pools", r"MEMPOOL .*TotalSize=(\d+)")[1])
+
+    def end(self, how="", result=0):
+        """Ends it by a line, a signal or the end of input, and looks at what it left behind."""
+        if isinstance(how, int):
+            self.process.send_signal(how)
+        elif how:
+            self.say(how)
+        self.process.stdin.close()
+        self.process.wait(PATIENCE)
+        self.reader.join()
+        self.running.remove(self.process)
+        expect(self.process.returncode == result, f"status {self.process.returncode}", self)
+        expect("Sanitizer" not in self.output, "a sanitizer's finding", self)
+        if result == 0:
+            expect("camera: ended" in self.output, "no orderly end", self)
+        return self.output
+
+
+# ---- config -------------------------------------------------------------------------------------
+
+def case_config():
+    refused = [("<camera><name>x</camera>", "not well-formed"), ("", "not well-formed"),
+               ("<cam/>", "no element <camera>"),
+               ("<camera><uuid>5f5a</uuid></camera>", r"<uuid> is wrong {5f5a}")]
+    for text, line in refused:
+        output = Camera(text).end(result=1)
+        expect(re.search(line, output) and "could not start" in output, f"{text}: {output}")
+
+    camera = Camera("<camera><name/><hardware>" + "\u00e9" * 32 + "</hardware><motion><threshold>12x</threshold></motion>"
+                    "<receiver><address>10.0.0</address><port>70000</port></receiver></camera>")
+    camera.wait_for("camera.xml written")  # with the identity that it gave itself
+    camera.say('set name "<C> & D"', "written")
+    camera.say("set motion/threshold 77", "written")
+    output = camera.end()
+    for line in ["<service> is missing {no such element}, assumed {80}",
+                 "<name> is wrong {}, assumed {camera}",
+                 "<hardware> is wrong {" + "\\xc3\\xa9" * 11,
+                 "<motion/threshold> is wrong {12x}, assumed {60}",
+                 "<receiver/address> is wrong {10.0.0}, assumed {}",
+                 "<receiver/port> is wrong {70000}, assumed {9100}"]:
+        expect(line in output, line, camera)
+    tree = ET.parse(camera.file)
+    expect(tree.findtext("name") == '"<C> & D"' and tree.findtext("motion/threshold") == "77"
+           and tree.findtext("metadata") == "2", "what was written", camera)
+    uuid.UUID(tree.findtext("uuid"))
+
+    camera.start()  # complete now: nothing to complain about
+    camera.wait_for("started")
+    expect("config:" not in camera.end(), "a complaint about its own file", camera)
+    expect(ET.parse(camera.file).findtext("uuid") == tree.findtext("uuid"), "identity changed")
+    camera.start("absent.xml")
+    expect("absent.xml cannot be opened" in camera.end(result=1), "absent file", camera)
+
+
+# ---- shell --------------------------------------------------------------------------------------
+
+def case_shell():
+    camera = Camera()
+    for line, answer in [
+            ("help", r"discover +look for cameras"), ("tasks", r"7 ACTIVE TASKS[^\0]*Name\(push\)"),
+            ("pools", r"MaxSize\(1048576\)"), ("actions", r"Last called action: shell.actions"),
+            ("motion", "usage: motion N"), ("motion x", "usage"), ("motion -1", "usage"),
+            ("motion 2", r"alarm: motion 2, score \d+, "), ("log 256 1", "usage"),
+            ("log 1 300", "usage"), ("log 3 240", "camera> "), ("set", "receiver/queue +8"),
+            ("set nothing 1", "no setting nothing"), ("set uuid x", "uuid is fixed"),
+            ("set motion/alarm 101", "not a value"), ("set name", "not a value"),
+            ("set hardware DC 200", "written"), ("nonsense", "no such command"),
+            ("", "camera> "), ("x" * 300, "cannot be run"), ("y" * 2000, "line is too long"),
+            ("discover", r"(?s)Front door +http://10.99.0.1:8000/.*1 found" if in_namespace()
+             else r"\d+ found"), ("discover", "Reuse Task")]:
+        camera.say(line, answer)
+    camera.status()
+    hello = ["discovery: Hello on " + ADDRESS] if in_namespace() else []
+    bye = ["discovery: Bye on " + ADDRESS] if in_namespace() else []
+    for how in ("quit", signal.SIGINT, signal.SIGTERM, ""):
+        camera.wait_for("started")
+        for line in hello:
+            camera.wait_for(line)
+        output = camera.end(how)
+        for line in ["camera: ending"] + bye:
+            expect(line in output, line, camera)
+        camera.start()
+    camera.end()
+
+
+# ---- probes -------------------------------------------------------------------------------------
+
+def probe(identity, types="dn:NetworkVideoTransmitter", body="", action="Probe", dn=NVT):
+    header = f"<a:MessageID>{identity}</a:MessageID>" if identity else ""
+    return (f'<s:Envelope xmlns:s="{NS["s"]}" xmlns:a="{NS["a"]}"><s:Header>{header}'
+            f'<a:Action s:mustUnderstand="1">{NS["d"]}/{action}</a:Action></s:Header><s:Body>'
+            f'<Probe xmlns="{NS["d"]}"><Types xmlns:dn="{dn}">{types}</Types>{body}</Probe>'
+            f'</s:Body></s:Envelope>')
+
+
+def strange_probe(identity):
+    """The same in other words: declaration, comment, default namespaces, odd prefixes."""
+    return (f'<?xml version="1.0"?><!-- hello -->\n<Envelope xmlns="{NS["s"]}">\n <Header>'
+            f'<MessageID xmlns="{NS["a"]}">{identity}</MessageID>\n<x-1:Action xmlns:x-1="{NS["a"]}">'
+            f'\n{NS["d"]}/Probe </x-1:Action></Header><Body xmlns:s="{NS["d"]}"><s:Probe/></Body>'
+            f'</Envelope>')
+
+
+def check_answer(text, identity, camera_uuid, seen):
+    root = ET.fromstring(text)
+    match = root.find("s:Body/d:ProbeMatches/d:ProbeMatch", NS)
+    message = root.findtext("s:Header/a:MessageID", "", NS)
+    expect(root.findtext("s:Header/a:RelatesTo", None, NS) == identity, f"RelatesTo: {text}")
+    expect(re.fullmatch(r"urn:uuid:[0-9a-f-]{36}", message) and message not in seen, message)
+    seen.add(message)
+    expect(root.findtext("s:Header/a:Action", "", NS) == NS["d"] + "/ProbeMatches" and
+           root.findtext("s:Header/a:To", "", NS) == NS["a"] + "/role/anonymous", text)
+    expect(match.findtext("a:EndpointReference/a:Address", "", NS) == f"urn:uuid:{camera_uuid}"
+           and match.findtext("d:Types", "", NS) == "dn:NetworkVideoTransmitter"
+           and match.findtext("d:XAddrs", "", NS) == f"http://{ADDRESS}:8000/onvif/device_service"
+           and match.findtext("d:MetadataVersion", "", NS) == "1", text)
+    expect({"onvif://www.onvif.org/name/Front%20door", "onvif://www.onvif.org/hardware/DC-100"} <=
+           set(match.findtext("d:Scopes", "", NS).split()), text)
+
+
+def udp_socket(host):
+    result = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    result.bind((f"10.99.{host // 250}.{host % 250 + 2}", 0))
+    return result
+
+
+def case_probes():
+    if not in_namespace():
+        not_run("network namespaces are refused")
+    identity = uuid.uuid4()
+    camera = Camera(uuid=identity)
+    camera.wait_for("Hello on")
+    judge_probes(camera, identity)
+    before = camera.status()
+    total, sources, batch, seen, times = 10000, [udp_socket(i) for i in range(500)], 20, set(), []
+    selector = selectors.DefaultSelector()
+    for source in sources:
+        source.setblocking(False)
+        selector.register(source, selectors.EVENT_READ)
+    pool = None
+    repeated = 0
+    for number in range(0, total, batch):
+        if number == 1000:
+            pool = camera.pool()  # everything that is kept for reuse is there by now
+        waiting = {}
+        for i in range(number, number + batch):
+            source, message = sources[i % len(sources)], f"uuid:{i}-{identity}"
+            waiting[source] = (message, time.monotonic())
+            # Every tenth comes twice, as it does over UDP; every other one is sent to the group.
+            for _ in range(2 if i % 10 == 0 else 1):
+                source.sendto(probe(message).encode(), GROUP if i % 2 else (ADDRESS, 3702))
+            repeated += i % 10 == 0
+        while waiting:
+            ready = selector.select(PATIENCE)
+            expect(ready, f"{len(waiting)} probes of {number} on were not answered", camera)
+            for key, _ in ready:
+                text = key.fileobj.recv(65536).decode()
+                message, sent = waiting.pop(key.fileobj, (None, 0))
+                expect(message, "answered twice: " + text)
+                times.append(time.monotonic() - sent)
+                check_answer(text, message, identity, seen)
+    after = camera.status()
+    expect(not selector.select(0.3), "more answers than probes", camera)
+    print(f"{total} probes from {len(sources)} sources: longest answer "
+          f"{max(times) * 1000:.1f} ms, half of them within {sorted(times)[total // 2] * 1000:.2f} ms")
+    expect(sorted(times)[total // 2] < 0.25, "answers take too long", camera)
+    expect(after["discovery answered"] - before["discovery answered"] == total and
+           after["discovery repeated"] - before["discovery repeated"] == repeated,
+           f"counts: {before} {after}", camera)
+    expect(camera.pool() == pool, f"the pool grew beyond {pool}", camera)
+    camera.end()
+
+
+def judge_probes(camera, identity):
+    """One of each kind: who is answered, and what is counted for who is not."""
+    name = "onvif://www.onvif.org/name/Front%20door"
+    source = udp_socket(600)
+    source.settimeout(PATIENCE)
+    camera.say("log 3 240")
+    rows = [("answered", probe("urn:uuid:a<&gt;\"".replace("<", "&lt;"))),
+            ("answered", strange_probe("2")), ("answered", probe("3", types="")),
+            ("answered", probe("4", types=" dn:NetworkVideoTransmitter\n")),
+            ("answered", probe("5", body=f"<Scopes>{name} onvif://www.onvif.org/</Scopes>")),
+            ("repeated", probe("5")),
+            ("other types", probe("6", types="dn:Device")),
+            ("other types", probe("7", dn="http://www.onvif.org/ver10/device/wsdl")),
+            ("other types", probe("8", types="NetworkVideoTransmitter")),
+            ("other types", probe("9", types="dn:NetworkVideoTransmitter dn:Display")),
+            ("other scopes", probe("10", body="<Scopes>onvif://www.onvif.org/na</Scopes>")),
+            ("other actions", probe("11", action="Resolve")),
+            ("other actions", f"<Envelope>{probe('12')}</Envelope>"),
+            ("other actions", probe("\u009b31mred", action="Pro\u009b2Jbe\nforged line")),
+            ("no MessageID", probe("")), ("no MessageID", probe(" ")),
+            ("broken", probe("13")[:-4]), ("broken", "hello"), ("broken", probe("14&#1;")),
+            ("broken", probe("x" * 300)), ("broken", probe("15", body="y" * 9000))]
+    for kind, text in rows:
+        before = camera.status()
+        source.sendto(text.encode(), (ADDRESS, 3702))
+        wait_until(lambda: camera.status()["discovery " + kind] == before["discovery " + kind] + 1,
+                   f"{kind}: {text}", camera)
+        if kind == "answered":
+            wanted = ET.fromstring(text).findtext(".//a:MessageID", "", NS)
+            check_answer(source.recv(65536).decode(), wanted, identity, set())
+    source.settimeout(0.3)
+    try:
+        raise AssertionError("an answer that nobody asked for: " + source.recv(65536).decode())
+    except socket.timeout:
+        pass
+    expect(r"\xc2\x9b31mred" in camera.output and "\u009b" not in camera.output and
+           "\nforged line" not in camera.output, "text of the network in the log", camera)
+    camera.say("log 3 16")
+
+
+# ---- client -------------------------------------------------------------------------------------
+
+def case_client():
+    """A client that was written elsewhere."""
+    if not in_namespace():
+        not_run("network namespaces are refused")
+    if not shutil.which("onvif-util"):
+        not_run("onvif-util (package onvif-tools) is not installed")
+
+    def find():
+        output = subprocess.run(["onvif-util", "-a"], stdout=subprocess.PIPE, text=True,
+                                stdin=subprocess.DEVNULL, timeout=PATIENCE).stdout
+        return (int(re.search(r"Found (\d+) cameras", output)[1]),
+                sorted(re.findall(r"\((.*) DC-100\)", output)))
+
+    first = Camera()
+    first.wait_for("Hello on")
+    found = [find() for _ in range(20)]
+    print(f"found {found.count((1, ['Front door']))} times out of 20")
+    expect(found == [(1, ["Front door"])] * 20, str(found), first)
+    second = Camera(name="Back door", service=8001)
+    second.wait_for("Hello on")
+    found = find()
+    expect(found == (2, ["Back door", "Front door"]), str(found), second)
+    first.end(signal.SIGINT)
+    second.end()
+    expect(find() == (0, []), "found after its end")
+
+
+# ---- receiver -----------------------------------------------------------------------------------
+
+class Receiver:
+    """An alarm receiver: it reads, or only accepts."""
+
+    def __init__(self, port=0, reads=True):
+        self.listener = socket.socket()
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        self.listener.bind(("127.0.0.1", port))
+        self.listener.listen()
+        self.port = self.listener.getsockname()[1]
+        self.reads, self.lines, self.connections, self.rest = reads, [], [], b""
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        try:
+            while True:
+                connection = self.listener.accept()[0]
+                self.connections.append(connection)
+                self.rest = b""
+                while self.reads and (chunk := connection.recv(65536)):
+                    *whole, self.rest = (self.rest + chunk).split(b"\n")
+                    self.lines += whole
+        except OSError:
+            pass
+
+    def kill(self):
+        for one in [self.listener] + self.connections:
+            try:
+                one.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            one.close()
+        self.thread.join()
+        return self.lines
+
+
+def settle(camera, written):
+    """Waits until so many notices are written; every one must be sent, dropped or waiting."""
+    wait_until(lambda: camera.status()["alarm written"] + camera.status()["motion dropped"] ==
+               written, f"{written} notices", camera)
+    status = camera.status()
+    expect(status["alarm written"] == status["push sent"] + status["push dropped"] +
+           status["push waiting"], str(status), camera)
+    return status
+
+
+def case_receiver():
+    receiver = Receiver()
+    port = receiver.port
+    receiver.kill()
+    camera = Camera(receiver="127.0.0.1", port=port, alarm=0, queue=200)  # every motion is an alarm
+
+    camera.say("motion 250")  # the receiver is away
+    status = settle(camera, 250)
+    expect(status["push sent"] == 0 and status["push waiting"] in (200, 201), str(status), camera)
+    camera.wait_for(r"push: \d+ notices dropped, ")
+    waiting = status["push waiting"]
+
+    receiver = Receiver(port)  # it comes: what waited arrives, in order
+    wait_until(lambda: len(receiver.lines) == waiting, "the notices that waited", camera)
+    wait_until(lambda: camera.status()["push waiting"] == 0, "sent", camera)
+    camera.say("motion 3")
+    wait_until(lambda: len(receiver.lines) == waiting + 3, "three more", camera)
+    numbers = [int(ET.fromstring(line).get("number")) for line in receiver.lines]
+    expect(numbers == sorted(set(numbers)) and numbers[-3:] == [251, 252, 253], str(numbers))
+    notice = ET.fromstring(receiver.lines[-1])
+    expect(notice.findtext("name") == "Front door" and notice.findtext("priority") == "alarm" and
+           re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z", notice.findtext("time")),
+           str(receiver.lines[-1]))
+    wait_until(lambda: camera.status()["push sent"] == waiting + 3, "sent", camera)
+
+    received = len(receiver.kill())  # it dies while nothing is on its way: nothing is lost
+    camera.say("motion 5")
+    status = settle(camera, 258)
+    expect(status["push sent"] == received and status["push waiting"] == 5, str(status), camera)
+
+    receiver = Receiver(port, reads=False)  # it is back, but takes what the system takes, no more
+    wait_until(lambda: camera.status()["push sent"] == received + 5, "connected", camera)
+    raised = 258
+    while camera.status()["push dropped"] == status["push dropped"]:
+        expect(raised < 1000000, "the connection takes everything", camera)
+        camera.say("motion 150")
+        raised += 150
+        settle(camera, raised)
+    receiver.kill()
+
+    receiver = Receiver(port)  # and one that reads again
+    wait_until(lambda: camera.status()["push waiting"] == 0, "the rest", camera)
+    status = settle(camera, raised)
+    wait_until(lambda: receiver.lines, "the rest has arrived", camera)
+    # The waits for the network are longer than this: a detector that met one would show it.
+    expect(status["motion longest"] < 400, f"the detector waited: {status}", camera)
+    print(f"{raised} motions, {status['push dropped']} notices dropped, the detector took at most "
+          f"{status['motion longest']} ms for one")
+    camera.end()
+    receiver.kill()
+
+
+# ---- the namespace ------------------------------------------------------------------------------
+
+def in_namespace():
+    return os.environ.get("CAMERA_TEST_NAMESPACE") == "yes"
+
+
+def enter_namespace():
+    """Starts this program again with a network of its own: only lo, with 10.99.0.0/16 on it."""
+    setup = ("ip link set lo up && ip addr add 10.99.0.1/16 dev lo && "
+             "ip route add 224.0.0.0/4 dev lo")
+    if all(map(shutil.which, ("unshare", "ip"))) and subprocess.run(
+            ["unshare", "-Urn", "sh", "-c", setup], stderr=subprocess.DEVNULL).returncode == 0:
+        os.environ["CAMERA_TEST_NAMESPACE"] = "yes"
+        os.execvp("unshare", ["unshare", "-Urn", "sh", "-c", setup + ' && exec "$@"', "sh",
+                              sys.executable] + sys.argv)
+    os.environ["CAMERA_TEST_NAMESPACE"] = "no"
+
+
+if __name__ == "__main__":
+    if "CAMERA_TEST_NAMESPACE" not in os.environ:
+        enter_namespace()
+    Camera.command = sys.argv[2:]
+    try:
+        globals()["case_" + sys.argv[1]]()
+    finally:
+        for camera in Camera.running:  # a failed case leaves some
+            camera.kill()
