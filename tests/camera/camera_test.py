@@ -469,7 +469,7 @@ def enter_namespace():
 if __name__ == "__main__":
     if "CAMERA_TEST_NAMESPACE" not in os.environ:
         enter_namespace()
-    Camera.command = sys.argv[2:]
+    Camera.command = sys.argv[2:-1] + [os.path.abspath(sys.argv[-1])]
     try:
         globals()["case_" + sys.argv[1]]()
     finally:
