@@ -14,62 +14,45 @@ using fault::Fn;
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 // Elements are letters.
-void *El(int ch)
-{
-    return reinterpret_cast<void *>(static_cast<uintptr_t>(ch));
-}
+void *El(int ch) { return reinterpret_cast<void *>(static_cast<uintptr_t>(ch)); }
 
-char Letter(const void *pvData)
-{
-    return static_cast<char>(reinterpret_cast<uintptr_t>(pvData));
-}
+char Letter(const void *pvData) { return static_cast<char>(reinterpret_cast<uintptr_t>(pvData)); }
 
-void Note(void *pvData, void *pvContext)
-{
-    *static_cast<std::string *>(pvContext) += Letter(pvData);
-}
+void Note(void *pvData, void *pvContext) { *static_cast<std::string *>(pvContext) += Letter(pvData); }
 
-std::string Walk(HAppDoubleList hList)
-{
+std::string Walk(HAppDoubleList hList) {
     EXPECT_TRUE(app::ListIsValid(hList));
     std::string text;
-    for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext)
-        text += Letter(hNode->pvData);
+    for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext) text += Letter(hNode->pvData);
     return text;
 }
 
-HAppDoubleList CreateList(uint32_t dwMaxSize = 0, uint32_t bLock = 0)
-{
+HAppDoubleList CreateList(uint32_t dwMaxSize = 0, uint32_t bLock = 0) {
     HAppDoubleList hList = nullptr;
     EXPECT_CODE(APP_OK, AppDoubleListCreate(nullptr, dwMaxSize, bLock, &hList));
     return hList;
 }
 
-HAppDoubleListNode Append(HAppDoubleList hList, int ch)
-{
+HAppDoubleListNode Append(HAppDoubleList hList, int ch) {
     HAppDoubleListNode hNode = nullptr;
     EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, nullptr, El(ch), &hNode));
     return hNode;
 }
 
-HAppQueue CreateQueue(uint32_t dwMaxSize = 100, uint32_t bLock = 1)
-{
+HAppQueue CreateQueue(uint32_t dwMaxSize = 100, uint32_t bLock = 1) {
     HAppQueue hQueue = nullptr;
     EXPECT_CODE(APP_OK, AppQueueCreate(nullptr, dwMaxSize, bLock, &hQueue));
     return hQueue;
 }
 
 // Takes what is there, without waiting for more.
-std::string Drain(HAppQueue hQueue)
-{
+std::string Drain(HAppQueue hQueue) {
     std::string text;
     void *pvData = nullptr;
-    while (AppQueueGetSize(hQueue) > 0 && AppQueueOut(hQueue, 1, &pvData) == APP_OK)
-        text += Letter(pvData);
+    while (AppQueueGetSize(hQueue) > 0 && AppQueueOut(hQueue, 1, &pvData) == APP_OK) text += Letter(pvData);
     EXPECT_TRUE(app::QueueIsValid(hQueue));
     return text;
 }
@@ -77,8 +60,7 @@ std::string Drain(HAppQueue hQueue)
 // Every failed creation is logged, leaves nothing and gives null.  `nLocks` locks follow the
 // record, each with its own record, mutex and condition.
 template <typename Handle, typename Create, typename Destroy>
-void SweepCreation(const std::string &name, unsigned nLocks, Create create, Destroy destroy)
-{
+void SweepCreation(const std::string &name, unsigned nLocks, Create create, Destroy destroy) {
     LogCapture log;
     Handle handle;
     unsigned nFaults = 0;
@@ -87,24 +69,22 @@ void SweepCreation(const std::string &name, unsigned nLocks, Create create, Dest
         [&] {
             handle = reinterpret_cast<Handle>(16);
             const uint32_t dwResult = create(&handle);
-            if (dwResult == APP_OK)
-                destroy(handle, nullptr, nullptr);
+            if (dwResult == APP_OK) destroy(handle, nullptr, nullptr);
             return dwResult;
         },
         [&](uint32_t dwResult) {
             const bool bMemory = ++nFaults == 1 || nFaults % 3 == 2;
             EXPECT_CODE(bMemory ? APP_NO_RESOURCE : APP_FAILED, dwResult);
             EXPECT_EQ(handle, nullptr);
-            const std::string failed = nFaults == 1 ? "AppMemPoolMalloc failed"
-                                                    : Text("AppLockCreate failed %u", dwResult);
+            const std::string failed =
+                nFaults == 1 ? "AppMemPoolMalloc failed" : Text("AppLockCreate failed %u", dwResult);
             EXPECT_EQ(log.Lines().back(), "[ERROR] " + name + ": " + failed + "\n");
         });
     EXPECT_EQ(nFaults, 1 + 3 * nLocks);
 }
 
 // Size, maximum, top mark.
-void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwTop)
-{
+void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwTop) {
     EXPECT_EQ(AppQueueGetSize(hQueue), dwSize);
     EXPECT_EQ(_AppQueueGetMaxSize(hQueue), dwMax);
     EXPECT_EQ(_AppQueueGetTopSize(hQueue), dwTop);
@@ -115,8 +95,7 @@ void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwT
 
 // ---- Double list ----------------------------------------------------------------------------
 
-TEST(DoubleList, NodesGoBesideTheirAnchor)
-{
+TEST(DoubleList, NodesGoBesideTheirAnchor) {
     HAppDoubleList hList = CreateList();
     EXPECT_EQ(hList->hLock, nullptr);
     Append(hList, 'a');
@@ -140,8 +119,7 @@ TEST(DoubleList, NodesGoBesideTheirAnchor)
     EXPECT_EQ(freed, "abyc");
 }
 
-TEST(DoubleList, MovesNodesBetweenLists)
-{
+TEST(DoubleList, MovesNodesBetweenLists) {
     HAppDoubleList hFrom = CreateList(), hTo = CreateList();
     HAppDoubleListNode hNodes[] = {Append(hFrom, 'a'), Append(hFrom, 'b'), Append(hFrom, 'c')};
     const long nBlocks = fault::LiveBlocks();
@@ -157,14 +135,12 @@ TEST(DoubleList, MovesNodesBetweenLists)
     AppDoubleListDestroy(hTo, nullptr, nullptr); // drops the elements, releases the nodes
 }
 
-TEST(DoubleList, RefusesWhatItCannotHold)
-{
+TEST(DoubleList, RefusesWhatItCannotHold) {
     LogCapture log;
     EXPECT_CODE(APP_INVALID_ARG, AppDoubleListCreate(nullptr, 0, 0, nullptr));
     HAppDoubleList hList = CreateList(2, 2); // only 1 asks for a lock
     EXPECT_EQ(hList->hLock, nullptr);
-    EXPECT_CODE(APP_INVALID_ARG,
-                AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
     HAppDoubleListNode hA = Append(hList, 'a');
     EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(hList, nullptr, nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(nullptr, hA, nullptr));
@@ -183,11 +159,9 @@ TEST(DoubleList, RefusesWhatItCannotHold)
     AppDoubleListDestroy(nullptr, Note, nullptr);
 }
 
-TEST(DoubleList, FaultsLeaveItUnchanged)
-{
+TEST(DoubleList, FaultsLeaveItUnchanged) {
     SweepCreation<HAppDoubleList>(
-        "AppDoubleListCreate", 1,
-        [](HAppDoubleList *phList) { return AppDoubleListCreate(nullptr, 0, 1, phList); },
+        "AppDoubleListCreate", 1, [](HAppDoubleList *phList) { return AppDoubleListCreate(nullptr, 0, 1, phList); },
         AppDoubleListDestroy);
     LogCapture log;
     HAppDoubleList hList = CreateList();
@@ -203,13 +177,11 @@ TEST(DoubleList, FaultsLeaveItUnchanged)
     AppDoubleListDestroy(hList, nullptr, nullptr);
 }
 
-TEST(DoubleList, DestroyWaitsForAUserInside)
-{
+TEST(DoubleList, DestroyWaitsForAUserInside) {
     HAppDoubleList hList = CreateList(0, 1);
     AppLockTakeByTime(hList->hLock, 0);
     std::thread user([&] {
-        for (int i = 0; i < 100; ++i, std::this_thread::yield())
-            Append(hList, 'x');
+        for (int i = 0; i < 100; ++i, std::this_thread::yield()) Append(hList, 'x');
         AppLockGive(hList->hLock);
     });
     std::string freed;
@@ -220,8 +192,7 @@ TEST(DoubleList, DestroyWaitsForAUserInside)
 
 // ---- Queue ----------------------------------------------------------------------------------
 
-TEST(Queue, OrdersBySignedPriorityThenAge)
-{
+TEST(Queue, OrdersBySignedPriorityThenAge) {
     struct {
         const char *szName;
         std::vector<int32_t> priorities; // of a, b, c, …
@@ -252,8 +223,7 @@ TEST(Queue, OrdersBySignedPriorityThenAge)
         }
 }
 
-TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly)
-{
+TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly) {
     for (const uint32_t bLock : {1u, 0u}) {
         LogCapture log;
         HAppQueue hQueue = CreateQueue(2, bLock);
@@ -262,8 +232,7 @@ TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly)
         EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('c'), 9));
         log.ExpectLines({"[ERROR] _AppQueueIn: Queue full. cur size: 2 max size: 2\n"});
         ExpectMarks(hQueue, 2, 2, 2);
-        for (int i = 0; i < 1000; ++i)
-            EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('f'), 0, i % 2 ? 1 : -1));
+        for (int i = 0; i < 1000; ++i) EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('f'), 0, i % 2 ? 1 : -1));
         ExpectMarks(hQueue, 1002, 2, 1002);
         EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 0));
         EXPECT_EQ(Drain(hQueue), "ab" + std::string(1000, 'f'));
@@ -273,8 +242,7 @@ TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly)
 }
 
 // A consumer whose time runs out between the insertion and its wake-up takes the element.
-TEST(Queue, PromisedElementIsTakenAfterTheTimeout)
-{
+TEST(Queue, PromisedElementIsTakenAfterTheTimeout) {
     HAppQueue hQueue = CreateQueue();
     bool bWake = false;
     while (!bWake) {
@@ -307,11 +275,9 @@ TEST(Queue, PromisedElementIsTakenAfterTheTimeout)
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
-TEST(Queue, ChangedMaximumResetsTheTopMark)
-{
+TEST(Queue, ChangedMaximumResetsTheTopMark) {
     HAppQueue hQueue = CreateQueue(5);
-    for (int ch = 'a'; ch < 'd'; ++ch)
-        AppQueueIn(hQueue, El(ch), 0);
+    for (int ch = 'a'; ch < 'd'; ++ch) AppQueueIn(hQueue, El(ch), 0);
     struct {
         uint32_t dwMax, dwResult, dwMaxAfter, dwTopAfter;
     } const rows[] = {{2, APP_INVALID_ARG, 5, 3},
@@ -331,8 +297,7 @@ TEST(Queue, ChangedMaximumResetsTheTopMark)
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
-TEST(Queue, ArgumentsAndDefaults)
-{
+TEST(Queue, ArgumentsAndDefaults) {
     LogCapture log;
     EXPECT_CODE(APP_INVALID_ARG, AppQueueCreate(nullptr, 1, 1, nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppQueueIn(nullptr, nullptr, 0));
@@ -359,11 +324,10 @@ TEST(Queue, ArgumentsAndDefaults)
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
-TEST(Queue, FaultsLeaveCountAndRecordInStep)
-{
+TEST(Queue, FaultsLeaveCountAndRecordInStep) {
     SweepCreation<HAppQueue>(
-        "AppQueueCreate", 2,
-        [](HAppQueue *phQueue) { return AppQueueCreate(nullptr, 5, 1, phQueue); }, AppQueueDestroy);
+        "AppQueueCreate", 2, [](HAppQueue *phQueue) { return AppQueueCreate(nullptr, 5, 1, phQueue); },
+        AppQueueDestroy);
     LogCapture log;
     HAppQueue hQueue = CreateQueue();
     AppQueueIn(hQueue, El('a'), 5);
@@ -379,8 +343,7 @@ TEST(Queue, FaultsLeaveCountAndRecordInStep)
 }
 
 // Who takes the last element may destroy the queue: its producer no longer touches it.
-TEST(Queue, MayBeDestroyedRightAfterItsLastElement)
-{
+TEST(Queue, MayBeDestroyedRightAfterItsLastElement) {
     std::atomic<HAppQueue> hShared{nullptr};
     std::atomic<bool> bEnd{false};
     std::thread producer([&] {
@@ -404,8 +367,7 @@ TEST(Queue, MayBeDestroyedRightAfterItsLastElement)
 
 // Elements are producer and number.  Each consumer sees a producer's elements of one priority in
 // the order of their insertion, and every element comes out once, also while time-outs expire.
-TEST(Queue, FourProducersAndFourConsumersLoseNothing)
-{
+TEST(Queue, FourProducersAndFourConsumersLoseNothing) {
     constexpr unsigned kProducers = 4, kThreads = 8;
     constexpr unsigned kElements = test::Scaled(1000000) / 4 / kProducers; // in and out, two phases
     HAppQueue hQueue = CreateQueue(16);
@@ -426,8 +388,7 @@ TEST(Queue, FourProducersAndFourConsumersLoseNothing)
         std::map<std::pair<unsigned, unsigned>, unsigned> last;
         for (uint32_t i = 0; i < kElements; ++i) {
             void *pvData = nullptr;
-            while (AppQueueOut(hQueue, i % 4, &pvData) == APP_TIMEOUT)
-                ++nTimeouts;
+            while (AppQueueOut(hQueue, i % 4, &pvData) == APP_TIMEOUT) ++nTimeouts;
             const auto dwElement = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pvData));
             const uint32_t dwNumber = dwElement & 0xFFFFFF;
             unsigned &nLast = last[{dwElement >> 24, dwNumber % 3}];
@@ -438,9 +399,7 @@ TEST(Queue, FourProducersAndFourConsumersLoseNothing)
         qwSum += qwMine;
     };
     for (int nPhase = 0; nPhase < 2; ++nPhase) {
-        test::RunThreads(kThreads, [&](unsigned nThread) {
-            nThread < kProducers ? Produce(nThread) : Consume();
-        });
+        test::RunThreads(kThreads, [&](unsigned nThread) { nThread < kProducers ? Produce(nThread) : Consume(); });
         ASSERT_TRUE(app::QueueIsValid(hQueue));
         EXPECT_EQ(AppQueueGetSize(hQueue), 0u);
         EXPECT_EQ(hQueue->dwSleepers + hQueue->dwPromised, 0u);

@@ -17,8 +17,7 @@ using fault::Fn;
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 constexpr uint32_t kUnset = 0xA5A5A5A5;
 
@@ -32,9 +31,7 @@ struct TNumberCase {
 };
 
 template <typename Value, size_t N>
-void CheckNumbers(Value (*pfnConvert)(const char *, uint32_t *),
-                  const TNumberCase<Value> (&cases)[N])
-{
+void CheckNumbers(Value (*pfnConvert)(const char *, uint32_t *), const TNumberCase<Value> (&cases)[N]) {
     LogCapture log;
     for (const auto &row : cases) {
         SCOPED_TRACE(row.szText ? row.szText : "(null)");
@@ -47,8 +44,7 @@ void CheckNumbers(Value (*pfnConvert)(const char *, uint32_t *),
     log.ExpectNone();
 }
 
-TEST(Number, Signed32)
-{
+TEST(Number, Signed32) {
     CheckNumbers<int32_t>(AppConvertStrtoS32, {{nullptr, 0, 0},
                                                {"", 0, 0},
                                                {"abc", 0, 0},
@@ -73,8 +69,7 @@ TEST(Number, Signed32)
                                                {"-99999999999999999999999", 0, 1}});
 }
 
-TEST(Number, Unsigned)
-{
+TEST(Number, Unsigned) {
     CheckNumbers<uint32_t>(AppConvertStrtoU32, {{nullptr, 0, 0},
                                                 {"", 0, 0},
                                                 {"x", 0, 0},
@@ -99,8 +94,7 @@ TEST(Number, Unsigned)
                                                 {"99999999999999999999", 0, 1}});
 }
 
-TEST(Number, Reals)
-{
+TEST(Number, Reals) {
     LogCapture log;
     uint32_t bErr = kUnset;
     EXPECT_EQ(AppConvertStrtoFloat("1.5V", &bErr), 1.5f);
@@ -114,28 +108,26 @@ TEST(Number, Reals)
     const char *szNothing = "x";
     EXPECT_EQ(AppConvertStrtoDouble(szNothing, &bErr), 0.0);
     EXPECT_EQ(bErr, 1u);
-    log.ExpectLines({Text("[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE %d\n",
-                          "AppConvertStrtoDouble", szNothing, szNothing, 0, 34)});
+    log.ExpectLines({Text("[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE %d\n", "AppConvertStrtoDouble",
+                          szNothing, szNothing, 0, 34)});
     const char *szLarge = "-1e999";
     EXPECT_EQ(AppConvertStrtoFloat(szLarge, &bErr), -HUGE_VALF);
     EXPECT_EQ(bErr, 1u);
-    log.ExpectLines({Text("[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE %d\n",
-                          "AppConvertStrtoFloat", szLarge, szLarge + 6, 34, 34)});
+    log.ExpectLines({Text("[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE %d\n", "AppConvertStrtoFloat", szLarge,
+                          szLarge + 6, 34, 34)});
     EXPECT_EQ(AppConvertStrtoDouble("1e-999", nullptr), 0.0);
     EXPECT_EQ(log.Lines().size(), 1u);
 }
 
 // ---- Addresses ------------------------------------------------------------------------------
 
-TAppNetAddr Ipv4(const char *szIp)
-{
+TAppNetAddr Ipv4(const char *szIp) {
     TAppNetAddr addr = {};
     EXPECT_EQ(inet_pton(AF_INET, szIp, &addr.dwIpv4), 1);
     return addr;
 }
 
-TEST(NetAddr, Reads)
-{
+TEST(NetAddr, Reads) {
     LogCapture log;
     TAppNetAddr addr;
     for (const char *szIp : {"192.168.1.10", "0.0.0.0", "255.255.255.255", "1.20.3.199"}) {
@@ -153,19 +145,18 @@ TEST(NetAddr, Reads)
     log.ExpectNone();
 }
 
-TEST(NetAddr, RefusesAndKeepsTheBytes)
-{
+TEST(NetAddr, RefusesAndKeepsTheBytes) {
     LogCapture log;
     const TAppNetAddr before = {7, {kUnset}};
-    for (const char *szIp : {"1.2.3", "1.2.3.", "1.2.3.256", "01.2.3.4", "1.2.3.4 ", " 1.2.3.4",
-                             "1.2.3.4.5", "1..3.4", "a.b.c.d", ":", "12345::", "1.2.3.4:80"}) {
+    for (const char *szIp : {"1.2.3", "1.2.3.", "1.2.3.256", "01.2.3.4", "1.2.3.4 ", " 1.2.3.4", "1.2.3.4.5", "1..3.4",
+                             "a.b.c.d", ":", "12345::", "1.2.3.4:80"}) {
         TAppNetAddr addr = before;
         errno = ENOENT;
         EXPECT_CODE(APP_FAILED, AppConvertStrtoNet(szIp, &addr));
         EXPECT_EQ(addr.dwType, strchr(szIp, ':') ? 1u : 0u);
         EXPECT_EQ(addr.dwIpv4, kUnset);
-        log.ExpectLines({Text("[ERROR] %s: inet_pton failed %s %d %s\n", "_AppConvertStrtoNet",
-                              szIp, ENOENT, strerror(ENOENT))});
+        log.ExpectLines(
+            {Text("[ERROR] %s: inet_pton failed %s %d %s\n", "_AppConvertStrtoNet", szIp, ENOENT, strerror(ENOENT))});
     }
     TAppNetAddr addr = before;
     for (const char *szIp : {"localhost", "", static_cast<const char *>(nullptr)})
@@ -175,12 +166,11 @@ TEST(NetAddr, RefusesAndKeepsTheBytes)
     log.ExpectNone();
 }
 
-TEST(NetAddr, Writes)
-{
+TEST(NetAddr, Writes) {
     LogCapture log;
     char achText[64];
-    for (const char *szIp : {"10.0.0.1", "255.255.255.255", "0.0.0.0", "100.99.9.1",
-                             "2001:db8:1:2:3:4:5:6", "::1", "fe80::"}) {
+    for (const char *szIp :
+         {"10.0.0.1", "255.255.255.255", "0.0.0.0", "100.99.9.1", "2001:db8:1:2:3:4:5:6", "::1", "fe80::"}) {
         TAppNetAddr addr;
         ASSERT_CODE(APP_OK, AppConvertStrtoNet(szIp, &addr));
         const auto dwExact = static_cast<uint32_t>(strlen(szIp) + 1);
@@ -199,8 +189,7 @@ TEST(NetAddr, Writes)
     log.ExpectNone();
 }
 
-TEST(NetAddr, Classes)
-{
+TEST(NetAddr, Classes) {
     const struct {
         const char *szIp;
         const char *szMask;
@@ -236,8 +225,7 @@ TEST(NetAddr, Classes)
     EXPECT_EQ(AppCheckIpv4Class(&ipv4, &ipv6), APP_IPV4_CLASS_INVALID);
 }
 
-TEST(NetAddr, MasksAndPrefixes)
-{
+TEST(NetAddr, MasksAndPrefixes) {
     for (int32_t nLen = -1; nLen <= 34; ++nLen) {
         TAppNetAddr mask = {APP_NET_ADDR_IPV4, {kUnset}};
         AppConvertPrefixLengthtoSubnetMask(nLen, &mask);
@@ -264,8 +252,7 @@ TEST(NetAddr, MasksAndPrefixes)
 // ---- Time -----------------------------------------------------------------------------------
 
 // timegm() on any word size, with the results beyond 32 bits marked as the library marks them.
-uint32_t Oracle(const TAppTime &time)
-{
+uint32_t Oracle(const TAppTime &time) {
     struct tm tTime = {};
     tTime.tm_year = time.wYear - 1900;
     tTime.tm_mon = time.byMonth - 1;
@@ -277,8 +264,7 @@ uint32_t Oracle(const TAppTime &time)
     return nTime < INT32_MIN || nTime > INT32_MAX ? UINT32_MAX : static_cast<uint32_t>(nTime);
 }
 
-TEST(Time, RecordsCarryOverAsTimegmDoes)
-{
+TEST(Time, RecordsCarryOverAsTimegmDoes) {
     const TAppTime cases[] = {{1970, 1, 1, 0, 0, 0, 999},         {1970, 13, 1, 0, 0, 0, 0},
                               {2024, 2, 30, 25, 61, 61, 0},       {2024, 0, 0, 0, 0, 0, 0},
                               {2000, 255, 255, 255, 255, 255, 0}, {1901, 12, 13, 20, 45, 52, 0},
@@ -293,8 +279,7 @@ TEST(Time, RecordsCarryOverAsTimegmDoes)
 }
 
 // Number to record to number, and number to text to number, over the whole range.
-TEST(Time, RoundTrips)
-{
+TEST(Time, RoundTrips) {
     LogCapture log;
     const uint64_t qwStride = test::Scaled(60) > 3 ? 99991 : 1999993;
     for (uint64_t qwTime = 0; qwTime <= UINT32_MAX; qwTime += qwStride) {
@@ -308,8 +293,7 @@ TEST(Time, RoundTrips)
         uint32_t dwRead, bZone, dwReadMs;
         int32_t nReadZone = 0;
         ASSERT_CODE(APP_OK, AppConvertU322XsdDatetime(dwTime, 1, &dwMs, &nZone, achText, 30));
-        ASSERT_CODE(APP_OK,
-                    AppConvertXsdDatetime2U32(achText, &dwRead, &bZone, &dwReadMs, &nReadZone));
+        ASSERT_CODE(APP_OK, AppConvertXsdDatetime2U32(achText, &dwRead, &bZone, &dwReadMs, &nReadZone));
         ASSERT_EQ(dwRead, dwTime) << achText;
         ASSERT_EQ(dwReadMs, dwMs) << achText;
         ASSERT_EQ(nReadZone, nZone) << achText;
@@ -318,8 +302,7 @@ TEST(Time, RoundTrips)
     log.ExpectNone();
 }
 
-TEST(Time, ReadsDateTime)
-{
+TEST(Time, ReadsDateTime) {
     const struct {
         const char *szText;
         uint32_t dwTime;
@@ -346,8 +329,7 @@ TEST(Time, ReadsDateTime)
         SCOPED_TRACE(row.szText);
         uint32_t dwTime = kUnset, bZone = kUnset, dwMs = kUnset;
         int32_t nZone = 77;
-        const uint32_t dwResult =
-            AppConvertXsdDatetime2U32(row.szText, &dwTime, &bZone, &dwMs, &nZone);
+        const uint32_t dwResult = AppConvertXsdDatetime2U32(row.szText, &dwTime, &bZone, &dwMs, &nZone);
         if (strstr(row.szText, "+-")) { // the '-' wins and "-1:-1" is its offset, in 8 bits
             EXPECT_CODE(APP_OK, dwResult);
             EXPECT_EQ(nZone, -(1 * 60 + 255));
@@ -358,25 +340,21 @@ TEST(Time, ReadsDateTime)
         EXPECT_EQ(bZone, row.bZone);
         EXPECT_EQ(dwMs, row.dwMs);
         EXPECT_EQ(nZone, row.nZone);
-        EXPECT_CODE(APP_OK,
-                    AppConvertXsdDatetime2U32(row.szText, nullptr, nullptr, nullptr, nullptr));
+        EXPECT_CODE(APP_OK, AppConvertXsdDatetime2U32(row.szText, nullptr, nullptr, nullptr, nullptr));
     }
     for (const char *szText :
-         {static_cast<const char *>(nullptr), "", "2024", "2024-03-05", "2024-03-05 14:07:09",
-          "2024-03-05T14:07", "20245-03-05T14:07:09", "2024-03-05T14:07:09+1",
-          "2024-03-05T14:07:09-x", "2024-03-05T14:07:09+01"}) {
+         {static_cast<const char *>(nullptr), "", "2024", "2024-03-05", "2024-03-05 14:07:09", "2024-03-05T14:07",
+          "20245-03-05T14:07:09", "2024-03-05T14:07:09+1", "2024-03-05T14:07:09-x", "2024-03-05T14:07:09+01"}) {
         SCOPED_TRACE(szText ? szText : "(null)");
         uint32_t adwOut[3] = {kUnset, kUnset, kUnset};
         int32_t nZone = 77;
-        EXPECT_CODE(APP_INVALID_ARG,
-                    AppConvertXsdDatetime2U32(szText, &adwOut[0], &adwOut[1], &adwOut[2], &nZone));
+        EXPECT_CODE(APP_INVALID_ARG, AppConvertXsdDatetime2U32(szText, &adwOut[0], &adwOut[1], &adwOut[2], &nZone));
         EXPECT_EQ(adwOut[0] & adwOut[1] & adwOut[2], kUnset);
         EXPECT_EQ(nZone, 77);
     }
 }
 
-TEST(Time, WritesDateTimeIntoEverySize)
-{
+TEST(Time, WritesDateTimeIntoEverySize) {
     const uint32_t dwMs = 7;
     const int32_t nZero = 0, nWest = -330, nEast = 60, nLeast = INT32_MIN;
     const struct {
@@ -384,12 +362,10 @@ TEST(Time, WritesDateTimeIntoEverySize)
         const uint32_t *pdwMs;
         const int32_t *pnZone;
         const char *szText;
-    } cases[] = {{1, &dwMs, &nZero, "1970-01-01T00:00:00.007Z"},
-                 {1, nullptr, nullptr, "1970-01-01T00:00:00Z"},
-                 {0, nullptr, &nEast, "1970-01-01T00:00:00"},
-                 {7, &dwMs, &nEast, "1970-01-01T00:00:00.007+01:00"},
-                 {1, nullptr, &nWest, "1970-01-01T00:00:00-05:30"},
-                 {1, nullptr, &nLeast, "1970-01-01T00:00:00-35791394:08"}};
+    } cases[] = {
+        {1, &dwMs, &nZero, "1970-01-01T00:00:00.007Z"},    {1, nullptr, nullptr, "1970-01-01T00:00:00Z"},
+        {0, nullptr, &nEast, "1970-01-01T00:00:00"},       {7, &dwMs, &nEast, "1970-01-01T00:00:00.007+01:00"},
+        {1, nullptr, &nWest, "1970-01-01T00:00:00-05:30"}, {1, nullptr, &nLeast, "1970-01-01T00:00:00-35791394:08"}};
     for (const auto &row : cases) {
         const std::string wanted = row.szText;
         for (uint32_t dwSize = 0; dwSize <= 40; ++dwSize) {
@@ -410,36 +386,29 @@ TEST(Time, WritesDateTimeIntoEverySize)
     }
     char achText[40];
     const uint32_t dwTooMany = 1000;
-    EXPECT_CODE(APP_INVALID_ARG,
-                AppConvertU322XsdDatetime(0, 1, &dwTooMany, nullptr, achText, sizeof(achText)));
-    EXPECT_CODE(APP_BUFFER_TOO_SMALL,
-                AppConvertU322XsdDatetime(0, 1, &dwTooMany, nullptr, achText, 10));
+    EXPECT_CODE(APP_INVALID_ARG, AppConvertU322XsdDatetime(0, 1, &dwTooMany, nullptr, achText, sizeof(achText)));
+    EXPECT_CODE(APP_BUFFER_TOO_SMALL, AppConvertU322XsdDatetime(0, 1, &dwTooMany, nullptr, achText, 10));
     EXPECT_CODE(APP_INVALID_ARG, AppConvertU322XsdDatetime(0, 1, nullptr, nullptr, nullptr, 40));
 
     LogCapture log;
     fault::Fail fail(Fn::gmtime_r, 1, EOVERFLOW);
-    EXPECT_CODE(APP_FAILED,
-                AppConvertU322XsdDatetime(5, 1, nullptr, nullptr, achText, sizeof(achText)));
-    log.ExpectLines({Text("[ERROR] %s: AppConvertU32ToTime with %u failed (%d)\n",
-                          "AppConvertU322XsdDatetime", 5, APP_FAILED)});
+    EXPECT_CODE(APP_FAILED, AppConvertU322XsdDatetime(5, 1, nullptr, nullptr, achText, sizeof(achText)));
+    log.ExpectLines(
+        {Text("[ERROR] %s: AppConvertU32ToTime with %u failed (%d)\n", "AppConvertU322XsdDatetime", 5, APP_FAILED)});
 }
 
 // ---- Encodings ------------------------------------------------------------------------------
 
 // Whether iconv knows an encoding: its tables are files, which an emulated system may lack.
-bool Knows(const char *szEncoding)
-{
+bool Knows(const char *szEncoding) {
     const iconv_t hConv = iconv_open(szEncoding, "UTF-8");
-    if (hConv == reinterpret_cast<iconv_t>(-1))
-        return false;
+    if (hConv == reinterpret_cast<iconv_t>(-1)) return false;
     iconv_close(hConv);
     return true;
 }
 
-TEST(Encoding, StandInsConvertGbkBothWays)
-{
-    if (!Knows("GBK") || !Knows("UTF-16LE"))
-        GTEST_SKIP() << "not run: this system's iconv has no GBK";
+TEST(Encoding, StandInsConvertGbkBothWays) {
+    if (!Knows("GBK") || !Knows("UTF-16LE")) GTEST_SKIP() << "not run: this system's iconv has no GBK";
     const uint16_t awText[] = {'A', 0x4F60, 0};
     char achBack[4];
     ASSERT_CODE(APP_OK, AppConvertUnicodetoGbk(awText, 2, achBack, 4));
@@ -451,10 +420,8 @@ TEST(Encoding, StandInsConvertGbkBothWays)
     EXPECT_EQ(memcmp(awText, awBack, sizeof(awText)), 0);
 }
 
-TEST(Encoding, StandInsConvertBothWays)
-{
-    if (!Knows("UTF-16LE"))
-        GTEST_SKIP() << "not run: this system's iconv has no UTF-16";
+TEST(Encoding, StandInsConvertBothWays) {
+    if (!Knows("UTF-16LE")) GTEST_SKIP() << "not run: this system's iconv has no UTF-16";
     LogCapture log;
     const char *szUtf8 = "A\xE4\xBD\xA0\xF0\x9F\x93\xB7"; // 'A', one GBK character, one outside GBK
     uint16_t awText[8];
@@ -476,18 +443,14 @@ TEST(Encoding, StandInsConvertBothWays)
     EXPECT_CODE(APP_FAILED, AppConvertGbktoUnicode("\xFF", awText, &dwLen));
     EXPECT_CODE(APP_FAILED, AppConvertUnicodetoUtf8(u"\xD800", 1, achBack, 8));
     EXPECT_CODE(APP_FAILED, AppConvertUnicodetoGbk(u"\x4F60", 1, achBack, 2));
-    log.ExpectLines({Text("[ERROR] %s: IpcConvConvertUtf8toUnicode failed %d\n",
-                          "_AppUtilsUnicodeConvertUtf8toUnicode", 0),
-                     Text("[ERROR] %s: IpcConvConvertGbktoUnicode failed %d\n",
-                          "_AppUtilsUnicodeConvertGbktoUnicode", 0),
-                     Text("[ERROR] %s: IpcConvConvertUnicodetoUtf8 failed %d\n",
-                          "_AppUtilsUnicodeConvertUnicodetoUtf8", 0),
-                     Text("[ERROR] %s: IpcConvConvertUnicodetoGbk failed %d\n",
-                          "_AppUtilsUnicodeConvertUnicodetoGbk", 0)});
+    log.ExpectLines(
+        {Text("[ERROR] %s: IpcConvConvertUtf8toUnicode failed %d\n", "_AppUtilsUnicodeConvertUtf8toUnicode", 0),
+         Text("[ERROR] %s: IpcConvConvertGbktoUnicode failed %d\n", "_AppUtilsUnicodeConvertGbktoUnicode", 0),
+         Text("[ERROR] %s: IpcConvConvertUnicodetoUtf8 failed %d\n", "_AppUtilsUnicodeConvertUnicodetoUtf8", 0),
+         Text("[ERROR] %s: IpcConvConvertUnicodetoGbk failed %d\n", "_AppUtilsUnicodeConvertUnicodetoGbk", 0)});
 }
 
-TEST(Encoding, ChecksArguments)
-{
+TEST(Encoding, ChecksArguments) {
     LogCapture log;
     uint16_t awText[4];
     uint32_t dwLen = 4, dwZero = 0;

@@ -9,14 +9,12 @@
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 const TAppS32StrPair kDense[] = {{0, "NTSC"}, {1, "PAL"}};
 const TAppS32StrPair kSparse[] = {{5, "a"}, {3, "b"}, {5, "c"}, {-2, "d"}, {9, nullptr}};
 
-TEST(EnumStr, LooksUpBothWays)
-{
+TEST(EnumStr, LooksUpBothWays) {
     LogCapture log;
     EXPECT_STREQ(AppConvEnum2Str(kDense, 2, 1), "PAL");
     EXPECT_STREQ(AppConvEnum2Str(kSparse, 5, 5), "a");
@@ -39,18 +37,15 @@ TEST(EnumStr, LooksUpBothWays)
     EXPECT_STREQ(AppConvEnum2Str(kSparse, 5, 9), "unknown_enum");
     EXPECT_CODE(APP_BAD_VALUE, AppConvStr2Enum(kDense, 2, "pal", &nEnum));
     EXPECT_EQ(nEnum, 3);
-    log.ExpectLines(
-        {Text("[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", "AppConvEnum2Str", 2),
-         Text("[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", "AppConvEnum2Str", 9),
-         Text("[ERROR] %s: _CgiAppFindS32StrPair_Str() failed, {%s}\n", "AppConvStr2Enum", "pal")});
+    log.ExpectLines({Text("[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", "AppConvEnum2Str", 2),
+                     Text("[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", "AppConvEnum2Str", 9),
+                     Text("[ERROR] %s: _CgiAppFindS32StrPair_Str() failed, {%s}\n", "AppConvStr2Enum", "pal")});
 }
 
 // The three builders differ in the flags' type, a name in a message and one DEBUG line.
 template <typename Flag>
-void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Flag *, int32_t,
-                                      char *, uint32_t),
-                  const char *szOp, const char *szArray)
-{
+void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Flag *, int32_t, char *, uint32_t),
+                  const char *szOp, const char *szArray) {
     LogCapture log;
     const Flag both[] = {1, 2, 0};
     const Flag beyond[] = {0, 0, 1};
@@ -60,21 +55,18 @@ void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Fl
         int32_t nLen;
         uint32_t dwSize;
         const char *szText;
-    } cases[] = {{both, 3, 16, "NTSC,PAL"}, {both, 3, 9, "NTSC,PAL"}, {both, 3, 8, "NTSC,PA"},
-                 {both, 3, 6, "NTSC,"},     {both, 3, 5, "NTSC"},     {both, 3, 1, ""},
-                 {beyond, 2, 16, ""},       {both, -1, 16, ""}};
+    } cases[] = {{both, 3, 16, "NTSC,PAL"}, {both, 3, 9, "NTSC,PAL"}, {both, 3, 8, "NTSC,PA"}, {both, 3, 6, "NTSC,"},
+                 {both, 3, 5, "NTSC"},      {both, 3, 1, ""},         {beyond, 2, 16, ""},     {both, -1, 16, ""}};
     for (const auto &row : cases) {
         memset(achText, '#', sizeof(achText));
         EXPECT_CODE(APP_OK, pfnMake(kDense, 2, row.ptFlags, row.nLen, achText, row.dwSize));
         EXPECT_STREQ(achText, row.szText);
-        for (uint32_t i = row.dwSize; i < sizeof(achText); ++i)
-            EXPECT_EQ(achText[i], '#');
+        for (uint32_t i = row.dwSize; i < sizeof(achText); ++i) EXPECT_EQ(achText[i], '#');
     }
     log.ExpectNone();
     EXPECT_CODE(APP_OK, pfnMake(kDense, 2, beyond, 3, achText, 16));
     EXPECT_STREQ(achText, "unknown_enum");
-    log.ExpectLines(
-        {Text("[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", "AppConvEnum2Str", 2)});
+    log.ExpectLines({Text("[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", "AppConvEnum2Str", 2)});
 
     achText[0] = '#';
     EXPECT_CODE(APP_INVALID_ARG, pfnMake(nullptr, 0, both, 0, achText, 0));
@@ -85,17 +77,14 @@ void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Fl
     EXPECT_CODE(APP_INVALID_ARG, pfnMake(kDense, 2, both, 3, achText, 0));
     EXPECT_EQ(achText[0], '#');
     const auto null = [&](const void *pvPairs, const void *pvFlags, const void *pvText) {
-        return Text("[ERROR] %s: ptPairArr %p, %s %p, szDstBuf %p\n", szOp, pvPairs, szArray,
-                    pvFlags, pvText);
+        return Text("[ERROR] %s: ptPairArr %p, %s %p, szDstBuf %p\n", szOp, pvPairs, szArray, pvFlags, pvText);
     };
-    log.ExpectLines({null(nullptr, both, achText), null(kDense, nullptr, achText),
-                     null(kDense, both, nullptr), Text("[ERROR] %s: dwArrSize zero\n", szOp),
-                     Text("[ERROR] %s: nCapArrLen zero\n", szOp),
+    log.ExpectLines({null(nullptr, both, achText), null(kDense, nullptr, achText), null(kDense, both, nullptr),
+                     Text("[ERROR] %s: dwArrSize zero\n", szOp), Text("[ERROR] %s: nCapArrLen zero\n", szOp),
                      Text("[ERROR] %s: dwDstBufSize zero\n", szOp)});
 }
 
-TEST(EnumStr, BuildsCapabilityStrings)
-{
+TEST(EnumStr, BuildsCapabilityStrings) {
     CheckBuilder<uint8_t>(AppMakeCapStr_u8, "AppMakeCapStr_u8", "abyCapArr");
     CheckBuilder<uint32_t>(AppMakeCapStr_u32, "AppMakeCapStr_u32", "adwCapArr");
     CheckBuilder<uint32_t>(AppMakeCapStr_Bool, "AppMakeCapStr_Bool", "abCapArr");
@@ -103,10 +92,9 @@ TEST(EnumStr, BuildsCapabilityStrings)
     const uint32_t adwFlags[] = {1, 1};
     char achText[16];
     EXPECT_CODE(APP_OK, AppMakeCapStr_u32(kDense, 2, adwFlags, 2, achText, 16));
-    log.ExpectLines({Text("[DEBUG] %s: szDstBuf{%s}, szStr %p, size %lu\n", "AppMakeCapStr_u32", "",
-                          kDense[0].szStr, 16ul),
-                     Text("[DEBUG] %s: szDstBuf{%s}, szStr %p, size %lu\n", "AppMakeCapStr_u32",
-                          "NTSC,", kDense[1].szStr, 16ul)});
+    log.ExpectLines(
+        {Text("[DEBUG] %s: szDstBuf{%s}, szStr %p, size %lu\n", "AppMakeCapStr_u32", "", kDense[0].szStr, 16ul),
+         Text("[DEBUG] %s: szDstBuf{%s}, szStr %p, size %lu\n", "AppMakeCapStr_u32", "NTSC,", kDense[1].szStr, 16ul)});
 }
 
 } // namespace

@@ -21,21 +21,18 @@ using test::StdoutCapture;
 using test::Text;
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
 constexpr uint8_t kChannel = 77;
 constexpr size_t kStampLen = sizeof("[2026/03/05 07:08:09 ] ") - 1;
 
-std::string ReadFile(const fs::path &path)
-{
+std::string ReadFile(const fs::path &path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // The lines without their stamps; a torn line or a wrong stamp is an error.
-std::vector<std::string> ReadLines(const fs::path &path)
-{
+std::vector<std::string> ReadLines(const fs::path &path) {
     std::vector<std::string> lines;
     std::ifstream file(path, std::ios::binary);
     bool bWhole = true;
@@ -49,25 +46,21 @@ std::vector<std::string> ReadLines(const fs::path &path)
     return lines;
 }
 
-class FileLog : public testing::Test
-{
+class FileLog : public testing::Test {
 protected:
-    FileLog()
-    {
+    FileLog() {
         char achDir[] = "/tmp/appcore-log-XXXXXX";
         m_dir = mkdtemp(achDir);
         m_path = m_dir / "channel.log";
         m_backup = m_dir / "channel.log1";
     }
-    ~FileLog() override
-    {
+    ~FileLog() override {
         AppCloseFileLog(kChannel);
         fs::remove_all(m_dir);
     }
 
     // The size printed on standard output when the file was opened, or -1.
-    long Open(uint32_t dwMaxSize)
-    {
+    long Open(uint32_t dwMaxSize) {
         StdoutCapture output;
         const uint32_t bOpen = AppSetFileLog(kChannel, m_path.c_str(), dwMaxSize);
         unsigned dwSize = 0;
@@ -75,10 +68,7 @@ protected:
         EXPECT_EQ(output.End(), bOpen ? Text("dwCurSize %u\n", dwSize) : "");
         return bOpen && nItems == 1 ? static_cast<long>(dwSize) : -1;
     }
-    static void Write(const std::string &text)
-    {
-        AppLogFile(kChannel, APP_LOG_ALWAYS, "%s\n", text.c_str());
-    }
+    static void Write(const std::string &text) { AppLogFile(kChannel, APP_LOG_ALWAYS, "%s\n", text.c_str()); }
     static FILE *Stream() { return g_atAppFileLogInfo[kChannel].ptFile.load(); }
 
     fs::path m_dir, m_path, m_backup;
@@ -88,8 +78,7 @@ using Lines = std::vector<std::string>;
 
 } // namespace
 
-TEST_F(FileLog, OnlyLevelZeroReachesTheFile)
-{
+TEST_F(FileLog, OnlyLevelZeroReachesTheFile) {
     LogCapture log;
     AppSetLogLevel(kChannel, 255);
     EXPECT_EQ(Open(1000), 0);
@@ -104,11 +93,9 @@ TEST_F(FileLog, OnlyLevelZeroReachesTheFile)
     AppSetLogLevel(kChannel, 0);
 }
 
-TEST_F(FileLog, PathsUpTo127CharactersAreTaken)
-{
+TEST_F(FileLog, PathsUpTo127CharactersAreTaken) {
     LogCapture log;
-    const std::string longest =
-        (m_dir / std::string(127 - m_dir.string().size() - 1, 'p')).string();
+    const std::string longest = (m_dir / std::string(127 - m_dir.string().size() - 1, 'p')).string();
     ASSERT_EQ(longest.size(), 127u);
     m_path = longest;
     EXPECT_EQ(Open(0), 0);
@@ -125,8 +112,7 @@ TEST_F(FileLog, PathsUpTo127CharactersAreTaken)
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwMaxSize, 0u);
 }
 
-TEST_F(FileLog, RotatesOnceTheLimitIsPassed)
-{
+TEST_F(FileLog, RotatesOnceTheLimitIsPassed) {
     std::ofstream(m_path) << std::string(999, '-') << '\n';
     std::ofstream(m_backup) << "older backup\n";
     EXPECT_EQ(Open(1000 + 2 * 40), 1000);
@@ -148,8 +134,7 @@ TEST_F(FileLog, RotatesOnceTheLimitIsPassed)
     EXPECT_EQ(ReadFile(m_path), "");
 }
 
-TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone)
-{
+TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone) {
     ASSERT_EQ(Open(1000000), 0);
     for (const char *szZone : {"UTC0", "XXX-5:30", "UTC0"}) {
         setenv("TZ", szZone, 1);
@@ -162,24 +147,21 @@ TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone)
             strftime(achStamp, sizeof(achStamp), "[%Y/%m/%d %H:%M:%S ] ", &tNow);
             Write("now");
             const std::string content = ReadFile(m_path);
-            return content.substr(content.size() - kStampLen - 4) ==
-                   std::string(achStamp) + "now\n";
+            return content.substr(content.size() - kStampLen - 4) == std::string(achStamp) + "now\n";
         })) << szZone;
     }
     unsetenv("TZ");
     tzset();
 }
 
-TEST_F(FileLog, StreamsAreCloseOnExec)
-{
+TEST_F(FileLog, StreamsAreCloseOnExec) {
     ASSERT_EQ(Open(0), 0);
     EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
     Write("rotates");
     EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
 }
 
-TEST_F(FileLog, VanishedDirectoryStopsTheFileOnly)
-{
+TEST_F(FileLog, VanishedDirectoryStopsTheFileOnly) {
     const long nDescriptors = fault::OpenDescriptors();
     ASSERT_EQ(Open(10), 0);
     fs::remove_all(m_dir);
@@ -197,8 +179,7 @@ TEST_F(FileLog, VanishedDirectoryStopsTheFileOnly)
     EXPECT_EQ(Stream(), nullptr);
 }
 
-TEST_F(FileLog, FullDiskLeavesWholeLines)
-{
+TEST_F(FileLog, FullDiskLeavesWholeLines) {
     ASSERT_EQ(Open(100000), 0);
     Write("before");
     struct rlimit tOld;
@@ -207,8 +188,7 @@ TEST_F(FileLog, FullDiskLeavesWholeLines)
     struct rlimit tSmall = tOld;
     tSmall.rlim_cur = 200;
     setrlimit(RLIMIT_FSIZE, &tSmall);
-    for (int i = 0; i < 9; ++i)
-        Write("a line that does not fit any more, soon");
+    for (int i = 0; i < 9; ++i) Write("a line that does not fit any more, soon");
     Write("fits");
     setrlimit(RLIMIT_FSIZE, &tOld);
     signal(SIGXFSZ, SIG_DFL);
@@ -219,8 +199,7 @@ TEST_F(FileLog, FullDiskLeavesWholeLines)
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
 }
 
-TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal)
-{
+TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal) {
     ASSERT_EQ(Open(1000), 0);
     fault::Fail fail(fault::Fn::writev, 2, EINTR, 2);
     Write("one");
@@ -235,8 +214,7 @@ TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal)
 
 // Every full file is read right before it becomes the backup: together with the last one they hold
 // each thread's lines, whole and in order.
-TEST_F(FileLog, EightWritersLoseNothingInRotations)
-{
+TEST_F(FileLog, EightWritersLoseNothingInRotations) {
     constexpr unsigned kThreads = 8;
     constexpr unsigned kLines = test::Scaled(1000000) / kThreads;
     constexpr uint32_t kLimit = 20000;
@@ -254,18 +232,15 @@ TEST_F(FileLog, EightWritersLoseNothingInRotations)
     fault::Fail rotation(fault::Fn::rename, 1, 0, UINT_MAX, fault::kEveryThread);
     rotation.Action(CheckFile); // under the channel's mutex
     test::RunThreads(kThreads, [&](unsigned nThread) {
-        for (unsigned i = 0; i < kLines; ++i)
-            AppLogFile(kChannel, APP_LOG_ALWAYS, "%u %u end\n", nThread, i);
+        for (unsigned i = 0; i < kLines; ++i) AppLogFile(kChannel, APP_LOG_ALWAYS, "%u %u end\n", nThread, i);
     });
     CheckFile();
-    for (const unsigned nNext : anNext)
-        EXPECT_EQ(nNext, kLines);
+    for (const unsigned nNext : anNext) EXPECT_EQ(nNext, kLines);
     EXPECT_GE(rotation.Hits(), kThreads * kLines * (kStampLen + 8) / (kLimit + 40));
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
 }
 
-TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite)
-{
+TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite) {
     StdoutCapture output;
     test::RunThreads(4, [&](unsigned nThread) {
         for (unsigned i = 0; i < 3000; ++i)
@@ -277,6 +252,5 @@ TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite)
                 AppSetFileLog(kChannel, m_path.c_str(), 1000);
     });
     for (const fs::path &path : {m_path, m_backup})
-        for (const std::string &line : ReadLines(path))
-            EXPECT_EQ(line, "line");
+        for (const std::string &line : ReadLines(path)) EXPECT_EQ(line, "line");
 }

@@ -15,8 +15,7 @@ using test::Text;
 
 // ---- Logging --------------------------------------------------------------------------------
 
-TEST(Log, ThresholdsDecideWhoSeesALine)
-{
+TEST(Log, ThresholdsDecideWhoSeesALine) {
     struct {
         uint8_t byChannel, bySet, byLevel;
         bool bPasses;
@@ -37,16 +36,14 @@ TEST(Log, ThresholdsDecideWhoSeesALine)
         g_byAppLogLevel[row.byChannel].store(row.byChannel == 0 ? 16 : 0);
         AppSetLogLevel(row.byChannel, row.bySet);
         AppLog(row.byChannel, row.byLevel, "%s-%d", "text", 7);
-        log.ExpectLines(row.bPasses ? std::vector<std::string>{"text-7"}
-                                    : std::vector<std::string>{});
+        log.ExpectLines(row.bPasses ? std::vector<std::string>{"text-7"} : std::vector<std::string>{});
     }
     AppLog(0, APP_LOG_ALWAYS, nullptr);
     AppLogFile(0, APP_LOG_ALWAYS, nullptr);
     log.ExpectNone();
 }
 
-TEST(Log, StandardOutputOnlyForExactlyOne)
-{
+TEST(Log, StandardOutputOnlyForExactlyOne) {
     LogCapture log;
     StdoutCapture output;
     for (const uint32_t bViaStdout : {0u, 1u, 2u}) {
@@ -59,8 +56,7 @@ TEST(Log, StandardOutputOnlyForExactlyOne)
     log.ExpectLines({"switch 0\n", "switch 1\n", "switch 2\n"});
 }
 
-TEST(Log, LongMessagesAreCutButKeepTheirNewline)
-{
+TEST(Log, LongMessagesAreCutButKeepTheirNewline) {
     LogCapture log;
     for (const size_t nLen : {5118u, 5119u, 5120u, 5121u, 9000u}) {
         const std::string text(nLen, 'x');
@@ -69,8 +65,7 @@ TEST(Log, LongMessagesAreCutButKeepTheirNewline)
     }
 }
 
-TEST(Log, GeneratedChannelsStartFresh)
-{
+TEST(Log, GeneratedChannelsStartFresh) {
     g_byAppLogNextChannel.store(1);
     for (int i = 1; i <= 255; ++i) {
         EXPECT_EQ(AppGenerateLogChannel(), i);
@@ -85,15 +80,12 @@ TEST(Log, GeneratedChannelsStartFresh)
     g_byAppLogNextChannel.store(1);
     std::atomic<int> anTimes[256] = {};
     test::RunThreads(8, [&](unsigned) {
-        for (int i = 0; i < 30; ++i)
-            ++anTimes[AppGenerateLogChannel()];
+        for (int i = 0; i < 30; ++i) ++anTimes[AppGenerateLogChannel()];
     });
-    for (int i = 0; i < 256; ++i)
-        EXPECT_EQ(anTimes[i].load(), i >= 1 && i <= 240) << "channel " << i;
+    for (int i = 0; i < 256; ++i) EXPECT_EQ(anTimes[i].load(), i >= 1 && i <= 240) << "channel " << i;
 }
 
-TEST(Log, ChannelTablesMayChangeWhileOthersLog)
-{
+TEST(Log, ChannelTablesMayChangeWhileOthersLog) {
     LogCapture log;
     test::RunThreads(4, [&](unsigned nThread) {
         for (int i = 0; i < 1000; ++i)
@@ -105,8 +97,7 @@ TEST(Log, ChannelTablesMayChangeWhileOthersLog)
     EXPECT_EQ(log.Lines().size(), 3000u);
 }
 
-TEST(Format, EveryTruncationIsMinusOne)
-{
+TEST(Format, EveryTruncationIsMinusOne) {
     struct {
         uint32_t dwSize;
         int32_t nResult;
@@ -131,27 +122,22 @@ TEST(Format, EveryTruncationIsMinusOne)
 
 // ---- Strings --------------------------------------------------------------------------------
 
-static int Sign(int32_t nValue)
-{
-    return (nValue > 0) - (nValue < 0);
-}
+static int Sign(int32_t nValue) { return (nValue > 0) - (nValue < 0); }
 
-TEST(String, ComparisonsTakeNullForEmpty)
-{
+TEST(String, ComparisonsTakeNullForEmpty) {
     struct {
         const char *szFirst, *szSecond;
         uint32_t dwCount;
         int nPlain, nCounted, nCase, nCaseCounted;
     } const rows[] = {
-        {nullptr, nullptr, 0, 0, 0, 0, 0}, {nullptr, "", 9, 0, 0, 0, 0},
-        {"", nullptr, 9, 0, 0, 0, 0},      {nullptr, "x", 0, -1, -1, -1, -1},
-        {"x", nullptr, 0, 1, 1, 1, 1},     {"abc", "abd", 2, -1, 0, -1, 0},
-        {"b", "a", 1, 1, 1, 1, 1},         {"ABc", "abd", 2, -1, -1, -1, 0},
-        {"AB", "ab", 2, -1, -1, 0, 0},     {"\xFF", "a", 1, 1, 1, 1, 1},
+        {nullptr, nullptr, 0, 0, 0, 0, 0}, {nullptr, "", 9, 0, 0, 0, 0},     {"", nullptr, 9, 0, 0, 0, 0},
+        {nullptr, "x", 0, -1, -1, -1, -1}, {"x", nullptr, 0, 1, 1, 1, 1},    {"abc", "abd", 2, -1, 0, -1, 0},
+        {"b", "a", 1, 1, 1, 1, 1},         {"ABc", "abd", 2, -1, -1, -1, 0}, {"AB", "ab", 2, -1, -1, 0, 0},
+        {"\xFF", "a", 1, 1, 1, 1, 1},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(Text("'%s' '%s' %u", row.szFirst ? row.szFirst : "null",
-                          row.szSecond ? row.szSecond : "null", row.dwCount));
+        SCOPED_TRACE(Text("'%s' '%s' %u", row.szFirst ? row.szFirst : "null", row.szSecond ? row.szSecond : "null",
+                          row.dwCount));
         EXPECT_EQ(Sign(AppStrcmp(row.szFirst, row.szSecond)), row.nPlain);
         EXPECT_EQ(Sign(AppStrncmp(row.szFirst, row.szSecond, row.dwCount)), row.nCounted);
         EXPECT_EQ(Sign(AppStrcasecmp(row.szFirst, row.szSecond)), row.nCase);
@@ -159,8 +145,7 @@ TEST(String, ComparisonsTakeNullForEmpty)
     }
 }
 
-TEST(String, WrappersTakeNullAndZero)
-{
+TEST(String, WrappersTakeNullAndZero) {
     const char *szText = "abc";
     EXPECT_EQ(AppStrlen(nullptr), 0u);
     EXPECT_EQ(AppStrlen(szText), 3u);
@@ -185,16 +170,14 @@ TEST(String, WrappersTakeNullAndZero)
     EXPECT_STREQ(achBuf, "xyc");
 }
 
-TEST(String, CopiesAlwaysTerminateAndFill)
-{
+TEST(String, CopiesAlwaysTerminateAndFill) {
     struct {
         const char *szSrc;
         uint32_t dwSize;
         std::string left; // of 8 bytes
     } const rows[] = {
-        {"abcdef", 4, {"abc\0####", 8}},   {"ab", 8, {"ab\0\0\0\0\0\0", 8}},
-        {"abc", 1, {"\0#######", 8}},      {"abc", 0, {"########", 8}},
-        {nullptr, 8, {"########", 8}},     {"", 3, {"\0\0\0#####", 8}},
+        {"abcdef", 4, {"abc\0####", 8}},   {"ab", 8, {"ab\0\0\0\0\0\0", 8}}, {"abc", 1, {"\0#######", 8}},
+        {"abc", 0, {"########", 8}},       {nullptr, 8, {"########", 8}},    {"", 3, {"\0\0\0#####", 8}},
         {"12345678", 8, {"1234567\0", 8}},
     };
     for (const auto &row : rows) {
@@ -207,8 +190,7 @@ TEST(String, CopiesAlwaysTerminateAndFill)
 
 // The destination ends where its allocation ends, so that the address sanitizer sees a step
 // too far, reading or writing.
-TEST(String, AppendingNeverLeavesTheBuffer)
-{
+TEST(String, AppendingNeverLeavesTheBuffer) {
     struct {
         const char *szBefore; // the buffer's size bytes; '#' stands for what is not looked at
         uint32_t dwSize;
@@ -236,8 +218,7 @@ TEST(String, AppendingNeverLeavesTheBuffer)
     EXPECT_EQ(AppStrncat(nullptr, "b", 4), nullptr);
 }
 
-TEST(String, HashIsTheAgreedOne)
-{
+TEST(String, HashIsTheAgreedOne) {
     struct {
         const char *szText;
         uint32_t dwHash;
@@ -249,8 +230,7 @@ TEST(String, HashIsTheAgreedOne)
                       {"Hello", 360269938},
                       {"\xFF", 255}, // bytes are unsigned
                       {"\x80\xC3", (128u * (63689u * 378551u) + 0xC3) & 0x7FFFFFFF}};
-    for (const auto &row : rows)
-        EXPECT_EQ(AppStringHash(row.szText), row.dwHash) << (row.szText ? row.szText : "null");
+    for (const auto &row : rows) EXPECT_EQ(AppStringHash(row.szText), row.dwHash) << (row.szText ? row.szText : "null");
 }
 
 // ---- Dump -----------------------------------------------------------------------------------
@@ -258,36 +238,29 @@ TEST(String, HashIsTheAgreedOne)
 static const char kDumped[] = "0123456789ABCDEF \x7F!~\t"
                               "abcdefghijklmnop";
 
-static std::string FullDump(uint32_t dwLen)
-{
+static std::string FullDump(uint32_t dwLen) {
     static const char *const aszRows[] = {
         "       0h: 30 31 32 33 34 35 36 37 38 39 41 42 43 44 45 46  | 0123456789ABCDEF\n",
         "      10h: 20 7F 21 7E 09 61 62 63 64 65 66 67 68 69 6A 6B  | ..!~.abcdefghijk\n",
         "      20h: 6C 6D 6E 6F 70 00                                | lmnop.\n"};
-    std::string text =
-        Text("ADDR:%p SIZE:%u(%xh)\n", static_cast<const void *>(kDumped), dwLen, dwLen);
+    std::string text = Text("ADDR:%p SIZE:%u(%xh)\n", static_cast<const void *>(kDumped), dwLen, dwLen);
     for (uint32_t dwStart = 0; dwStart < dwLen; dwStart += 16) {
         std::string row = aszRows[dwStart / 16];
-        for (uint32_t i = dwLen - dwStart; i < 16; ++i)
-            row.replace(11 + 3 * i, 3, "   ");
+        for (uint32_t i = dwLen - dwStart; i < 16; ++i) row.replace(11 + 3 * i, 3, "   ");
         text += dwLen - dwStart < 16 ? row.substr(0, 62 + dwLen - dwStart) + "\n" : row;
     }
     return text;
 }
 
 // Whether a piece of the dump ends there.
-static bool EndsPiece(const std::string &text, size_t nEnd)
-{
+static bool EndsPiece(const std::string &text, size_t nEnd) {
     const size_t nHeader = text.find('\n') + 1;
-    if (nEnd <= nHeader)
-        return nEnd == nHeader || nEnd == 0;
+    if (nEnd <= nHeader) return nEnd == nHeader || nEnd == 0;
     const size_t nColumn = (nEnd - nHeader) % 79; // of a full row
-    return nColumn == 0 || nColumn >= 62 ||
-           (nColumn >= 11 && nColumn <= 59 && (nColumn - 11) % 3 == 0);
+    return nColumn == 0 || nColumn >= 62 || (nColumn >= 11 && nColumn <= 59 && (nColumn - 11) % 3 == 0);
 }
 
-TEST(Dump, EndsAfterItsLastWholePieceAtEverySize)
-{
+TEST(Dump, EndsAfterItsLastWholePieceAtEverySize) {
     const auto pbyData = reinterpret_cast<const uint8_t *>(kDumped);
     for (const uint32_t dwLen : {1u, 15u, 16u, 17u, 32u, 38u}) {
         const std::string full = FullDump(dwLen);
@@ -295,8 +268,7 @@ TEST(Dump, EndsAfterItsLastWholePieceAtEverySize)
         for (uint32_t dwSize = 1; dwSize < full.size() + 5; ++dwSize) {
             nFits = dwSize <= full.size() + 1 && EndsPiece(full, dwSize - 1) ? dwSize - 1 : nFits;
             std::unique_ptr<char[]> buffer(new char[dwSize]); // guarded by the address sanitizer
-            ASSERT_EQ(AppDumpMem(pbyData, dwLen, buffer.get(), dwSize),
-                      static_cast<int32_t>(nFits));
+            ASSERT_EQ(AppDumpMem(pbyData, dwLen, buffer.get(), dwSize), static_cast<int32_t>(nFits));
             ASSERT_EQ(buffer.get(), full.substr(0, nFits)) << "size " << dwSize;
         }
     }

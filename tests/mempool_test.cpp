@@ -13,8 +13,7 @@ using fault::Fn;
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 constexpr uint32_t kBlockHead = sizeof(TAppMemBlockHead);
 constexpr uint32_t kHeads = sizeof(TAppMemPoolHead) + kBlockHead;
@@ -22,34 +21,28 @@ constexpr uint32_t kLargest = 4294967295u;
 constexpr uint32_t kSize = 128 - kHeads; // a block of class 2 on both word sizes
 constexpr uint32_t kLarge = 5000000 - kHeads;
 
-TAppMemBlockHead *BlockOf(void *pvData)
-{
+TAppMemBlockHead *BlockOf(void *pvData) {
     return reinterpret_cast<TAppMemBlockHead *>(static_cast<char *>(pvData) - kHeads);
 }
 
-void Collect(const char *szText, void *pvContext)
-{
+void Collect(const char *szText, void *pvContext) {
     static_cast<std::vector<std::string> *>(pvContext)->push_back(szText);
 }
 
-std::vector<std::string> Report(HAppMemPool hPool)
-{
+std::vector<std::string> Report(HAppMemPool hPool) {
     std::vector<std::string> texts;
     AppMemPoolShow(hPool, Collect, &texts);
     return texts;
 }
 
-class MemPool : public testing::Test
-{
+class MemPool : public testing::Test {
 protected:
     MemPool() { Recreate(0); }
-    ~MemPool() override
-    {
+    ~MemPool() override {
         EXPECT_TRUE(app::PoolIsValid(hPool));
         AppMemPoolDestroy(hPool);
     }
-    void Recreate(uint32_t dwMaxSize)
-    {
+    void Recreate(uint32_t dwMaxSize) {
         AppMemPoolDestroy(hPool);
         ASSERT_CODE(APP_OK, AppMemPoolCreate(dwMaxSize, 1, 0, &hPool));
         ptImpl = hPool->ptImpl;
@@ -58,8 +51,7 @@ protected:
         log.Name(ptImpl, "ENGINE");
         log.Clear();
     }
-    void ExpectCounters(uint32_t dwCount, uint32_t dwOnWork, uint32_t dwTotal) const
-    {
+    void ExpectCounters(uint32_t dwCount, uint32_t dwOnWork, uint32_t dwTotal) const {
         EXPECT_EQ(ptImpl->dwOnWorkCount, dwCount);
         EXPECT_EQ(ptImpl->dwOnWorkSize, dwOnWork);
         EXPECT_EQ(ptImpl->dwTotalSize, dwTotal);
@@ -73,8 +65,7 @@ protected:
 
 } // namespace
 
-TEST_F(MemPool, LimitIsStrict)
-{
+TEST_F(MemPool, LimitIsStrict) {
     Recreate(100);
     struct {
         uint32_t dwSize;
@@ -82,10 +73,9 @@ TEST_F(MemPool, LimitIsStrict)
     } const rows[] = {{0, false}, {100, false}, {101, false}, {99, true}, {1, false}};
     void *pvTaken = nullptr;
     for (const auto &row : rows) {
-        const std::string full =
-            Text("[ERROR] AppMemPoolMalloc: AppMemPool POOL full! can't malloc "
-                 "%u (curSize %u MaxSize 100)\n",
-                 row.dwSize, hPool->dwCurSize);
+        const std::string full = Text("[ERROR] AppMemPoolMalloc: AppMemPool POOL full! can't malloc "
+                                      "%u (curSize %u MaxSize 100)\n",
+                                      row.dwSize, hPool->dwCurSize);
         void *pvData = AppMemPoolMalloc(hPool, row.dwSize);
         EXPECT_EQ(pvData != nullptr, row.bTaken) << row.dwSize;
         pvTaken = pvData ? pvData : pvTaken;
@@ -96,17 +86,14 @@ TEST_F(MemPool, LimitIsStrict)
     EXPECT_EQ(hPool->dwCurSize, 0u);
 }
 
-TEST_F(MemPool, SizesNear4GiBAreRefused)
-{
+TEST_F(MemPool, SizesNear4GiBAreRefused) {
     for (const uint32_t dwSize : {kLargest, kLargest - kBlockHead, kLargest - kHeads + 1}) {
         EXPECT_EQ(AppMemPoolMalloc(hPool, dwSize), nullptr);
         EXPECT_EQ(AppMemPoolMalloc(nullptr, dwSize), nullptr);
-        log.ExpectLines(
-            {Text("[ERROR] AppMemPoolMalloc: AppMemPool POOL full! can't malloc %u (curSize 0 "
-                  "MaxSize 0)\n",
-                  dwSize),
-             Text("[ERROR] AppMemPoolMalloc: AppMemPool NULL malloc failed with size %u\n",
-                  dwSize)});
+        log.ExpectLines({Text("[ERROR] AppMemPoolMalloc: AppMemPool POOL full! can't malloc %u (curSize 0 "
+                              "MaxSize 0)\n",
+                              dwSize),
+                         Text("[ERROR] AppMemPoolMalloc: AppMemPool NULL malloc failed with size %u\n", dwSize)});
     }
     fault::Fail fail(Fn::malloc, 1, ENOMEM, 2); // the largest is tried
     EXPECT_EQ(AppMemPoolMalloc(hPool, kLargest - kHeads), nullptr);
@@ -116,8 +103,7 @@ TEST_F(MemPool, SizesNear4GiBAreRefused)
     ExpectCounters(0, 0, 0);
 }
 
-TEST_F(MemPool, BlocksAreAlignedAndWritable)
-{
+TEST_F(MemPool, BlocksAreAlignedAndWritable) {
     constexpr size_t kAlign = sizeof(void *) == 8 ? alignof(max_align_t) : 4;
     EXPECT_EQ(kHeads, sizeof(void *) == 8 ? 48u : 20u);
     for (const HAppMemPool hFrom : {hPool, HAppMemPool(nullptr)})
@@ -131,16 +117,14 @@ TEST_F(MemPool, BlocksAreAlignedAndWritable)
     EXPECT_EQ(hPool->dwCurSize, 0u);
 }
 
-TEST_F(MemPool, ReallocGrowsAcrossPools)
-{
+TEST_F(MemPool, ReallocGrowsAcrossPools) {
     HAppMemPool hOther = nullptr;
     ASSERT_CODE(APP_OK, AppMemPoolCreate(200, 0, 0, &hOther));
     EXPECT_EQ(hOther->hLock, nullptr);
     for (const HAppMemPool hFrom : {hPool, HAppMemPool(nullptr)}) {
         auto szOld = static_cast<char *>(AppMemPoolRealloc(hFrom, nullptr, 10));
         memcpy(szOld, "123456789", 10);
-        for (const uint32_t dwSize : {10u, 3u, 0u})
-            EXPECT_EQ(AppMemPoolRealloc(hOther, szOld, dwSize), szOld);
+        for (const uint32_t dwSize : {10u, 3u, 0u}) EXPECT_EQ(AppMemPoolRealloc(hOther, szOld, dwSize), szOld);
         EXPECT_EQ(hPool->dwCurSize, hFrom ? 10u : 0u);
         EXPECT_EQ(AppMemPoolRealloc(hOther, szOld, 200), nullptr); // full; the old one stays
         auto szNew = static_cast<char *>(AppMemPoolRealloc(hOther, szOld, 150));
@@ -153,44 +137,38 @@ TEST_F(MemPool, ReallocGrowsAcrossPools)
     AppMemPoolDestroy(hOther);
 }
 
-TEST_F(MemPool, ForeignPointersAreLeftAlone)
-{
+TEST_F(MemPool, ForeignPointersAreLeftAlone) {
     alignas(16) char achForeign[128] = "not ours";
     for (const size_t nOffset : {64u, 65u}) { // the second is not even aligned
         log.Name(achForeign + nOffset, "IT");
         AppMemPoolFree(achForeign + nOffset);
         EXPECT_EQ(AppMemPoolRealloc(nullptr, achForeign + nOffset, 10), nullptr);
-        log.ExpectLines(
-            {"[ERROR] AppMemPoolFree: IT is not create by AppMemPool or Data corruption.\n",
-             "[ERROR] AppMemPoolRealloc: IT is not create by AppMemPool or Data corruption.\n"});
+        log.ExpectLines({"[ERROR] AppMemPoolFree: IT is not create by AppMemPool or Data corruption.\n",
+                         "[ERROR] AppMemPoolRealloc: IT is not create by AppMemPool or Data corruption.\n"});
     }
     AppMemPoolFree(nullptr);
     log.ExpectNone();
 }
 
-TEST_F(MemPool, StrndupCutsAndAccounts)
-{
+TEST_F(MemPool, StrndupCutsAndAccounts) {
     struct {
         const char *szSrc;
         uint32_t dwSize;
         const char *szCopy;
-    } const rows[] = {{"abc", 4, "abc"},   {"abc", 2, "a"},      {"abc", 1, ""},
-                      {"abc", 60, "abc"},  {"", 5, nullptr},     {nullptr, 5, nullptr},
-                      {"abc", 0, nullptr}, {"abc", 100, nullptr}};
+    } const rows[] = {{"abc", 4, "abc"}, {"abc", 2, "a"},       {"abc", 1, ""},      {"abc", 60, "abc"},
+                      {"", 5, nullptr},  {nullptr, 5, nullptr}, {"abc", 0, nullptr}, {"abc", 100, nullptr}};
     Recreate(100);
     for (const auto &row : rows) {
         char *szCopy = AppStrndup(hPool, row.szSrc, row.dwSize);
         EXPECT_STREQ(szCopy, row.szCopy);
         EXPECT_EQ(hPool->dwCurSize, row.szCopy ? row.dwSize : 0);
-        for (uint32_t i = AppStrlen(szCopy); szCopy && i < row.dwSize; ++i)
-            EXPECT_EQ(szCopy[i], '\0');
+        for (uint32_t i = AppStrlen(szCopy); szCopy && i < row.dwSize; ++i) EXPECT_EQ(szCopy[i], '\0');
         AppMemPoolFree(szCopy);
     }
     EXPECT_EQ(log.Lines().size(), 1u); // the pool was full
 }
 
-TEST_F(MemPool, ClassesEndAtPowersOfTwo)
-{
+TEST_F(MemPool, ClassesEndAtPowersOfTwo) {
     EXPECT_EQ(__AppMemGetOffset(0), 18u);
     EXPECT_EQ(__AppMemGetOffset(1), 0u);
     EXPECT_EQ(__AppMemGetOffset(kLargest), 18u);
@@ -209,23 +187,18 @@ TEST_F(MemPool, ClassesEndAtPowersOfTwo)
     ExpectCounters(0, 0, dwTotal);
 }
 
-TEST_F(MemPool, OldestIdleBlockIsReusedFirst)
-{
+TEST_F(MemPool, OldestIdleBlockIsReusedFirst) {
     void *apvData[3];
-    for (void *&pvData : apvData)
-        pvData = AppMemPoolMalloc(hPool, kSize);
-    for (const int i : {1, 0, 2})
-        AppMemPoolFree(apvData[i]);
+    for (void *&pvData : apvData) pvData = AppMemPoolMalloc(hPool, kSize);
+    for (const int i : {1, 0, 2}) AppMemPoolFree(apvData[i]);
     fault::Fail none(Fn::malloc, 0);
-    for (const int i : {1, 0, 2})
-        EXPECT_EQ(AppMemPoolMalloc(hPool, kSize - 2), apvData[i]);
+    for (const int i : {1, 0, 2}) EXPECT_EQ(AppMemPoolMalloc(hPool, kSize - 2), apvData[i]);
     EXPECT_EQ(none.Calls(), 0u); // reuse needs no heap
     ExpectCounters(3, 384, 384);
     EXPECT_EQ(hPool->dwCurSize, 3 * (kSize - 2));
 }
 
-TEST_F(MemPool, TracesTellEveryStep)
-{
+TEST_F(MemPool, TracesTellEveryStep) {
     AppSetLogLevel(0, APP_LOG_MEMDBG2);
     void *pvData = AppMemPoolMalloc(hPool, kSize);
     HAppDoubleListNode hNode = BlockOf(pvData)->hNode; // comes from the null pool
@@ -235,63 +208,51 @@ TEST_F(MemPool, TracesTellEveryStep)
     log.Name(BlockOf(pvData), "BLOCK");
     log.Name(hNode, "NODE");
     const std::string handed =
-        "[MEMDBG-1] AppMemPoolMalloc: AppMemPool POOL with MEMPOOL ENGINE malloc DATA with size " +
-        size + "\n";
-    log.ExpectLines(
-        {"[MEMDBG-1] AppMemPoolMalloc: AppMemPool NULL  malloc NODE with size " + node + "\n",
-         "[MEMDBG-2] _AppMalloc: Size 128, use MP ENGINE offset 2(128) new block BLOCK\n",
-         "[MEMDBG-2] _AppMalloc: MP ENGINE count=1, OnWorkSize=128 TotalSize=128\n", handed});
+        "[MEMDBG-1] AppMemPoolMalloc: AppMemPool POOL with MEMPOOL ENGINE malloc DATA with size " + size + "\n";
+    log.ExpectLines({"[MEMDBG-1] AppMemPoolMalloc: AppMemPool NULL  malloc NODE with size " + node + "\n",
+                     "[MEMDBG-2] _AppMalloc: Size 128, use MP ENGINE offset 2(128) new block BLOCK\n",
+                     "[MEMDBG-2] _AppMalloc: MP ENGINE count=1, OnWorkSize=128 TotalSize=128\n", handed});
     AppMemPoolFree(pvData);
-    log.ExpectLines(
-        {"[MEMDBG-1] AppMemPoolFree: AppMemPool POOL free DATA with size " + size + "\n",
-         "[MEMDBG-2] _AppFree: Size 128, use MP ENGINE offset 2(128) block BLOCK return to "
-         "offlist\n",
-         "[MEMDBG-2] _AppFree: MP ENGINE count=0, OnWorkSize=0 TotalSize=128\n"});
+    log.ExpectLines({"[MEMDBG-1] AppMemPoolFree: AppMemPool POOL free DATA with size " + size + "\n",
+                     "[MEMDBG-2] _AppFree: Size 128, use MP ENGINE offset 2(128) block BLOCK return to "
+                     "offlist\n",
+                     "[MEMDBG-2] _AppFree: MP ENGINE count=0, OnWorkSize=0 TotalSize=128\n"});
     EXPECT_EQ(AppMemPoolMalloc(hPool, kSize), pvData);
     log.ExpectLines({"[MEMDBG-2] _AppMalloc: Size 128, use MP ENGINE offset 2(128) block BLOCK\n",
-                     "[MEMDBG-2] _AppMalloc: MP ENGINE count=1, OnWorkSize=128 TotalSize=128\n",
-                     handed});
+                     "[MEMDBG-2] _AppMalloc: MP ENGINE count=1, OnWorkSize=128 TotalSize=128\n", handed});
 
     void *pvLarge = AppMemPoolMalloc(hPool, kLarge);
     AppMemPoolFree(pvLarge);
     log.Name(pvLarge, "LARGE");
     log.Name(BlockOf(pvLarge) + 1, "HEAD");
-    log.ExpectLines(
-        {"[MEMDBG-2] _AppMalloc: size 5000000, use MP ENGINE use malloc\n",
-         "[MEMDBG-2] _AppMalloc: MP ENGINE count=2, OnWorkSize=5000128 TotalSize=5000128\n",
-         Text("[MEMDBG-1] AppMemPoolMalloc: AppMemPool POOL with MEMPOOL ENGINE malloc LARGE with "
-              "size %u\n",
-              kLarge),
-         Text("[MEMDBG-1] AppMemPoolFree: AppMemPool POOL free LARGE with size %u\n", kLarge),
-         "[MEMDBG-2] _AppFree: size 5000000, use MP ENGINE HEAD use free\n"});
+    log.ExpectLines({"[MEMDBG-2] _AppMalloc: size 5000000, use MP ENGINE use malloc\n",
+                     "[MEMDBG-2] _AppMalloc: MP ENGINE count=2, OnWorkSize=5000128 TotalSize=5000128\n",
+                     Text("[MEMDBG-1] AppMemPoolMalloc: AppMemPool POOL with MEMPOOL ENGINE malloc LARGE with "
+                          "size %u\n",
+                          kLarge),
+                     Text("[MEMDBG-1] AppMemPoolFree: AppMemPool POOL free LARGE with size %u\n", kLarge),
+                     "[MEMDBG-2] _AppFree: size 5000000, use MP ENGINE HEAD use free\n"});
 
     _AppFree(nullptr, _AppMalloc(nullptr, 10)); // an engine without a record
-    EXPECT_EQ(log.Lines()[0],
-              Text("[MEMDBG-2] _AppMalloc: size %u, use MP (nil) use malloc\n", 10 + kBlockHead));
+    EXPECT_EQ(log.Lines()[0], Text("[MEMDBG-2] _AppMalloc: size %u, use MP (nil) use malloc\n", 10 + kBlockHead));
     EXPECT_EQ(_AppMalloc(ptImpl, 0), nullptr);
     _AppFree(ptImpl, nullptr);
 
     AppMemPoolDestroy(hPool); // with a block in use
     EXPECT_EQ(log.Count("[INFO ] _AppMemPoolDestroy: Mempool ENGINE\n"), 1u);
-    EXPECT_EQ(
-        log.Count("[MEMDBG-2] __AppMemPoolFreeData: Size 128, use MP ENGINE block BLOCK free\n"),
-        1u);
-    EXPECT_EQ(
-        log.Count("[MEMDBG-1] AppMemPoolFree: AppMemPool NULL free NODE with size " + node + "\n"),
-        1u);
+    EXPECT_EQ(log.Count("[MEMDBG-2] __AppMemPoolFreeData: Size 128, use MP ENGINE block BLOCK free\n"), 1u);
+    EXPECT_EQ(log.Count("[MEMDBG-1] AppMemPoolFree: AppMemPool NULL free NODE with size " + node + "\n"), 1u);
     hPool = nullptr;
     Recreate(0);
 }
 
-TEST_F(MemPool, DamageIsReportedAndSurvived)
-{
+TEST_F(MemPool, DamageIsReportedAndSurvived) {
     void *pvData = AppMemPoolMalloc(hPool, kSize);
     log.Name(BlockOf(pvData) + 1, "HEAD");
     ptImpl->dwOnWorkSize = 1; // less than what is released now
     AppMemPoolFree(pvData);
-    log.ExpectLines(
-        {"[ERROR] _AppFree: WARING!!!! MEMPOOL ENGINE(OnWorkSize=1) is less than HEAD(size=128), "
-         "MEM LEAK may occured!!!!\n"});
+    log.ExpectLines({"[ERROR] _AppFree: WARING!!!! MEMPOOL ENGINE(OnWorkSize=1) is less than HEAD(size=128), "
+                     "MEM LEAK may occured!!!!\n"});
     ptImpl->dwOnWorkSize = 0;
     EXPECT_EQ(AppMemPoolMalloc(hPool, kSize), pvData); // released all the same
 
@@ -310,8 +271,7 @@ TEST_F(MemPool, DamageIsReportedAndSurvived)
     ptImpl->dwOnWorkSize = ptImpl->dwTotalSize = 128;
 }
 
-TEST_F(MemPool, EveryFailedCreationLeavesNothing)
-{
+TEST_F(MemPool, EveryFailedCreationLeavesNothing) {
     const auto hUntouched = reinterpret_cast<HAppMemPool>(16);
     EXPECT_CODE(APP_INVALID_ARG, AppMemPoolCreate(0, 1, 0, nullptr));
     unsigned nFaults = 0;
@@ -322,8 +282,7 @@ TEST_F(MemPool, EveryFailedCreationLeavesNothing)
             HAppMemPool hNew = hUntouched;
             const uint32_t dwResult = AppMemPoolCreate(0, 1, 0, &hNew);
             EXPECT_EQ(hNew == hUntouched, dwResult != APP_OK);
-            if (dwResult == APP_OK)
-                AppMemPoolDestroy(hNew);
+            if (dwResult == APP_OK) AppMemPoolDestroy(hNew);
             return dwResult;
         },
         [&](uint32_t dwResult) {
@@ -332,12 +291,9 @@ TEST_F(MemPool, EveryFailedCreationLeavesNothing)
             if (nFaults == 1)
                 log.ExpectLines({"[ERROR] AppMemPoolCreate: malloc failed\n"});
             else if (nFaults <= 4)
-                EXPECT_EQ(log.Count(Text("[ERROR] AppMemPoolCreate: AppLockCreate failed %u\n",
-                                         dwResult)),
-                          1u);
+                EXPECT_EQ(log.Count(Text("[ERROR] AppMemPoolCreate: AppLockCreate failed %u\n", dwResult)), 1u);
             else if (nFaults == 5)
-                log.ExpectLines({Text("[ERROR] _AppMemPoolCreate: malloc for %zu failed\n",
-                                      sizeof(TAppMemPoolImpl)),
+                log.ExpectLines({Text("[ERROR] _AppMemPoolCreate: malloc for %zu failed\n", sizeof(TAppMemPoolImpl)),
                                  "[INFO ] _AppMemPoolDestroy: Mempool (nil)\n",
                                  "[ERROR] AppMemPoolCreate: _AppMemPoolCreate failed 101\n",
                                  "[INFO ] _AppMemPoolDestroy: Mempool (nil)\n"});
@@ -350,16 +306,14 @@ TEST_F(MemPool, EveryFailedCreationLeavesNothing)
     EXPECT_EQ(nFaults, 5u + 2 * APP_MEMPOOL_CLASS_NUM);
 }
 
-TEST_F(MemPool, EveryFailedAllocationLeavesThePoolAsItWas)
-{
+TEST_F(MemPool, EveryFailedAllocationLeavesThePoolAsItWas) {
     struct {
         uint32_t dwSize;
         unsigned nFault; // heap call: the block or its node
         const char *szLine;
-    } const rows[] = {
-        {kSize, 1, "[MEMDBG-2] _AppMalloc: Size 128, use MP ENGINE offset 2(128) malloc failed\n"},
-        {kSize, 2, "[ERROR] _AppMalloc: Size 128, use MP ENGINE offset 2(128) insert failed\n"},
-        {kLarge, 1, "[ERROR] _AppMalloc: malloc with size 5000000 failed\n"}};
+    } const rows[] = {{kSize, 1, "[MEMDBG-2] _AppMalloc: Size 128, use MP ENGINE offset 2(128) malloc failed\n"},
+                      {kSize, 2, "[ERROR] _AppMalloc: Size 128, use MP ENGINE offset 2(128) insert failed\n"},
+                      {kLarge, 1, "[ERROR] _AppMalloc: malloc with size 5000000 failed\n"}};
     AppSetLogLevel(0, APP_LOG_MEMDBG2);
     for (const auto &row : rows) {
         const long nBlocks = fault::LiveBlocks();
@@ -382,15 +336,14 @@ TEST_F(MemPool, EveryFailedAllocationLeavesThePoolAsItWas)
                       [](const char *szCopy) { EXPECT_EQ(szCopy, nullptr); }));
 }
 
-TEST_F(MemPool, ReportShowsClassesAndTotals)
-{
+TEST_F(MemPool, ReportShowsClassesAndTotals) {
     Recreate(20000000);
     // The engine's half follows the front's, which is checked here and cut off.
     const auto EngineReport = [&] {
         const std::vector<std::string> texts = Report(hPool);
         EXPECT_EQ(texts[0], "============================================\n" +
-                                Text("hMemPool(%p) Lock(%p) CurSize(%u) MaxSize(20000000)\n",
-                                     (void *)hPool, (void *)hPool->hLock, hPool->dwCurSize) +
+                                Text("hMemPool(%p) Lock(%p) CurSize(%u) MaxSize(20000000)\n", (void *)hPool,
+                                     (void *)hPool->hLock, hPool->dwCurSize) +
                                 "--- Details ------------------------");
         std::vector<std::string> engine;
         _AppMemPoolShow(ptImpl, Collect, &engine);
@@ -399,32 +352,27 @@ TEST_F(MemPool, ReportShowsClassesAndTotals)
         return texts[1];
     };
     const std::string engine = Text("MEMPOOL %p ", (void *)ptImpl);
-    EXPECT_EQ(EngineReport(), "[malloc/free]count=0 size=0\n" + engine +
-                                  "OnWorkCount=0 OnWorkSize=0 TotalSize=0 IdleSize=0\n");
+    EXPECT_EQ(EngineReport(),
+              "[malloc/free]count=0 size=0\n" + engine + "OnWorkCount=0 OnWorkSize=0 TotalSize=0 IdleSize=0\n");
     void *const apvData[] = {AppMemPoolMalloc(hPool, kLarge), AppMemPoolMalloc(hPool, kSize),
                              AppMemPoolMalloc(hPool, 4000000)};
     AppMemPoolFree(AppMemPoolMalloc(hPool, 4000000));
-    EXPECT_EQ(EngineReport(),
-              "[ 2] OnList count=1 blocksize=128 size=128\n"
-              "[17] OnList count=1 blocksize=4194304 size=4194304\n"
-              "[17] OffList count=1 blocksize=4194304 size=4194304\n"
-              "[malloc/free]count=1 size=5000000\n" +
-                  engine +
-                  "OnWorkCount=3 OnWorkSize=9194432 TotalSize=13388736 IdleSize=4194304\n");
-    for (void *pvData : apvData)
-        AppMemPoolFree(pvData);
-    EXPECT_EQ(EngineReport(),
-              "[ 2] OffList count=1 blocksize=128 size=128\n"
-              "[17] OffList count=2 blocksize=4194304 size=8388608\n"
-              "[malloc/free]count=0 size=0\n" +
-                  engine + "OnWorkCount=0 OnWorkSize=0 TotalSize=8388736 IdleSize=8388736\n");
+    EXPECT_EQ(EngineReport(), "[ 2] OnList count=1 blocksize=128 size=128\n"
+                              "[17] OnList count=1 blocksize=4194304 size=4194304\n"
+                              "[17] OffList count=1 blocksize=4194304 size=4194304\n"
+                              "[malloc/free]count=1 size=5000000\n" +
+                                  engine + "OnWorkCount=3 OnWorkSize=9194432 TotalSize=13388736 IdleSize=4194304\n");
+    for (void *pvData : apvData) AppMemPoolFree(pvData);
+    EXPECT_EQ(EngineReport(), "[ 2] OffList count=1 blocksize=128 size=128\n"
+                              "[17] OffList count=2 blocksize=4194304 size=8388608\n"
+                              "[malloc/free]count=0 size=0\n" +
+                                  engine + "OnWorkCount=0 OnWorkSize=0 TotalSize=8388736 IdleSize=8388736\n");
     EXPECT_EQ(Report(nullptr).size(), 0u);
     _AppMemPoolShow(nullptr, Collect, nullptr);
     AppMemPoolShow(hPool, nullptr, nullptr);
 }
 
-TEST_F(MemPool, ReportComesWhileTheLockIsHeldElsewhere)
-{
+TEST_F(MemPool, ReportComesWhileTheLockIsHeldElsewhere) {
     std::atomic<bool> bHeld{false}, bEnd{false};
     std::thread holder([&] {
         AppLockTakeByTime(hPool->hLock, 0);
@@ -445,11 +393,9 @@ TEST_F(MemPool, ReportComesWhileTheLockIsHeldElsewhere)
 }
 
 // Each thread fills its blocks with its own pattern and finds it again; the sums are conserved.
-TEST_F(MemPool, EightThreadsShareAPool)
-{
+TEST_F(MemPool, EightThreadsShareAPool) {
     constexpr unsigned kThreads = 8, kHeld = 32;
-    constexpr unsigned kRounds =
-        test::Scaled(1000000) / kThreads / 4; // free and malloc, two phases
+    constexpr unsigned kRounds = test::Scaled(1000000) / kThreads / 4; // free and malloc, two phases
     struct {
         unsigned char *pbyData = nullptr;
         uint32_t dwSize = 0;
@@ -458,12 +404,10 @@ TEST_F(MemPool, EightThreadsShareAPool)
         test::RunThreads(kThreads + 1, [&](unsigned nThread) {
             std::minstd_rand random(nThread + 1);
             const auto byPattern = static_cast<unsigned char>(nThread + 1);
-            for (unsigned i = 0; nThread == kThreads && i < 100; ++i)
-                EXPECT_EQ(Report(hPool).size(), 2u);
+            for (unsigned i = 0; nThread == kThreads && i < 100; ++i) EXPECT_EQ(Report(hPool).size(), 2u);
             for (unsigned i = 0; nThread < kThreads && i < kRounds; ++i) {
                 auto &held = atHeld[nThread][random() % kHeld];
-                for (uint32_t j = 0; j < held.dwSize; j += 64)
-                    ASSERT_EQ(held.pbyData[j], byPattern);
+                for (uint32_t j = 0; j < held.dwSize; j += 64) ASSERT_EQ(held.pbyData[j], byPattern);
                 AppMemPoolFree(held.pbyData);
                 held.dwSize = 1 + static_cast<uint32_t>(random() % (i % 100 ? 500 : 20000));
                 held.pbyData = static_cast<unsigned char *>(AppMemPoolMalloc(hPool, held.dwSize));
@@ -482,8 +426,7 @@ TEST_F(MemPool, EightThreadsShareAPool)
         EXPECT_EQ(ptImpl->dwOnWorkCount, dwCount);
     }
     for (auto &thread : atHeld)
-        for (auto &held : thread)
-            AppMemPoolFree(held.pbyData);
+        for (auto &held : thread) AppMemPoolFree(held.pbyData);
     EXPECT_EQ(hPool->dwCurSize, 0u);
     ExpectCounters(0, 0, ptImpl->dwTotalSize);
 }

@@ -13,8 +13,7 @@ using fault::Fn;
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 // The host of these tests.
 struct THost {
@@ -30,37 +29,28 @@ struct THost {
 };
 THost g_host;
 
-bool IsZero(const void *pvRecord, size_t nSize)
-{
+bool IsZero(const void *pvRecord, size_t nSize) {
     const std::string zero(nSize, '\0');
     return memcmp(pvRecord, zero.data(), nSize) == 0;
 }
 
-uint32_t Word(const char *szIp)
-{
-    return inet_addr(szIp);
-}
+uint32_t Word(const char *szIp) { return inet_addr(szIp); }
 
 const TAppNetAddr kRemote = {APP_NET_ADDR_IPV4, {inet_addr("127.9.9.9")}};
 const uint16_t kPort = htons(8080);
 
-class Nat : public testing::Test
-{
+class Nat : public testing::Test {
 protected:
-    Nat()
-    {
+    Nat() {
         g_host = THost();
         SetPair(0, 0, "127.0.0.1", "255.255.255.0"); // 127.9.9.9 is outside
         g_host.upnp.dwEnable = 1;
     }
-    static void SetPair(size_t nIf, uint32_t dwPair, const char *szAddr, const char *szMask)
-    {
+    static void SetPair(size_t nIf, uint32_t dwPair, const char *szAddr, const char *szMask) {
         g_host.eth[nIf].atAddr[dwPair] = {Word(szAddr), Word(szMask)};
-        if (g_host.eth[nIf].dwAddrNum <= dwPair)
-            g_host.eth[nIf].dwAddrNum = dwPair + 1;
+        if (g_host.eth[nIf].dwAddrNum <= dwPair) g_host.eth[nIf].dwAddrNum = dwPair + 1;
     }
-    static void SetMap(int i, uint32_t dwType, uint16_t wExtPort, const char *szExt)
-    {
+    static void SetMap(int i, uint32_t dwType, uint16_t wExtPort, const char *szExt) {
         g_host.upnp.atMap[i].dwMapType = dwType;
         g_host.upnp.atMap[i].wInPort = kPort;
         g_host.upnp.atMap[i].wExtPort = htons(wExtPort);
@@ -69,8 +59,7 @@ protected:
         memset(g_host.upnp.atMap[i].achName, 'n', APP_HOST_UPNP_NAME_SIZE); // no terminator
     }
     // Runs the calculation for the remote and compares.
-    void Expect(const char *szIp, uint16_t wPort, uint32_t dwProtocol = APP_SOCKET_TCP)
-    {
+    void Expect(const char *szIp, uint16_t wPort, uint32_t dwProtocol = APP_SOCKET_TCP) {
         TAppNetAddr addr = kRemote; // one record for both
         uint16_t wGot = 0;
         EXPECT_CODE(APP_OK, AppSocketCalNATAddr(&addr, dwProtocol, kPort, &addr, &wGot));
@@ -84,8 +73,7 @@ protected:
 
 const char kOp[] = "AppSocketCalNATAddr";
 
-TEST_F(Nat, PeersOnTheSubnetNeedNoMapping)
-{
+TEST_F(Nat, PeersOnTheSubnetNeedNoMapping) {
     SetPair(0, 0, "127.0.0.1", "255.0.0.0");
     SetMap(0, 0, 80, "8.8.8.8");
     Expect("127.0.0.1", 8080);
@@ -96,12 +84,10 @@ TEST_F(Nat, PeersOnTheSubnetNeedNoMapping)
     SetPair(0, 0, "127.0.0.2", "255.255.255.0"); // not listed: counts as on the subnet
     Expect("127.0.0.1", 8080);
     EXPECT_EQ(g_host.nUpnpCalls, 0u);
-    log.ExpectLines(
-        {Text("[INFO ] %s: can't find addr %x in net param\n", kOp, Word("127.0.0.1"))});
+    log.ExpectLines({Text("[INFO ] %s: can't find addr %x in net param\n", kOp, Word("127.0.0.1"))});
 }
 
-TEST_F(Nat, MappingsMatchByKindPortAndActivity)
-{
+TEST_F(Nat, MappingsMatchByKindPortAndActivity) {
     Expect("127.0.0.1", 8080); // no mapping at all
     SetMap(0, 0, 80, "8.8.8.8");
     Expect("8.8.8.8", 80, APP_SOCKET_TCP);
@@ -124,8 +110,7 @@ TEST_F(Nat, MappingsMatchByKindPortAndActivity)
     log.ExpectNone();
 }
 
-TEST_F(Nat, HostFailuresAreLoggedAndPassedOver)
-{
+TEST_F(Nat, HostFailuresAreLoggedAndPassedOver) {
     SetMap(0, 0, 80, "8.8.8.8");
     g_host.nHwStatus = -3; // no subnet test: the mappings decide
     SetPair(0, 0, "127.0.0.1", "255.0.0.0");
@@ -146,8 +131,7 @@ TEST_F(Nat, HostFailuresAreLoggedAndPassedOver)
                      Text("[ERROR] %s: IpcGetUpupCfg failed %d\n", kOp, 7)});
 }
 
-TEST_F(Nat, CountsOfTheHostAreBounded)
-{
+TEST_F(Nat, CountsOfTheHostAreBounded) {
     for (const uint32_t dwNum : {22u, 4294967295u}) {
         g_host.eth[0] = {};
         g_host.eth[0].dwAddrNum = dwNum; // the address sits behind the record's end at most
@@ -163,8 +147,7 @@ TEST_F(Nat, CountsOfTheHostAreBounded)
     EXPECT_EQ(g_host.nEthCalls, 256u);
 }
 
-TEST_F(Nat, ArgumentsAndUnreachableRemotes)
-{
+TEST_F(Nat, ArgumentsAndUnreachableRemotes) {
     TAppNetAddr addr = kRemote;
     EXPECT_CODE(APP_INVALID_ARG, AppSocketCalNATAddr(nullptr, 0, kPort, &addr, nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppSocketCalNATAddr(&addr, 0, kPort, nullptr, nullptr));
@@ -173,18 +156,16 @@ TEST_F(Nat, ArgumentsAndUnreachableRemotes)
     uint16_t wPort = 5;
     EXPECT_CODE(APP_FAILED, AppSocketCalNATAddr(&kRemote, 0, kPort, &addr, &wPort));
     EXPECT_EQ(wPort, 5);
-    log.ExpectLines({Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketCalLocalAddr",
-                          ENETUNREACH, strerror(ENETUNREACH)),
-                     Text("[INFO ] %s: AppSocketCalLocalAddr failed.\n", kOp)});
+    log.ExpectLines(
+        {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketCalLocalAddr", ENETUNREACH, strerror(ENETUNREACH)),
+         Text("[INFO ] %s: AppSocketCalLocalAddr failed.\n", kOp)});
 }
 
-TEST_F(Nat, Ipv6PeersGoStraightToTheMappings)
-{
+TEST_F(Nat, Ipv6PeersGoStraightToTheMappings) {
     TAppNetAddr remote = {APP_NET_ADDR_IPV6, {0}};
     remote.abyIpv6[15] = 1;
     TAppNetAddr addr = {};
-    if (AppSocketCalLocalAddr(&remote, &addr) != APP_OK)
-        GTEST_SKIP() << "not run: this machine has no IPv6";
+    if (AppSocketCalLocalAddr(&remote, &addr) != APP_OK) GTEST_SKIP() << "not run: this machine has no IPv6";
     EXPECT_EQ(addr.dwType, 1u);
     EXPECT_EQ(memcmp(addr.abyIpv6, remote.abyIpv6, 16), 0);
     SetMap(1, 0, 80, "8.8.8.8");
@@ -195,8 +176,7 @@ TEST_F(Nat, Ipv6PeersGoStraightToTheMappings)
     EXPECT_EQ(g_host.nEthCalls, 0u);
 }
 
-TEST_F(Nat, TracesItsSteps)
-{
+TEST_F(Nat, TracesItsSteps) {
     AppSetLogLevel(0, APP_LOG_DEBUG);
     SetMap(0, 0, 80, "8.8.8.8");
     Expect("8.8.8.8", 80);
@@ -205,10 +185,8 @@ TEST_F(Nat, TracesItsSteps)
         {Text("[DEBUG] %s: LocalAddr %x RemoteAddr %x\n", kOp, Word("127.0.0.1"), kRemote.dwIpv4),
          Text("[DEBUG] %s: subnet mask:%x\n", kOp, Word("255.255.255.0")),
          Text("[DEBUG] %s: Local Port %d\n", kOp, kPort),
-         Text("[DEBUG] %s: UPnP[%d]: type %d enable %d inport:%d name %s\n", kOp, 0, 0, 0, kPort,
-              name.c_str()),
-         Text("[DEBUG] %s: UPnP: addr:%x port:%u protocal:%s\n", kOp, Word("8.8.8.8"), htons(80),
-              name.c_str()),
+         Text("[DEBUG] %s: UPnP[%d]: type %d enable %d inport:%d name %s\n", kOp, 0, 0, 0, kPort, name.c_str()),
+         Text("[DEBUG] %s: UPnP: addr:%x port:%u protocal:%s\n", kOp, Word("8.8.8.8"), htons(80), name.c_str()),
          Text("[DEBUG] %s: UPnP[%d]: type %d enable %d inport:%d name %s\n", kOp, 1, 0, 0, 0, ""),
          Text("[DEBUG] %s: UPnP[%d]: type %d enable %d inport:%d name %s\n", kOp, 2, 0, 0, 0, "")});
 }
@@ -216,24 +194,21 @@ TEST_F(Nat, TracesItsSteps)
 } // namespace
 
 // Records arrive zeroed, at every call.
-int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw)
-{
+int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw) {
     EXPECT_TRUE(IsZero(ptHw, sizeof(*ptHw)));
     ptHw->byIfCount1 = g_host.byIfCount1;
     ptHw->byIfCount2 = g_host.byIfCount2;
     return g_host.nHwStatus;
 }
 
-int32_t IpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam *ptParam)
-{
+int32_t IpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam *ptParam) {
     ++g_host.nEthCalls;
     EXPECT_TRUE(IsZero(ptParam, sizeof(*ptParam)));
     *ptParam = g_host.eth.at(byIndex);
     return g_host.ethStatus.at(byIndex);
 }
 
-int32_t IpcGetUpupCfg(TIpcUpupCfg *ptCfg)
-{
+int32_t IpcGetUpupCfg(TIpcUpupCfg *ptCfg) {
     ++g_host.nUpnpCalls;
     EXPECT_TRUE(IsZero(ptCfg, sizeof(*ptCfg)));
     *ptCfg = g_host.upnp;

@@ -20,33 +20,26 @@ using std::chrono::steady_clock;
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 const std::vector<Fn> s_timedLocks{Fn::pthread_mutex_clocklock, Fn::pthread_mutex_timedlock};
-const std::vector<Fn> s_waits{Fn::pthread_cond_timedwait, Fn::pthread_mutex_clocklock,
-                              Fn::pthread_mutex_timedlock};
+const std::vector<Fn> s_waits{Fn::pthread_cond_timedwait, Fn::pthread_mutex_clocklock, Fn::pthread_mutex_timedlock};
 
-HAppLock CreateLock(uint32_t dwMax, uint32_t dwInit, uint32_t dwType = APP_LOCK_TYPE_SEM)
-{
+HAppLock CreateLock(uint32_t dwMax, uint32_t dwInit, uint32_t dwType = APP_LOCK_TYPE_SEM) {
     HAppLock hLock = nullptr;
     EXPECT_CODE(APP_OK, AppLockCreate(nullptr, dwMax, dwInit, dwType, &hLock));
     return hLock;
 }
 
 // Units that can be had without waiting; they are given back.
-uint32_t CountUnits(HAppLock hLock)
-{
+uint32_t CountUnits(HAppLock hLock) {
     uint32_t dwUnits = 0;
-    while (AppLockTakeByTime(hLock, 1) == APP_OK)
-        ++dwUnits;
-    for (uint32_t i = 0; i < dwUnits; ++i)
-        EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    while (AppLockTakeByTime(hLock, 1) == APP_OK) ++dwUnits;
+    for (uint32_t i = 0; i < dwUnits; ++i) EXPECT_CODE(APP_OK, AppLockGive(hLock));
     return dwUnits;
 }
 
-uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout)
-{
+uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout) {
     uint32_t dwResult = 0;
     std::thread([&] { dwResult = AppLockTakeByTime(hLock, dwTimeout); }).join();
     return dwResult;
@@ -54,21 +47,17 @@ uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout)
 
 // A take in a thread of its own, which has gone to sleep when the constructor ends.  What it took
 // it gives back.
-class SleepingTaker
-{
+class SleepingTaker {
 public:
     SleepingTaker(HAppLock hLock, uint32_t dwTimeout)
         : m_waits(s_waits, 0, 0, 1, fault::kEveryThread), m_thread([=] {
               m_dwResult = AppLockTakeByTime(hLock, dwTimeout);
-              if (m_dwResult == APP_OK)
-                  AppLockGive(hLock);
+              if (m_dwResult == APP_OK) AppLockGive(hLock);
               m_bDone = true;
-          })
-    {
+          }) {
         EXPECT_TRUE(test::WaitUntil([&] { return m_waits.Calls() > 0 || m_bDone; }));
     }
-    uint32_t Join()
-    {
+    uint32_t Join() {
         m_thread.join();
         return m_dwResult;
     }
@@ -85,8 +74,7 @@ private:
 
 // ---- Locks ----------------------------------------------------------------------------------
 
-TEST(Lock, CountsStayBetweenZeroAndTheCeiling)
-{
+TEST(Lock, CountsStayBetweenZeroAndTheCeiling) {
     const auto hUntouched = reinterpret_cast<HAppLock>(16);
     struct {
         uint32_t dwMax, dwInit, dwType, dwResult, dwUnits;
@@ -103,15 +91,13 @@ TEST(Lock, CountsStayBetweenZeroAndTheCeiling)
     for (const auto &row : rows) {
         SCOPED_TRACE(Text("max %u init %u type %u", row.dwMax, row.dwInit, row.dwType));
         HAppLock hLock = hUntouched;
-        ASSERT_CODE(row.dwResult,
-                    AppLockCreate(nullptr, row.dwMax, row.dwInit, row.dwType, &hLock));
+        ASSERT_CODE(row.dwResult, AppLockCreate(nullptr, row.dwMax, row.dwInit, row.dwType, &hLock));
         if (row.dwResult != APP_OK) {
             EXPECT_EQ(hLock, hUntouched);
             continue;
         }
         EXPECT_EQ(CountUnits(hLock), row.dwUnits);
-        for (int i = 0; i < 5; ++i)
-            EXPECT_CODE(APP_OK, AppLockGive(hLock)); // absorbed at the ceiling
+        for (int i = 0; i < 5; ++i) EXPECT_CODE(APP_OK, AppLockGive(hLock)); // absorbed at the ceiling
         EXPECT_EQ(CountUnits(hLock), std::min(row.dwUnits + 5, row.dwMax));
         AppLockDestroy(hLock);
     }
@@ -121,21 +107,18 @@ TEST(Lock, CountsStayBetweenZeroAndTheCeiling)
     AppLockDestroy(nullptr);
 }
 
-TEST(Lock, EveryFailedCreationLeavesNothing)
-{
+TEST(Lock, EveryFailedCreationLeavesNothing) {
     for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
         LogCapture log;
         unsigned nFaults = 0;
         HAppLock hLock;
         fault::Sweep(
-            {Fn::malloc, Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype,
-             Fn::pthread_mutex_init, Fn::pthread_condattr_init, Fn::pthread_condattr_setclock,
-             Fn::pthread_cond_init},
+            {Fn::malloc, Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype, Fn::pthread_mutex_init,
+             Fn::pthread_condattr_init, Fn::pthread_condattr_setclock, Fn::pthread_cond_init},
             [&] {
                 hLock = reinterpret_cast<HAppLock>(16);
                 const uint32_t dwResult = AppLockCreate(nullptr, 1, 1, dwType, &hLock);
-                if (dwResult == APP_OK)
-                    AppLockDestroy(hLock);
+                if (dwResult == APP_OK) AppLockDestroy(hLock);
                 return dwResult;
             },
             [&](uint32_t dwResult) {
@@ -149,8 +132,7 @@ TEST(Lock, EveryFailedCreationLeavesNothing)
 }
 
 // 1200 ms is beyond the slice in which the library sleeps.
-TEST(Lock, TimeoutsAreNotEarlierThanAsked)
-{
+TEST(Lock, TimeoutsAreNotEarlierThanAsked) {
     HAppLock hEmpty = CreateLock(1, 0);
     HAppLock hHeld = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE);
     for (const uint32_t dwTimeout : {1u, 50u, 1200u}) {
@@ -166,8 +148,7 @@ TEST(Lock, TimeoutsAreNotEarlierThanAsked)
     AppLockDestroy(hEmpty);
 }
 
-TEST(Lock, LongTimeoutsDoNotWrap)
-{
+TEST(Lock, LongTimeoutsDoNotWrap) {
     for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE})
         for (const uint32_t dwTimeout : {2147483u, 604800000u, 2147483648u, 4294967295u}) {
             SCOPED_TRACE(dwTimeout);
@@ -181,8 +162,7 @@ TEST(Lock, LongTimeoutsDoNotWrap)
         }
 }
 
-TEST(Lock, RecursiveIsGivenAsOftenAsTaken)
-{
+TEST(Lock, RecursiveIsGivenAsOftenAsTaken) {
     HAppLock hLock = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE); // starts held
     EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 0));
     EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 5));
@@ -205,8 +185,7 @@ TEST(Lock, RecursiveIsGivenAsOftenAsTaken)
     AppLockDestroy(hLock);
 }
 
-TEST(Lock, RefusedSignalGivesNothing)
-{
+TEST(Lock, RefusedSignalGivesNothing) {
     HAppLock hLock = CreateLock(2, 0);
     SleepingTaker taker(hLock, 0);
     {
@@ -223,8 +202,7 @@ TEST(Lock, RefusedSignalGivesNothing)
 // Every unit reaches a sleeper at once: given in a burst, one after the other, or while a taker
 // whose time has just run out may eat the signal.  A sleeper that is missed wakes when its slice
 // ends.
-TEST(Lock, EveryGiveWakesASleeper)
-{
+TEST(Lock, EveryGiveWakesASleeper) {
     constexpr unsigned kPatient = 3, kRounds = 90;
     HAppLock hLock = CreateLock(4294967295u, 0);
     unsigned nLate = 0;
@@ -249,12 +227,9 @@ TEST(Lock, EveryGiveWakesASleeper)
         }
         EXPECT_TRUE(test::WaitUntil([&] { return nTaken >= kPatient; }));
         nLate += test::ElapsedMs(start) > 300;
-        if (bHasty)
-            AppLockGive(hLock); // in case that the hasty taker was one of them
-        for (std::thread &taker : takers)
-            taker.join();
-        if (nTaken == kPatient && bHasty)
-            AppLockTakeByTime(hLock, 0);
+        if (bHasty) AppLockGive(hLock); // in case that the hasty taker was one of them
+        for (std::thread &taker : takers) taker.join();
+        if (nTaken == kPatient && bHasty) AppLockTakeByTime(hLock, 0);
         ASSERT_EQ(CountUnits(hLock), 0u);
     }
     EXPECT_LE(nLate, kRounds / 10) << "takers sleep beside a unit";
@@ -262,8 +237,7 @@ TEST(Lock, EveryGiveWakesASleeper)
 }
 
 // The giver's last touch of a record is its give: who takes may destroy and release at once.
-TEST(Lock, MayBeDestroyedRightAfterAHandOver)
-{
+TEST(Lock, MayBeDestroyedRightAfterAHandOver) {
     constexpr unsigned kRounds = test::Scaled(40000);
     std::atomic<HAppLock> hShared{nullptr};
     std::atomic<bool> bEnd{false};
@@ -288,8 +262,7 @@ TEST(Lock, MayBeDestroyedRightAfterAHandOver)
     giver.join();
 }
 
-TEST(Lock, ExcludesEightThreads)
-{
+TEST(Lock, ExcludesEightThreads) {
     constexpr unsigned kThreads = 8;
     constexpr unsigned kTakes = test::Scaled(1000000) / kThreads;
     for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
@@ -325,13 +298,11 @@ TEST(Lock, ExcludesEightThreads)
 
 // ---- Ticks and delays -----------------------------------------------------------------------
 
-TEST(Tick, CountsTenMilliseconds)
-{
+TEST(Tick, CountsTenMilliseconds) {
     struct {
         uint32_t dwStart, dwEnd, dwDiff;
     } const rows[] = {{5, 5, 0}, {0xFFFFFFF0, 0x10, 32}, {10, 5, 4294967291u}, {1, 4, 3}};
-    for (const auto &row : rows)
-        EXPECT_EQ(AppTickDiff(row.dwStart, row.dwEnd), row.dwDiff);
+    for (const auto &row : rows) EXPECT_EQ(AppTickDiff(row.dwStart, row.dwEnd), row.dwDiff);
     EXPECT_EQ(AppConvertTickToMS(100), 1000u);
     EXPECT_EQ(AppConvertTickToMS(0x1999999A), 4u);
 
@@ -350,8 +321,7 @@ TEST(Tick, CountsTenMilliseconds)
 
 // ---- Threads --------------------------------------------------------------------------------
 
-static void *NoteThread(void *pvArg)
-{
+static void *NoteThread(void *pvArg) {
     pthread_attr_t tAttr;
     int nDetached = -1;
     pthread_getattr_np(pthread_self(), &tAttr);
@@ -369,16 +339,12 @@ static void *NoteThread(void *pvArg)
     return nullptr;
 }
 
-TEST(Thread, CreationFallsBackToInheritedScheduling)
-{
+TEST(Thread, CreationFallsBackToInheritedScheduling) {
     const std::string invalid =
-        Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n",
-             EINVAL);
+        Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n", EINVAL);
     const std::string again =
-        Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n",
-             EAGAIN);
-    const std::string inherit =
-        "[ERROR] _AppThreadCreate: pthread_attr_setinheritsched:Operation not supported\n";
+        Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n", EAGAIN);
+    const std::string inherit = "[ERROR] _AppThreadCreate: pthread_attr_setinheritsched:Operation not supported\n";
     struct {
         int nCreateError;
         unsigned nCreateTimes;
@@ -400,10 +366,8 @@ TEST(Thread, CreationFallsBackToInheritedScheduling)
     for (const auto &row : rows) {
         SCOPED_TRACE(nRow++);
         std::atomic<int> nRan{0};
-        fault::Fail create(Fn::pthread_create, row.nCreateTimes ? 1 : 0, row.nCreateError,
-                           row.nCreateTimes);
-        fault::Fail inherit(Fn::pthread_attr_setinheritsched, row.nInheritNth, ENOTSUP,
-                            row.nInheritTimes);
+        fault::Fail create(Fn::pthread_create, row.nCreateTimes ? 1 : 0, row.nCreateError, row.nCreateTimes);
+        fault::Fail inherit(Fn::pthread_attr_setinheritsched, row.nInheritNth, ENOTSUP, row.nInheritTimes);
         EXPECT_CODE(row.dwResult, _AppThreadCreate(NoteThread, row.dwStack, &nRan));
         log.ExpectLines(row.lines);
         EXPECT_TRUE(test::WaitUntil([&] { return nRan == (row.dwResult == APP_OK); }));

@@ -14,59 +14,43 @@ using fault::Fn;
 using test::Text;
 using test::WaitUntil;
 
-namespace
-{
+namespace {
 
-void Collect(const char *szText, void *pvContext)
-{
+void Collect(const char *szText, void *pvContext) {
     static_cast<std::vector<std::string> *>(pvContext)->push_back(szText);
 }
 
-std::vector<std::string> Report()
-{
+std::vector<std::string> Report() {
     std::vector<std::string> texts;
     AppShareActionShow(Collect, &texts);
     return texts;
 }
 
-std::string FirstLine()
-{
+std::string FirstLine() {
     const auto texts = Report();
     return texts.empty() ? "" : texts[0].substr(0, texts[0].find('\n') + 1);
 }
 
-std::string LastCalled(const char *szKey, int nResult)
-{
+std::string LastCalled(const char *szKey, int nResult) {
     return Text("Last called action: %s result %d\n", szKey, nResult);
 }
 
-uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
-{
-    return dwArg1 + dwArg2 + dwArg3;
-}
+uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3) { return dwArg1 + dwArg2 + dwArg3; }
 
-uint32_t Five(uint32_t, uint32_t, uint32_t)
-{
-    return 5;
-}
+uint32_t Five(uint32_t, uint32_t, uint32_t) { return 5; }
 
 std::string s_seen;
-uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t)
-{
+uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t) {
     s_seen = FirstLine();
     EXPECT_CODE(APP_OK, AppRegisterShareAction("made inside", Five));
     uint32_t dwResult = 0;
-    if (dwDepth > 0) {
-        EXPECT_CODE(APP_OK, AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult));
-    }
+    if (dwDepth > 0) { EXPECT_CODE(APP_OK, AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult)); }
     return dwResult + 1;
 }
 
 // Each case is a process of its own under CTest: there the first one meets no registry.
-TEST(ShareAction, BeginsWithTheFirstRegistration)
-{
-    if (g_hAppShareActionList.load())
-        GTEST_SKIP() << "not run: the registry exists already in this process";
+TEST(ShareAction, BeginsWithTheFirstRegistration) {
+    if (g_hAppShareActionList.load()) GTEST_SKIP() << "not run: the registry exists already in this process";
     uint32_t dwResult = 77;
     EXPECT_CODE(APP_FAILED, AppRunShareAction("add", 1, 2, 3, &dwResult));
     EXPECT_CODE(APP_INVALID_ARG, AppShareActionLock());
@@ -77,8 +61,8 @@ TEST(ShareAction, BeginsWithTheFirstRegistration)
     EXPECT_EQ(g_hAppShareActionList.load(), nullptr);
 
     // Whatever fails, nothing is half there and the next registration tries again.
-    for (const Fn fn : {Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype,
-                        Fn::pthread_mutex_init, Fn::pthread_cond_init}) {
+    for (const Fn fn :
+         {Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype, Fn::pthread_mutex_init, Fn::pthread_cond_init}) {
         const long nBlocks = fault::LiveBlocks();
         fault::Fail fail(fn);
         EXPECT_CODE(APP_FAILED, AppRegisterShareAction("add", Add));
@@ -92,9 +76,7 @@ TEST(ShareAction, BeginsWithTheFirstRegistration)
         if (g_hAppShareActionList.load()) { // an entry that failed leaves the registry usable
             EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("none", 0, 0, 0, nullptr));
         }
-        if (fail.Hits() > 0) {
-            EXPECT_CODE(APP_NO_RESOURCE, dwCode);
-        }
+        if (fail.Hits() > 0) { EXPECT_CODE(APP_NO_RESOURCE, dwCode); }
         ASSERT_LT(nFaults, 20u);
     }
     EXPECT_GE(nFaults, 3u);
@@ -103,8 +85,7 @@ TEST(ShareAction, BeginsWithTheFirstRegistration)
     EXPECT_EQ(dwResult, 6u);
 }
 
-TEST(ShareAction, RunsByKeyAndReports)
-{
+TEST(ShareAction, RunsByKeyAndReports) {
     const std::string longest(31, 'k');
     ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Five));
     ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Add)); // the first one stays
@@ -121,13 +102,11 @@ TEST(ShareAction, RunsByKeyAndReports)
 
     std::string wanted = LastCalled(longest.c_str(), 7) + std::string(40, '=') + "\n";
     int nEntry = 0;
-    for (HAppDoubleListNode hNode = g_hAppShareActionList.load()->ptHead; hNode;
-         hNode = hNode->ptNext) {
+    for (HAppDoubleListNode hNode = g_hAppShareActionList.load()->ptHead; hNode; hNode = hNode->ptNext) {
         auto ptEntry = static_cast<const TAppShareAction *>(hNode->pvData);
         wanted += Text("[%d/%d] Hash %u Key %s Addr %p\n", ++nEntry,
-                       static_cast<int>(g_hAppShareActionList.load()->dwCurSize),
-                       AppStringHash(ptEntry->achKey), ptEntry->achKey,
-                       reinterpret_cast<void *>(ptEntry->pfnAction));
+                       static_cast<int>(g_hAppShareActionList.load()->dwCurSize), AppStringHash(ptEntry->achKey),
+                       ptEntry->achKey, reinterpret_cast<void *>(ptEntry->pfnAction));
     }
     const auto texts = Report();
     ASSERT_EQ(texts.size(), 1u);
@@ -135,8 +114,7 @@ TEST(ShareAction, RunsByKeyAndReports)
     AppShareActionShow(nullptr, nullptr);
 }
 
-TEST(ShareAction, NestsAndShowsTheActionThatRuns)
-{
+TEST(ShareAction, NestsAndShowsTheActionThatRuns) {
     ASSERT_CODE(APP_OK, AppRegisterShareAction("nest", Nest));
     uint32_t dwResult = 0;
     ASSERT_CODE(APP_OK, AppShareActionLock());
@@ -150,19 +128,16 @@ TEST(ShareAction, NestsAndShowsTheActionThatRuns)
 
 std::atomic<bool> s_bLet{false};
 std::atomic<int> s_nRunning{0};
-uint32_t WaitForOther(uint32_t, uint32_t, uint32_t)
-{
+uint32_t WaitForOther(uint32_t, uint32_t, uint32_t) {
     ++s_nRunning;
     return WaitUntil([] { return s_bLet.load(); });
 }
-uint32_t LetOther(uint32_t, uint32_t, uint32_t)
-{
+uint32_t LetOther(uint32_t, uint32_t, uint32_t) {
     s_bLet = true;
     return 1;
 }
 
-TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun)
-{
+TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun) {
     ASSERT_CODE(APP_OK, AppRegisterBlockShareAction("wait", WaitForOther));
     ASSERT_CODE(APP_OK, AppRegisterShareAction("let", LetOther));
     uint32_t adwResult[2] = {};
@@ -176,8 +151,7 @@ TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun)
 }
 
 std::atomic<int> s_nInside{0};
-uint32_t Exclusive(uint32_t, uint32_t, uint32_t)
-{
+uint32_t Exclusive(uint32_t, uint32_t, uint32_t) {
     EXPECT_EQ(++s_nInside, 1);
     std::this_thread::yield();
     --s_nInside;
@@ -185,8 +159,7 @@ uint32_t Exclusive(uint32_t, uint32_t, uint32_t)
 }
 
 // One registry, one entry a key, ordinary actions one at a time, and no torn key in a report.
-TEST(ShareAction, ServesManyThreads)
-{
+TEST(ShareAction, ServesManyThreads) {
     const std::string keys[] = {std::string(31, 'a'), std::string(31, 'b'), std::string(31, 'c')};
     std::atomic<uint32_t> dwRuns{0};
     constexpr uint32_t kRounds = 2000;
@@ -207,13 +180,11 @@ TEST(ShareAction, ServesManyThreads)
     EXPECT_EQ(dwRuns, 8 * test::Scaled(kRounds));
     const std::string report = Report()[0];
     long nEntries = 0;
-    for (const std::string &key : keys)
-        nEntries += report.find("Key " + key) == report.rfind("Key " + key);
+    for (const std::string &key : keys) nEntries += report.find("Key " + key) == report.rfind("Key " + key);
     EXPECT_EQ(nEntries, 3);
 }
 
-TEST(ShareAction, FindsEveryKeyOfMany)
-{
+TEST(ShareAction, FindsEveryKeyOfMany) {
     for (uint32_t i = 0; i < 1000; ++i)
         ASSERT_CODE(APP_OK, AppRegisterShareAction(Text("key %u", i).c_str(), i % 2 ? Add : Five));
     for (uint32_t i = 0; i < 1000; ++i) {
@@ -234,15 +205,13 @@ TEST(ShareAction, FindsEveryKeyOfMany)
 
 int32_t s_nArgc;
 std::string s_lastWord;
-int32_t Command(int32_t nArgc, char **ppszArgv)
-{
+int32_t Command(int32_t nArgc, char **ppszArgv) {
     s_nArgc = nArgc;
     s_lastWord = ppszArgv[nArgc - 1];
     return 42;
 }
 
-TEST(RegCommand, StandInServesAShell)
-{
+TEST(RegCommand, StandInServesAShell) {
     AppRegCommand("motion", Command, "raise motion");
     AppRegCommand("motion", Command, "raise motion n times"); // replaces
     AppRegCommand(nullptr, Command, "");
@@ -259,8 +228,7 @@ TEST(RegCommand, StandInServesAShell)
     std::vector<std::string> seen;
     AppHostWalkCommands(
         [](const char *szName, const char *szHelp, void *pvContext) {
-            static_cast<std::vector<std::string> *>(pvContext)->push_back(std::string(szName) +
-                                                                          ": " + szHelp);
+            static_cast<std::vector<std::string> *>(pvContext)->push_back(std::string(szName) + ": " + szHelp);
         },
         &seen);
     EXPECT_EQ(seen, std::vector<std::string>{"motion: raise motion n times"});

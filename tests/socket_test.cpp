@@ -20,8 +20,7 @@ using fault::Fn;
 using test::LogCapture;
 using test::Text;
 
-namespace
-{
+namespace {
 
 constexpr uint32_t kShort = 60; // a time-out that is meant to expire
 constexpr uint32_t kLong = 60000;
@@ -29,13 +28,9 @@ const TAppNetAddr kLoopback = {APP_NET_ADDR_IPV4, {inet_addr("127.0.0.1")}};
 const TAppNetAddr kAny = {APP_NET_ADDR_IPV4, {0}};
 const TAppNetAddr kIpv6 = {APP_NET_ADDR_IPV6, {1}};
 
-std::chrono::steady_clock::time_point Now()
-{
-    return std::chrono::steady_clock::now();
-}
+std::chrono::steady_clock::time_point Now() { return std::chrono::steady_clock::now(); }
 
-uint16_t PortOf(int nFd)
-{
+uint16_t PortOf(int nFd) {
     struct sockaddr_in tAddr = {};
     socklen_t nLen = sizeof(tAddr);
     EXPECT_EQ(getsockname(nFd, app::Generic(&tAddr), &nLen), 0);
@@ -45,16 +40,13 @@ uint16_t PortOf(int nFd)
 // A bound UDP socket.
 struct TUdp {
     explicit TUdp(const TAppNetAddr &addr = kLoopback, uint16_t wPort = 0)
-        : hSocket(AppSocketCreate(nullptr, APP_SOCKET_UDP, 0))
-    {
+        : hSocket(AppSocketCreate(nullptr, APP_SOCKET_UDP, 0)) {
         EXPECT_CODE(APP_OK, AppSocketBind(hSocket, &addr, wPort, 1));
         wBound = PortOf(hSocket->nFd);
     }
     ~TUdp() { AppSocketDestroy(hSocket); }
-    int32_t Send(const TUdp &to, const char *szText, uint32_t dwTimeout = 0) const
-    {
-        return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &kLoopback,
-                                to.wBound);
+    int32_t Send(const TUdp &to, const char *szText, uint32_t dwTimeout = 0) const {
+        return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &kLoopback, to.wBound);
     }
 
     HAppSocket hSocket;
@@ -63,28 +55,22 @@ struct TUdp {
 
 // A listening TCP socket of the system's own, and the connections it takes.
 struct TListener {
-    TListener() : nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
+    TListener() : nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const struct sockaddr_in tAddr = app::ToSockaddr(kLoopback, 0);
         EXPECT_EQ(bind(nFd, app::Generic(&tAddr), sizeof(tAddr)), 0);
         EXPECT_EQ(listen(nFd, 64), 0);
         wPort = PortOf(nFd);
     }
-    ~TListener()
-    {
+    ~TListener() {
         close(nFd);
-        if (nPeer >= 0)
-            close(nPeer);
+        if (nPeer >= 0) close(nPeer);
     }
-    HAppSocket Connect(TAppNetAddr *ptPeer = nullptr)
-    {
+    HAppSocket Connect(TAppNetAddr *ptPeer = nullptr) {
         HAppSocket hSocket = AppSocketTCPConnect(nullptr, &kLoopback, wPort, kLong, ptPeer);
-        if (hSocket)
-            nPeer = accept4(nFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (hSocket) nPeer = accept4(nFd, nullptr, nullptr, SOCK_CLOEXEC);
         return hSocket;
     }
-    void ClosePeer()
-    {
+    void ClosePeer() {
         close(nPeer);
         nPeer = -1;
     }
@@ -94,17 +80,11 @@ struct TListener {
     uint16_t wPort;
 };
 
-uint16_t ClosedPort()
-{
-    return TListener().wPort;
-}
+uint16_t ClosedPort() { return TListener().wPort; }
 
-TEST(Socket, FrontsCheckFamilyAndPointers)
-{
+TEST(Socket, FrontsCheckFamilyAndPointers) {
     LogCapture log;
-    const auto version = [](const char *szOp) {
-        return Text("[ERROR] %s: Invalid Socket version %d\n", szOp, 1);
-    };
+    const auto version = [](const char *szOp) { return Text("[ERROR] %s: Invalid Socket version %d\n", szOp, 1); };
     TUdp udp;
     char achBuf[8];
     uint32_t dwLen = sizeof(achBuf);
@@ -117,8 +97,8 @@ TEST(Socket, FrontsCheckFamilyAndPointers)
     EXPECT_CODE(APP_INVALID_ARG, AppSocketCalLocalAddr(nullptr, &other));
     EXPECT_CODE(APP_INVALID_ARG, AppSocketCalLocalAddr(&other, nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppSocketCalLocalAddr(&other, &other));
-    log.ExpectLines({version("AppSocketCreate"), version("AppSocketUDPSend"),
-                     version("AppSocketUDPJoinMulticastGroup"), version("AppSocketTCPConnect"),
+    log.ExpectLines({version("AppSocketCreate"), version("AppSocketUDPSend"), version("AppSocketUDPJoinMulticastGroup"),
+                     version("AppSocketTCPConnect"),
                      Text("[ERROR] %s: AppSocketCalLocalAddr failed.\n", "AppSocketCalLocalAddr"),
                      Text("[ERROR] %s: AppSocketCalLocalAddr failed.\n", "AppSocketCalLocalAddr"),
                      Text("[ERROR] %s: not V4 or V6,APP_INVALID_ARG\n", "_AppSocketCalLocalAddr")});
@@ -127,10 +107,8 @@ TEST(Socket, FrontsCheckFamilyAndPointers)
     EXPECT_CODE(APP_INVALID_ARG, AppSocketBind(udp.hSocket, nullptr, 1, 0));
     EXPECT_CODE(APP_INVALID_ARG, AppSocketBind(nullptr, &kLoopback, 1, 0));
     EXPECT_CODE(APP_FAILED, AppSocketBind(udp.hSocket, &kIpv6, 1, 0));
-    EXPECT_EQ(AppSocketUDPRecv(udp.hSocket, nullptr, &dwLen, 1, nullptr, nullptr, nullptr, nullptr),
-              -1);
-    EXPECT_EQ(AppSocketUDPRecv(udp.hSocket, achBuf, nullptr, 1, nullptr, nullptr, nullptr, nullptr),
-              -1);
+    EXPECT_EQ(AppSocketUDPRecv(udp.hSocket, nullptr, &dwLen, 1, nullptr, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(AppSocketUDPRecv(udp.hSocket, achBuf, nullptr, 1, nullptr, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(AppSocketUDPRecv(nullptr, achBuf, &dwLen, 1, nullptr, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(AppSocketUDPSend(nullptr, "x", 1, 0, &kLoopback, 1), -1);
     EXPECT_EQ(AppSocketUDPSend(udp.hSocket, nullptr, 1, 0, &kLoopback, 1), -1);
@@ -149,8 +127,7 @@ TEST(Socket, FrontsCheckFamilyAndPointers)
     log.ExpectNone();
 }
 
-TEST(Socket, DatagramsAndTheirAddresses)
-{
+TEST(Socket, DatagramsAndTheirAddresses) {
     LogCapture log;
     TUdp sender, receiver(kAny);
     char achBuf[8] = {};
@@ -158,9 +135,7 @@ TEST(Socket, DatagramsAndTheirAddresses)
     TAppNetAddr local = kIpv6, remote = kIpv6;
     uint16_t wLocal = 1, wRemote = 1;
     ASSERT_EQ(sender.Send(receiver, "hello", kLong), 5);
-    ASSERT_EQ(AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, kLong, &local, &wLocal, &remote,
-                               &wRemote),
-              5);
+    ASSERT_EQ(AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, kLong, &local, &wLocal, &remote, &wRemote), 5);
     EXPECT_EQ(dwLen, 5u);
     EXPECT_STREQ(achBuf, "hello");
     EXPECT_EQ(local.dwType, 0u);
@@ -172,38 +147,30 @@ TEST(Socket, DatagramsAndTheirAddresses)
 
     sender.Send(receiver, "0123456789"); // longer than the buffer: cut
     dwLen = 4;
-    EXPECT_EQ(
-        AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, 0, nullptr, nullptr, nullptr, nullptr),
-        4);
+    EXPECT_EQ(AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, 0, nullptr, nullptr, nullptr, nullptr), 4);
     log.ExpectNone();
     const struct sockaddr_in tTo = app::ToSockaddr(kLoopback, receiver.wBound);
     ASSERT_EQ(sendto(sender.hSocket->nFd, "", 0, 0, app::Generic(&tTo), sizeof(tTo)), 0);
-    EXPECT_EQ(AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, kLong, nullptr, nullptr, nullptr,
-                               nullptr),
-              -1);
+    EXPECT_EQ(AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, kLong, nullptr, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(sender.Send(receiver, ""), -1);
-    log.ExpectLines(
-        {Text("[ERROR] %s: recvmsg failed %d %s\n", "_AppSocketUDPRecv", 0, strerror(0)),
-         Text("[ERROR] %s: sendto failed %d\n", "_AppSocketUDPSend", 0)});
+    log.ExpectLines({Text("[ERROR] %s: recvmsg failed %d %s\n", "_AppSocketUDPRecv", 0, strerror(0)),
+                     Text("[ERROR] %s: sendto failed %d\n", "_AppSocketUDPSend", 0)});
     EXPECT_EQ(fcntl(sender.hSocket->nFd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
-TEST(Socket, BindReportsAndStoresThePort)
-{
+TEST(Socket, BindReportsAndStoresThePort) {
     LogCapture log;
     TUdp first;
     HAppSocket hSecond = AppSocketCreate(nullptr, APP_SOCKET_UDP, 0);
     EXPECT_CODE(APP_FAILED, AppSocketBind(hSecond, &kLoopback, first.wBound, 0));
     EXPECT_EQ(hSecond->wPort, first.wBound);
-    log.ExpectLines({Text("[ERROR] %s: bind nError %d %s\n", "_AppSocketBind", EADDRINUSE,
-                          strerror(EADDRINUSE))});
+    log.ExpectLines({Text("[ERROR] %s: bind nError %d %s\n", "_AppSocketBind", EADDRINUSE, strerror(EADDRINUSE))});
     AppSocketDestroy(hSecond);
 }
 
 // -2 at the time-out and not before; a signal a millisecond, or a datagram that another thread
 // takes, neither ends the wait nor prolongs it for ever.
-TEST(Socket, WaitsAreKept)
-{
+TEST(Socket, WaitsAreKept) {
     LogCapture log;
     TUdp receiver, sender;
     struct sigaction tAction = {};
@@ -214,8 +181,7 @@ TEST(Socket, WaitsAreKept)
     char achBuf[8];
     const auto receive = [&](uint32_t dwTimeout) {
         uint32_t dwLen = sizeof(achBuf);
-        return AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, dwTimeout, nullptr, nullptr,
-                                nullptr, nullptr);
+        return AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, dwTimeout, nullptr, nullptr, nullptr, nullptr);
     };
     auto start = Now();
     EXPECT_EQ(receive(kShort), -2);
@@ -250,8 +216,7 @@ TEST(Socket, WaitsAreKept)
     log.ExpectNone();
 }
 
-TEST(Socket, StreamsAndTheirEnds)
-{
+TEST(Socket, StreamsAndTheirEnds) {
     LogCapture log;
     TListener listener;
     HAppSocket hSocket = listener.Connect();
@@ -276,41 +241,36 @@ TEST(Socket, StreamsAndTheirEnds)
     const std::string large(8 << 20, 'x');
     int32_t nSent = 1;
     for (int i = 0; i < 64 && nSent > 0; ++i)
-        nSent =
-            AppSocketTCPSend(hSocket, large.data(), static_cast<uint32_t>(large.size()), kShort);
+        nSent = AppSocketTCPSend(hSocket, large.data(), static_cast<uint32_t>(large.size()), kShort);
     EXPECT_EQ(nSent, -2);
     log.ExpectNone();
     listener.ClosePeer();
-    while (AppSocketTCPRecv(hSocket, achBuf, &dwLen, kLong) > 0) {
-    }
+    while (AppSocketTCPRecv(hSocket, achBuf, &dwLen, kLong) > 0) {}
     EXPECT_EQ(log.Lines().size(), 1u);
     EXPECT_NE(log.Lines()[0].find("_AppSocketTCPRecv: recvmsg failed"), std::string::npos);
     AppSocketDestroy(hSocket);
 }
 
 // The default action of SIGPIPE would kill the process.
-TEST(Socket, ASendToAGonePeerIsAFailureNotASignal)
-{
+TEST(Socket, ASendToAGonePeerIsAFailureNotASignal) {
     const int nStatus = test::RunInChild([] {
         signal(SIGPIPE, SIG_DFL);
         TListener listener;
         HAppSocket hSocket = listener.Connect();
         listener.ClosePeer();
         int32_t nSent = 0;
-        for (int i = 0; i < 1000 && nSent >= 0; ++i)
-            nSent = AppSocketTCPSend(hSocket, "x", 1, kShort);
+        for (int i = 0; i < 1000 && nSent >= 0; ++i) nSent = AppSocketTCPSend(hSocket, "x", 1, kShort);
         AppSocketDestroy(hSocket);
         return nSent == -1 ? 0 : 1;
     });
     EXPECT_EQ(nStatus, 0);
 }
 
-TEST(Socket, ConnectNamesTheCause)
-{
+TEST(Socket, ConnectNamesTheCause) {
     LogCapture log;
     EXPECT_EQ(AppSocketTCPConnect(nullptr, &kLoopback, ClosedPort(), kLong, nullptr), nullptr);
-    log.ExpectLines({Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect",
-                          ECONNREFUSED, strerror(ECONNREFUSED))});
+    log.ExpectLines(
+        {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect", ECONNREFUSED, strerror(ECONNREFUSED))});
     TListener listener;
     TAppNetAddr peer = kIpv6;
     HAppSocket hSocket = listener.Connect(&peer);
@@ -323,8 +283,8 @@ TEST(Socket, ConnectNamesTheCause)
         fault::Fail atOnce(Fn::connect, 1, ENETUNREACH);
         EXPECT_EQ(listener.Connect(), nullptr);
     }
-    log.ExpectLines({Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect", ENETUNREACH,
-                          strerror(ENETUNREACH))});
+    log.ExpectLines(
+        {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect", ENETUNREACH, strerror(ENETUNREACH))});
 }
 
 // ---- Every system call refused --------------------------------------------------------------
@@ -335,9 +295,7 @@ struct TFault {
     unsigned nNth = 1;
 };
 
-void CheckFaults(const std::vector<TFault> &faults, const std::function<bool()> &fails,
-                 int nSyscall = EPERM)
-{
+void CheckFaults(const std::vector<TFault> &faults, const std::function<bool()> &fails, int nSyscall = EPERM) {
     for (const TFault &row : faults) {
         SCOPED_TRACE(row.szLine ? row.szLine : "no line");
         LogCapture log;
@@ -362,26 +320,22 @@ void CheckFaults(const std::vector<TFault> &faults, const std::function<bool()> 
     }
 }
 
-TEST(SocketFault, Connect)
-{
+TEST(SocketFault, Connect) {
     TListener listener;
     const auto fails = [&] {
-        HAppSocket hSocket =
-            AppSocketTCPConnect(nullptr, &kLoopback, listener.wPort, kLong, nullptr);
+        HAppSocket hSocket = AppSocketTCPConnect(nullptr, &kLoopback, listener.wPort, kLong, nullptr);
         AppSocketDestroy(hSocket);
         return hSocket == nullptr;
     };
-    CheckFaults(
-        {{Fn::fcntl, "[ERROR] _AppSocketTCPConnect: fcntl F_GETFL failed %d %s\n", 1},
-         {Fn::fcntl, "[ERROR] _AppSocketTCPConnect: fcntl F_SETFL O_NONBLOCK failed %d %s\n", 2},
-         {Fn::fcntl, "[ERROR] _AppSocketTCPConnect: fcntl F_SETFL failed %d %s\n", 3},
-         {Fn::connect, "[ERROR] _AppSocketTCPConnect: connect failed %d %s\n"}},
-        fails);
+    CheckFaults({{Fn::fcntl, "[ERROR] _AppSocketTCPConnect: fcntl F_GETFL failed %d %s\n", 1},
+                 {Fn::fcntl, "[ERROR] _AppSocketTCPConnect: fcntl F_SETFL O_NONBLOCK failed %d %s\n", 2},
+                 {Fn::fcntl, "[ERROR] _AppSocketTCPConnect: fcntl F_SETFL failed %d %s\n", 3},
+                 {Fn::connect, "[ERROR] _AppSocketTCPConnect: connect failed %d %s\n"}},
+                fails);
     const auto works = [&] { return !fails(); };
-    CheckFaults(
-        {{Fn::setsockopt, "[ERROR] _AppSocketTCPConnect: setsockopt TCP_NODELAY fail %d %s\n", 1},
-         {Fn::setsockopt, "[ERROR] _AppSocketTCPConnect: setsockopt SO_KEEPALIVE fail %d %s\n", 2}},
-        works);
+    CheckFaults({{Fn::setsockopt, "[ERROR] _AppSocketTCPConnect: setsockopt TCP_NODELAY fail %d %s\n", 1},
+                 {Fn::setsockopt, "[ERROR] _AppSocketTCPConnect: setsockopt SO_KEEPALIVE fail %d %s\n", 2}},
+                works);
     // In progress: the wait and what comes after it.
     const auto inProgress = [&] {
         fault::Fail progress(Fn::connect, 1, EINPROGRESS);
@@ -394,25 +348,21 @@ TEST(SocketFault, Connect)
     LogCapture log;
     fault::Fail refused(Fn::socket, 1, EMFILE);
     EXPECT_TRUE(fails());
-    log.ExpectLines({Text("[ERROR] %s: fcntl F_GETFL failed %d %s\n", "_AppSocketTCPConnect", EBADF,
-                          strerror(EBADF))});
+    log.ExpectLines({Text("[ERROR] %s: fcntl F_GETFL failed %d %s\n", "_AppSocketTCPConnect", EBADF, strerror(EBADF))});
 }
 
-TEST(SocketFault, DataAndOptions)
-{
+TEST(SocketFault, DataAndOptions) {
     TUdp udp;
     char achBuf[8];
     const auto receiveFails = [&] {
         uint32_t dwLen = sizeof(achBuf);
-        return AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, kLong, nullptr, nullptr, nullptr,
-                                nullptr) == -1;
+        return AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, kLong, nullptr, nullptr, nullptr, nullptr) == -1;
     };
-    CheckFaults(
-        {{Fn::setsockopt, "[ERROR] _AppSocketUDPRecv: setsockopt  IP_PKTINFO failed %d %s\n"},
-         {Fn::epoll_create1, "[ERROR] _AppSocketUDPRecv: epoll_create failed %d %s\n"},
-         {Fn::epoll_wait, nullptr},
-         {Fn::recvmsg, "[ERROR] _AppSocketUDPRecv: recvmsg failed %d %s\n"}},
-        receiveFails);
+    CheckFaults({{Fn::setsockopt, "[ERROR] _AppSocketUDPRecv: setsockopt  IP_PKTINFO failed %d %s\n"},
+                 {Fn::epoll_create1, "[ERROR] _AppSocketUDPRecv: epoll_create failed %d %s\n"},
+                 {Fn::epoll_wait, nullptr},
+                 {Fn::recvmsg, "[ERROR] _AppSocketUDPRecv: recvmsg failed %d %s\n"}},
+                receiveFails);
     CheckFaults({{Fn::sendto, "[ERROR] _AppSocketUDPSend: sendto failed %d\n"}},
                 [&] { return udp.Send(udp, "x", kLong) == -1; });
     const TAppNetAddr group = {APP_NET_ADDR_IPV4, {inet_addr("239.1.2.3")}};
@@ -420,19 +370,14 @@ TEST(SocketFault, DataAndOptions)
         return AppSocketUDPJoinMulticastGroup(udp.hSocket, &group, &kLoopback, 1) == APP_FAILED;
     };
     CheckFaults(
-        {{Fn::setsockopt,
-          "[ERROR] _AppSocketUDPJoinMulticastGroup: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n",
-          2},
-         {Fn::setsockopt,
-          "[ERROR] _AppSocketUDPJoinMulticastGroup: setsockopt IP_MULTICAST_LOOP failed %d %s\n",
-          3}},
+        {{Fn::setsockopt, "[ERROR] _AppSocketUDPJoinMulticastGroup: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n", 2},
+         {Fn::setsockopt, "[ERROR] _AppSocketUDPJoinMulticastGroup: setsockopt IP_MULTICAST_LOOP failed %d %s\n", 3}},
         joinFails);
     CheckFaults({{Fn::setsockopt, "[ERROR] _AppSocketUDPJoinMulticastGroup: setsockopt "
                                   "IP_MULTICAST_IF failed 100007f %d %s\n"}},
                 [&] { return !joinFails(); }); // goes on
-    CheckFaults(
-        {{Fn::setsockopt, "[ERROR] _AppSocketBind: setsockopt  SO_REUSEADDR nError %d %s\n"}},
-        [&] { return AppSocketBind(udp.hSocket, &kLoopback, 0, 1) == APP_FAILED; });
+    CheckFaults({{Fn::setsockopt, "[ERROR] _AppSocketBind: setsockopt  SO_REUSEADDR nError %d %s\n"}},
+                [&] { return AppSocketBind(udp.hSocket, &kLoopback, 0, 1) == APP_FAILED; });
 
     TAppNetAddr local;
     const auto localFails = [&] { return AppSocketCalLocalAddr(&kLoopback, &local) == APP_FAILED; };
@@ -441,8 +386,7 @@ TEST(SocketFault, DataAndOptions)
                  {Fn::getsockname, "[ERROR] _AppSocketCalLocalAddr: getsockname failed  %d %s\n"}},
                 localFails);
     const auto local6Fails = [&] { return AppSocketCalLocalAddr(&kIpv6, &local) == APP_FAILED; };
-    CheckFaults({{Fn::socket, nullptr},
-                 {Fn::connect, "[INFO ] _AppSocketCalLocalAddr: connect failed %d %s\n"}},
+    CheckFaults({{Fn::socket, nullptr}, {Fn::connect, "[INFO ] _AppSocketCalLocalAddr: connect failed %d %s\n"}},
                 local6Fails);
     LogCapture log;
     fault::Fail noMemory(Fn::malloc);
@@ -451,8 +395,7 @@ TEST(SocketFault, DataAndOptions)
 }
 
 // A refused descriptor fails at once, not after the time-out.
-TEST(SocketFault, RefusedDescriptor)
-{
+TEST(SocketFault, RefusedDescriptor) {
     LogCapture log;
     HAppSocket ahSocket[2];
     {
@@ -464,9 +407,7 @@ TEST(SocketFault, RefusedDescriptor)
     char achBuf[8];
     uint32_t dwLen = sizeof(achBuf);
     fault::Fail noWait(Fn::epoll_wait, 1, EIO, 1000);
-    EXPECT_EQ(
-        AppSocketUDPRecv(ahSocket[0], achBuf, &dwLen, kLong, nullptr, nullptr, nullptr, nullptr),
-        -1);
+    EXPECT_EQ(AppSocketUDPRecv(ahSocket[0], achBuf, &dwLen, kLong, nullptr, nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(AppSocketUDPSend(ahSocket[0], "x", 1, kLong, &kLoopback, 1), -1);
     EXPECT_EQ(AppSocketTCPSend(ahSocket[1], "x", 1, kLong), -1);
     EXPECT_EQ(AppSocketTCPRecv(ahSocket[1], achBuf, &dwLen, kLong), -1);
@@ -478,8 +419,7 @@ TEST(SocketFault, RefusedDescriptor)
 }
 
 // Years of service in short: failing and succeeding calls leave no descriptor behind.
-TEST(Socket, DescriptorsBalance)
-{
+TEST(Socket, DescriptorsBalance) {
     LogCapture log;
     TListener listener;
     const uint16_t wClosed = ClosedPort();
@@ -489,9 +429,7 @@ TEST(Socket, DescriptorsBalance)
         char achBuf[4];
         uint32_t dwLen = sizeof(achBuf);
         EXPECT_EQ(udp.Send(udp, "x", 1), 1);
-        EXPECT_EQ(
-            AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, 1000, nullptr, nullptr, nullptr, nullptr),
-            1);
+        EXPECT_EQ(AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, 1000, nullptr, nullptr, nullptr, nullptr), 1);
         EXPECT_EQ(AppSocketTCPConnect(nullptr, &kLoopback, wClosed, 1000, nullptr), nullptr);
         TAppNetAddr local;
         EXPECT_CODE(APP_OK, AppSocketCalLocalAddr(&kLoopback, &local));
@@ -505,10 +443,10 @@ TEST(Socket, DescriptorsBalance)
 
 // ---- Between two hosts ----------------------------------------------------------------------
 
-#define REQUIRE(bHolds)                                                                            \
-    if (!(bHolds)) {                                                                               \
-        fprintf(stderr, "line %d: %s\n", __LINE__, #bHolds);                                       \
-        return 1;                                                                                  \
+#define REQUIRE(bHolds)                                                                                                \
+    if (!(bHolds)) {                                                                                                   \
+        fprintf(stderr, "line %d: %s\n", __LINE__, #bHolds);                                                           \
+        return 1;                                                                                                      \
     }
 
 const TAppNetAddr kHostA = {APP_NET_ADDR_IPV4, {inet_addr("10.9.0.1")}};
@@ -519,8 +457,7 @@ const TAppNetAddr kGroup = {APP_NET_ADDR_IPV4, {inet_addr("239.1.2.3")}};
 const uint16_t kPort = htons(3702);
 
 // Host B receives what is sent to the group and to itself, and answers.
-int HostB()
-{
+int HostB() {
     TUdp udp(kAny, kPort);
     REQUIRE(AppSocketUDPJoinMulticastGroup(udp.hSocket, &kGroup, &kHostB, 0) == APP_OK);
     REQUIRE(AppSocketUDPJoinMulticastGroup(udp.hSocket, &kGroup, &kHostB, 0) == APP_OK);
@@ -530,8 +467,7 @@ int HostB()
         TAppNetAddr local, remote;
         uint16_t wLocal, wRemote;
         do { // host A repeats until it is answered
-            REQUIRE(AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, kLong, &local, &wLocal, &remote,
-                                     &wRemote) == 1);
+            REQUIRE(AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, kLong, &local, &wLocal, &remote, &wRemote) == 1);
         } while (local.dwIpv4 != wanted.dwIpv4);
         REQUIRE(remote.dwIpv4 == kHostA.dwIpv4 && wLocal == kPort);
         REQUIRE(AppSocketUDPSend(udp.hSocket, "y", 1, kLong, &remote, wRemote) == 1);
@@ -539,21 +475,17 @@ int HostB()
     return 0;
 }
 
-bool AskUntilAnswered(const TUdp &udp, const TAppNetAddr &to)
-{
+bool AskUntilAnswered(const TUdp &udp, const TAppNetAddr &to) {
     for (int i = 0; i < 300; ++i) {
         char achBuf[16];
         uint32_t dwLen = sizeof(achBuf);
         AppSocketUDPSend(udp.hSocket, "x", 1, kLong, &to, kPort);
-        if (AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, 100, nullptr, nullptr, nullptr,
-                             nullptr) == 1)
-            return true;
+        if (AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, 100, nullptr, nullptr, nullptr, nullptr) == 1) return true;
     }
     return false;
 }
 
-int HostA()
-{
+int HostA() {
     TUdp udp(kAny);
     REQUIRE(AppSocketUDPJoinMulticastGroup(udp.hSocket, &kGroup, &kHostA, 0) == APP_OK);
     REQUIRE(AskUntilAnswered(udp, kGroup));
@@ -571,14 +503,11 @@ int HostA()
     return 0;
 }
 
-TEST(SocketHosts, MulticastSilentPeersAndRoutes)
-{
+TEST(SocketHosts, MulticastSilentPeersAndRoutes) {
     const int nStatus = test::RunInChild([] {
-        if (!test::EnterNamespace() || !test::Shell("ip link add va type veth peer name vb"))
-            return test::kNotRun;
+        if (!test::EnterNamespace() || !test::Shell("ip link add va type veth peer name vb")) return test::kNotRun;
         int anPair[2]; // the child tells when it has a namespace, the parent when the cable is laid
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, anPair) != 0)
-            return test::kNotRun;
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, anPair) != 0) return test::kNotRun;
         char chToken = 'x';
         const pid_t nHostB = fork();
         if (nHostB == 0) {
@@ -589,19 +518,16 @@ TEST(SocketHosts, MulticastSilentPeersAndRoutes)
             _exit(bUp ? HostB() : test::kNotRun);
         }
         close(anPair[1]);
-        const bool bUp = read(anPair[0], &chToken, 1) == 1 &&
-                         test::Shell("ip link set vb netns " + std::to_string(nHostB)) &&
-                         test::Shell("ip addr add 10.9.0.1/24 dev va && ip link set va up") &&
-                         write(anPair[0], &chToken, 1) == 1;
+        const bool bUp =
+            read(anPair[0], &chToken, 1) == 1 && test::Shell("ip link set vb netns " + std::to_string(nHostB)) &&
+            test::Shell("ip addr add 10.9.0.1/24 dev va && ip link set va up") && write(anPair[0], &chToken, 1) == 1;
         const int nResult = bUp ? HostA() : test::kNotRun;
-        if (nResult != 0)
-            kill(nHostB, SIGKILL);
+        if (nResult != 0) kill(nHostB, SIGKILL);
         int nStatusB = 0;
         waitpid(nHostB, &nStatusB, 0);
         return nResult != 0 ? nResult : WEXITSTATUS(nStatusB);
     });
-    if (nStatus == test::kNotRun)
-        GTEST_SKIP() << "not run: network namespaces or the tool ip are not to be had here";
+    if (nStatus == test::kNotRun) GTEST_SKIP() << "not run: network namespaces or the tool ip are not to be had here";
     EXPECT_EQ(nStatus, 0);
 }
 

@@ -20,20 +20,15 @@ using test::Text;
 
 using Document = std::unique_ptr<mxml_node_t, void (*)(mxml_node_t *)>;
 
-static Document Load(const std::string &text, mxml_load_cb_t pfnType = AppXmlMxmlParseCB)
-{
+static Document Load(const std::string &text, mxml_load_cb_t pfnType = AppXmlMxmlParseCB) {
     Document document(mxmlLoadString(nullptr, text.c_str(), pfnType), mxmlDelete);
     EXPECT_NE(document, nullptr) << text;
     return document;
 }
 
-static Document Create(const char *szRoot)
-{
-    return Document(mxmlNewElement(nullptr, szRoot), mxmlDelete);
-}
+static Document Create(const char *szRoot) { return Document(mxmlNewElement(nullptr, szRoot), mxmlDelete); }
 
-static std::string Save(const Document &document)
-{
+static std::string Save(const Document &document) {
     // Not mxmlSaveAllocString(): the block of another library would upset the count of blocks.
     const int nLen = mxmlSaveString(document.get(), nullptr, 0, MXML_NO_CALLBACK);
     std::string text(static_cast<size_t>(nLen), '\0');
@@ -42,27 +37,22 @@ static std::string Save(const Document &document)
 }
 
 // Addresses become "P"; "0xFF" is none.
-static std::string Masked(std::string line)
-{
+static std::string Masked(std::string line) {
     for (size_t n = 0; (n = line.find("0x", n)) != std::string::npos; ++n)
-        if (const size_t nDigits = strspn(&line[n + 2], "0123456789abcdef"))
-            line.replace(n, 2 + nDigits, "P");
+        if (const size_t nDigits = strspn(&line[n + 2], "0123456789abcdef")) line.replace(n, 2 + nDigits, "P");
     return line;
 }
 
 // Runs an operation under every threshold that matters; `lines` are those under the lowest.
-static void ExpectLogged(const std::string &lines, const std::function<void()> &operation)
-{
+static void ExpectLogged(const std::string &lines, const std::function<void()> &operation) {
     for (const int nThreshold : {APP_LOG_DEBUG + 0, APP_LOG_DEBUG - 1, APP_LOG_ERROR + 0}) {
         SCOPED_TRACE(Text("threshold %d", nThreshold));
         LogCapture log(static_cast<uint8_t>(nThreshold));
         operation();
         std::string expected, logged, line;
         for (std::istringstream stream(lines); std::getline(stream, line);)
-            if (nThreshold == APP_LOG_DEBUG || line.compare(0, 8, "[DEBUG] ") != 0)
-                expected += line + "\n";
-        for (const std::string &each : log.Lines())
-            logged += Masked(each);
+            if (nThreshold == APP_LOG_DEBUG || line.compare(0, 8, "[DEBUG] ") != 0) expected += line + "\n";
+        for (const std::string &each : log.Lines()) logged += Masked(each);
         EXPECT_EQ(logged, expected);
     }
 }
@@ -74,8 +64,7 @@ using Read = std::function<uint32_t(mxml_node_t *, const char *, std::string *)>
 static const char *const kKept = "77"; // what an untouched value shows
 
 template <typename T>
-static Read As(uint32_t (*pfnRead)(mxml_node_t *, const char *, T *))
-{
+static Read As(uint32_t (*pfnRead)(mxml_node_t *, const char *, T *)) {
     return [=](mxml_node_t *ptNode, const char *szName, std::string *pText) {
         T value;
         if constexpr (std::is_pointer_v<T>)
@@ -83,8 +72,7 @@ static Read As(uint32_t (*pfnRead)(mxml_node_t *, const char *, T *))
         else
             value = 77;
         const uint32_t dwCode = pfnRead(ptNode, szName, pText ? &value : nullptr);
-        if (!pText)
-            return dwCode;
+        if (!pText) return dwCode;
         if constexpr (std::is_pointer_v<T>)
             *pText = value;
         else
@@ -95,27 +83,22 @@ static Read As(uint32_t (*pfnRead)(mxml_node_t *, const char *, T *))
 
 // The readers of other shapes, adapted.
 template <typename T, uint32_t (*pfnRead)(mxml_node_t *, T *)>
-static uint32_t OfNode(mxml_node_t *ptNode, const char *, T *ptValue)
-{
+static uint32_t OfNode(mxml_node_t *ptNode, const char *, T *ptValue) {
     return pfnRead(ptNode, ptValue);
 }
 
-static uint32_t Copy(mxml_node_t *ptNode, const char *szName, const char **pszText)
-{
+static uint32_t Copy(mxml_node_t *ptNode, const char *szName, const char **pszText) {
     static char s_achBuf[8];
     strcpy(s_achBuf, kKept);
-    if (!pszText)
-        return AppXmlGetSonNodeValue_Str_Copy(ptNode, szName, nullptr, 8);
+    if (!pszText) return AppXmlGetSonNodeValue_Str_Copy(ptNode, szName, nullptr, 8);
     *pszText = s_achBuf;
     return AppXmlGetSonNodeValue_Str_Copy(ptNode, szName, s_achBuf, 8);
 }
 
-static uint32_t Find(mxml_node_t *ptNode, const char *szName, const char **pszText)
-{
+static uint32_t Find(mxml_node_t *ptNode, const char *szName, const char **pszText) {
     mxml_node_t *ptFound = nullptr;
     const uint32_t dwCode = AppXmlGetSonNode(ptNode, szName, pszText ? &ptFound : nullptr);
-    if (ptFound)
-        *pszText = mxmlGetElement(ptFound);
+    if (ptFound) *pszText = mxmlGetElement(ptFound);
     return dwCode;
 }
 
@@ -127,9 +110,7 @@ struct ReadRow {
 };
 
 // Reads "v" of the document `before` text `after`: a line means a failure.
-static void ExpectReads(const std::string &before, const std::string &after,
-                        const std::vector<ReadRow> &rows)
-{
+static void ExpectReads(const std::string &before, const std::string &after, const std::vector<ReadRow> &rows) {
     for (const ReadRow &row : rows) {
         SCOPED_TRACE(Text("row %d", int(&row - rows.data())));
         const Document document = Load(row.szText ? before + row.szText + after : "<cfg/>");
@@ -144,8 +125,7 @@ static void ExpectReads(const std::string &before, const std::string &after,
     }
 }
 
-TEST(XmlReaders, ValuesBelowANode)
-{
+TEST(XmlReaders, ValuesBelowANode) {
     const Read text = As(AppXmlGetSonNodeValue_Str), flag = As(AppXmlGetSonNodeValue_Bool);
     const Read s32 = As(AppXmlGetSonNodeValue_s32), u8 = As(AppXmlGetSonNodeValue_u8);
     const Read u16 = As(AppXmlGetSonNodeValue_u16), u32 = As(AppXmlGetSonNodeValue_u32);
@@ -166,24 +146,20 @@ TEST(XmlReaders, ValuesBelowANode)
         {section, "<![CDATA[]]>", ""},
         {section, "<e><![CDATA[deep]]></e>", "]]"},
         {section, "", "]]"},
-        {section, nullptr, kKept,
-         "[DEBUG] AppXmlGetSonNodeValue_CData: do not find element. {v}\n"},
+        {section, nullptr, kKept, "[DEBUG] AppXmlGetSonNodeValue_CData: do not find element. {v}\n"},
         {s32, "-12 volts", "-12"},
         {s32, "", "0"},
         {s32, nullptr, kKept, MISSING},
-        {s32, "2147483648", kKept,
-         "[ERROR] AppXmlGetSonNodeValue_s32: AppConvertStrtoS32() failed, {2147483648}\n"},
+        {s32, "2147483648", kKept, "[ERROR] AppXmlGetSonNodeValue_s32: AppConvertStrtoS32() failed, {2147483648}\n"},
         {u8, "256", kKept, "[ERROR] AppXmlGetSonNodeValue_u8: invalid value: 256\n"},
         {u8, "-1", kKept, "[ERROR] AppXmlGetSonNodeValue_u8: invalid value: -1\n"},
         {u8, nullptr, kKept, MISSING},
         {u16, "70000", kKept, "[ERROR] AppXmlGetSonNodeValue_u16: invalid value: 70000\n"},
-        {u16, "99999999999", kKept,
-         "[ERROR] AppXmlGetSonNodeValue_s32: AppConvertStrtoS32() failed, {99999999999}\n"},
+        {u16, "99999999999", kKept, "[ERROR] AppXmlGetSonNodeValue_s32: AppConvertStrtoS32() failed, {99999999999}\n"},
         {u16, nullptr, kKept, MISSING},
         {u32, "", "0"},
         {u32, nullptr, kKept, MISSING},
-        {u32, "-1", kKept,
-         "[ERROR] AppXmlGetSonNodeValue_u32: AppConvertStrtoU32() overflow, {-1}\n"},
+        {u32, "-1", kKept, "[ERROR] AppXmlGetSonNodeValue_u32: AppConvertStrtoU32() overflow, {-1}\n"},
         {u64, nullptr, kKept, MISSING},
         {u64, "18446744073709551616", kKept,
          "[ERROR] AppXmlGetSonNodeValue_u64: AppConvertStrtoU64() overflow, "
@@ -192,15 +168,13 @@ TEST(XmlReaders, ValuesBelowANode)
         {flag, "falsE", "0"},
         {flag, "1", kKept, "[ERROR] AppXmlGetSonNodeValue_Bool: unknown text{1}, node{v}\n"},
         {flag, "", kKept, "[ERROR] AppXmlGetSonNodeValue_Bool: unknown text{}, node{v}\n"},
-        {flag, nullptr, kKept,
-         MISSING "[DEBUG] AppXmlGetSonNodeValue_Bool: AppXmlGetSonNodeValue_Str() failed 108\n"},
+        {flag, nullptr, kKept, MISSING "[DEBUG] AppXmlGetSonNodeValue_Bool: AppXmlGetSonNodeValue_Str() failed 108\n"},
     };
 #undef MISSING
     ExpectReads("<cfg><v>", "</v></cfg>", rows);
 }
 
-TEST(XmlReaders, Attributes)
-{
+TEST(XmlReaders, Attributes) {
     const Read text = As(AppXmlGetAttr_Str), flag = As(AppXmlGetAttr_Bool);
     const Read s32 = As(AppXmlGetAttr_s32), u32 = As(AppXmlGetAttr_u32);
     const Read u8 = As(AppXmlGetAttr_u8), u16 = As(AppXmlGetAttr_u16);
@@ -230,8 +204,7 @@ TEST(XmlReaders, Attributes)
     ExpectReads("<cfg v='", "'/>", rows);
 }
 
-TEST(XmlReaders, ValuesOfTheNodeItself)
-{
+TEST(XmlReaders, ValuesOfTheNodeItself) {
     const Read text = As(OfNode<const char *, AppXmlGetNodeValue_Str>);
     const Read u16 = As(OfNode<uint16_t, AppXmlGetNodeValue_u16>);
     const Read u32 = As(OfNode<uint32_t, AppXmlGetNodeValue_u32>);
@@ -240,8 +213,7 @@ TEST(XmlReaders, ValuesOfTheNodeItself)
         {text, "<e>1</e>", ""},
         {text, nullptr, ""},
         {u16, nullptr, "0"},
-        {u16, "65536", kKept,
-         "[ERROR] AppXmlGetNodeValue_u16: node value too large for u16, dwNum 65536\n"},
+        {u16, "65536", kKept, "[ERROR] AppXmlGetNodeValue_u16: node value too large for u16, dwNum 65536\n"},
         {u16, "-1", kKept, "[ERROR] AppXmlGetNodeValue_u16: overflow, {-1}\n"},
         {u32, "80 ", "80"},
         {u32, "4294967296", kKept, "[ERROR] AppXmlGetNodeValue_u32: overflow, {4294967296}\n"},
@@ -249,8 +221,7 @@ TEST(XmlReaders, ValuesOfTheNodeItself)
     ExpectReads("<v>", "</v>", rows);
 }
 
-TEST(XmlReaders, ThreeWaysToFindANode)
-{
+TEST(XmlReaders, ThreeWaysToFindANode) {
     const Document document = Load("<cfg>\n <net><ip>10.0.0.1</ip></net><port>1</port><other/>"
                                    "<port>2</port>text<Port>3</Port></cfg>");
     mxml_node_t *ptCfg = document.get(), *ptIp = nullptr;
@@ -264,8 +235,7 @@ TEST(XmlReaders, ThreeWaysToFindANode)
     EXPECT_STREQ(mxmlGetOpaque(ptIp), "10.0.0.1");
     EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, "ip"), nullptr) << "not a direct child";
     EXPECT_EQ(AppXmlGetFirstChildWithName(mxmlGetParent(ptIp), "ip"), ptIp) << "the very first";
-    EXPECT_EQ(AppXmlGetFirstChildWithName(AppXmlGetFirstChildWithName(ptCfg, "other"), "ip"),
-              nullptr);
+    EXPECT_EQ(AppXmlGetFirstChildWithName(AppXmlGetFirstChildWithName(ptCfg, "other"), "ip"), nullptr);
     std::string ports;
     for (mxml_node_t *pt = AppXmlGetFirstChildWithName(ptCfg, "port"); pt;
          pt = AppXmlGetNextSiblingWithName(pt, "port"))
@@ -277,8 +247,7 @@ TEST(XmlReaders, ThreeWaysToFindANode)
     EXPECT_CODE(APP_NOT_FOUND, As(AppXmlGetSonNodeValue_Str)(ptCfg, "ip", &text)) << "no search";
 }
 
-TEST(XmlReaders, KindsOfValueNodes)
-{
+TEST(XmlReaders, KindsOfValueNodes) {
     struct {
         std::function<void(mxml_node_t *)> fill;
         const char *szText; // null: unusable
@@ -315,8 +284,7 @@ TEST(XmlReaders, KindsOfValueNodes)
     EXPECT_EQ(text, "0");
 }
 
-TEST(XmlReaders, ValueNodesWithoutText)
-{
+TEST(XmlReaders, ValueNodesWithoutText) {
     struct {
         Fn fn;
         Read read;
@@ -342,8 +310,7 @@ TEST(XmlReaders, ValueNodesWithoutText)
     }
 }
 
-TEST(XmlReaders, CopiesOnlyWhatFits)
-{
+TEST(XmlReaders, CopiesOnlyWhatFits) {
     const Document document = Load("<cfg><v>12345</v></cfg>");
     const auto Long = [](uint32_t dwSize) {
         return Text("[ERROR] AppXmlGetSonNodeValue_Str_Copy: buffer too small, len 5, dwBufSize "
@@ -354,8 +321,7 @@ TEST(XmlReaders, CopiesOnlyWhatFits)
         uint32_t dwSize, dwCode;
         std::string left, log;
     } const rows[] = {
-        {0, APP_INVALID_ARG, "########",
-         "[ERROR] AppXmlGetSonNodeValue_Str_Copy: dwBufSize zero\n"},
+        {0, APP_INVALID_ARG, "########", "[ERROR] AppXmlGetSonNodeValue_Str_Copy: dwBufSize zero\n"},
         {1, APP_BUFFER_TOO_SMALL, "########", Long(1)},
         {5, APP_BUFFER_TOO_SMALL, "########", Long(5)},
         {6, APP_OK, {"12345\0##", 8}, ""},
@@ -364,8 +330,7 @@ TEST(XmlReaders, CopiesOnlyWhatFits)
     for (const auto &row : rows)
         ExpectLogged(row.log, [&] {
             char achBuf[9] = "########";
-            EXPECT_CODE(row.dwCode,
-                        AppXmlGetSonNodeValue_Str_Copy(document.get(), "v", achBuf, row.dwSize));
+            EXPECT_CODE(row.dwCode, AppXmlGetSonNodeValue_Str_Copy(document.get(), "v", achBuf, row.dwSize));
             EXPECT_EQ(std::string(achBuf, 8), row.left);
         });
 }
@@ -375,24 +340,19 @@ TEST(XmlReaders, CopiesOnlyWhatFits)
 // Each argument null in turn: `names` are as the message has them; `call` gets whether the first,
 // second and third are given.  "" is an argument that the operation does not have.
 static void ExpectNullsRefused(const char *szOp, std::initializer_list<const char *> names,
-                               const std::function<uint32_t(bool, bool, bool)> &call)
-{
+                               const std::function<uint32_t(bool, bool, bool)> &call) {
     for (const char *const &szNull : names) {
         std::string line = Text("[ERROR] %s:", szOp);
         for (const char *const &szName : names)
             if (*szName)
-                line += Text("%s %s %s", line.back() == ':' ? "" : ",", szName,
-                             &szName == &szNull ? "(nil)" : "P");
+                line += Text("%s %s %s", line.back() == ':' ? "" : ",", szName, &szName == &szNull ? "(nil)" : "P");
         const auto nNull = &szNull - names.begin();
         if (*szNull)
-            ExpectLogged(line + "\n", [&] {
-                EXPECT_CODE(APP_INVALID_ARG, call(nNull != 0, nNull != 1, nNull != 2));
-            });
+            ExpectLogged(line + "\n", [&] { EXPECT_CODE(APP_INVALID_ARG, call(nNull != 0, nNull != 1, nNull != 2)); });
     }
 }
 
-TEST(XmlReaders, NullArguments)
-{
+TEST(XmlReaders, NullArguments) {
     const Read text = As(OfNode<const char *, AppXmlGetNodeValue_Str>);
     const Read u16 = As(OfNode<uint16_t, AppXmlGetNodeValue_u16>);
     const Read u32 = As(OfNode<uint32_t, AppXmlGetNodeValue_u32>);
@@ -425,11 +385,9 @@ TEST(XmlReaders, NullArguments)
 #undef READER
     };
     for (const auto &row : rows)
-        ExpectNullsRefused(row.szOp, {row.szNode, row.szName, row.szOut},
-                           [&](bool bNode, bool bName, bool bOut) {
-                               return row.read(bNode ? ptCfg : nullptr, bName ? "v" : nullptr,
-                                               bOut ? &value : nullptr);
-                           });
+        ExpectNullsRefused(row.szOp, {row.szNode, row.szName, row.szOut}, [&](bool bNode, bool bName, bool bOut) {
+            return row.read(bNode ? ptCfg : nullptr, bName ? "v" : nullptr, bOut ? &value : nullptr);
+        });
     // These leave all but their own argument to the reader inside.
     ExpectLogged("[ERROR] AppXmlGetSonNodeValue_u8: pbyValue NULL\n"
                  "[ERROR] AppXmlGetSonNodeValue_u16: pwValue NULL\n"
@@ -448,8 +406,7 @@ TEST(XmlReaders, NullArguments)
                      EXPECT_CODE(APP_INVALID_ARG, son16(ptCfg, "v", nullptr));
                      EXPECT_CODE(APP_INVALID_ARG, son8(nullptr, "v", &value));
                      EXPECT_CODE(APP_INVALID_ARG, son16(ptCfg, nullptr, &value));
-                     EXPECT_CODE(APP_INVALID_ARG,
-                                 AppXmlGetSonNodeValue_Bool(nullptr, "v", &bValue));
+                     EXPECT_CODE(APP_INVALID_ARG, AppXmlGetSonNodeValue_Bool(nullptr, "v", &bValue));
                      EXPECT_EQ(AppXmlGetFirstChildWithName(nullptr, "v"), nullptr);
                      EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, nullptr), nullptr);
                      EXPECT_EQ(AppXmlGetNextSiblingWithName(nullptr, "v"), nullptr);
@@ -466,24 +423,20 @@ TEST(XmlReaders, NullArguments)
 using Write = std::function<uint32_t(mxml_node_t *, mxml_node_t **)>; // adds an element "v"
 
 template <typename T, typename V>
-static Write Adds(uint32_t (*pfnAdd)(mxml_node_t *, const char *, T, mxml_node_t **), V value)
-{
+static Write Adds(uint32_t (*pfnAdd)(mxml_node_t *, const char *, T, mxml_node_t **), V value) {
     return [=](mxml_node_t *pt, mxml_node_t **pptNew) { return pfnAdd(pt, "v", value, pptNew); };
 }
 
 template <typename T, typename V>
-static Write Sets(uint32_t (*pfnSet)(mxml_node_t *, const char *, T), V value)
-{
+static Write Sets(uint32_t (*pfnSet)(mxml_node_t *, const char *, T), V value) {
     return [=](mxml_node_t *pt, mxml_node_t **) { return pfnSet(pt, "v", value); };
 }
 
-static uint32_t AddEmpty(mxml_node_t *ptFather, mxml_node_t **pptNew)
-{
+static uint32_t AddEmpty(mxml_node_t *ptFather, mxml_node_t **pptNew) {
     return AppXmlAddSonNode(ptFather, "v", pptNew);
 }
 
-TEST(XmlWriters, ElementsAndTheirTexts)
-{
+TEST(XmlWriters, ElementsAndTheirTexts) {
     const auto Double = [](double dValue) { return Adds(AppXmlAddSonNode_Double, dValue); };
     const double dMost = nextafter(1e56, 0), dLeast = nextafter(-1e55, 0);
     struct {
@@ -519,8 +472,7 @@ TEST(XmlWriters, ElementsAndTheirTexts)
     log.ExpectNone();
 }
 
-TEST(XmlWriters, WhatHasNoTextIsNotAdded)
-{
+TEST(XmlWriters, WhatHasNoTextIsNotAdded) {
     const Document document = Create("cfg");
     struct {
         Write write;
@@ -536,20 +488,18 @@ TEST(XmlWriters, WhatHasNoTextIsNotAdded)
         {Sets(AppXmlSetAttr_u32, 7u), "SetAttr_u32", "value 7"},
     };
     for (const auto &row : rows)
-        ExpectLogged(
-            Text("[ERROR] AppXml%s: AppSnprintf() failed, %s\n", row.szOp, row.value.c_str()), [&] {
-                // Only the first text fails, not that of the line.
-                const bool bTooLong = row.value.size() > 60;
-                fault::Fail fail(Fn::_AppVsnprintf, bTooLong ? 0 : 1);
-                mxml_node_t *ptNew = nullptr;
-                EXPECT_CODE(APP_FAILED, row.write(document.get(), &ptNew));
-                EXPECT_EQ(ptNew, nullptr);
-            });
+        ExpectLogged(Text("[ERROR] AppXml%s: AppSnprintf() failed, %s\n", row.szOp, row.value.c_str()), [&] {
+            // Only the first text fails, not that of the line.
+            const bool bTooLong = row.value.size() > 60;
+            fault::Fail fail(Fn::_AppVsnprintf, bTooLong ? 0 : 1);
+            mxml_node_t *ptNew = nullptr;
+            EXPECT_CODE(APP_FAILED, row.write(document.get(), &ptNew));
+            EXPECT_EQ(ptNew, nullptr);
+        });
     EXPECT_EQ(Save(document), "<cfg />\n");
 }
 
-TEST(XmlWriters, NullArguments)
-{
+TEST(XmlWriters, NullArguments) {
     const Document document = Create("cfg");
     mxml_node_t *const ptCfg = document.get(), *ptNew = ptCfg;
     const auto Node = [&](bool bGiven) { return bGiven ? ptCfg : nullptr; };
@@ -563,12 +513,12 @@ TEST(XmlWriters, NullArguments)
         ExpectNullsRefused(bData ? "AppXmlAddSonNode_CDATA" : "AppXmlAddSonNode_Str",
                            {"ptFather", "szNodeName", bData ? "szData" : "szValue"},
                            [&](bool bNode, bool bName, bool bText) {
-                               return (bData ? AppXmlAddSonNode_CDATA : AppXmlAddSonNode_Str)(
-                                   Node(bNode), Any(bName), Any(bText), &ptNew);
+                               return (bData ? AppXmlAddSonNode_CDATA : AppXmlAddSonNode_Str)(Node(bNode), Any(bName),
+                                                                                              Any(bText), &ptNew);
                            });
     for (const bool bSigned : {false, true})
-        ExpectNullsRefused(bSigned ? "AppXmlSetAttr_s32" : "AppXmlSetAttr_u32",
-                           {"ptNode", "szAttrName"}, [&](bool bNode, bool bName, bool) {
+        ExpectNullsRefused(bSigned ? "AppXmlSetAttr_s32" : "AppXmlSetAttr_u32", {"ptNode", "szAttrName"},
+                           [&](bool bNode, bool bName, bool) {
                                return bSigned ? AppXmlSetAttr_s32(Node(bNode), Any(bName), 1)
                                               : AppXmlSetAttr_u32(Node(bNode), Any(bName), 1);
                            });
@@ -582,8 +532,7 @@ TEST(XmlWriters, NullArguments)
     EXPECT_EQ(Save(document), "<cfg />\n");
 }
 
-TEST(XmlWriters, WhatCannotBeMadeIsReported)
-{
+TEST(XmlWriters, WhatCannotBeMadeIsReported) {
     const char *szStr = "[ERROR] AppXmlAddSonNode_Str: mxmlNewElement() failed, {v}\n"
                         "[ERROR] AppXmlAddSonNode_Str: mxmlNewText() failed, Elem{v}, value{7}\n";
     struct {
@@ -607,10 +556,8 @@ TEST(XmlWriters, WhatCannotBeMadeIsReported)
                 EXPECT_EQ(ptNew == nullptr, dwCode != APP_OK);
                 return dwCode;
             };
-            EXPECT_EQ(row.nFaults,
-                      fault::Sweep({Fn::mxmlNewElement, Fn::mxmlNewText, Fn::mxmlNewCDATA},
-                                   Operation,
-                                   [](uint32_t dwCode) { EXPECT_CODE(APP_NO_RESOURCE, dwCode); }));
+            EXPECT_EQ(row.nFaults, fault::Sweep({Fn::mxmlNewElement, Fn::mxmlNewText, Fn::mxmlNewCDATA}, Operation,
+                                                [](uint32_t dwCode) { EXPECT_CODE(APP_NO_RESOURCE, dwCode); }));
             // An element without its value stays; the last one is that of the success.
             mxml_node_t *ptFirst = mxmlGetFirstChild(document.get());
             EXPECT_EQ(ptFirst != mxmlGetLastChild(document.get()), row.nFaults == 2);
@@ -620,8 +567,7 @@ TEST(XmlWriters, WhatCannotBeMadeIsReported)
 
 // ---- Both -----------------------------------------------------------------------------------
 
-TEST(Xml, EveryNarrowValueComesBack)
-{
+TEST(Xml, EveryNarrowValueComesBack) {
     const Document written = Create("all");
     for (uint32_t i = 0; i <= UINT16_MAX; ++i) {
         mxml_node_t *ptItem = nullptr;
@@ -639,8 +585,7 @@ TEST(Xml, EveryNarrowValueComesBack)
         AppXmlGetSonNodeValue_u16(pt, "v", &wSon);
         AppXmlGetNodeValue_u16(AppXmlGetFirstChildWithName(pt, "v"), &wNode);
         ASSERT_TRUE(wAttr == i && wSon == i && wNode == i) << i;
-        if (i > UINT8_MAX + 9)
-            continue;
+        if (i > UINT8_MAX + 9) continue;
         uint8_t byAttr = 77, bySon = 77;
         const uint32_t dwCode = i <= UINT8_MAX ? APP_OK : APP_BAD_VALUE;
         EXPECT_CODE(dwCode, AppXmlGetAttr_u8(pt, "a", &byAttr));
@@ -651,12 +596,10 @@ TEST(Xml, EveryNarrowValueComesBack)
     EXPECT_EQ(i, UINT16_MAX + 1u);
 }
 
-TEST(Xml, EdgesOfWideValuesComeBack)
-{
+TEST(Xml, EdgesOfWideValuesComeBack) {
     std::vector<uint64_t> values = {0, 1, UINT64_MAX - 1, UINT64_MAX};
     for (const int nBits : {31, 32, 63})
-        for (const uint64_t qwOff : {-1, 0, 1})
-            values.push_back((UINT64_C(1) << nBits) + qwOff);
+        for (const uint64_t qwOff : {-1, 0, 1}) values.push_back((UINT64_C(1) << nBits) + qwOff);
     for (const uint64_t qw : values) {
         const auto dw = static_cast<uint32_t>(qw);
         const auto n = static_cast<int32_t>(dw);
@@ -677,16 +620,14 @@ TEST(Xml, EdgesOfWideValuesComeBack)
             AppXmlGetAttr_u32(pt, "dw", &dwAttr);
             AppXmlGetAttr_s32(pt, "n", &nAttr);
             AppXmlGetNodeValue_u32(AppXmlGetFirstChildWithName(pt, "dw"), &dwNode);
-            EXPECT_TRUE(qwSon == qw && dwSon == dw && nSon == n && dwAttr == dw && nAttr == n)
-                << qw;
+            EXPECT_TRUE(qwSon == qw && dwSon == dw && nSon == n && dwAttr == dw && nAttr == n) << qw;
             EXPECT_EQ(dwNode, pt == loaded.get() ? dw : 0) << "a text node is no opaque value";
         }
     }
 }
 
 // A camera's configuration: written, saved to a file, loaded, compared and read.
-TEST(Xml, ACameraDocumentSurvivesItsFile)
-{
+TEST(Xml, ACameraDocumentSurvivesItsFile) {
     const Document written(mxmlNewXML("1.0"), mxmlDelete);
     mxml_node_t *ptCamera = nullptr, *ptNode = nullptr;
     AppXmlAddSonNode(written.get(), "camera", &ptCamera);

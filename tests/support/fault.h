@@ -30,64 +30,63 @@
 #include <vector>
 
 // One row per function; wrap.cmake reads the rows, so each stays on its own line.
-#define APP_FAULT_FUNCTIONS(X)                                                                     \
-    X(malloc)                                                                                      \
-    X(calloc)                                                                                      \
-    X(realloc)                                                                                     \
-    X(free)                                                                                        \
-    X(pthread_create)                                                                              \
-    X(pthread_attr_init)                                                                           \
-    X(pthread_attr_setinheritsched)                                                                \
-    X(pthread_mutex_init)                                                                          \
-    X(pthread_mutex_timedlock)                                                                     \
-    X(pthread_mutex_clocklock)                                                                     \
-    X(pthread_mutexattr_init)                                                                      \
-    X(pthread_mutexattr_settype)                                                                   \
-    X(pthread_cond_init)                                                                           \
-    X(pthread_cond_signal)                                                                         \
-    X(pthread_cond_timedwait)                                                                      \
-    X(pthread_condattr_init)                                                                       \
-    X(pthread_condattr_setclock)                                                                   \
-    X(clock_gettime)                                                                               \
-    X(gmtime_r)                                                                                    \
-    X(timegm)                                                                                      \
-    X(fopen)                                                                                       \
-    X(writev)                                                                                      \
-    X(ftruncate)                                                                                   \
-    X(rename)                                                                                      \
-    X(fcntl)                                                                                       \
-    X(socket)                                                                                      \
-    X(bind)                                                                                        \
-    X(connect)                                                                                     \
-    X(getsockopt)                                                                                  \
-    X(setsockopt)                                                                                  \
-    X(getsockname)                                                                                 \
-    X(getpeername)                                                                                 \
-    X(epoll_create)                                                                                \
-    X(epoll_create1)                                                                               \
-    X(epoll_ctl)                                                                                   \
-    X(epoll_wait)                                                                                  \
-    X(recv)                                                                                        \
-    X(recvmsg)                                                                                     \
-    X(send)                                                                                        \
-    X(sendto)                                                                                      \
-    X(sendmsg)                                                                                     \
-    X(inet_pton)                                                                                   \
-    X(inet_ntop)                                                                                   \
-    X(getifaddrs)                                                                                  \
-    X(iconv_open)                                                                                  \
-    X(iconv)                                                                                       \
-    X(mxmlNewElement)                                                                              \
-    X(mxmlNewText)                                                                                 \
-    X(mxmlNewOpaque)                                                                               \
-    X(mxmlNewCDATA)                                                                                \
-    X(mxmlGetOpaque)                                                                               \
-    X(mxmlGetText)                                                                                 \
-    X(mxmlGetCDATA)                                                                                \
+#define APP_FAULT_FUNCTIONS(X)                                                                                         \
+    X(malloc)                                                                                                          \
+    X(calloc)                                                                                                          \
+    X(realloc)                                                                                                         \
+    X(free)                                                                                                            \
+    X(pthread_create)                                                                                                  \
+    X(pthread_attr_init)                                                                                               \
+    X(pthread_attr_setinheritsched)                                                                                    \
+    X(pthread_mutex_init)                                                                                              \
+    X(pthread_mutex_timedlock)                                                                                         \
+    X(pthread_mutex_clocklock)                                                                                         \
+    X(pthread_mutexattr_init)                                                                                          \
+    X(pthread_mutexattr_settype)                                                                                       \
+    X(pthread_cond_init)                                                                                               \
+    X(pthread_cond_signal)                                                                                             \
+    X(pthread_cond_timedwait)                                                                                          \
+    X(pthread_condattr_init)                                                                                           \
+    X(pthread_condattr_setclock)                                                                                       \
+    X(clock_gettime)                                                                                                   \
+    X(gmtime_r)                                                                                                        \
+    X(timegm)                                                                                                          \
+    X(fopen)                                                                                                           \
+    X(writev)                                                                                                          \
+    X(ftruncate)                                                                                                       \
+    X(rename)                                                                                                          \
+    X(fcntl)                                                                                                           \
+    X(socket)                                                                                                          \
+    X(bind)                                                                                                            \
+    X(connect)                                                                                                         \
+    X(getsockopt)                                                                                                      \
+    X(setsockopt)                                                                                                      \
+    X(getsockname)                                                                                                     \
+    X(getpeername)                                                                                                     \
+    X(epoll_create)                                                                                                    \
+    X(epoll_create1)                                                                                                   \
+    X(epoll_ctl)                                                                                                       \
+    X(epoll_wait)                                                                                                      \
+    X(recv)                                                                                                            \
+    X(recvmsg)                                                                                                         \
+    X(send)                                                                                                            \
+    X(sendto)                                                                                                          \
+    X(sendmsg)                                                                                                         \
+    X(inet_pton)                                                                                                       \
+    X(inet_ntop)                                                                                                       \
+    X(getifaddrs)                                                                                                      \
+    X(iconv_open)                                                                                                      \
+    X(iconv)                                                                                                           \
+    X(mxmlNewElement)                                                                                                  \
+    X(mxmlNewText)                                                                                                     \
+    X(mxmlNewOpaque)                                                                                                   \
+    X(mxmlNewCDATA)                                                                                                    \
+    X(mxmlGetOpaque)                                                                                                   \
+    X(mxmlGetText)                                                                                                     \
+    X(mxmlGetCDATA)                                                                                                    \
     X(_AppVsnprintf)
 
-namespace fault
-{
+namespace fault {
 
 enum class Fn {
 #define APP_FAULT_ENUM(name) name,
@@ -98,18 +97,14 @@ enum class Fn {
 enum Scope { kThisThread, kEveryThread };
 
 // Armed from its construction to its end.
-class Fail
-{
+class Fail {
 public:
     // Fails calls number `nNth` to `nNth` + `nTimes` - 1, counted over all functions given; with
     // `nNth` 0 none, which still counts.
     explicit Fail(std::vector<Fn> fns, unsigned nNth = 1, int nError = ENOMEM, unsigned nTimes = 1,
                   Scope scope = kThisThread);
-    explicit Fail(Fn fn, unsigned nNth = 1, int nError = ENOMEM, unsigned nTimes = 1,
-                  Scope scope = kThisThread)
-        : Fail(std::vector<Fn>{fn}, nNth, nError, nTimes, scope)
-    {
-    }
+    explicit Fail(Fn fn, unsigned nNth = 1, int nError = ENOMEM, unsigned nTimes = 1, Scope scope = kThisThread)
+        : Fail(std::vector<Fn>{fn}, nNth, nError, nTimes, scope) {}
     ~Fail();
     Fail(const Fail &) = delete;
     Fail &operator=(const Fail &) = delete;
@@ -130,8 +125,7 @@ long OpenDescriptors();
 
 // Returns the number of faults met.
 template <typename Operation, typename Check>
-unsigned Sweep(std::initializer_list<Fn> fns, Operation operation, Check check, int nError = ENOMEM)
-{
+unsigned Sweep(std::initializer_list<Fn> fns, Operation operation, Check check, int nError = ENOMEM) {
     constexpr unsigned kMostFaults = 1000;
     for (unsigned n = 1; n <= kMostFaults; ++n) {
         SCOPED_TRACE("fault at call " + std::to_string(n));

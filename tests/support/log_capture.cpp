@@ -10,14 +10,12 @@
 #include "appcore/host.h"
 #include "utils/log.h"
 
-namespace
-{
+namespace {
 
 std::mutex s_mutex; // guards the pointer: a capture may end while another thread logs
 test::LogCapture *s_capture = nullptr;
 
-std::string Format(const char *szFormat, va_list args)
-{
+std::string Format(const char *szFormat, va_list args) {
     va_list again;
     va_copy(again, args);
     std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, szFormat, again)), '\0');
@@ -28,8 +26,7 @@ std::string Format(const char *szFormat, va_list args)
 
 } // namespace
 
-int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...)
-{
+int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...) {
     EXPECT_EQ(nFlag1, 1);
     EXPECT_EQ(nFlag2, 0);
     EXPECT_STREQ(szFormat, "%s");
@@ -45,11 +42,9 @@ int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...)
     return 0;
 }
 
-namespace test
-{
+namespace test {
 
-std::string Text(const char *szFormat, ...)
-{
+std::string Text(const char *szFormat, ...) {
     va_list args;
     va_start(args, szFormat);
     std::string text = Format(szFormat, args);
@@ -57,71 +52,57 @@ std::string Text(const char *szFormat, ...)
     return text;
 }
 
-LogCapture::LogCapture(uint8_t byThreshold) : m_byThreshold(g_byAppLogLevel[0].load())
-{
+LogCapture::LogCapture(uint8_t byThreshold) : m_byThreshold(g_byAppLogLevel[0].load()) {
     std::lock_guard<std::mutex> guard(s_mutex);
     EXPECT_EQ(s_capture, nullptr) << "one capture at a time";
     s_capture = this;
     g_byAppLogLevel[0].store(byThreshold);
 }
 
-LogCapture::~LogCapture()
-{
+LogCapture::~LogCapture() {
     std::lock_guard<std::mutex> guard(s_mutex);
     s_capture = nullptr;
     g_byAppLogLevel[0].store(m_byThreshold);
 }
 
-void LogCapture::Name(const void *pv, const char *szName)
-{
+void LogCapture::Name(const void *pv, const char *szName) {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_names.insert(m_names.begin(), {Text("%p", pv), szName}); // an address may be used again
 }
 
-std::vector<std::string> LogCapture::Lines() const
-{
+std::vector<std::string> LogCapture::Lines() const {
     std::lock_guard<std::mutex> guard(m_mutex);
     std::vector<std::string> lines = m_lines;
     for (std::string &line : lines)
         for (const auto &[address, name] : m_names)
-            for (size_t n; (n = line.find(address)) != std::string::npos;)
-                line.replace(n, address.size(), name);
+            for (size_t n; (n = line.find(address)) != std::string::npos;) line.replace(n, address.size(), name);
     return lines;
 }
 
-size_t LogCapture::Count(const std::string &line) const
-{
+size_t LogCapture::Count(const std::string &line) const {
     const std::vector<std::string> lines = Lines();
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
-void LogCapture::Clear()
-{
+void LogCapture::Clear() {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_lines.clear();
 }
 
-void LogCapture::ExpectLines(const std::vector<std::string> &lines)
-{
+void LogCapture::ExpectLines(const std::vector<std::string> &lines) {
     EXPECT_EQ(Lines(), lines);
     Clear();
 }
 
-void LogCapture::Add(std::string line)
-{
+void LogCapture::Add(std::string line) {
     std::lock_guard<std::mutex> guard(m_mutex);
     m_lines.push_back(std::move(line));
 }
 
-StdoutCapture::StdoutCapture()
-{
-    testing::internal::CaptureStdout();
-}
+StdoutCapture::StdoutCapture() { testing::internal::CaptureStdout(); }
 
-const std::string &StdoutCapture::End()
-{
-    if (m_bActive)
-        m_text = testing::internal::GetCapturedStdout();
+const std::string &StdoutCapture::End() {
+    if (m_bActive) m_text = testing::internal::GetCapturedStdout();
     m_bActive = false;
     return m_text;
 }

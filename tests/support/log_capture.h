@@ -18,15 +18,13 @@
 
 #include "appcore/foundation.h"
 
-namespace test
-{
+namespace test {
 
 // printf into a string.
 std::string Text(const char *szFormat, ...) APP_PRINTF(1, 2);
 
 // One at a time.  Collects from every thread.
-class LogCapture
-{
+class LogCapture {
 public:
     // `byThreshold` becomes channel 0's threshold for the capture's life.
     explicit LogCapture(uint8_t byThreshold = APP_LOG_ERROR);
@@ -54,8 +52,7 @@ private:
 };
 
 // Takes the process's standard output over from its construction to End() or its end.
-class StdoutCapture
-{
+class StdoutCapture {
 public:
     StdoutCapture();
     ~StdoutCapture() { End(); }
