@@ -266,15 +266,16 @@ def case_probes():
                 expect(message, "answered twice: " + text)
                 times.append(time.monotonic() - sent)
                 check_answer(text, message, identity, seen)
-    after = camera.status()
     expect(not selector.select(0.3), "more answers than probes", camera)
-    print(f"{total} probes from {len(sources)} sources: longest answer "
-          f"{max(times) * 1000:.1f} ms, half of them within {sorted(times)[total // 2] * 1000:.2f} ms")
-    expect(sorted(times)[total // 2] < 0.25, "answers take too long", camera)
+    after = camera.status()
     expect(after["discovery answered"] - before["discovery answered"] == total and
            after["discovery repeated"] - before["discovery repeated"] == repeated,
            f"counts: {before} {after}", camera)
-    expect(camera.pool() == pool, f"the pool grew beyond {pool}", camera)
+    print(f"{total} probes from {len(sources)} sources: longest answer "
+          f"{max(times) * 1000:.1f} ms, half of them within {sorted(times)[total // 2] * 1000:.2f} ms")
+    expect(sorted(times)[total // 2] < 0.25, "answers take too long", camera)
+    growth = camera.pool() - pool  # a block more may be in use at this moment than at that
+    expect(growth < 500, f"the pool grew by {growth} in {total - 1000} probes", camera)
     camera.end()
 
 
