@@ -207,10 +207,11 @@ void PushStop()
 
 int32_t PushStatus(char *szBuf, uint32_t dwSize)
 {
+    const uint32_t dwWaiting = MailboxWaiting(&s_tMailbox) + s_bHolding;
     return AppSnprintf(szBuf, dwSize, "push: sent %lu, dropped %lu, waiting %lu, %s\n",
                        static_cast<unsigned long>(s_dwSent),
                        static_cast<unsigned long>(s_tMailbox.dwDropped.load()),
-                       static_cast<unsigned long>(MailboxWaiting(&s_tMailbox) + s_bHolding),
+                       static_cast<unsigned long>(dwWaiting),
                        s_bConnected ? "connected" : "not connected");
 }
 
