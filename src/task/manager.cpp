@@ -44,14 +44,14 @@ uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *s
     return dwResult;
 }
 
-// Under the manager's lock.  bEnd comes first: it stands for the request when that cannot be
-// queued, or is met by a drain.
+// Under the manager's lock.
 void RequestEnd(TAppTask *ptTask)
 {
     static constexpr TAppTaskEvent kTerminate = {APP_TASK_EVENT_STOP, nullptr,
                                                  _AppTaskGoForTerminateHandler, nullptr};
-    ptTask->bEnd.store(1);
-    _AppTaskSendEvent(ptTask, &kTerminate, APP_TASK_PRIORITY_QUIT, 1);
+    ptTask->dwEnd.store(APP_TASK_END_REQUESTED); // first: a drain may meet the request at once
+    if (_AppTaskSendEvent(ptTask, &kTerminate, APP_TASK_PRIORITY_QUIT, 1) != APP_OK)
+        ptTask->dwEnd.store(APP_TASK_END_NOW);
 }
 
 void RequestEndOfAll(const TAppDoubleList *ptList)

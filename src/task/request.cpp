@@ -32,9 +32,9 @@ void DropEvents(TAppTask *ptTask)
         void *pvEvent = nullptr;
         AppQueueOut(ptTask->hEventQueue, 0, &pvEvent);
         auto ptEvent = static_cast<TAppTaskEvent *>(pvEvent);
-        // The terminate request of the manager's destruction is not lost with its event: bEnd,
-        // which was set before it was queued, ends the thread after this handler.
-        if (ptEvent->pfnHandler != _AppTaskGoForTerminateHandler)
+        if (ptEvent->pfnHandler == _AppTaskGoForTerminateHandler)
+            ptTask->dwEnd.store(APP_TASK_END_NOW); // not lost: ends the thread after this handler
+        else
             app::CallHandler(ptTask, *ptEvent, APP_TASK_EVENT_DROP);
         AppMemPoolFree(ptEvent);
     }
@@ -67,6 +67,8 @@ void ParkTask(TAppTask *ptTask, const char *szOp)
     app::LockGuard guard(ptTask->ptTaskMgr->hLock);
     if (ptTask->ptTaskMgr->bQuit == 1) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", szOp);
+    } else if (ptTask->dwEnd.load() != APP_TASK_END_NOT) {
+        // On no list: its creation has failed, and whoever disposes of it waits for the thread.
     } else if (MoveToIdleList(ptTask)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for idle\n", szOp);
     } else {
@@ -128,14 +130,14 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
     SetState(hTask, APP_TASK_STATE_TERMINATE, __func__);
     if (ptTaskMgr->bQuit == 1) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", __func__);
-    } else if (app::Peek(hTask->bEnd) == 0) {
+    } else if (hTask->dwEnd.load() == APP_TASK_END_NOT) {
         AppDoubleListRemove(ptTaskMgr->hIdleTaskList, hTask->hListNode, nullptr);
         hTask->hListNode = nullptr;
         app::Poke<uint32_t>(hTask->dwState, APP_TASK_STATE_UNINIT);
         app::BeginLeaving(ptTaskMgr);
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for uninit\n", __func__);
     }
-    // Otherwise whoever set bEnd waits for hExitLock and destroys the task.
+    // Otherwise whoever set dwEnd waits for hExitLock and destroys the task.
     return APP_OK;
 }
 
@@ -144,6 +146,11 @@ uint32_t _AppTaskRefreshHandler(HAppTask hTask, uint32_t, void *, void *)
     if (!hTask)
         return APP_INVALID_ARG;
     app::LockGuard guard(hTask->hLock);
+    const uint32_t dwState = app::Peek(hTask->dwState);
+    // Dropped while the task is destroyed: neither does the destroying thread take the task's name,
+    // nor may what is told next find a task that admits work.
+    if (dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT)
+        return APP_INVALID_STATE;
     app::Poke(hTask->nThreadId, _AppThreadGetTID());
     _AppThreadSetName(hTask->szTaskName ? hTask->szTaskName : "");
     app::Poke<uint32_t>(hTask->dwState, APP_TASK_STATE_RUNNING);

@@ -56,7 +56,15 @@ struct TAppTask {
     uint32_t bClaimed;             // (task) taken for reuse: too late for the idle task to end
     std::atomic<uint32_t> dwUsers; // the thread, and sends and cancels that are under way without
                                    // the lock; grows only under the task's lock
-    std::atomic<uint32_t> bEnd;    // the thread is to end; set before the request is queued
+    std::atomic<uint32_t> dwEnd;   // EAppTaskEnd
+};
+
+// Whether the manager's destruction, or the disposal of a task, wants the thread to end.
+enum EAppTaskEnd {
+    APP_TASK_END_NOT = 0,
+    APP_TASK_END_REQUESTED = 1, // its request is queued, or is just being queued
+    APP_TASK_END_NOW = 2,       // the request could not be queued or was met by a drain: this value
+                                // stands for it, and passes everything queued as it would have
 };
 
 // Copied into a record of its own for the queue.

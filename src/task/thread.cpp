@@ -97,16 +97,15 @@ void AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
 bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, const char *szOp)
 {
     TraceWait(ptTask, *pdwWait, szOp);
-    // The request behind bEnd is already queued, or could not be queued, or was met by a drain.
-    const bool bEnd = ptTask->bEnd.load() != 0;
     void *pvEvent = nullptr;
-    if (AppQueueOut(ptTask->hEventQueue, bEnd ? 1 : *pdwWait, &pvEvent) == APP_OK) {
+    if (ptTask->dwEnd.load() != APP_TASK_END_NOW &&
+        AppQueueOut(ptTask->hEventQueue, *pdwWait, &pvEvent) == APP_OK) {
         Serve(ptTask, *static_cast<TAppTaskEvent *>(pvEvent));
         const bool bStay = AfterEvent(ptTask, pdwWait);
         AppMemPoolFree(pvEvent);
         return bStay;
     }
-    if (ptTask->bEnd.load() != 0) {
+    if (ptTask->dwEnd.load() == APP_TASK_END_NOW) {
         Serve(ptTask, {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoForTerminateHandler, nullptr});
         return AfterEvent(ptTask, pdwWait);
     }
