@@ -46,9 +46,12 @@ void ShowPoolOf(app::ReportWriter &writer, const TAppTask *ptTask)
 }
 
 // The list of timers changes under its task's lock.  The wait is short and the lines are left out
-// when it expires: a task that is going idle holds its lock while it waits for the manager's.
+// when it expires: a task that is going idle holds its lock while it waits for the manager's.  It
+// has no timers any more, so as a rule there is no wait at all.
 void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
 {
+    if (Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize) == 0)
+        return;
     app::LockGuard guard(ptTask->hLock, kTaskLockWaitMs);
     if (!guard)
         return;

@@ -50,7 +50,7 @@ inline testing::AssertionResult SameCode(const char *, const char *szActual, uin
 
 // Polls until the condition holds; false after a time that only a hang reaches.
 template <typename Condition>
-[[nodiscard]] bool WaitUntil(Condition condition, std::chrono::seconds limit = std::chrono::seconds(60)) {
+[[nodiscard]] bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(60)) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) return false;

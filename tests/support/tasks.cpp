@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: MIT
+#include "support/tasks.h"
+
+#include <dirent.h>
+#include <execinfo.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "cross_linux/cross_linux.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+
+namespace test {
+
+namespace {
+
+std::string Word(const Diary::Call &call) {
+    const std::string number = std::to_string(reinterpret_cast<uintptr_t>(call.pvArg));
+    switch (call.dwType) {
+    case APP_TASK_EVENT_USER:
+        return "user " + number;
+    case APP_TASK_EVENT_DROP:
+        return "drop " + number;
+    case APP_TASK_EVENT_STOP:
+        return call.pvArg ? "stop with " + number : "stop";
+    case APP_TASK_EVENT_TIMEOUT:
+        return "timeout";
+    case APP_TASK_EVENT_TIMER_CANCEL:
+        return "cancel";
+    default:
+        return "type " + std::to_string(call.dwType);
+    }
+}
+
+std::atomic<int> s_nPrinted{0};
+
+void PrintStack(int) {
+    void *apvFrames[64];
+    backtrace_symbols_fd(apvFrames, backtrace(apvFrames, 64), STDERR_FILENO);
+    ++s_nPrinted;
+}
+
+// One after the other, so that the stacks do not mix.
+void PrintAllStacks() {
+    signal(SIGUSR2, PrintStack);
+    DIR *ptDir = opendir("/proc/self/task");
+    while (const dirent *ptEntry = ptDir ? readdir(ptDir) : nullptr) {
+        const int nThreadId = atoi(ptEntry->d_name);
+        if (nThreadId <= 0 || nThreadId == _AppThreadGetTID()) continue;
+        fprintf(stderr, "---- thread %d\n", nThreadId);
+        const int nBefore = s_nPrinted.load();
+        syscall(SYS_tgkill, getpid(), nThreadId, SIGUSR2);
+        for (int i = 0; i < 1000 && s_nPrinted.load() == nBefore; ++i) usleep(1000);
+    }
+}
+
+} // namespace
+
+uint32_t Diary::Handle(HAppTask hTask, uint32_t dwType, void *pvArg, void *pvDiary) {
+    auto diary = static_cast<Diary *>(pvDiary);
+    const Call call{hTask, dwType, pvArg, _AppThreadGetTID()};
+    {
+        std::lock_guard<std::mutex> lock(diary->m_mutex);
+        diary->m_calls.push_back(call);
+    }
+    if (diary->m_react) diary->m_react(call);
+    return 0;
+}
+
+std::string Diary::Text() const {
+    std::string text;
+    for (const Call &call : Calls()) text += (text.empty() ? "" : ", ") + Word(call);
+    return text;
+}
+
+Manager::Manager(uint32_t dwMaxTask, uint32_t dwIdleTaskTimeout, uint32_t dwPoolSize) {
+    if (dwPoolSize) { EXPECT_CODE(APP_OK, AppMemPoolCreate(dwPoolSize, 1, 0, &m_hPool)); }
+    EXPECT_CODE(APP_OK, AppTaskMgrCreate(m_hPool, dwMaxTask, dwIdleTaskTimeout, &m_hTaskMgr));
+}
+
+HAppTask Manager::New(PFAppTaskHandler pfnHandler, void *pvContext, const Wanted &wanted) {
+    HAppTask hTask = nullptr;
+    EXPECT_CODE(APP_OK, AppTaskMgrNewTask(m_hTaskMgr, wanted.szName, wanted.dwMaxEvent, 256 * 1024,
+                                          wanted.dwMemPoolSize, wanted.dwIdleTimeout, pfnHandler, pvContext, &hTask));
+    return hTask;
+}
+
+void Manager::Destroy() {
+    AppTaskMgrDestroy(m_hTaskMgr);
+    AppMemPoolDestroy(m_hPool);
+    m_hTaskMgr = nullptr;
+    m_hPool = nullptr;
+}
+
+uint32_t Manager::Idle() const {
+    app::LockGuard guard(m_hTaskMgr->hLock);
+    return m_hTaskMgr->hIdleTaskList->dwCurSize;
+}
+
+void Manager::Park(HAppTask hTask) {
+    const uint32_t dwIdle = Idle();
+    EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
+    EXPECT_TRUE(WaitUntil([&] { return Idle() > dwIdle; }));
+}
+
+static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvLooks) {
+    if (pvLooks) ++*static_cast<std::atomic<int> *>(pvLooks);
+    if (dwType == APP_TASK_EVENT_TIMEOUT) LookOften(hTask, static_cast<std::atomic<int> *>(pvLooks));
+    return 0;
+}
+
+void LookOften(HAppTask hTask, std::atomic<int> *pnLooks) {
+    app::LockGuard guard(hTask->hLock);
+    HAppTimer hTimer = nullptr;
+    EXPECT_CODE(APP_OK, _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look, pnLooks, &hTimer));
+}
+
+Ledger::Entry &Ledger::NewEntry() {
+    const size_t nEntry = m_nUsed++;
+    if (nEntry >= m_entries.size()) {
+        fprintf(stderr, "the ledger is too short\n");
+        abort();
+    }
+    return m_entries[nEntry];
+}
+
+uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger) {
+    EXPECT_LE(dwType - 1, 2u) << "not a user's event, a drop or a stop";
+    EXPECT_EQ(pvEntry == nullptr, dwType == APP_TASK_EVENT_STOP);
+    if (pvEntry) ++static_cast<Entry *>(pvEntry)->dwTold;
+    if (const Reaction &react = static_cast<Ledger *>(pvLedger)->m_react) react(hTask, dwType);
+    return 0;
+}
+
+uint32_t Ledger::HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry) {
+    EXPECT_LE(dwType - APP_TASK_EVENT_TIMEOUT, 1u) << "neither expired nor cancelled";
+    ++static_cast<Entry *>(pvEntry)->dwTold;
+    return 0;
+}
+
+bool Ledger::Send(HAppTask hTask, bool bAssign) {
+    Entry &entry = NewEntry();
+    const auto send = bAssign ? AppTaskAssignEvent : AppTaskSendEvent;
+    const uint32_t dwCode = send(hTask, &entry, nullptr, nullptr);
+    entry.dwAccepted = dwCode == APP_OK;
+    return dwCode == APP_OK;
+}
+
+HAppTimer Ledger::Set(HAppTask hTask, uint32_t dwTimeout) {
+    Entry &entry = NewEntry();
+    HAppTimer hTimer = AppTaskSetTimer(hTask, dwTimeout, HandleTimer, &entry);
+    entry.dwAccepted = hTimer != nullptr;
+    return hTimer;
+}
+
+void Ledger::ExpectBalance() const {
+    for (size_t i = 0; i < m_nUsed; ++i) EXPECT_EQ(m_entries[i].dwTold, m_entries[i].dwAccepted) << "entry " << i;
+}
+
+bool Destroyer::IsQuitting(HAppTaskMgr hTaskMgr) {
+    app::LockGuard guard(hTaskMgr->hLock);
+    return hTaskMgr->bQuit == 1;
+}
+
+Watchdog::Watchdog(std::chrono::seconds limit)
+    : m_thread([this, limit] {
+          std::unique_lock<std::mutex> lock(m_mutex);
+          if (m_changed.wait_for(lock, limit * (Scaled(20) == 1 ? 4 : 1), [this] { return m_bDone; })) return;
+          fprintf(stderr, "the test hangs; its threads:\n");
+          PrintAllStacks();
+          abort();
+      }) {}
+
+Watchdog::~Watchdog() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bDone = true;
+        m_changed.notify_all();
+    }
+    m_thread.join();
+}
+
+} // namespace test

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: MIT
+//
+// What the tests of tasks share: a diary of the calls that a handler gets, a door at which a
+// handler stops, a manager that ends with its scope, and a watchdog.
+#ifndef APPCORE_TESTS_SUPPORT_TASKS_H
+#define APPCORE_TESTS_SUPPORT_TASKS_H
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "appcore/appcore.h"
+#include "support/expect.h"
+#include "support/fault.h"
+#include "task/task.h"
+
+namespace test {
+
+// Arguments of events are small numbers.
+inline void *Arg(uintptr_t nValue) { return reinterpret_cast<void *>(nValue); }
+
+// Closed at first.  Whoever passes waits until it is opened.
+class Door {
+public:
+    void Pass() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_nArrived;
+        m_changed.notify_all();
+        m_changed.wait(lock, [this] { return m_bOpen; });
+    }
+    void AwaitVisitor(int nVisitors = 1) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_nArrived >= nVisitors; });
+    }
+    void Open() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bOpen = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_nArrived = 0;
+    bool m_bOpen = false;
+};
+
+// Writes down every call that a handler gets: "user 1", "drop 2", "stop", "timeout", "cancel".
+// Given as context together with Diary::Handle.
+class Diary {
+public:
+    struct Call {
+        HAppTask hTask;
+        uint32_t dwType;
+        void *pvArg;
+        int32_t nThreadId;
+    };
+    using Reaction = std::function<void(const Call &)>;
+
+    // `react` runs in the handler, after the call has been written down.
+    explicit Diary(const Reaction &react = nullptr) : m_react(react) {}
+
+    static uint32_t Handle(HAppTask hTask, uint32_t dwType, void *pvArg, void *pvDiary);
+
+    std::vector<Call> Calls() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_calls;
+    }
+    std::string Text() const;
+    // Waits until the text is this one, and shows the difference when it never is.
+    void Await(const std::string &text) const {
+        (void)WaitUntil([&] { return Text() == text; }, std::chrono::seconds(20));
+        EXPECT_EQ(Text(), text);
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_calls.clear();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Call> m_calls;
+    Reaction m_react;
+};
+
+// Stops a thread in front of a system function's next call for which `when` holds.
+class Stall {
+public:
+    Stall(fault::Fn fn, const std::function<bool()> &when)
+        : m_when(when), m_fail(fn, 1, 0, 1u << 30, fault::kEveryThread) {
+        m_fail.Action([this] {
+            if (!m_bUsed && m_when() && !m_bUsed.exchange(true)) m_door.Pass();
+        });
+    }
+    ~Stall() { m_door.Open(); }
+    void AwaitVisitor() { m_door.AwaitVisitor(); }
+    bool WasVisited() const { return m_bUsed.load(); }
+    void Open() { m_door.Open(); }
+
+private:
+    std::function<bool()> m_when;
+    std::atomic<bool> m_bUsed{false};
+    Door m_door;
+    fault::Fail m_fail;
+};
+
+// What a task is made of; the defaults serve most cases.
+struct Wanted {
+    const char *szName = "task";
+    uint32_t dwMaxEvent = 100;
+    uint32_t dwIdleTimeout = 0;
+    uint32_t dwMemPoolSize = 0;
+};
+
+// A manager for a scope.  `dwPoolSize` other than 0 gives it a created pool of that limit, which is
+// destroyed right after the manager: a thread that still touched it would be caught by the address
+// sanitizer.
+class Manager {
+public:
+    explicit Manager(uint32_t dwMaxTask = 8, uint32_t dwIdleTaskTimeout = 0, uint32_t dwPoolSize = 0);
+    ~Manager() { Destroy(); }
+    Manager(const Manager &) = delete;
+    Manager &operator=(const Manager &) = delete;
+
+    HAppTask New(PFAppTaskHandler pfnHandler, void *pvContext, const Wanted &wanted = {});
+    // For a diary or a ledger.
+    template <typename Owner>
+    HAppTask New(Owner &owner, const Wanted &wanted = {}) {
+        return New(Owner::Handle, &owner, wanted);
+    }
+    void Destroy();
+    HAppTaskMgr Get() const { return m_hTaskMgr; }
+    HAppMemPool Pool() const { return m_hPool; }
+    // Terminates the task and waits until it is parked.
+    void Park(HAppTask hTask);
+    uint32_t Idle() const;
+
+private:
+    HAppMemPool m_hPool = nullptr;
+    HAppTaskMgr m_hTaskMgr = nullptr;
+};
+
+// Called by a STOP notice, lets the idle task look at its time-out every 10 ms instead of every
+// 5 s, by a timer that no public operation would set.  `pnLooks` counts; may be null.
+void LookOften(HAppTask hTask, std::atomic<int> *pnLooks = nullptr);
+
+// An account of events and timers: each one accepted is told exactly once, each one refused never.
+class Ledger {
+public:
+    using Reaction = std::function<void(HAppTask hTask, uint32_t dwType)>;
+
+    // For at most `nMost` entries; `react` runs for each call of the task's handler.
+    explicit Ledger(size_t nMost, const Reaction &react = nullptr) : m_entries(nMost), m_react(react) {}
+    // The task's handler, with the ledger as context.
+    static uint32_t Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger);
+
+    // False when refused.
+    bool Send(HAppTask hTask, bool bAssign = false);
+    HAppTimer Set(HAppTask hTask, uint32_t dwTimeout);
+    size_t Used() const { return m_nUsed.load(); }
+    void ExpectBalance() const;
+
+private:
+    struct Entry {
+        std::atomic<uint32_t> dwAccepted{0}, dwTold{0};
+    };
+    static uint32_t HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry);
+    Entry &NewEntry();
+
+    std::vector<Entry> m_entries;
+    std::atomic<size_t> m_nUsed{0};
+    Reaction m_react;
+};
+
+// Destroys a manager in a thread of its own.
+class Destroyer {
+public:
+    // Returns when the destruction has begun.
+    explicit Destroyer(Manager &manager) {
+        HAppTaskMgr hTaskMgr = manager.Get();
+        m_thread = std::thread([&] {
+            manager.Destroy();
+            m_bDone = true;
+        });
+        EXPECT_TRUE(WaitUntil([&] { return IsQuitting(hTaskMgr); }));
+    }
+    ~Destroyer() { m_thread.join(); }
+    // Gives a destruction that does not wait as it should the time to show it.
+    void ExpectWaits() const {
+        EXPECT_FALSE(WaitUntil([&] { return m_bDone.load(); }, std::chrono::milliseconds(100)));
+    }
+
+private:
+    static bool IsQuitting(HAppTaskMgr hTaskMgr);
+
+    std::atomic<bool> m_bDone{false};
+    std::thread m_thread;
+};
+
+// Prints the stacks of all threads and aborts when its scope lasts too long.
+class Watchdog {
+public:
+    explicit Watchdog(std::chrono::seconds limit = std::chrono::seconds(100));
+    ~Watchdog();
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_bDone = false;
+    std::thread m_thread;
+};
+
+} // namespace test
+
+#endif
