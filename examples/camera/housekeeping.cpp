@@ -21,30 +21,72 @@ uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *pvArg, v
 TModule s_tModule = {"housekeeping", HandleHousekeeping, nullptr, nullptr};
 uint32_t s_dwReports;
 
-void Print(const char *szText, void *)
+// A report is collected before it is printed: it is made with a lock held that the detector's next
+// allocation needs, and a terminal may stand still for as long as it likes.
+struct TReport {
+    uint32_t dwUsed;
+    char achText[32 * 1024];
+};
+
+void Collect(const char *szText, void *pvReport)
 {
-    fputs(szText, stdout);
+    auto ptReport = static_cast<TReport *>(pvReport);
+    AppStrncat(ptReport->achText + ptReport->dwUsed, szText,
+               static_cast<uint32_t>(sizeof(ptReport->achText)) - ptReport->dwUsed);
+    ptReport->dwUsed += AppStrlen(ptReport->achText + ptReport->dwUsed);
 }
 
-void WriteToLog(const char *szText, void *)
+void ShowPool(PFAppShow pfnShow, void *pvContext)
 {
-    AppLogFile(g_byLog, APP_LOG_ALWAYS, "%s", szText);
+    AppMemPoolShow(g_hPool, pfnShow, pvContext);
 }
 
-void ShowStatus(PFAppShow pfnShow)
+void ShowTasks(PFAppShow pfnShow, void *pvContext)
+{
+    AppTaskMgrShow(g_hTaskMgr, pfnShow, pvContext);
+}
+
+void ShowStatus(PFAppShow pfnShow, void *pvContext)
 {
     char achText[512];
     for (auto pfnStatus : {MotionStatus, AlarmStatus, PushStatus, DiscoveryStatus})
         if (pfnStatus(achText, sizeof(achText)) > 0)
-            pfnShow(achText, nullptr);
+            pfnShow(achText, pvContext);
 }
 
-void Report(HAppTask hTask)
+void Print(char *szText)
 {
-    ShowStatus(WriteToLog);
+    fputs(szText, stdout);
+}
+
+void WriteToLog(char *szText)
+{
+    while (char *szEnd = AppStrchr(szText, '\n')) { // a line has its own stamp
+        *szEnd = '\0';
+        AppLogFile(g_byLog, APP_LOG_ALWAYS, "%s\n", szText);
+        szText = szEnd + 1;
+    }
+}
+
+// The report's memory is the heap's: it may be asked for when the camera's pool is full.
+uint32_t Report(void (*pfnMake)(PFAppShow, void *), void (*pfnWrite)(char *))
+{
+    auto ptReport = static_cast<TReport *>(AppMemPoolMalloc(nullptr, sizeof(TReport)));
+    if (!ptReport)
+        return APP_NO_RESOURCE;
+    AppMemzero(ptReport, sizeof(*ptReport));
+    pfnMake(Collect, ptReport);
+    pfnWrite(ptReport->achText);
+    AppMemPoolFree(ptReport);
+    return APP_OK;
+}
+
+void ReportToLog(HAppTask hTask)
+{
+    Report(ShowStatus, WriteToLog);
     if (++s_dwReports % kLongReport == 0) {
-        AppMemPoolShow(g_hPool, WriteToLog, nullptr);
-        AppTaskMgrShow(g_hTaskMgr, WriteToLog, nullptr);
+        Report(ShowPool, WriteToLog);
+        Report(ShowTasks, WriteToLog);
     }
     AppTaskSetTimer(hTask, ConfigGet().dwReport, nullptr, nullptr);
 }
@@ -52,9 +94,9 @@ void Report(HAppTask hTask)
 uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *, void *)
 {
     if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_TIMEOUT) {
-        Report(hTask);
+        ReportToLog(hTask);
     } else if (dwEventType == APP_TASK_EVENT_STOP) {
-        ShowStatus(WriteToLog);
+        Report(ShowStatus, WriteToLog);
         ModuleStopped(&s_tModule);
     }
     return 0;
@@ -62,20 +104,17 @@ uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *, void *
 
 uint32_t TasksAction(uint32_t, uint32_t, uint32_t)
 {
-    AppTaskMgrShow(g_hTaskMgr, Print, nullptr);
-    return APP_OK;
+    return Report(ShowTasks, Print);
 }
 
 uint32_t PoolsAction(uint32_t, uint32_t, uint32_t)
 {
-    AppMemPoolShow(g_hPool, Print, nullptr);
-    return APP_OK;
+    return Report(ShowPool, Print);
 }
 
 uint32_t StatusAction(uint32_t, uint32_t, uint32_t)
 {
-    ShowStatus(Print);
-    return APP_OK;
+    return Report(ShowStatus, Print);
 }
 
 } // namespace

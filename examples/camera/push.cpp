@@ -15,7 +15,7 @@ constexpr uint32_t kConnectMs = 1000;
 constexpr uint32_t kSendMs = 500;
 constexpr uint32_t kStalledMs = 5000; // a receiver that takes nothing for so long is given up
 constexpr uint32_t kFirstRetryMs = 250;
-constexpr uint32_t kLastRetryMs = 4000;
+constexpr uint32_t kLastRetryMs = 15000;
 
 uint32_t HandlePush(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
 
