@@ -144,6 +144,7 @@ TEST(XmlReaders, ValuesBelowANode) {
         {section, "<![CDATA[a < b]]>", "a < b"},
         {section, "x<!--c--><e/><![CDATA[one]]>y<![CDATA[two]]>", "one"},
         {section, "<![CDATA[]]>", ""},
+        {section, "<![CDAT]>", "]]"},
         {section, "<e><![CDATA[deep]]></e>", "]]"},
         {section, "", "]]"},
         {section, nullptr, kKept, "[DEBUG] AppXmlGetSonNodeValue_CData: do not find element. {v}\n"},
@@ -234,6 +235,7 @@ TEST(XmlReaders, ThreeWaysToFindANode) {
     EXPECT_CODE(APP_OK, AppXmlGetSonNode(ptCfg, "ip", &ptIp));
     EXPECT_STREQ(mxmlGetOpaque(ptIp), "10.0.0.1");
     EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, "ip"), nullptr) << "not a direct child";
+    EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, ""), nullptr) << "a value has no name";
     EXPECT_EQ(AppXmlGetFirstChildWithName(mxmlGetParent(ptIp), "ip"), ptIp) << "the very first";
     EXPECT_EQ(AppXmlGetFirstChildWithName(AppXmlGetFirstChildWithName(ptCfg, "other"), "ip"), nullptr);
     std::string ports;
@@ -429,7 +431,10 @@ static Write Adds(uint32_t (*pfnAdd)(mxml_node_t *, const char *, T, mxml_node_t
 
 template <typename T, typename V>
 static Write Sets(uint32_t (*pfnSet)(mxml_node_t *, const char *, T), V value) {
-    return [=](mxml_node_t *pt, mxml_node_t **) { return pfnSet(pt, "v", value); };
+    return [=](mxml_node_t *pt, mxml_node_t **pptNew) {
+        *pptNew = nullptr; // sets an attribute instead
+        return pfnSet(pt, "v", value);
+    };
 }
 
 static uint32_t AddEmpty(mxml_node_t *ptFather, mxml_node_t **pptNew) {
@@ -492,7 +497,7 @@ TEST(XmlWriters, WhatHasNoTextIsNotAdded) {
             // Only the first text fails, not that of the line.
             const bool bTooLong = row.value.size() > 60;
             fault::Fail fail(Fn::_AppVsnprintf, bTooLong ? 0 : 1);
-            mxml_node_t *ptNew = nullptr;
+            mxml_node_t *ptNew = document.get();
             EXPECT_CODE(APP_FAILED, row.write(document.get(), &ptNew));
             EXPECT_EQ(ptNew, nullptr);
         });
