@@ -227,7 +227,7 @@ TEST(XmlReaders, ThreeWaysToFindANode) {
                                    "<port>2</port>text<Port>3</Port></cfg>");
     mxml_node_t *ptCfg = document.get(), *ptIp = nullptr;
     LogCapture log(APP_LOG_DEBUG);
-    for (const char *szPath : {"net/ip", "*/ip"}) {
+    for (const char *szPath : {"net/ip", "*/net/ip", "*/ip"}) {
         const char *szText = nullptr;
         EXPECT_CODE(APP_OK, AppXmlGetSonNodeValue_Str(ptCfg, szPath, &szText));
         EXPECT_STREQ(szText, "10.0.0.1");

@@ -27,7 +27,8 @@
  *
  * @warning Mini-XML keeps a comment as an element.  A value behind a comment, as in
  * `<port><!-- HTTP -->80</port>`, is not the element's first child any more and reads as the empty
- * text: 0 for numbers, refused for booleans.  Comments belong between elements, not into them.
+ * text: 0 for numbers, refused for booleans.  A comment behind the value, or between elements, does
+ * no harm.
  */
 #ifndef APPCORE_XML_H
 #define APPCORE_XML_H
@@ -138,8 +139,9 @@ APP_API uint32_t AppXmlGetAttr_Str(mxml_node_t *ptNode, const char *szAttrName,
  */
 APP_API uint32_t AppXmlGetAttr_s32(mxml_node_t *ptNode, const char *szAttrName, int32_t *pnValue);
 
-/** Reads an attribute's number, 0 to 255.  Otherwise as AppXmlGetAttr_s32(), but the out-parameter
- *  is untouched by ::APP_BAD_VALUE.  A number beyond 32 bits is logged in that operation's name. */
+/** Reads an attribute's number, 0 to 255.  Otherwise as AppXmlGetAttr_s32(), in whose name a
+ * missing attribute and a number beyond 32 bits are logged; but the out-parameter is untouched by
+ *  ::APP_BAD_VALUE. */
 APP_API uint32_t AppXmlGetAttr_u8(mxml_node_t *ptNode, const char *szAttrName, uint8_t *pbyValue);
 
 /** Reads an attribute's number, 0 to 65535.  Otherwise as AppXmlGetAttr_u8(). */
@@ -165,8 +167,8 @@ APP_API uint32_t AppXmlGetAttr_Bool(mxml_node_t *ptNode, const char *szAttrName,
 
 /** @name Values of an element below a node
  * `szNodeName` is the name of a direct child of `ptParent`, or a path of names from there, parted
- * by '/', in which `*` stands for any name: "net/ip".  Only AppXmlGetSonNodeValue_CData() takes a
- * single name and searches at any depth.
+ * by '/': "net/ip".  A step that is a lone asterisk lets the name behind it lie at any depth.  Only
+ * AppXmlGetSonNodeValue_CData() takes a single name, and searches at any depth itself.
  * @{ */
 
 /**
@@ -308,6 +310,7 @@ APP_API uint32_t AppXmlAddSonNode_u64(mxml_node_t *ptFather, const char *szNodeN
 
 /**
  * Adds an element with a number in fixed point, six digits behind the point: 0.1 is "0.100000".
+ * The point is that of the process's locale; what is no number is "nan" or "inf".
  * @param ptFather   the parent
  * @param szNodeName its name
  * @param dValue     the number; its text has room for 63 characters, so it must lie between -1e55
