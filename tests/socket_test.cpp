@@ -25,6 +25,7 @@ namespace {
 constexpr uint32_t kShort = 60; // a time-out that is meant to expire
 constexpr uint32_t kLong = 60000;
 const TAppNetAddr kLoopback = {APP_NET_ADDR_IPV4, {inet_addr("127.0.0.1")}};
+const TAppNetAddr kLoopback2 = {APP_NET_ADDR_IPV4, {inet_addr("127.0.0.2")}};
 const TAppNetAddr kAny = {APP_NET_ADDR_IPV4, {0}};
 const TAppNetAddr kIpv6 = {APP_NET_ADDR_IPV6, {1}};
 
@@ -45,8 +46,9 @@ struct TUdp {
         wBound = PortOf(hSocket->nFd);
     }
     ~TUdp() { AppSocketDestroy(hSocket); }
-    int32_t Send(const TUdp &to, const char *szText, uint32_t dwTimeout = 0) const {
-        return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &kLoopback, to.wBound);
+    int32_t Send(const TUdp &to, const char *szText, uint32_t dwTimeout = 0,
+                 const TAppNetAddr &addr = kLoopback) const {
+        return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &addr, to.wBound);
     }
 
     HAppSocket hSocket;
@@ -134,12 +136,12 @@ TEST(Socket, DatagramsAndTheirAddresses) {
     uint32_t dwLen = sizeof(achBuf);
     TAppNetAddr local = kIpv6, remote = kIpv6;
     uint16_t wLocal = 1, wRemote = 1;
-    ASSERT_EQ(sender.Send(receiver, "hello", kLong), 5);
+    ASSERT_EQ(sender.Send(receiver, "hello", kLong, kLoopback2), 5);
     ASSERT_EQ(AppSocketUDPRecv(receiver.hSocket, achBuf, &dwLen, kLong, &local, &wLocal, &remote, &wRemote), 5);
     EXPECT_EQ(dwLen, 5u);
     EXPECT_STREQ(achBuf, "hello");
     EXPECT_EQ(local.dwType, 0u);
-    EXPECT_EQ(local.dwIpv4, kLoopback.dwIpv4);
+    EXPECT_EQ(local.dwIpv4, kLoopback2.dwIpv4) << "one of several local addresses";
     EXPECT_EQ(wLocal, 0) << "the port given at the bind";
     EXPECT_EQ(remote.dwType, 0u);
     EXPECT_EQ(remote.dwIpv4, kLoopback.dwIpv4);
@@ -202,6 +204,14 @@ TEST(Socket, WaitsAreKept) {
         EXPECT_EQ(thief.Hits(), 1u);
         late.join();
     }
+    ASSERT_EQ(sender.Send(receiver, "x"), 1);
+    { // Always ready, and yet it would block.
+        fault::Fail starved(Fn::recvmsg, 1, EAGAIN, 1u << 30);
+        start = Now();
+        EXPECT_EQ(receive(kShort), -2);
+        EXPECT_GE(test::ElapsedMs(start), kShort);
+    }
+    EXPECT_EQ(receive(kShort), 1);
     for (const uint32_t dwTimeout : {0x80000000u, 0xFFFFFFFFu}) { // no wait for ever, none of 0
         std::thread late([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -285,6 +295,21 @@ TEST(Socket, ConnectNamesTheCause) {
     }
     log.ExpectLines(
         {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect", ENETUNREACH, strerror(ENETUNREACH))});
+}
+
+// A listener that takes no more connections is as silent as a host that is not there.
+TEST(Socket, ConnectEndsInTime) {
+    TListener listener;
+    ASSERT_EQ(listen(listener.nFd, 0), 0);
+    HAppSocket hSocket = AppSocketTCPConnect(nullptr, &kLoopback, listener.wPort, kLong, nullptr);
+    ASSERT_NE(hSocket, nullptr);
+    LogCapture log;
+    const auto start = Now();
+    EXPECT_EQ(AppSocketTCPConnect(nullptr, &kLoopback, listener.wPort, kShort, nullptr), nullptr);
+    EXPECT_GE(test::ElapsedMs(start), kShort);
+    log.ExpectLines(
+        {Text("[ERROR] %s: connect timeout %d %s\n", "_AppSocketTCPConnect", EINPROGRESS, strerror(EINPROGRESS))});
+    AppSocketDestroy(hSocket);
 }
 
 // ---- Every system call refused --------------------------------------------------------------
@@ -388,6 +413,12 @@ TEST(SocketFault, DataAndOptions) {
     const auto local6Fails = [&] { return AppSocketCalLocalAddr(&kIpv6, &local) == APP_FAILED; };
     CheckFaults({{Fn::socket, nullptr}, {Fn::connect, "[INFO ] _AppSocketCalLocalAddr: connect failed %d %s\n"}},
                 local6Fails);
+    TAppNetAddr loopback6 = {APP_NET_ADDR_IPV6, {0}};
+    loopback6.abyIpv6[15] = 1;
+    if (AppSocketCalLocalAddr(&loopback6, &local) == APP_OK) { // else this machine has no IPv6
+        CheckFaults({{Fn::getsockname, "[INFO ] _AppSocketCalLocalAddr: getsockname failed %d %s\n"}},
+                    [&] { return AppSocketCalLocalAddr(&loopback6, &local) == APP_FAILED; });
+    }
     LogCapture log;
     fault::Fail noMemory(Fn::malloc);
     EXPECT_EQ(AppSocketCreate(nullptr, APP_SOCKET_TCP, 0), nullptr);

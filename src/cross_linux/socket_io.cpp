@@ -52,8 +52,10 @@ TOutcome Run(HAppSocket hSocket, uint32_t dwEvents, uint32_t dwTimeout, const ch
         if (wait != app::WaitResult::Ready)
             return {0, wait == app::WaitResult::Timeout ? kTimeout : kFailed};
         nCount = Try(transfer, MSG_DONTWAIT);
-    } while (WouldBlock(nCount));
-    return {nCount, 0};
+        if (!WouldBlock(nCount))
+            return {nCount, 0};
+    } while (!deadline.Passed()); // short of memory, a socket can stay ready and yet block
+    return {0, kTimeout};
 }
 
 int32_t FinishSend(const TOutcome &outcome, const char *szOp)
