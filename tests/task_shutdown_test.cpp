@@ -211,20 +211,32 @@ TEST_F(TaskShutdown, VisitorsKeepTheRecord) {
         canceller.join();
         EXPECT_EQ(stopper.Text(), "cancel");
     }
-    Diary diary;
+    // The send has given the task's lock, for which somebody waits, and has not woken the thread yet.
+    Door door;
+    Diary diary([&](const Diary::Call &call) {
+        if (call.dwType == APP_TASK_EVENT_USER) door.Pass();
+    });
     Manager manager;
-    HAppTask hTask = manager.New(diary);
+    HAppTask hTask = manager.New(diary, {"task", 0});
+    EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, nullptr, nullptr, nullptr));
+    door.AwaitVisitor(); // busy, so that only the task's lock can have a sleeper
     std::atomic<std::thread::id> sender;
     Stall stall(Fn::pthread_cond_signal, [&] { return std::this_thread::get_id() == sender.load(); });
+    std::thread waiter([&] {
+        uint32_t dwType;
+        void *pvArg, *pvContext;
+        PFAppTaskHandler pfnHandler;
+        while (!stall.WasVisited()) AppTaskGetLastEvent(hTask, &dwType, &pvArg, &pfnHandler, &pvContext);
+    });
     std::thread thread([&] {
         sender = std::this_thread::get_id();
-        do // until the task's thread is asleep and has to be woken
-            EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
-        while (!stall.WasVisited() && (AppDelay(1), true));
+        while (!stall.WasVisited()) EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
     });
     stall.AwaitVisitor();
+    waiter.join();
     {
         Destroyer destroyer(manager);
+        door.Open();
         destroyer.ExpectWaits();
         stall.Open();
     }
