@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+//
+// The states' names and what they admit; the task's last event.
+#include "appcore/platform.h"
+#include "task/task.h"
+#include "utils/log.h"
+
+namespace
+{
+
+constexpr const char *kStateNames[] = {"INIT", "RUNNING",   "PROCESSING",
+                                       "IDLE", "TERMINATE", "UNINIT"};
+constexpr uint32_t kStates = sizeof(kStateNames) / sizeof(kStateNames[0]);
+static_assert(kStates == APP_TASK_STATE_UNINIT + 1, "a name for every state");
+
+} // namespace
+
+const char *_AppGetTaskStateString(uint32_t dwState)
+{
+    return dwState < kStates ? kStateNames[dwState] : "UNKNOWN";
+}
+
+bool app::AdmitsWork(uint32_t dwState)
+{
+    return dwState == APP_TASK_STATE_INIT || dwState == APP_TASK_STATE_RUNNING ||
+           dwState == APP_TASK_STATE_PROCESSING;
+}
+
+uint32_t app::ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick)
+{
+    return AppConvertTickToMS(AppTickDiff(dwStartTick, dwNowTick));
+}
+
+void app::RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg,
+                      PFAppTaskHandler pfnHandler, void *pvContext)
+{
+    Poke(ptTask->dwLastEventType, dwEventType);
+    Poke(ptTask->pvLastArg, pvArg);
+    Poke(ptTask->pfnLastHandler, pfnHandler);
+    Poke(ptTask->pvLastContext, pvContext);
+}
