@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include <algorithm>
 #include <map>
+#include <random>
 #include <thread>
 
 #include "appcore/appcore.h"
@@ -192,35 +194,62 @@ TEST(DoubleList, DestroyWaitsForAUserInside) {
 
 // ---- Queue ----------------------------------------------------------------------------------
 
+// Beside a sorted model; more levels than the queue has fingers, and few, in turn.
 TEST(Queue, OrdersBySignedPriorityThenAge) {
-    struct {
-        const char *szName;
-        std::vector<int32_t> priorities; // of a, b, c, …
-        const char *szOut;
-    } const rows[] = {
-        {"mixed", {5, 1, 5, 9, 1}, "dacbe"},
-        {"equal", {0, 0, 0, 0}, "abcd"},
-        {"signed", {0, -1, 1, INT32_MIN, INT32_MAX, -1}, "ecabfd"},
-        {"between", {9, 1, 5, 5, 7, 1, 3}, "aecdgbf"},
-        {"rising", {1, 2, 3}, "cba"},
-    };
+    std::mt19937 random(7);
     for (const uint32_t bLock : {1u, 0u, 2u})
-        for (const auto &row : rows) {
-            SCOPED_TRACE(row.szName);
-            HAppQueue hQueue = CreateQueue(100, bLock);
+        for (const int nLevels : {1, 3, 9, 40}) {
+            SCOPED_TRACE(nLevels);
+            HAppQueue hQueue = CreateQueue(UINT32_MAX, bLock);
             EXPECT_EQ(hQueue->hLock != nullptr, bLock == 1);
-            for (int nRound = 0; nRound < 2; ++nRound) { // an emptied queue's tail is stale
-                int ch = 'a';
-                for (const int32_t nPriority : row.priorities) {
-                    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El(ch++), nPriority));
-                    EXPECT_TRUE(app::QueueIsValid(hQueue));
+            std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
+            for (unsigned i = 0; i < test::Scaled(4000); ++i) {
+                if (random() % 100 < (i / 100 % 2 ? 30u : 70u)) {
+                    const int nLevel = static_cast<int>(random() % static_cast<unsigned>(nLevels)) - nLevels / 2;
+                    const int32_t nPriority = nLevel == -1 ? INT32_MIN : nLevel == 1 ? INT32_MAX : nLevel;
+                    const char ch = static_cast<char>('!' + i % 90);
+                    ASSERT_CODE(APP_OK, AppQueueIn(hQueue, El(ch), nPriority));
+                    model.emplace(-int64_t{nPriority}, ch);
+                } else if (!model.empty()) {
+                    void *pvData = nullptr;
+                    ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 0, &pvData));
+                    ASSERT_EQ(Letter(pvData), model.begin()->second);
+                    model.erase(model.begin());
                 }
-                EXPECT_EQ(nRound == 0 ? Drain(hQueue) : row.szOut, row.szOut);
+                ASSERT_TRUE(app::QueueIsValid(hQueue));
             }
-            std::string dropped;
+            std::string dropped, expected;
+            for (const auto &[nKey, ch] : model) expected += ch;
             AppQueueDestroy(hQueue, Note, &dropped);
-            EXPECT_EQ(dropped, row.szOut);
+            EXPECT_EQ(dropped, expected);
         }
+}
+
+TEST(Queue, InterruptEndsOneWaitOrIsKeptForTheNext) {
+    HAppQueue hQueue = CreateQueue();
+    app::QueueInterrupt(hQueue);
+    app::QueueInterrupt(hQueue); // no second one is kept
+    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('a'), 0));
+    EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 0, nullptr)); // an element goes first
+    ExpectMarks(hQueue, 0, 100, 1);
+    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 0, nullptr));
+    uint32_t dwResults[3];
+    std::thread consumers[3];
+    for (int i = 0; i < 3; ++i) consumers[i] = std::thread([&, i] { dwResults[i] = AppQueueOut(hQueue, 0, nullptr); });
+    const auto Sleepers = [&] {
+        app::LockGuard guard(hQueue->hLock);
+        return hQueue->dwSleepers;
+    };
+    EXPECT_TRUE(test::WaitUntil([&] { return Sleepers() == 3; }));
+    fault::Fail fail(Fn::malloc, 2); // one for the element
+    app::QueueInterrupt(hQueue);
+    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('b'), 0));
+    app::QueueInterrupt(hQueue);
+    for (std::thread &consumer : consumers) consumer.join();
+    EXPECT_EQ(std::count(dwResults, dwResults + 3, APP_OK), 1);
+    EXPECT_EQ(std::count(dwResults, dwResults + 3, APP_TIMEOUT), 2);
+    ExpectMarks(hQueue, 0, 100, 1);
+    AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
 TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly) {
@@ -342,23 +371,23 @@ TEST(Queue, FaultsLeaveCountAndRecordInStep) {
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
-// Who takes the last element may destroy the queue: its producer no longer touches it.
+// Who takes the last element, or is interrupted, may destroy the queue: nobody touches it any more.
 TEST(Queue, MayBeDestroyedRightAfterItsLastElement) {
     std::atomic<HAppQueue> hShared{nullptr};
     std::atomic<bool> bEnd{false};
     std::thread producer([&] {
         while (!bEnd)
             if (HAppQueue hQueue = hShared.exchange(nullptr))
-                AppQueueIn(hQueue, El('x'), 0);
+                hQueue->dwMaxSize == 1 ? void(AppQueueIn(hQueue, El('x'), 0)) : app::QueueInterrupt(hQueue);
             else
                 std::this_thread::yield();
     });
     for (unsigned i = 0; i < test::Scaled(20000); ++i) {
-        HAppQueue hQueue = CreateQueue(1);
+        HAppQueue hQueue = CreateQueue(1 + i % 2);
         hShared = hQueue;
         for (unsigned nSpin = 0; nSpin < i % 64 * 8; ++nSpin) // asleep, about to sleep, or late
             std::atomic_signal_fence(std::memory_order_seq_cst);
-        ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 60000, nullptr));
+        ASSERT_CODE(i % 2 ? APP_TIMEOUT : APP_OK, AppQueueOut(hQueue, 0, nullptr));
         AppQueueDestroy(hQueue, nullptr, nullptr);
     }
     bEnd = true;
@@ -379,6 +408,7 @@ TEST(Queue, FourProducersAndFourConsumersLoseNothing) {
                 std::this_thread::yield();
             if (i % (kElements / 50) == 0) // lets the consumers fall asleep
                 std::this_thread::sleep_for(std::chrono::microseconds(900 + i % 400));
+            if (i % 7 == 0) app::QueueInterrupt(hQueue);
             ASSERT_CODE(APP_OK, _AppQueueIn(hQueue, El(static_cast<int>(nThread << 24 | i)),
                                             static_cast<int32_t>(i % 3) - 1, 1));
         }
@@ -402,7 +432,7 @@ TEST(Queue, FourProducersAndFourConsumersLoseNothing) {
         test::RunThreads(kThreads, [&](unsigned nThread) { nThread < kProducers ? Produce(nThread) : Consume(); });
         ASSERT_TRUE(app::QueueIsValid(hQueue));
         EXPECT_EQ(AppQueueGetSize(hQueue), 0u);
-        EXPECT_EQ(hQueue->dwSleepers + hQueue->dwPromised, 0u);
+        EXPECT_EQ(hQueue->dwSleepers + hQueue->dwPromised + hQueue->dwInterrupted, 0u);
         EXPECT_EQ(qwSum.exchange(0), uint64_t{kProducers} * kElements * (kElements + 1) / 2);
         EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr));
     }

@@ -3,11 +3,16 @@
 // One critical section is enough to insert an element, and one to take it while nobody has to
 // sleep.  A consumer that finds nothing counts itself as a sleeper and sleeps on hCountLock.  The
 // next insertion makes one sleeper into a promise: it gives hCountLock one unit, and its element,
-// or whichever is first by then, stays in the queue until the woken consumer fetches it.  So
-// consumers inside AppQueueOut() that have found nothing are dwSleepers + dwPromised, whoever they
-// are.  One whose time is up leaves as a sleeper; when all have been promised an element meanwhile,
-// it takes its own.  A queue without hLock has nothing to guard these counts: there hCountLock
-// counts every element.
+// or whichever is first by then, stays in the queue until the woken consumer fetches it.  An
+// interrupt makes one sleeper into an interrupted one, likewise with one unit; without a sleeper it
+// leaves a mark, which answers the next consumer that finds nothing.
+//
+// So consumers inside AppQueueOut() that have found nothing are dwSleepers + dwPromised +
+// dwInterrupted, whoever they are: a woken one fetches a promised element while there is one, and
+// only then counts as interrupted.  One whose time is up leaves as a sleeper; when there is none
+// any more, a unit is on its way for every consumer left, and it waits for its own.  Units are
+// given after hLock and are the giver's last touch: no consumer leaves before the unit made for it.
+// A queue without hLock has nothing to guard these counts: there hCountLock counts every element.
 #include "utils/queue.h"
 
 #include "appcore/mempool.h"
@@ -17,8 +22,10 @@
 #include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, dwTopSize) == 28);
-static_assert(offsetof(TAppQueueNode, nPriority) == 8);
+static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, aptFinger) == 32);
+static_assert(sizeof(TAppQueueNode) == 12 && offsetof(TAppQueueNode, nPriority) == 8);
+// With both pool headers the record fills a block of 128 bytes, a node one of 32.
+static_assert(sizeof(TAppQueue) + 20 <= 128);
 #endif
 
 namespace
@@ -38,53 +45,82 @@ uint32_t CreateLock(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCo
     return dwResult;
 }
 
-// Puts a node behind the last node of a level, of which it becomes part when it can.
-void PlaceBehindLevel(HAppQueue hQueue, TAppQueueNode *ptLevel, TAppQueueNode *ptNode)
+// The fingers at priorities not below this one.
+uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority)
 {
-    TAppQueueNode *ptBefore = ptLevel->ptLevelTail;
+    uint32_t dwCount = 0;
+    while (dwCount < APP_QUEUE_FINGER_NUM && ptQueue->aptFinger[dwCount] &&
+           ptQueue->aptFinger[dwCount]->nPriority >= nPriority)
+        ++dwCount;
+    return dwCount;
+}
+
+void DropFinger(HAppQueue hQueue, uint32_t dwFinger)
+{
+    for (; dwFinger + 1 < APP_QUEUE_FINGER_NUM; ++dwFinger)
+        hQueue->aptFinger[dwFinger] = hQueue->aptFinger[dwFinger + 1];
+    hQueue->aptFinger[dwFinger] = nullptr;
+}
+
+// Behind the fingers in front of it, of which the last may be that of the same level.
+void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
+{
+    TAppQueueNode **pptFinger = hQueue->aptFinger;
+    if (dwBefore > 0 && pptFinger[dwBefore - 1]->nPriority == ptNode->nPriority) {
+        pptFinger[dwBefore - 1] = ptNode;
+        return;
+    }
+    if (pptFinger[APP_QUEUE_FINGER_NUM - 1]) {
+        const uint32_t dwVictim = hQueue->dwVictim++ % APP_QUEUE_FINGER_NUM;
+        DropFinger(hQueue, dwVictim);
+        dwBefore -= dwVictim < dwBefore ? 1 : 0;
+    }
+    for (uint32_t i = APP_QUEUE_FINGER_NUM - 1; i > dwBefore; --i)
+        pptFinger[i] = pptFinger[i - 1];
+    pptFinger[dwBefore] = ptNode;
+}
+
+void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode)
+{
+    TAppQueueNode *ptTail = hQueue->ptTail;
+    if (ptTail->nPriority != ptNode->nPriority) // the old tail ends its level from now on
+        AddFinger(hQueue, CountFingers(hQueue, ptTail->nPriority), ptTail);
+    ptTail->ptNext = ptNode;
+    hQueue->ptTail = ptNode;
+}
+
+void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode)
+{
+    const uint32_t dwBefore = CountFingers(hQueue, ptNode->nPriority);
+    TAppQueueNode *ptBefore = dwBefore > 0 ? hQueue->aptFinger[dwBefore - 1] : hQueue->ptHead;
+    while (ptBefore->ptNext->nPriority >= ptNode->nPriority)
+        ptBefore = ptBefore->ptNext;
     ptNode->ptNext = ptBefore->ptNext;
     ptBefore->ptNext = ptNode;
-    TAppQueueNode *ptOwnLevel = ptLevel->nPriority == ptNode->nPriority ? ptLevel : ptNode;
-    ptOwnLevel->ptLevelTail = ptNode;
-    if (hQueue->ptTail == ptBefore) {
-        hQueue->ptTail = ptNode;
-        hQueue->ptLastLevel = ptOwnLevel;
-    }
+    AddFinger(hQueue, dwBefore, ptNode);
 }
 
 // Behind all elements of equal or higher priority, before the first of lower priority.
 void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
 {
-    if (!hQueue->ptHead || hQueue->ptHead->nPriority < ptNode->nPriority) {
-        if (!hQueue->ptHead) {
+    if (hQueue->ptHead && hQueue->ptTail->nPriority >= ptNode->nPriority) {
+        PlaceAtTail(hQueue, ptNode);
+    } else if (hQueue->ptHead && hQueue->ptHead->nPriority >= ptNode->nPriority) {
+        PlaceBetween(hQueue, ptNode);
+    } else {
+        if (!hQueue->ptHead)
             hQueue->ptTail = ptNode;
-            hQueue->ptLastLevel = ptNode;
-        }
         ptNode->ptNext = hQueue->ptHead;
-        ptNode->ptLevelTail = ptNode;
         hQueue->ptHead = ptNode;
-        return;
     }
-    TAppQueueNode *ptLevel = hQueue->ptLastLevel;
-    if (ptLevel->nPriority < ptNode->nPriority) {
-        ptLevel = hQueue->ptHead;
-        for (TAppQueueNode *ptNext = ptLevel->ptLevelTail->ptNext;
-             ptNext->nPriority >= ptNode->nPriority; ptNext = ptLevel->ptLevelTail->ptNext)
-            ptLevel = ptNext;
-    }
-    PlaceBehindLevel(hQueue, ptLevel, ptNode);
 }
 
 TAppQueueNode *UnlinkHead(HAppQueue hQueue)
 {
     TAppQueueNode *ptNode = hQueue->ptHead;
-    TAppQueueNode *ptNext = ptNode->ptNext;
-    if (ptNode->ptLevelTail != ptNode) { // the level goes on with the next node
-        ptNext->ptLevelTail = ptNode->ptLevelTail;
-        if (hQueue->ptLastLevel == ptNode)
-            hQueue->ptLastLevel = ptNext;
-    }
-    hQueue->ptHead = ptNext;
+    if (hQueue->aptFinger[0] == ptNode)
+        DropFinger(hQueue, 0);
+    hQueue->ptHead = ptNode->ptNext;
     --hQueue->dwCurSize;
     return ptNode;
 }
@@ -101,19 +137,25 @@ bool Promise(HAppQueue hQueue)
     return true;
 }
 
-// The first element, unless all are promised: then the caller is a sleeper.
-TAppQueueNode *TakeFree(HAppQueue hQueue)
+// False when the caller has to sleep.  Otherwise it has the first element that is not promised, or
+// none when an interrupt was kept for it.
+bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
 {
     if (!hQueue->hLock)
-        return nullptr;
+        return false;
     app::LockGuard guard(hQueue->hLock);
-    if (hQueue->dwCurSize > hQueue->dwPromised)
-        return UnlinkHead(hQueue);
-    ++hQueue->dwSleepers;
-    return nullptr;
+    if (hQueue->dwCurSize > hQueue->dwPromised) {
+        *pptNode = UnlinkHead(hQueue);
+    } else if (hQueue->bInterrupt) {
+        hQueue->bInterrupt = false;
+    } else {
+        ++hQueue->dwSleepers;
+        return false;
+    }
+    return true;
 }
 
-uint32_t AwaitPromise(HAppQueue hQueue, uint32_t dwTimeout)
+uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
 {
     const uint32_t dwResult = AppLockTakeByTime(hQueue->hCountLock, dwTimeout);
     if (dwResult == APP_OK || !hQueue->hLock)
@@ -125,15 +167,21 @@ uint32_t AwaitPromise(HAppQueue hQueue, uint32_t dwTimeout)
             return dwResult;
         }
     }
-    // Every consumer still here has been promised an element since: the unit is on its way.
+    // Every consumer still here has been promised an element or interrupted since.
     return AppLockTakeByTime(hQueue->hCountLock, 0);
 }
 
+// With a unit in hand: a promised element, or null when that unit was an interrupt's.
 TAppQueueNode *TakePromised(HAppQueue hQueue)
 {
     app::LockGuard guard(hQueue->hLock);
-    if (hQueue->hLock)
+    if (hQueue->hLock) {
+        if (hQueue->dwPromised == 0) {
+            --hQueue->dwInterrupted;
+            return nullptr;
+        }
         --hQueue->dwPromised;
+    }
     return UnlinkHead(hQueue);
 }
 
@@ -208,7 +256,7 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, co
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
         return APP_NO_RESOURCE;
     }
-    *ptNode = {nullptr, pvData, nPriority, nullptr};
+    *ptNode = {nullptr, pvData, nPriority};
     PlaceNode(hQueue, ptNode);
     if (++hQueue->dwCurSize > hQueue->dwTopSize)
         hQueue->dwTopSize = hQueue->dwCurSize;
@@ -230,10 +278,24 @@ uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int3
     return dwResult;
 }
 
-// The last touch: the consumer of the element may destroy the queue.
+// The last touch: the woken consumer may destroy the queue.
 void app::QueueWake(HAppQueue hQueue)
 {
     AppLockGive(hQueue->hCountLock);
+}
+
+void app::QueueInterrupt(HAppQueue hQueue)
+{
+    {
+        LockGuard guard(hQueue->hLock);
+        if (hQueue->dwSleepers == 0) {
+            hQueue->bInterrupt = true;
+            return;
+        }
+        --hQueue->dwSleepers;
+        ++hQueue->dwInterrupted;
+    }
+    QueueWake(hQueue);
 }
 
 uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce)
@@ -256,13 +318,15 @@ uint32_t AppQueueOut(HAppQueue hQueue, uint32_t dwTimeout, void **ppvData)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    TAppQueueNode *ptNode = TakeFree(hQueue);
-    if (!ptNode) {
-        const uint32_t dwResult = AwaitPromise(hQueue, dwTimeout);
+    TAppQueueNode *ptNode = nullptr;
+    if (!TakeFree(hQueue, &ptNode)) {
+        const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
         if (dwResult != APP_OK)
             return dwResult;
         ptNode = TakePromised(hQueue);
     }
+    if (!ptNode)
+        return APP_TIMEOUT; // interrupted
     if (ppvData)
         *ppvData = ptNode->pvData;
     AppMemPoolFree(ptNode);
@@ -300,18 +364,18 @@ bool app::QueueIsValid(HAppQueue hQueue)
 {
     LockGuard guard(hQueue->hLock);
     uint32_t dwCount = 0;
-    const TAppQueueNode *ptLevel = nullptr; // first node of the present level
+    uint32_t dwFingers = 0;
     const TAppQueueNode *ptLast = nullptr;
     for (const TAppQueueNode *ptNode = hQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
         if (++dwCount > hQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
             return false;
-        const bool bNewLevel = !ptLast || ptLast->nPriority != ptNode->nPriority;
-        if (bNewLevel && ptLevel && ptLevel->ptLevelTail != ptLast)
-            return false;
-        ptLevel = bNewLevel ? ptNode : ptLevel;
+        if (dwFingers < APP_QUEUE_FINGER_NUM && ptNode == hQueue->aptFinger[dwFingers]) {
+            if (!ptNode->ptNext || ptNode->ptNext->nPriority == ptNode->nPriority)
+                return false;
+            ++dwFingers;
+        }
         ptLast = ptNode;
     }
-    return dwCount == hQueue->dwCurSize &&
-           (!ptLast || (ptLast == hQueue->ptTail && ptLevel == hQueue->ptLastLevel &&
-                        ptLevel->ptLevelTail == ptLast));
+    return dwCount == hQueue->dwCurSize && (!ptLast || ptLast == hQueue->ptTail) &&
+           (dwFingers == APP_QUEUE_FINGER_NUM || !hQueue->aptFinger[dwFingers]);
 }

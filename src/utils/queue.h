@@ -10,26 +10,32 @@ struct TAppQueueNode {
     TAppQueueNode *ptNext; // towards the tail
     void *pvData;
     int32_t nPriority;
-    TAppQueueNode *ptLevelTail; // in the first node of a level: the level's last
 };
 
+#define APP_QUEUE_FINGER_NUM 8u
+
 // From the head, priorities never increase; equal ones, a level, are in the order of insertion.
-// An insertion between the ends passes level by level, so its cost is that of the levels in use,
-// not of the elements.
+// An insertion between the ends starts at a finger: so it costs nothing while the levels in use are
+// no more than the fingers, and a fraction of the elements' number beyond.
 struct TAppQueue {
     TAppQueueNode *ptTail; // meaningful only while ptHead is not null
     TAppQueueNode *ptHead;
     HAppLock hLock;      // guards the record; null for a queue without
-    HAppLock hCountLock; // consumers sleep on it; one unit for each element that is promised
+    HAppLock hCountLock; // consumers sleep on it; one unit for each that is woken
     HAppMemPool hMemPool;
     uint32_t dwCurSize;
     uint32_t dwMaxSize; // for ordinary insertions; 0 is no limit
     uint32_t dwTopSize; // highest dwCurSize since creation or the last change of the maximum
-    TAppQueueNode *ptLastLevel; // first node of the level that ptTail ends
+
+    // Last nodes of levels, never the tail, from head to tail; unused ones are null.
+    TAppQueueNode *aptFinger[APP_QUEUE_FINGER_NUM];
+    uint32_t dwVictim; // which finger makes room next
 
     // Of a queue with hLock: see queue.cpp.
-    uint32_t dwSleepers; // consumers that found nothing and have been promised nothing
-    uint32_t dwPromised; // elements that wait for a consumer which has been woken for them
+    uint32_t dwSleepers;    // consumers that found nothing and for which no unit is on its way
+    uint32_t dwPromised;    // elements that wait for a consumer which has been woken for them
+    uint32_t dwInterrupted; // consumers that have been woken for nothing
+    bool bInterrupt;        // an interrupt that found no sleeper: for the next one
 };
 
 extern "C" {
@@ -51,7 +57,13 @@ uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t b
                     const char *szOp, bool *pbWake);
 void QueueWake(HAppQueue hQueue);
 
-// Order, count and tail agree.  For tests; takes the queue's lock.
+// Ends the wait of one consumer, whose AppQueueOut() returns APP_TIMEOUT.  While none waits the
+// interrupt is kept, one at most, for the next that would have to.  An element that is there goes
+// first; size, marks and elements stay as they are, and no memory is needed.  The interrupted
+// consumer may destroy the queue as soon as it has returned.  Only for a queue with a lock.
+void QueueInterrupt(HAppQueue hQueue);
+
+// Order, count, tail and fingers agree.  For tests; takes the queue's lock.
 bool QueueIsValid(HAppQueue hQueue);
 } // namespace app
 
