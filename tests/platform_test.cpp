@@ -199,6 +199,22 @@ TEST(Lock, RefusedSignalGivesNothing) {
     AppLockDestroy(hLock);
 }
 
+// The second give of two, made before the first sleeper can have run, wakes the second sleeper.
+TEST(Lock, EachOfTwoGivesSignals) {
+    HAppLock hLock = CreateLock(2, 0);
+    SleepingTaker first(hLock, 0), second(hLock, 0);
+    fault::Fail signals(Fn::pthread_cond_signal, 1, 0, 1, fault::kEveryThread);
+    signals.Action([&] {
+        std::thread([&] { EXPECT_CODE(APP_OK, AppLockGive(hLock)); }).join();
+        EXPECT_GE(signals.Calls(), 2u); // more once the sleepers run
+    });
+    EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    EXPECT_CODE(APP_OK, first.Join());
+    EXPECT_CODE(APP_OK, second.Join());
+    EXPECT_EQ(CountUnits(hLock), 2u);
+    AppLockDestroy(hLock);
+}
+
 // Every unit reaches a sleeper at once: given in a burst, one after the other, or while a taker
 // whose time has just run out may eat the signal.  A sleeper that is missed wakes when its slice
 // ends.
