@@ -12,6 +12,10 @@ if(NOT APPCORE_SANITIZE)
         $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
 endif()
 
+if(APPCORE_CHECKS)
+    add_compile_definitions(APPCORE_CHECKS=1)
+endif()
+
 if(APPCORE_SANITIZE)
     add_compile_options(-fsanitize=${APPCORE_SANITIZE} -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${APPCORE_SANITIZE})

@@ -1,20 +1,30 @@
 /* SPDX-License-Identifier: MIT
  *
  * The semaphore of src/cross_linux/lock.cpp as a model: every interleaving of takers (with and
- * without time-out), givers and a destroyer.  Run by scripts/check/model.
+ * without time-out), givers and a destroyer; and, with USERS, of threads that use it as a mutex.
+ * Run by scripts/check/model.
  *
- * Proved: no taker sleeps for ever beside a unit (spin reports it as an invalid end state), units
- * are conserved, and no give touches the lock after it has been destroyed.  The library's waits in
- * slices, a precaution against C libraries that lose signals, are left out: the protocol must hold
- * without them.
+ * Proved: no taker sleeps for ever beside a unit (spin reports it as an invalid end state), nor
+ * until another sleeper has run, units are conserved up to the ceiling, a binary lock excludes, and
+ * no give touches the lock after it has been destroyed.  The library's waits in slices, a
+ * precaution against C libraries that lose signals, are left out: the protocol must hold without
+ * them.
  */
+#ifndef USERS
+#define USERS 0 /* threads that take the unit and give it back, the last with a time-out */
+#endif
 #ifndef PATIENT
 #define PATIENT 2 /* takers without time-out */
 #endif
 #ifndef HASTY
 #define HASTY 1 /* takers whose time-out may pass at any moment */
 #endif
+#ifndef GIVERS
 #define GIVERS (PATIENT + HASTY) /* one unit each: the patient takers must all return */
+#endif
+#ifndef MAX
+#define MAX GIVERS /* dwMaxCount */
+#endif
 
 byte count;      /* the units in dwCount */
 bool flag;       /* kSleepers in dwCount */
@@ -23,7 +33,7 @@ byte publishing; /* dwGivers */
 bool mutex;
 byte asleep;  /* threads inside pthread_cond_timedwait */
 byte signals; /* signals sent to them and not yet received */
-byte taken, done;
+byte taken, done, inside;
 bool destroyed;
 
 inline Touch() { assert(!destroyed) }
@@ -82,6 +92,23 @@ inline Take(hasty) {
     fi
 }
 
+inline Raise() { if :: count < MAX -> count++ :: else fi; assert(count <= MAX) }
+
+inline Give() {
+    /* The fast path: one exchange, and nothing after it. */
+    atomic { Touch(); if :: flag -> slow = true :: else -> slow = false; Raise() fi }
+    if
+    :: slow ->
+        LockMutex();
+        atomic { Touch(); publishing++ }
+        atomic { Touch(); Raise(); flag = (sleepers > count && MAX > count) }
+        UnlockMutex();
+        Signal();
+        atomic { Touch(); publishing-- } /* the last touch */
+    :: else
+    fi
+}
+
 proctype Taker(bool hasty) {
     bool got, expired, left;
     Take(hasty);
@@ -90,30 +117,46 @@ proctype Taker(bool hasty) {
 
 proctype Giver() {
     bool slow;
-    /* The fast path: one exchange, and nothing after it. */
-    atomic { Touch(); if :: !flag -> count++ :: else -> slow = true fi }
+    Give()
+}
+
+proctype User(bool hasty) {
+    bool got, expired, left, slow;
+    Take(hasty);
+    assert(got || hasty);
     if
-    :: slow ->
-        LockMutex();
-        atomic { Touch(); publishing++ }
-        atomic { Touch(); count++; flag = false }
-        UnlockMutex();
-        Signal();
-        atomic { Touch(); publishing-- } /* the last touch */
+    :: got -> inside++; assert(inside == 1); inside--; Give()
     :: else
     fi
+    done++
 }
+
+/* A sleeper without a signal beside a unit that neither a taker on its way nor a give still inside
+ * will see to: it would have to wait until some sleeper has run. */
+proctype Watch() {
+end:
+    atomic {
+        !mutex && publishing == 0 && asleep > signals && count > sleepers - asleep + signals ->
+            assert(false)
+    }
+}
+
+#define START(number, process) i = 0; do :: i < number -> i++; run process :: else -> break od
 
 init {
     byte i;
     atomic {
-        for (i : 1 .. PATIENT) { run Taker(false) }
-        for (i : 1 .. HASTY) { run Taker(true) }
-        for (i : 1 .. GIVERS) { run Giver() }
+        run Watch();
+        count = (USERS > 0 -> 1 : 0);
+        START(USERS, User(i == USERS));
+        START(PATIENT, Taker(false));
+        START(HASTY, Taker(true));
+        START(GIVERS, Giver())
     }
     /* Once every unit has been taken, and no taker is left, the owner may destroy the lock, though
      * givers may still be inside. */
-    done == PATIENT + HASTY;
+    done == PATIENT + HASTY + USERS;
+    assert(USERS == 0 || count == 1);
     if
     :: taken == GIVERS -> publishing == 0; destroyed = true
     :: else

@@ -146,16 +146,16 @@ TEST(DoubleList, RefusesWhatItCannotHold) {
     HAppDoubleListNode hA = Append(hList, 'a');
     EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(hList, nullptr, nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(nullptr, hA, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListInsertAfter(nullptr, nullptr, El('x'), nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListInsertBefore(nullptr, nullptr, El('x'), nullptr));
     Append(hList, 'b');
-    log.ExpectNone();
-    HAppDoubleListNode hNode = hA;
-    EXPECT_CODE(APP_NO_RESOURCE, AppDoubleListInsertAfter(hList, hA, El('x'), &hNode));
-    EXPECT_CODE(APP_NO_RESOURCE, AppDoubleListInsertBefore(hList, hA, El('x'), &hNode));
+    for (const auto Insert : {AppDoubleListInsertAfter, AppDoubleListInsertBefore}) {
+        HAppDoubleListNode hNode = hA;
+        EXPECT_CODE(APP_INVALID_ARG, Insert(nullptr, nullptr, El('x'), &hNode));
+        EXPECT_EQ(hNode, hA);
+        EXPECT_CODE(APP_NO_RESOURCE, Insert(hList, hA, El('x'), &hNode));
+        EXPECT_EQ(hNode, nullptr);
+    }
     log.ExpectLines({"[ERROR] AppDoubleListInsertAfter: List full. cur size: 2 max size: 2\n",
                      "[ERROR] AppDoubleListInsertBefore: List full. cur size: 2 max size: 2\n"});
-    EXPECT_EQ(hNode, hA);
     EXPECT_EQ(Walk(hList), "ab");
     AppDoubleListDestroy(hList, nullptr, nullptr);
     AppDoubleListDestroy(nullptr, Note, nullptr);
@@ -167,11 +167,12 @@ TEST(DoubleList, FaultsLeaveItUnchanged) {
         AppDoubleListDestroy);
     LogCapture log;
     HAppDoubleList hList = CreateList();
-    HAppDoubleListNode hNode = Append(hList, 'a'), hUntouched = hNode;
+    HAppDoubleListNode hFirst = Append(hList, 'a');
     for (const auto Insert : {AppDoubleListInsertAfter, AppDoubleListInsertBefore}) {
         fault::Fail fail(Fn::malloc);
-        EXPECT_CODE(APP_NO_RESOURCE, Insert(hList, hNode, El('x'), &hUntouched));
-        EXPECT_EQ(hUntouched, hNode);
+        HAppDoubleListNode hNode = hFirst;
+        EXPECT_CODE(APP_NO_RESOURCE, Insert(hList, hFirst, El('x'), &hNode));
+        EXPECT_EQ(hNode, nullptr);
         EXPECT_EQ(Walk(hList), "a");
     }
     EXPECT_EQ(log.Count("[ERROR] AppDoubleListInsertAfter: AppMemPoolMalloc failed\n"), 1u);

@@ -8,6 +8,7 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "utils/lock_guard.h"
 
 using fault::Fn;
 using test::LogCapture;
@@ -249,26 +250,36 @@ TEST_F(MemPool, TracesTellEveryStep) {
 TEST_F(MemPool, DamageIsReportedAndSurvived) {
     void *pvData = AppMemPoolMalloc(hPool, kSize);
     log.Name(BlockOf(pvData) + 1, "HEAD");
-    ptImpl->dwOnWorkSize = 1; // less than what is released now
+    hPool->dwCurSize = ptImpl->dwOnWorkSize = 1; // less than what is released now
     AppMemPoolFree(pvData);
+    EXPECT_EQ(hPool->dwCurSize, 0u);
+    ExpectCounters(0, 0, 128); // no account wraps
     log.ExpectLines({"[ERROR] _AppFree: WARING!!!! MEMPOOL ENGINE(OnWorkSize=1) is less than HEAD(size=128), "
                      "MEM LEAK may occured!!!!\n"});
-    ptImpl->dwOnWorkSize = 0;
     EXPECT_EQ(AppMemPoolMalloc(hPool, kSize), pvData); // released all the same
 
     // A listed block whose size fits no class is kept: the pool's destruction releases it, once.
     BlockOf(pvData)->dwBlockSize = 5000000;
-    ptImpl->dwOnWorkSize = ptImpl->dwTotalSize = 6000000;
+    ptImpl->dwOnWorkSize = 6000000;
     AppMemPoolFree(pvData);
     log.ExpectLines({"[ERROR] _AppFree: WARING!!!!  HEAD(size=5000000) use MP ENGINE, SHOULD NOT "
                      "BE IN THE ON LIST!!!!\n"});
     EXPECT_EQ(ptImpl->dwOnWorkCount, 0u);
     EXPECT_EQ(ptImpl->dwOnWorkSize, 1000000u);
-    EXPECT_EQ(ptImpl->dwTotalSize, 1000000u);
+    EXPECT_EQ(ptImpl->dwTotalSize, 0u);
     EXPECT_FALSE(app::PoolIsValid(hPool)); // the check sees it
     BlockOf(pvData)->dwBlockSize = 128;
     ptImpl->dwOnWorkCount = 1;
     ptImpl->dwOnWorkSize = ptImpl->dwTotalSize = 128;
+}
+
+TEST(MemPoolChecks, FindASecondRelease) {
+    HAppMemPool hPool = nullptr;
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 1, 0, &hPool));
+    void *pvData = AppMemPoolMalloc(hPool, kSize);
+    AppMemPoolFree(pvData);
+    EXPECT_DEATH(AppMemPoolFree(pvData), "\\[ERROR\\] _AppFree: the block has been released before");
+    AppMemPoolDestroy(hPool);
 }
 
 TEST_F(MemPool, EveryFailedCreationLeavesNothing) {
@@ -370,6 +381,11 @@ TEST_F(MemPool, ReportShowsClassesAndTotals) {
     EXPECT_EQ(Report(nullptr).size(), 0u);
     _AppMemPoolShow(nullptr, Collect, nullptr);
     AppMemPoolShow(hPool, nullptr, nullptr);
+    const auto UseThePool = [](const char *, void *pvContext) {
+        app::LockGuard guard(static_cast<HAppMemPool>(pvContext)->hLock, 1000);
+        EXPECT_TRUE(guard);
+    };
+    AppMemPoolShow(hPool, UseThePool, hPool);
 }
 
 TEST_F(MemPool, ReportComesWhileTheLockIsHeldElsewhere) {

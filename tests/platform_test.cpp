@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <limits.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -199,6 +201,22 @@ TEST(Lock, RefusedSignalGivesNothing) {
     AppLockDestroy(hLock);
 }
 
+// The second give of two, made before the first sleeper can have run, wakes the second sleeper.
+TEST(Lock, EachOfTwoGivesSignals) {
+    HAppLock hLock = CreateLock(2, 0);
+    SleepingTaker first(hLock, 0), second(hLock, 0);
+    fault::Fail signals(Fn::pthread_cond_signal, 1, 0, 1, fault::kEveryThread);
+    signals.Action([&] {
+        std::thread([&] { EXPECT_CODE(APP_OK, AppLockGive(hLock)); }).join();
+        EXPECT_GE(signals.Calls(), 2u); // more once the sleepers run
+    });
+    EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    EXPECT_CODE(APP_OK, first.Join());
+    EXPECT_CODE(APP_OK, second.Join());
+    EXPECT_EQ(CountUnits(hLock), 2u);
+    AppLockDestroy(hLock);
+}
+
 // Every unit reaches a sleeper at once: given in a burst, one after the other, or while a taker
 // whose time has just run out may eat the signal.  A sleeper that is missed wakes when its slice
 // ends.
@@ -310,7 +328,13 @@ TEST(Tick, CountsTenMilliseconds) {
     const uint32_t dwStart = AppGetTick();
     const auto start = steady_clock::now();
     AppDelay(0);
+    struct sigaction tAction = {};
+    tAction.sa_handler = [](int) {};
+    sigaction(SIGALRM, &tAction, nullptr);
+    const itimerval tEach20Ms = {{0, 20000}, {0, 20000}}, tNever = {};
+    setitimer(ITIMER_REAL, &tEach20Ms, nullptr); // signals do not cut it short
     AppDelay(300);
+    setitimer(ITIMER_REAL, &tNever, nullptr);
     const int64_t qnAtLeast = test::ElapsedMs(start);
     const uint32_t dwElapsed = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
     EXPECT_GE(qnAtLeast, 300);

@@ -71,7 +71,8 @@ APP_API uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, u
 /**
  * Takes the list's lock without limit and destroys the list.
  * @param hList     null does nothing; no other thread may use it any more
- * @param pfnFree   called with each remaining element, head to tail; may be null
+ * @param pfnFree   called with each remaining element, head to tail, the list's lock held: it must
+ *                  not use the list; may be null
  * @param pvContext handed to `pfnFree`
  */
 APP_API void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvContext);
@@ -81,7 +82,8 @@ APP_API void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void 
  * @param hList   the list
  * @param hAnchor a node of this list; null appends at the tail
  * @param pvData  the element
- * @param phNode  receives the new node; may be null
+ * @param phNode  receives the new node, null when nothing was inserted; untouched by argument
+ *                errors; may be null
  * @retval APP_OK          inserted
  * @retval APP_INVALID_ARG null `hList`
  * @retval APP_NO_RESOURCE the list is full, or no memory
@@ -131,7 +133,8 @@ APP_API uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32
 /**
  * Destroys a queue.  No consumer may be waiting: waiters are not woken.
  * @param hQueue    null does nothing
- * @param pfnDrop   called with each remaining element, highest priority first; may be null
+ * @param pfnDrop   called with each remaining element, highest priority first, the queue's lock
+ *                  held: it must not use the queue; may be null
  * @param pvContext handed to `pfnDrop`
  */
 APP_API void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext);

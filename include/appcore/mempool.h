@@ -61,7 +61,8 @@ APP_API void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwS
 
 /**
  * Releases a block into the pool that it came from.  A pointer without the block header is
- * reported with an ERROR line and left alone; a second release is not detected.
+ * reported with an ERROR line and left alone.  A second release must not happen and is not
+ * detected; builds with APPCORE_CHECKS report it, where the pool has kept the block, and abort.
  * @param pvData null does nothing
  */
 APP_API void AppMemPoolFree(void *pvData);
@@ -77,9 +78,10 @@ APP_API char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSiz
 
 /**
  * Reports a pool: its limit and size, the blocks of each size class, and the engine's counters.
- * Waits at most 1000 ms for the pool's lock and reports without it otherwise.
+ * Waits at most 1000 ms for the pool's lock to copy the figures, and copies them without it
+ * otherwise.  The text comes after the lock has been given: `pfnShow` may use the pool.
  * @param hMemPool  null hands nothing over
- * @param pfnShow   receives the text in pieces, the pool's lock held; null drops it
+ * @param pfnShow   receives the text in pieces; null drops it
  * @param pvContext handed to `pfnShow`
  */
 APP_API void AppMemPoolShow(HAppMemPool hMemPool, PFAppShow pfnShow, void *pvContext);

@@ -77,7 +77,7 @@ APP_API uint32_t AppConvertTickToMS(uint32_t dwTick);
 /** @return the ticks from `dwStart` to `dwEnd`, across one wrap of the counter */
 APP_API uint32_t AppTickDiff(uint32_t dwStart, uint32_t dwEnd);
 
-/** Sleeps.  @param dwMs milliseconds, at most 4294967 (71 minutes); 0 returns at once */
+/** Sleeps; a signal does not cut it short.  @param dwMs milliseconds; 0 returns at once */
 APP_API void AppDelay(uint32_t dwMs);
 
 #ifdef __cplusplus

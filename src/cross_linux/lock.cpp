@@ -3,10 +3,12 @@
 // The semaphore keeps its fast paths to one atomic operation each.  A top bit in `dwCount` says
 // that takers sleep: only then does a give go through the mutex and signal.
 //
-// A taker that sleeps sets the bit under the mutex.  The give that finds it clears it, so that the
-// takers after it are fast again, and signals one sleeper.  Every sleeper on its way out, with a
-// unit or without, sets the bit again when others still sleep and passes a unit that is left on to
-// them.  So a signal that reached a taker whose time had just run out is never lost.
+// A taker that sleeps sets the bit under the mutex.  A give that finds it signals one sleeper, and
+// clears it once there is a unit for every sleeper, or no room for more units: until then the next
+// give has to wake the next one, whether or not the first has run.  So a lock with a ceiling of 1
+// is fast again after one give.  Every sleeper on its way out, with a unit or without, sets the bit
+// again when others still sleep and passes a unit that is left on to them.  So a signal that
+// reached a taker whose time had just run out is never lost.
 #include <errno.h>
 #include <pthread.h>
 #include <sched.h>
@@ -152,16 +154,25 @@ bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
     return pthread_mutex_trylock(&hLock->tMutex) == 0 || TakeRecursiveUntil(hLock, dwTimeout);
 }
 
+// Under tMutex.  One unit more; the bit stays while the next give has to wake someone, too.
+void RaiseForSleepers(HAppLock hLock)
+{
+    const uint32_t dwMost = Least(hLock->dwSleepers, hLock->dwMaxCount);
+    uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
+    uint32_t dwRaised;
+    do {
+        const uint32_t dwUnits = Least((dwCount & kMaxUnits) + 1, hLock->dwMaxCount);
+        dwRaised = dwUnits < dwMost ? dwUnits | kSleepers : dwUnits;
+    } while (!hLock->dwCount.compare_exchange_weak(dwCount, dwRaised, std::memory_order_release,
+                                                   std::memory_order_relaxed));
+}
+
 [[gnu::noinline]] uint32_t GiveSleeping(HAppLock hLock)
 {
     {
         app::MutexGuard guard(hLock->tMutex);
         hLock->dwGivers.fetch_add(1, std::memory_order_relaxed);
-        uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
-        while (!hLock->dwCount.compare_exchange_weak(
-            dwCount, Least((dwCount & kMaxUnits) + 1, hLock->dwMaxCount), std::memory_order_release,
-            std::memory_order_relaxed)) {
-        }
+        RaiseForSleepers(hLock);
     }
     // Signalled outside the mutex, so that the woken taker does not run into it.  That taker may
     // destroy the lock at once: AppLockDestroy waits for the count of givers, the last touch here.

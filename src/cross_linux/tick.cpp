@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <errno.h>
 #include <time.h>
-#include <unistd.h>
 
 #include "cross_linux/cross_linux.h"
+#include "cross_linux/deadline.h"
 
 namespace
 {
@@ -30,5 +30,9 @@ uint32_t _AppConvertTickToMS(uint32_t dwTick)
 
 void _AppDelay(uint32_t dwMs)
 {
-    usleep(dwMs * 1000);
+    if (dwMs == 0)
+        return;
+    const struct timespec tEnd = app::Deadline(dwMs).End();
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &tEnd, nullptr) == EINTR) {
+    }
 }

@@ -101,7 +101,9 @@ void AppMemPoolFree(void *pvData)
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
         app::LockGuard guard(hMemPool->hLock);
-        app::Poke(hMemPool->dwCurSize, hMemPool->dwCurSize - dwSize);
+        // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
+        app::Poke(hMemPool->dwCurSize,
+                  hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
         APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
                   app::Ptr(hMemPool), pvData, app::Ul(dwSize));
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);

@@ -6,19 +6,33 @@
 
 static constexpr uint32_t kLockWaitMs = 1000;
 
+namespace
+{
+struct PoolFigures {
+    uint32_t dwCurSize;
+    app::EngineFigures engine;
+};
+
+// Without the lock the figures may not fit together, but only counters are read: still safe.
+PoolFigures ReadPool(HAppMemPool hMemPool)
+{
+    app::LockGuard guard(hMemPool->hLock, kLockWaitMs);
+    return {app::Peek(hMemPool->dwCurSize), app::ReadEngine(hMemPool->ptImpl)};
+}
+} // namespace
+
 void app::ShowPool(ReportWriter &writer, HAppMemPool hMemPool)
 {
     if (!hMemPool)
         return;
+    const PoolFigures figures = ReadPool(hMemPool);
     writer.Reset();
     writer.Line("============================================\n");
-    // Without the lock the figures may not fit together, but only counters are read: still safe.
-    LockGuard guard(hMemPool->hLock, kLockWaitMs);
     writer.Line("hMemPool(%p) Lock(%p) CurSize(%lu) MaxSize(%lu)\n", Ptr(hMemPool),
-                Ptr(hMemPool->hLock), Ul(Peek(hMemPool->dwCurSize)), Ul(hMemPool->dwMaxSize));
+                Ptr(hMemPool->hLock), Ul(figures.dwCurSize), Ul(hMemPool->dwMaxSize));
     writer.Line("--- Details ------------------------");
     writer.HandOver();
-    ShowEngine(writer, hMemPool->ptImpl);
+    ShowEngine(writer, figures.engine);
 }
 
 void AppMemPoolShow(HAppMemPool hMemPool, PFAppShow pfnShow, void *pvContext)

@@ -3,6 +3,7 @@
 
 #include <stdlib.h>
 
+#include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/log.h"
 
@@ -11,6 +12,9 @@ namespace
 
 constexpr uint32_t kSmallestShift = 5;
 constexpr uint32_t kHead = sizeof(TAppMemBlockHead);
+// Marks the released blocks in dwBlockSize, whose low bits are free in a pooled block: so a second
+// release is known in constant time, and a block in use shows its plain size to a debugger.
+constexpr uint32_t kIdle = 1;
 
 uint32_t ClassSize(uint32_t dwClass)
 {
@@ -28,10 +32,27 @@ void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
     app::Poke(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
 }
 
+// A header may be corrupt: the account ends at zero then.
+void Lower(uint32_t &dwField, uint32_t dwAmount)
+{
+    app::Poke(dwField, dwField > dwAmount ? dwField - dwAmount : 0);
+}
+
 void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    app::Poke(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount - 1);
-    app::Poke(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize - dwBlockSize);
+    Lower(ptImpl->dwOnWorkCount, 1);
+    Lower(ptImpl->dwOnWorkSize, dwBlockSize);
+}
+
+bool IsIdle(const TAppMemBlockHead *ptHead)
+{
+    return (ptHead->dwBlockSize & kIdle) && ptHead->hNode &&
+           __AppMemGetOffset(ptHead->dwBlockSize - kIdle) < APP_MEMPOOL_CLASS_NUM;
+}
+
+uint32_t SizeOf(const TAppMemBlockHead *ptHead)
+{
+    return IsIdle(ptHead) ? ptHead->dwBlockSize - kIdle : ptHead->dwBlockSize;
 }
 
 void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
@@ -68,7 +89,9 @@ TAppMemBlockHead *ReuseBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t 
               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass),
               app::Ul(ClassSize(dwClass)), hNode->pvData);
     app::MoveNode(ptImpl->hOffList[dwClass], ptImpl->hOnList[dwClass], hNode);
-    return static_cast<TAppMemBlockHead *>(hNode->pvData);
+    auto ptHead = static_cast<TAppMemBlockHead *>(hNode->pvData);
+    ptHead->dwBlockSize = ClassSize(dwClass);
+    return ptHead;
 }
 
 TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
@@ -102,7 +125,7 @@ void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *sz
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p %p use free\n", szOp,
               app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), BehindHead(ptHead));
     if (ptImpl) {
-        app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize - ptHead->dwBlockSize);
+        Lower(ptImpl->dwTotalSize, ptHead->dwBlockSize);
         Uncount(ptImpl, ptHead->dwBlockSize);
     }
     free(ptHead);
@@ -117,6 +140,7 @@ void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwCla
               app::Ul(ClassSize(dwClass)), app::Ptr(ptHead));
     app::MoveNode(ptImpl->hOnList[dwClass], ptImpl->hOffList[dwClass], ptHead->hNode);
     Uncount(ptImpl, ptHead->dwBlockSize);
+    ptHead->dwBlockSize += kIdle;
     TraceCounters(ptImpl, szOp);
 }
 
@@ -197,7 +221,7 @@ void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl)
 void __AppMemPoolFreeData(void *pvBlock, void *pvImpl)
 {
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p block %p free\n", __func__,
-              app::Ul(static_cast<TAppMemBlockHead *>(pvBlock)->dwBlockSize), pvImpl, pvBlock);
+              app::Ul(SizeOf(static_cast<TAppMemBlockHead *>(pvBlock))), pvImpl, pvBlock);
     free(pvBlock);
 }
 
@@ -224,11 +248,12 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     if (!pvData)
         return;
     TAppMemBlockHead *ptHead = static_cast<TAppMemBlockHead *>(pvData) - 1;
-    const uint32_t dwBlockSize = ptHead->dwBlockSize;
     if (!ptImpl) {
         FreeLarge(ptImpl, ptHead, __func__);
         return;
     }
+    const bool bIdle = IsIdle(ptHead);
+    const uint32_t dwBlockSize = bIdle ? ptHead->dwBlockSize - kIdle : ptHead->dwBlockSize;
     if (ptImpl->dwOnWorkSize < dwBlockSize)
         AppLog(0, APP_LOG_ERROR,
                "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM "
@@ -239,6 +264,9 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
         FreeLarge(ptImpl, ptHead, __func__);
         return;
     }
+    APP_CHECK(!bIdle, "the block has been released before");
+    if (bIdle)
+        return; // moved once more it would be handed out while its next owner has it
     const uint32_t dwClass = __AppMemGetOffset(dwBlockSize);
     if (dwClass < APP_MEMPOOL_CLASS_NUM) {
         ParkBlock(ptImpl, ptHead, dwClass, __func__);
@@ -249,15 +277,15 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     AppLog(0, APP_LOG_ERROR,
            "[ERROR] %s: WARING!!!!  %p(size=%lu) use MP %p, SHOULD NOT BE IN THE ON LIST!!!!\n",
            __func__, pvData, app::Ul(dwBlockSize), app::Ptr(ptImpl));
-    app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize - dwBlockSize);
+    Lower(ptImpl->dwTotalSize, dwBlockSize);
     Uncount(ptImpl, dwBlockSize);
 }
 
-static bool ClassIsValid(const TAppDoubleList *ptList, uint32_t dwClass)
+static bool ClassIsValid(const TAppDoubleList *ptList, uint32_t dwBlockSize)
 {
     for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext) {
         auto ptHead = static_cast<const TAppMemBlockHead *>(hNode->pvData);
-        if (ptHead->dwBlockSize != ClassSize(dwClass) || ptHead->hNode != hNode)
+        if (ptHead->dwBlockSize != dwBlockSize || ptHead->hNode != hNode)
             return false;
     }
     return app::ListIsValid(ptList);
@@ -269,7 +297,8 @@ bool app::EngineIsValid(const TAppMemPoolImpl *ptImpl)
     uint32_t dwOnSize = 0;
     uint32_t dwOffSize = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        if (!ClassIsValid(ptImpl->hOnList[k], k) || !ClassIsValid(ptImpl->hOffList[k], k))
+        if (!ClassIsValid(ptImpl->hOnList[k], ClassSize(k)) ||
+            !ClassIsValid(ptImpl->hOffList[k], ClassSize(k) | kIdle))
             return false;
         dwOnCount += ptImpl->hOnList[k]->dwCurSize;
         dwOnSize += ptImpl->hOnList[k]->dwCurSize * ClassSize(k);

@@ -36,7 +36,7 @@ struct TAppMemPoolImpl {
 
 // At the start of every block that the engine takes from the heap.
 struct alignas(app::kHeadAlign) TAppMemBlockHead {
-    uint32_t dwBlockSize;     // 32 << class, or the need of a large block
+    uint32_t dwBlockSize;     // 32 << class, plus 1 while idle; or the need of a large block
     HAppDoubleListNode hNode; // in hOnList or hOffList; null for a large block
 };
 
@@ -61,8 +61,18 @@ void __AppMemPoolFreeData(void *pvBlock, void *pvImpl);
 
 namespace app
 {
+// What a report says of an engine, copied under its pool's lock and printed after it.
+struct EngineFigures {
+    const TAppMemPoolImpl *ptImpl;
+    uint32_t adwOnCount[APP_MEMPOOL_CLASS_NUM];
+    uint32_t adwOffCount[APP_MEMPOOL_CLASS_NUM];
+    uint32_t dwOnWorkCount;
+    uint32_t dwOnWorkSize;
+    uint32_t dwTotalSize;
+};
+EngineFigures ReadEngine(const TAppMemPoolImpl *ptImpl);
 // _AppMemPoolShow() into a report that is already under way, which must have handed over.
-void ShowEngine(ReportWriter &writer, const TAppMemPoolImpl *ptImpl);
+void ShowEngine(ReportWriter &writer, const EngineFigures &figures);
 bool EngineIsValid(const TAppMemPoolImpl *ptImpl);
 } // namespace app
 

@@ -3,17 +3,29 @@
 #include "utils/log.h"
 #include "utils/report_writer.h"
 
-void app::ShowEngine(ReportWriter &writer, const TAppMemPoolImpl *ptImpl)
+app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
 {
-    if (!ptImpl)
-        return;
+    EngineFigures figures = {};
+    figures.ptImpl = ptImpl;
+    for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
+        figures.adwOnCount[k] = Peek(ptImpl->hOnList[k]->dwCurSize);
+        figures.adwOffCount[k] = Peek(ptImpl->hOffList[k]->dwCurSize);
+    }
+    figures.dwOnWorkCount = Peek(ptImpl->dwOnWorkCount);
+    figures.dwOnWorkSize = Peek(ptImpl->dwOnWorkSize);
+    figures.dwTotalSize = Peek(ptImpl->dwTotalSize);
+    return figures;
+}
+
+void app::ShowEngine(ReportWriter &writer, const EngineFigures &figures)
+{
     uint32_t dwOnCount = 0;
     uint32_t dwOnSize = 0;
     uint32_t dwIdleSize = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         const uint32_t dwBlockSize = 32u << k;
-        const uint32_t dwOn = Peek(ptImpl->hOnList[k]->dwCurSize);
-        const uint32_t dwOff = Peek(ptImpl->hOffList[k]->dwCurSize);
+        const uint32_t dwOn = figures.adwOnCount[k];
+        const uint32_t dwOff = figures.adwOffCount[k];
         dwOnCount += dwOn;
         dwOnSize += dwOn * dwBlockSize;
         dwIdleSize += dwOff * dwBlockSize;
@@ -24,16 +36,18 @@ void app::ShowEngine(ReportWriter &writer, const TAppMemPoolImpl *ptImpl)
             writer.Line("[%2lu] OffList count=%lu blocksize=%lu size=%lu\n", Ul(k), Ul(dwOff),
                         Ul(dwBlockSize), Ul(dwOff * dwBlockSize));
     }
-    writer.Line("[malloc/free]count=%lu size=%lu\n", Ul(Peek(ptImpl->dwOnWorkCount) - dwOnCount),
-                Ul(Peek(ptImpl->dwOnWorkSize) - dwOnSize));
+    writer.Line("[malloc/free]count=%lu size=%lu\n", Ul(figures.dwOnWorkCount - dwOnCount),
+                Ul(figures.dwOnWorkSize - dwOnSize));
     writer.Line("MEMPOOL %p OnWorkCount=%lu OnWorkSize=%lu TotalSize=%lu IdleSize=%lu\n",
-                Ptr(ptImpl), Ul(Peek(ptImpl->dwOnWorkCount)), Ul(Peek(ptImpl->dwOnWorkSize)),
-                Ul(Peek(ptImpl->dwTotalSize)), Ul(dwIdleSize));
+                Ptr(figures.ptImpl), Ul(figures.dwOnWorkCount), Ul(figures.dwOnWorkSize),
+                Ul(figures.dwTotalSize), Ul(dwIdleSize));
     writer.Flush();
 }
 
 void _AppMemPoolShow(TAppMemPoolImpl *ptImpl, PFAppShow pfnShow, void *pvContext)
 {
+    if (!ptImpl)
+        return;
     app::ReportWriter writer(pfnShow, pvContext);
-    app::ShowEngine(writer, ptImpl);
+    app::ShowEngine(writer, app::ReadEngine(ptImpl));
 }

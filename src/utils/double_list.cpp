@@ -83,6 +83,8 @@ static uint32_t Insert(HAppDoubleList hList, HAppDoubleListNode hAnchor, void *p
 {
     if (!hList)
         return APP_INVALID_ARG;
+    if (phNode)
+        *phNode = nullptr;
     if (hList->dwMaxSize != 0 && hList->dwCurSize >= hList->dwMaxSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: List full. cur size: %lu max size: %lu\n", szOp,
                app::Ul(hList->dwCurSize), app::Ul(hList->dwMaxSize));

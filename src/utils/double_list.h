@@ -5,6 +5,7 @@
 #define APPCORE_UTILS_DOUBLE_LIST_H
 
 #include "appcore/containers.h"
+#include "utils/check.h"
 #include "utils/log.h"
 
 enum EAppAttachSide {
@@ -34,8 +35,11 @@ inline void LinkNode(HAppDoubleList hList, HAppDoubleListNode hPrev, HAppDoubleL
 }
 inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
 {
-    (hNode->ptPrev ? hNode->ptPrev->ptNext : hList->ptHead) = hNode->ptNext;
-    (hNode->ptNext ? hNode->ptNext->ptPrev : hList->ptTail) = hNode->ptPrev;
+    HAppDoubleListNode &hBefore = hNode->ptPrev ? hNode->ptPrev->ptNext : hList->ptHead;
+    HAppDoubleListNode &hBehind = hNode->ptNext ? hNode->ptNext->ptPrev : hList->ptTail;
+    APP_CHECK(hBefore == hNode && hBehind == hNode, "the node is not in this list");
+    hBefore = hNode->ptNext;
+    hBehind = hNode->ptPrev;
     Poke(hList->dwCurSize, hList->dwCurSize - 1);
 }
 // To the tail of another list.
