@@ -56,6 +56,100 @@ static void ExpectLogged(const std::string &lines, const std::function<void()> &
     }
 }
 
+// ---- Loading from outside -------------------------------------------------------------------
+
+// From a block of exactly the text's length, so that a sanitizer sees a step beyond it.
+static uint32_t LoadExactly(const std::string &text, mxml_node_t **pptTree) {
+    const std::unique_ptr<char[]> exact(new char[text.size()]);
+    text.copy(exact.get(), text.size());
+    return AppXmlLoad(exact.get(), static_cast<uint32_t>(text.size()), pptTree);
+}
+
+TEST(XmlLoad, GivesTheTreeOfMiniXml) {
+    std::string deep; // deleted without recursion
+    for (int i = 0; i < 100000; ++i) deep += "<a>";
+    for (int i = 0; i < 100000; ++i) deep += "</a>";
+    LogCapture log(APP_LOG_DEBUG);
+    for (const std::string &text :
+         {std::string("<cfg> <v>1 &lt; 2</v>\n<w a='1' b=\"&quot;\"/><![CDATA[<]]></cfg>\n"),
+          std::string("<?xml version='1.0'?>\n<!DOCTYPE x>\n<!-- c --><cfg><v>1</v></cfg>\n<!-- d -->\n<b/>"),
+          std::string("<!DOCTYPE cfg> text <cfg/>"), std::string("\xEF\xBB\xBF<a>\xC3\xA4\xEF\xBB\xBF</a> dropped"),
+          std::string("<!-- alone -->"), std::string("<end/>"), deep}) {
+        mxml_node_t *ptTree = nullptr;
+        ASSERT_CODE(APP_OK, LoadExactly(text, &ptTree));
+        const Document document(ptTree, mxmlDelete);
+        EXPECT_EQ(mxmlGetParent(ptTree), nullptr);
+        EXPECT_EQ(Save(document), Save(Load(text)));
+    }
+    log.ExpectNone();
+}
+
+TEST(XmlLoad, WhatIsNotOneWholeDocumentLeavesNothing) {
+    using namespace std::string_literals;
+    std::vector<std::string> texts = {"text",
+                                      " <a/>",
+                                      "<a></b>",
+                                      "<a/><b/>",
+                                      "<a/><!-- c -->",
+                                      "<!-- c --><a/>",
+                                      "<a b='1'/b>",
+                                      "<a b='' b=''>",
+                                      "<a>&no;</a>",
+                                      "<a/>\0"s,
+                                      "<a>\xFE\xFF\0<\0/"s,
+                                      "<a b='\xFF\xFE<",
+                                      "</top><b",
+                                      "</document><a/>",
+                                      "</document\1><a",
+                                      "</&#1;><a b=''",
+                                      "</document&#x1;><a/>",
+                                      "<a>1</a>\x01<b/>",
+                                      "<a/>\xC3",
+                                      "<a/><end/",
+                                      "<!DOCTYPE a><a>",
+                                      "<?xml",
+                                      "<!DOCTYPE",
+                                      "</><a"};
+    const std::string whole = "<cfg a='1' b=\"2\"><v c='3'>x &amp; y</v><!-- c --><![CDATA[d]]><?p?><e/></cfg>";
+    for (size_t n = 0; n < whole.size(); ++n) texts.push_back(whole.substr(0, n)); // breaks off
+    mxmlSetErrorCallback([](const char *) {});
+    for (const std::string &text : texts) {
+        SCOPED_TRACE(text);
+        const long nBlocks = fault::LiveBlocks();
+        const size_t nForeign = std::min({text.find('\0'), text.find('\xFE'), text.find('\xFF')});
+        ExpectLogged(nForeign == text.npos
+                         ? Text("[DEBUG] AppXmlLoad: not one whole document, %zu bytes\n", text.size())
+                         : Text("[DEBUG] AppXmlLoad: zero byte or UTF-16 mark at %zu of %zu\n", nForeign, text.size()),
+                     [&] {
+                         mxml_node_t *ptTree = reinterpret_cast<mxml_node_t *>(1);
+                         EXPECT_CODE(APP_BAD_VALUE, LoadExactly(text, &ptTree));
+                         EXPECT_EQ(ptTree, nullptr);
+                     });
+        EXPECT_EQ(fault::LiveBlocks(), nBlocks);
+    }
+}
+
+TEST(XmlLoad, IsWholeOrRefusedWithoutMemory) {
+    const std::string text = "<cfg><v> 1 </v><!-- c --><v><w>2</w></v><![CDATA[d]]><?p?><e/></cfg>";
+    const std::string line = Text("[ERROR] AppXmlLoad: no memory for a text of %zu bytes\n", text.size());
+    mxmlSetErrorCallback([](const char *) {});
+    for (const unsigned nTimes : {1u, 1u << 30}) // once, or from there on
+        for (unsigned n = 1, nHits = 1; nHits; ++n) {
+            SCOPED_TRACE(n);
+            LogCapture log;
+            const long nBlocks = fault::LiveBlocks();
+            mxml_node_t *ptTree = nullptr;
+            fault::Fail fail(fault::kMemory, n, ENOMEM, nTimes);
+            const uint32_t dwCode = LoadExactly(text, &ptTree);
+            nHits = fail.Hits();
+            EXPECT_CODE(nHits ? APP_NO_RESOURCE : APP_OK, dwCode);
+            EXPECT_EQ(ptTree == nullptr, nHits != 0);
+            EXPECT_EQ(log.Count(line), nHits ? 1u : 0u);
+            mxmlDelete(ptTree);
+            EXPECT_EQ(fault::LiveBlocks(), nBlocks);
+        }
+}
+
 // ---- Readers --------------------------------------------------------------------------------
 
 // Every reader in one shape: node, name, and the value as text (null for a null out-parameter).
@@ -399,7 +493,9 @@ TEST(XmlReaders, NullArguments) {
                  "[ERROR] AppXmlGetFirstChildWithName: ptParent (nil), szName P\n"
                  "[ERROR] AppXmlGetFirstChildWithName: ptParent P, szName (nil)\n"
                  "[ERROR] AppXmlGetNextSiblingWithName: ptNode (nil), szName P\n"
-                 "[ERROR] AppXmlGetNextSiblingWithName: ptNode P, szName (nil)\n",
+                 "[ERROR] AppXmlGetNextSiblingWithName: ptNode P, szName (nil)\n"
+                 "[ERROR] AppXmlLoad: szText (nil), pptTree P\n"
+                 "[ERROR] AppXmlLoad: szText P, pptTree (nil)\n",
                  [&] {
                      const Read son8 = As(AppXmlGetSonNodeValue_u8);
                      const Read son16 = As(AppXmlGetSonNodeValue_u16);
@@ -412,6 +508,10 @@ TEST(XmlReaders, NullArguments) {
                      EXPECT_EQ(AppXmlGetFirstChildWithName(ptCfg, nullptr), nullptr);
                      EXPECT_EQ(AppXmlGetNextSiblingWithName(nullptr, "v"), nullptr);
                      EXPECT_EQ(AppXmlGetNextSiblingWithName(ptCfg, nullptr), nullptr);
+                     mxml_node_t *ptTree = ptCfg;
+                     EXPECT_CODE(APP_INVALID_ARG, AppXmlLoad(nullptr, 1, &ptTree));
+                     EXPECT_CODE(APP_INVALID_ARG, AppXmlLoad("<a/>", 4, nullptr));
+                     EXPECT_EQ(ptTree, ptCfg) << "untouched";
                  });
     // Without an out-parameter the text is checked all the same.
     LogCapture log;
