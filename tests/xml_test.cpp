@@ -74,7 +74,7 @@ TEST(XmlLoad, GivesTheTreeOfMiniXml) {
          {std::string("<cfg> <v>1 &lt; 2</v>\n<w a='1' b=\"&quot;\"/><![CDATA[<]]></cfg>\n"),
           std::string("<?xml version='1.0'?>\n<!DOCTYPE x>\n<!-- c --><cfg><v>1</v></cfg>\n<!-- d -->\n<b/>"),
           std::string("<!DOCTYPE cfg> text <cfg/>"), std::string("\xEF\xBB\xBF<a>\xC3\xA4\xEF\xBB\xBF</a> dropped"),
-          std::string("<!-- alone -->"), std::string("<end/>"), deep}) {
+          std::string("<!-- alone -->"), std::string("<?x?><a/><?end?>"), deep}) {
         mxml_node_t *ptTree = nullptr;
         ASSERT_CODE(APP_OK, LoadExactly(text, &ptTree));
         const Document document(ptTree, mxmlDelete);
@@ -105,6 +105,11 @@ TEST(XmlLoad, WhatIsNotOneWholeDocumentLeavesNothing) {
                                       "</document&#x1;><a/>",
                                       "<a>1</a>\x01<b/>",
                                       "<a/>\xC3",
+                                      "<a/>\xE0\x9F\xBF",
+                                      "<a/>\xF0\x8F\xBF\xBF",
+                                      "<a/>\x80",
+                                      "<?end?>\1",
+                                      "<a/><end></end ",
                                       "<a/><end/",
                                       "<!DOCTYPE a><a>",
                                       "<?xml",
@@ -116,10 +121,10 @@ TEST(XmlLoad, WhatIsNotOneWholeDocumentLeavesNothing) {
     for (const std::string &text : texts) {
         SCOPED_TRACE(text);
         const long nBlocks = fault::LiveBlocks();
-        const size_t nForeign = std::min({text.find('\0'), text.find('\xFE'), text.find('\xFF')});
+        const size_t nForeign = text.find_first_of("\0\1\xFE\xFF\xC3\xE0\xF0\x80"s);
         ExpectLogged(nForeign == text.npos
                          ? Text("[DEBUG] AppXmlLoad: not one whole document, %zu bytes\n", text.size())
-                         : Text("[DEBUG] AppXmlLoad: zero byte or UTF-16 mark at %zu of %zu\n", nForeign, text.size()),
+                         : Text("[DEBUG] AppXmlLoad: no character of XML at %zu of %zu\n", nForeign, text.size()),
                      [&] {
                          mxml_node_t *ptTree = reinterpret_cast<mxml_node_t *>(1);
                          EXPECT_CODE(APP_BAD_VALUE, LoadExactly(text, &ptTree));

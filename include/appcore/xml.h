@@ -57,7 +57,8 @@ extern "C" {
  * An XML declaration `<?xml …?>` or a `<!DOCTYPE …>` there is the root, and the element is below
  * it; without one, no second root and no comment may stand beside the root.  Text behind the root
  * is dropped.  Refused as well, though Mini-XML lets them pass, are texts that end before their
- * root's end tag does, or that hold anywhere what is not UTF-8 or a control character.
+ * root's end tag does, and texts that hold anywhere what is not UTF-8, a zero byte or another
+ * control character.
  *
  * Mini-XML tells what is wrong with a text to the thread's error callback, or else prints it to
  * standard error, parts of the text included: set one with `mxmlSetErrorCallback()`.  A thread
@@ -70,7 +71,7 @@ extern "C" {
  *                 ::APP_INVALID_ARG
  * @retval APP_OK          loaded
  * @retval APP_INVALID_ARG a null argument
- * @retval APP_BAD_VALUE   not one whole document, or a zero byte or a byte FE or FF in the text.
+ * @retval APP_BAD_VALUE   not one whole document, or not UTF-8 throughout.
  *                         Logged at ::APP_LOG_DEBUG, so that nobody outside can fill the log
  * @retval APP_NO_RESOURCE no memory for the copy, an element or a value, or longer than
  *                         1073741823 bytes.  Only an attribute that Mini-XML has no memory for is

@@ -8,10 +8,13 @@
 //   its name holds a control character, which Mini-XML takes neither as a byte nor as an entity.
 // - The bytes FE FF or FF FE where a character begins, anywhere in the text, make the reader go on
 //   in UTF-16.  There it takes two bytes at a time, whatever the second one is, and reads on behind
-//   the zero byte that ends the text.  UTF-8 has neither byte: a text with one is refused, a zero
-//   byte too, and the copy that is loaded ends with four of them.
-// - It takes a text that breaks off in the name of a tag, or at a byte that it cannot read, for a
-//   whole one.  So an element of ours stands behind the text, and must have been read as one.
+//   the zero byte that ends the text.  Every other byte that it cannot read ends the text for it,
+//   and what it has got by then passes for a whole one.  So each character is looked at first, and
+//   the copy that is loaded ends with four zero bytes.
+// - A text that breaks off in the name of a tag passes for a whole one as well.  So an instruction
+// of
+//   ours stands behind the text, and must have been read as one: unlike an element it has no end
+//   tag in which the rest of a text can hide.
 // - An element whose name could not be copied crashes the reader at the next closing tag.  The type
 //   callback sees each such element before that and ends the text there.
 #include <errno.h>
@@ -21,15 +24,37 @@
 #include "utils/log.h"
 
 static constexpr char kHolderName[] = "document\1";
-static constexpr char kLastName[] = "end";
-static constexpr char kEnd[] = "<end/>\0\0\0";
+static constexpr char kLastName[] = "?end?";
+static constexpr char kEnd[] = "<?end?>\0\0\0";
 static constexpr uint32_t kEndSize = sizeof(kEnd);  // four zero bytes among them
 static constexpr uint32_t kLongest = INT32_MAX / 2; // Mini-XML counts in int
 
-static bool IsForeign(char ch)
+// The length of the character at `pby`, of which `dwLeft` bytes are there; 0 when it is none that
+// XML has.
+static uint32_t CharLength(const uint8_t *pby, uint32_t dwLeft)
 {
-    const auto by = static_cast<uint8_t>(ch);
-    return by == 0 || by >= 0xFE;
+    if (pby[0] < 0x80)
+        return pby[0] >= ' ' || pby[0] == '\t' || pby[0] == '\n' || pby[0] == '\r';
+    const uint32_t dwLength = pby[0] >= 0xF0 ? 4 : pby[0] >= 0xE0 ? 3 : 2;
+    if (pby[0] < 0xC2 || pby[0] > 0xF4 || dwLength > dwLeft)
+        return 0;
+    // Not in more bytes than it needs.
+    if ((pby[0] == 0xE0 && pby[1] < 0xA0) || (pby[0] == 0xF0 && pby[1] < 0x90))
+        return 0;
+    for (uint32_t i = 1; i < dwLength; ++i)
+        if ((pby[i] & 0xC0) != 0x80)
+            return 0;
+    return dwLength;
+}
+
+// The length of what the text begins with that is characters.
+static uint32_t CountReadable(const char *szText, uint32_t dwLength)
+{
+    const auto pby = reinterpret_cast<const uint8_t *>(szText);
+    uint32_t dwRead = 0, dwNext = 1;
+    for (; dwRead < dwLength && dwNext != 0; dwRead += dwNext)
+        dwNext = CharLength(pby + dwRead, dwLength - dwRead);
+    return dwRead;
 }
 
 // The reader has a pointer into the text of its own: the text ends wherever that stands.
@@ -64,8 +89,8 @@ static bool IsDeclaration(const char *szName)
                                 AppStrncmp(szName, "![CDATA[", 8) != 0);
 }
 
-// Takes away our element behind the text; what text there is before it goes too, as at the end of
-// any text.  False when it was not read.
+// Takes away our instruction behind the text; what text there is before it goes too, as at the end
+// of any text.  False when it was not read.
 static bool TakeEnd(mxml_node_t *ptHolder)
 {
     mxml_node_t *ptEnd = mxmlGetLastChild(ptHolder);
@@ -134,12 +159,12 @@ uint32_t AppXmlLoad(const char *szText, uint32_t dwLength, mxml_node_t **pptTree
     }
     *pptTree = nullptr;
     // What is wrong with a text is DEBUG: whoever may send one must not be able to fill the log.
-    for (uint32_t i = 0; i < dwLength; ++i)
-        if (IsForeign(szText[i])) {
-            APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: zero byte or UTF-16 mark at %lu of %lu\n",
-                      __func__, app::Ul(i), app::Ul(dwLength));
-            return APP_BAD_VALUE;
-        }
+    const uint32_t dwReadable = CountReadable(szText, dwLength);
+    if (dwReadable < dwLength) {
+        APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: no character of XML at %lu of %lu\n", __func__,
+                  app::Ul(dwReadable), app::Ul(dwLength));
+        return APP_BAD_VALUE;
+    }
     const uint32_t dwResult = LoadCopy(szText, dwLength, pptTree);
     if (dwResult == APP_NO_RESOURCE)
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no memory for a text of %lu bytes\n", __func__,
