@@ -19,6 +19,8 @@
 // A failing call sets errno (or returns the error number, as the pthread functions do) and gives
 // the function's failure value: -1 or null.  Only the thread that armed the gate is hit, unless
 // fault::kEveryThread is given.  To add a function: a row in the list and a WRAP line in fault.cpp.
+//
+// What Mini-XML allocates itself passes the gates of fault::kMemory too (mxml_memory.cpp).
 #ifndef APPCORE_TESTS_SUPPORT_FAULT_H
 #define APPCORE_TESTS_SUPPORT_FAULT_H
 
@@ -35,6 +37,8 @@
     X(calloc)                                                                                                          \
     X(realloc)                                                                                                         \
     X(free)                                                                                                            \
+    X(strdup)                                                                                                          \
+    X(vasprintf)                                                                                                       \
     X(pthread_create)                                                                                                  \
     X(pthread_attr_init)                                                                                               \
     X(pthread_attr_setinheritsched)                                                                                    \
@@ -93,6 +97,9 @@ enum class Fn {
     APP_FAULT_FUNCTIONS(APP_FAULT_ENUM)
 #undef APP_FAULT_ENUM
 };
+
+// Every function that allocates.
+constexpr std::initializer_list<Fn> kMemory = {Fn::malloc, Fn::calloc, Fn::realloc, Fn::strdup, Fn::vasprintf};
 
 enum Scope { kThisThread, kEveryThread };
 
