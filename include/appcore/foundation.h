@@ -97,7 +97,7 @@ APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
  * stamp or newline is added.  Failures of the console and of standard output are ignored.
  *
  * Stack of the caller, with the console's stand-in: 8 KiB; 10 KiB with floating-point values, 13
- * KiB for the line that tells a file's loss (see AppSetFileLog()), and 8 KiB more while standard
+ * KiB for the line that tells a file's loss (see AppSetFileLog()), and 9 KiB more while standard
  * output is on and unbuffered.
  * @param byChannel the channel
  * @param byLevel   the level (::EAppLogLevel or any other byte)

@@ -101,12 +101,13 @@ APP_API void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr);
  * @param dwStackSize   stack of a new thread in bytes; a reused task keeps its own.  16 KiB, the
  *                      least that the system takes (PTHREAD_STACK_MIN), are enough for handlers
  *                      that log to the console, send and set timers; 24 KiB for all that the
- *                      library does, log files and logged reports included; what handlers and
- *                      callbacks take beyond 2 KiB, floating-point values in log lines (3 KiB) and
- *                      an unbuffered standard output (8 KiB) come on top.  The library does not
- *                      see a smaller size refused: with one, and with 0, the thread gets the
- *                      process's default (`ulimit -s`, as a rule 8 MiB of address space, of which
- *                      only what is touched takes memory).  The system adds a guard page.
+ *                      library does, log files and logged reports included.  5 KiB of it are the C
+ *                      library's and the task's own, the guard page is not part of it.  What
+ *                      handlers and callbacks take beyond 2 KiB, signal handlers, floating-point
+ *                      values in log lines (3 KiB) and an unbuffered standard output (9 KiB) come
+ *                      on top.  A size below the system's least, and 0, gives the thread the
+ *                      process's default: `ulimit -s`, as a rule 8 MiB of address space, of which
+ *                      only what is touched takes memory
  * @param dwMemPoolSize limit of a new task's pool in bytes; 0 is none
  * @param dwIdleTimeout milliseconds without an event after which the task goes idle; 0 never
  * @param pfnHandler    handler of events without their own, of timers without their own, and of
