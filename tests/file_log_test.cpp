@@ -137,8 +137,11 @@ TEST_F(FileLog, RotatesOnceTheLimitIsPassed) {
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, 0u);
     Write("next");
     EXPECT_EQ(ReadLines(m_path), Lines{"next"});
+    fs::resize_file(m_path, 0); // by another program
+    Write("whole");
+    EXPECT_EQ(ReadLines(m_path), Lines{"whole"});
 
-    EXPECT_EQ(Open(0), static_cast<long>(kStampLen + 5)); // the same path again: every line rotates
+    EXPECT_EQ(Open(0), static_cast<long>(kStampLen + 6)); // the same path again: every line rotates
     Write("first");
     Write("second");
     EXPECT_EQ(ReadLines(m_backup), Lines{"second"});
@@ -192,19 +195,29 @@ TEST_F(FileLog, DeletedFileIsOpenedAnew) {
     ASSERT_EQ(Open(1000000), 0);
     Write("before");
     fs::remove(m_path);
+    std::ofstream(m_path).close(); // another in its place
     unsigned nWritten = 0;
     const auto Attempt = [&] { Write(std::to_string(nWritten++)); };
-    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), fs::exists(m_path); }));
+    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), fs::file_size(m_path) > 0; }));
     EXPECT_EQ(ReadLines(m_path), Lines{std::to_string(nWritten - 1)});
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
     log.ExpectNone();
 
-    fs::remove_all(m_dir); // cannot be opened anew until the directory is back
-    EXPECT_TRUE(test::WaitUntil([&] { return nWritten = 0, Attempt(), !log.Lines().empty(); }));
+    ASSERT_GT(Open(1), 1); // due to rotate, but cannot be opened anew until the directory is back
+    fs::remove_all(m_dir);
+    nWritten = 0;
+    Attempt();
     fs::create_directory(m_dir);
-    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), fs::exists(m_path); }));
+    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), fs::exists(m_backup); }));
     log.ExpectLines({Lost("No such file or directory"), Again(nWritten - 1)});
-    EXPECT_EQ(ReadLines(m_path), Lines{std::to_string(nWritten - 1)});
+    EXPECT_EQ(ReadLines(m_backup), Lines{std::to_string(nWritten - 1)});
+    ASSERT_EQ(Open(1000000), 0);
+    fs::remove_all(m_dir);
+    Attempt();
+    fs::create_directory(m_dir);
+    ASSERT_EQ(Open(1000000), 0); // at once
+    Attempt();
+    log.ExpectLines({Lost("No such file or directory"), Again(1)});
 
     fs::rename(m_path, m_backup); // moved away, and none may be made in its place: written on
     fault::Fail refused(fault::Fn::fopen, 1, EACCES);
@@ -238,10 +251,6 @@ TEST_F(FileLog, RefusedRotationSaysSoOnce) {
     log.ExpectLines({"[ERROR] _AppFileLog: channel 77: no file until it is set again, No space left on device\n"});
     EXPECT_EQ(ReadLines(m_backup), Lines{"four"});
     ASSERT_EQ(Open(1000), 0);
-    Write("again");
-    fs::resize_file(m_path, 0); // by another program
-    Write("whole");
-    EXPECT_EQ(ReadLines(m_path), Lines{"whole"});
     m_path = m_dir / "missing" / "file"; // silently, and the old file is closed
     EXPECT_EQ(Open(10), -1);
     EXPECT_EQ(Stream(), nullptr);

@@ -109,47 +109,48 @@ void CloseStream(TAppFileLogInfo &tInfo)
         fclose(ptFile);
 }
 
-// Closes the old stream first, so that it works with the last free descriptor too, and yet leaves
-// no moment without one: a writer that sees none, without the mutex, drops its line.
-FILE *ReplaceStream(TAppFileLogInfo &tInfo, const char *szPath, const char *szMode)
+// What was to be said about the old stream is over.
+FILE *Adopt(TAppFileLogInfo &tInfo, TChannel &tChannel, FILE *ptFile)
 {
-    if (FILE *ptOld = tInfo.ptFile.load())
-        fclose(ptOld);
-    FILE *ptFile = OpenStream(szPath, szMode);
     tInfo.ptFile.store(ptFile);
+    tInfo.dwCurSize = ptFile ? SizeOf(ptFile) : 0;
+    tChannel.nGone = 0;
+    tChannel.dwTorn = 0;
     return ptFile;
 }
 
-// Whether the path still leads to the open file.  A path that cannot be looked at tells nothing.
-bool IsInPlace(FILE *ptFile, const char *szPath, bool *pbLinked)
+// Closes the old stream first, so that it works with the last free descriptor too, and yet leaves
+// no moment without one: a writer that sees none, without the mutex, drops its line.
+FILE *ReplaceStream(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szMode)
 {
-    struct stat tFile, tPath;
-    if (fstat(fileno(ptFile), &tFile) != 0)
-        return true;
-    *pbLinked = tFile.st_nlink > 0;
-    if (stat(szPath, &tPath) != 0)
-        return errno != ENOENT && errno != ENOTDIR;
-    return tPath.st_dev == tFile.st_dev && tPath.st_ino == tFile.st_ino;
+    if (FILE *ptOld = tInfo.ptFile.load())
+        fclose(ptOld);
+    return Adopt(tInfo, tChannel, OpenStream(tInfo.achFilePath, szMode));
+}
+
+// Whether the path still leads to the open file.
+bool IsInPlace(const struct stat &tFile, const char *szPath)
+{
+    struct stat tPath;
+    return stat(szPath, &tPath) == 0 && tPath.st_dev == tFile.st_dev &&
+           tPath.st_ino == tFile.st_ino;
 }
 
 // Once a second: a file that was deleted or moved away is opened anew.  Where that fails, one moved
 // away is written on, and of one deleted the lines are lost until it succeeds.
 void LookAtPath(TAppFileLogInfo &tInfo, TChannel &tChannel, time_t nNow)
 {
-    if (nNow == tChannel.nLooked)
+    FILE *ptOld = tInfo.ptFile.load();
+    struct stat tFile;
+    if (nNow == tChannel.nLooked || fstat(fileno(ptOld), &tFile) != 0)
         return;
     tChannel.nLooked = nNow;
-    FILE *ptOld = tInfo.ptFile.load();
-    bool bLinked = true;
-    if (IsInPlace(ptOld, tInfo.achFilePath, &bLinked))
+    if (IsInPlace(tFile, tInfo.achFilePath))
         return;
     if (FILE *ptFile = OpenStream(tInfo.achFilePath, "ab+e")) {
+        Adopt(tInfo, tChannel, ptFile);
         fclose(ptOld);
-        tInfo.ptFile.store(ptFile);
-        tInfo.dwCurSize = SizeOf(ptFile);
-        tChannel.nGone = 0;
-        tChannel.dwTorn = 0;
-    } else if (!bLinked) {
+    } else if (tFile.st_nlink == 0) {
         tChannel.nGone = errno;
     }
 }
@@ -202,13 +203,11 @@ void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
 {
     char achBackup[APP_FILE_LOG_PATH_SIZE + 1]; // the longest path and the digit
     AppSnprintf(achBackup, sizeof(achBackup), "%s%d", tInfo.achFilePath, 1);
-    tInfo.dwCurSize = 0;
-    tChannel.dwTorn = 0;
     const bool bRefused = rename(tInfo.achFilePath, achBackup) != 0;
     if (bRefused && !tChannel.bNoBackup)
         tNews.nNoBackup = errno;
     tChannel.bNoBackup = bRefused;
-    if (!ReplaceStream(tInfo, tInfo.achFilePath, "wbe"))
+    if (!ReplaceStream(tInfo, tChannel, "wbe"))
         tNews.nStopped = errno;
 }
 
@@ -249,15 +248,11 @@ uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSi
     app::MutexGuard guard(tChannel.tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     AppStrncpy(tInfo.achFilePath, szPath, sizeof(tInfo.achFilePath));
-    tInfo.dwCurSize = 0;
     tInfo.dwMaxSize = dwMaxSize;
-    tChannel.nGone = 0;
-    tChannel.dwTorn = 0;
+    tChannel.nLooked = 0;
     tChannel.bNoBackup = 0;
-    FILE *ptFile = ReplaceStream(tInfo, szPath, "ab+e");
-    if (!ptFile)
+    if (!ReplaceStream(tInfo, tChannel, "ab+e"))
         return 0;
-    tInfo.dwCurSize = SizeOf(ptFile);
     *pdwCurSize = tInfo.dwCurSize;
     return 1;
 }
