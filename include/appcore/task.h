@@ -103,7 +103,16 @@ APP_API void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr);
  * @param szTaskName    name, copied; the thread bears its first 15 characters; may be null
  * @param dwMaxEvent    most waiting events; 0 is ::APP_QUEUE_DEFAULT_MAX for a new task and no
  *                      limit for a reused one
- * @param dwStackSize   stack of a new thread in bytes; logging needs 6 KiB of it
+ * @param dwStackSize   stack of a new thread in bytes; a reused task keeps its own.  16 KiB, the
+ *                      least that the system takes (PTHREAD_STACK_MIN), are enough for handlers
+ *                      that log to the console, send and set timers; 24 KiB for all that the
+ *                      library does, log files and logged reports included.  5 KiB of it are the C
+ *                      library's and the task's own, the guard page is not part of it.  What
+ *                      handlers and callbacks take beyond 2 KiB, signal handlers, floating-point
+ *                      values in log lines (3 KiB) and an unbuffered standard output (9 KiB) come
+ *                      on top.  A size below the system's least, and 0, gives the thread the
+ *                      process's default: `ulimit -s`, as a rule 8 MiB of address space, of which
+ *                      only what is touched takes memory
  * @param dwMemPoolSize limit of a new task's pool in bytes; 0 is none
  * @param dwIdleTimeout milliseconds without an event after which the task goes idle; 0 never
  * @param pfnHandler    handler of events without their own, of timers without their own, and of
