@@ -133,34 +133,16 @@ static void ReadNode(mxml_node_t *ptNode)
             ReadAttribute(ptNode, szAttr);
 }
 
-// A leading blank chooses another kind of value nodes.
-static mxml_load_cb_t KindOfValues(char ch)
+static std::string Saved(mxml_node_t *ptTree)
 {
-    switch (ch) {
-    case '\t':
-        return MXML_TEXT_CALLBACK;
-    case '\n':
-        return MXML_INTEGER_CALLBACK;
-    case '\r':
-        return MXML_REAL_CALLBACK;
-    default:
-        return AppXmlMxmlParseCB;
-    }
+    char *szText = mxmlSaveAllocString(ptTree, MXML_NO_CALLBACK);
+    const std::string text = szText ? szText : "";
+    free(szText);
+    return text;
 }
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+static void ReadTree(mxml_node_t *ptTop)
 {
-    mxmlSetErrorCallback([](const char *) {});
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
-{
-    const std::string text = AsText(pbyData, nSize);
-    // Below a node of our own: Mini-XML forgets the root element when it fails in the root's tag.
-    mxml_node_t *ptTop = mxmlNewElement(nullptr, "top");
-    mxmlLoadString(ptTop, text.c_str(), KindOfValues(text.c_str()[0]));
-    AppSetLogLevel(0, nSize % 8 ? APP_LOG_ERROR : APP_LOG_DEBUG);
     for (const char *szAsked : {"a", "*/b", "net/ip"}) {
         ReadSon(ptTop, szAsked);
         FindBelow(ptTop, szAsked);
@@ -170,6 +152,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
     for (mxml_node_t *pt = ptTop; pt && nNodes < kMostNodes;
          pt = mxmlWalkNext(pt, ptTop, MXML_DESCEND), ++nNodes)
         ReadNode(pt);
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    mxmlSetErrorCallback([](const char *) {});
+    return 0;
+}
+
+// What AppXmlLoad() takes, Mini-XML loads as the same tree, and as values of each other kind too.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
+{
+    const auto szText = reinterpret_cast<const char *>(pbyData);
+    AppSetLogLevel(0, nSize % 8 ? APP_LOG_ERROR : APP_LOG_DEBUG);
+    mxml_node_t *ptTree = nullptr;
+    const uint32_t dwCode = AppXmlLoad(szText, static_cast<uint32_t>(nSize), &ptTree);
+    Require(ptTree ? dwCode == APP_OK : dwCode == (pbyData ? APP_BAD_VALUE : APP_INVALID_ARG));
+    if (!ptTree)
+        return 0;
+    Require(!mxmlGetParent(ptTree));
+    ReadTree(ptTree);
+    const std::string text(szText, nSize), saved = Saved(ptTree);
+    mxmlDelete(ptTree);
+    ptTree = mxmlLoadString(nullptr, text.c_str(), AppXmlMxmlParseCB);
+    Require(Saved(ptTree) == saved);
+    mxmlDelete(ptTree);
+    const mxml_load_cb_t apfnKind[] = {MXML_TEXT_CALLBACK, MXML_INTEGER_CALLBACK,
+                                       MXML_REAL_CALLBACK};
+    mxml_node_t *ptTop = mxmlNewElement(nullptr, "top\1"); // as in AppXmlLoad()
+    mxmlLoadString(ptTop, text.c_str(), apfnKind[nSize % 3]);
+    ReadTree(ptTop);
     mxmlDelete(ptTop);
     return 0;
 }

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include <fcntl.h>
 #include <limits.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -76,6 +80,13 @@ protected:
 
 using Lines = std::vector<std::string>;
 
+std::string Lost(const char *szWhy) {
+    return Text("[ERROR] _AppFileLog: channel %d: lines are lost from here on, %s\n", kChannel, szWhy);
+}
+std::string Again(size_t nLost) {
+    return Text("[INFO ] _AppFileLog: channel %d: written again, %zu lines were lost\n", kChannel, nLost);
+}
+
 } // namespace
 
 TEST_F(FileLog, OnlyLevelZeroReachesTheFile) {
@@ -126,8 +137,11 @@ TEST_F(FileLog, RotatesOnceTheLimitIsPassed) {
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, 0u);
     Write("next");
     EXPECT_EQ(ReadLines(m_path), Lines{"next"});
+    fs::resize_file(m_path, 0); // by another program
+    Write("whole");
+    EXPECT_EQ(ReadLines(m_path), Lines{"whole"});
 
-    EXPECT_EQ(Open(0), static_cast<long>(kStampLen + 5)); // the same path again: every line rotates
+    EXPECT_EQ(Open(0), static_cast<long>(kStampLen + 6)); // the same path again: every line rotates
     Write("first");
     Write("second");
     EXPECT_EQ(ReadLines(m_backup), Lines{"second"});
@@ -154,62 +168,178 @@ TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone) {
     tzset();
 }
 
-TEST_F(FileLog, StreamsAreCloseOnExec) {
-    ASSERT_EQ(Open(0), 0);
-    EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
-    Write("rotates");
-    EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
+// A program may have closed its standard input, output or error.
+TEST_F(FileLog, DescriptorsAreCloseOnExecAndAboveStandard) {
+    const int nStdin = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    const long nDescriptors = fault::OpenDescriptors();
+    {
+        fault::Fail fail(fault::Fn::fcntl, 1, EMFILE);
+        EXPECT_EQ(AppSetFileLog(kChannel, m_path.c_str(), 10), 0u);
+    }
+    EXPECT_EQ(fault::OpenDescriptors(), nDescriptors);
+    EXPECT_EQ(AppSetFileLog(kChannel, m_path.c_str(), 10), 1u);
+    for (const char *szLine : {"rotates", "again"}) {
+        ASSERT_GT(fileno(Stream()), STDERR_FILENO);
+        EXPECT_TRUE(fcntl(fileno(Stream()), F_GETFD) & FD_CLOEXEC);
+        Write(szLine);
+    }
+    EXPECT_EQ(ReadLines(m_backup), Lines{"again"});
+    dup2(nStdin, STDIN_FILENO);
+    close(nStdin);
 }
 
-TEST_F(FileLog, VanishedDirectoryStopsTheFileOnly) {
+TEST_F(FileLog, DeletedFileIsOpenedAnew) {
+    LogCapture log;
     const long nDescriptors = fault::OpenDescriptors();
-    ASSERT_EQ(Open(10), 0);
+    ASSERT_EQ(Open(1000000), 0);
+    Write("before");
+    fs::remove(m_path);
+    std::ofstream(m_path).close(); // another in its place
+    unsigned nWritten = 0;
+    const auto Attempt = [&] { Write(std::to_string(nWritten++)); };
+    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), fs::file_size(m_path) > 0; }));
+    EXPECT_EQ(ReadLines(m_path), Lines{std::to_string(nWritten - 1)});
+    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+    log.ExpectNone();
+
+    ASSERT_GT(Open(1), 1); // due to rotate, but cannot be opened anew until the directory is back
     fs::remove_all(m_dir);
-    Write("the line that rotates");
+    nWritten = 0;
+    Attempt();
+    fs::create_directory(m_dir);
+    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), fs::exists(m_backup); }));
+    log.ExpectLines({Lost("No such file or directory"), Again(nWritten - 1)});
+    EXPECT_EQ(ReadLines(m_backup), Lines{std::to_string(nWritten - 1)});
+    ASSERT_EQ(Open(1000000), 0);
+    fs::remove_all(m_dir);
+    Attempt();
+    fs::create_directory(m_dir);
+    ASSERT_EQ(Open(1000000), 0); // at once
+    Attempt();
+    log.ExpectLines({Lost("No such file or directory"), Again(1)});
+
+    fs::rename(m_path, m_backup); // moved away, and none may be made in its place: written on
+    fault::Fail refused(fault::Fn::fopen, 1, EACCES);
+    EXPECT_TRUE(test::WaitUntil([&] { return Attempt(), refused.Hits() == 1; }));
+    EXPECT_EQ(ReadLines(m_backup).back(), std::to_string(nWritten - 1));
+    log.ExpectNone();
+    AppCloseFileLog(kChannel);
+    EXPECT_EQ(fault::OpenDescriptors(), nDescriptors);
+}
+
+TEST_F(FileLog, RefusedRotationSaysSoOnce) {
+    LogCapture log;
+    const std::string noBackup =
+        "[ERROR] _AppFileLog: channel 77: starts anew without a backup, Read-only file system\n";
+    ASSERT_EQ(Open(0), 0);
+    for (int i = 0; i < 2; ++i) {
+        {
+            fault::Fail refused(fault::Fn::rename, 1, EROFS, 2);
+            Write("one");
+            Write("two");
+        }
+        log.ExpectLines({noBackup});
+        EXPECT_EQ(ReadFile(m_path), "");
+        Write("three"); // from here on it is news again
+        EXPECT_EQ(ReadLines(m_backup), Lines{"three"});
+    }
+    fault::Fail stop(fault::Fn::fopen, 1, ENOSPC);
+    Write("four");
     EXPECT_EQ(Stream(), nullptr);
     Write("goes nowhere");
-    EXPECT_EQ(fault::OpenDescriptors(), nDescriptors);
-    EXPECT_EQ(Open(10), -1); // silently
-    fs::create_directory(m_dir);
-    EXPECT_EQ(Open(1000), 0);
-    Write("again");
-    EXPECT_EQ(ReadLines(m_path), Lines{"again"});
-    m_path = m_dir / "missing" / "file"; // a failed open closes the old file
+    log.ExpectLines({"[ERROR] _AppFileLog: channel 77: no file until it is set again, No space left on device\n"});
+    EXPECT_EQ(ReadLines(m_backup), Lines{"four"});
+    ASSERT_EQ(Open(1000), 0);
+    m_path = m_dir / "missing" / "file"; // silently, and the old file is closed
     EXPECT_EQ(Open(10), -1);
     EXPECT_EQ(Stream(), nullptr);
+    log.ExpectNone();
 }
 
-TEST_F(FileLog, FullDiskLeavesWholeLines) {
-    ASSERT_EQ(Open(100000), 0);
-    Write("before");
-    struct rlimit tOld;
-    getrlimit(RLIMIT_FSIZE, &tOld);
-    signal(SIGXFSZ, SIG_IGN);
-    struct rlimit tSmall = tOld;
-    tSmall.rlim_cur = 200;
-    setrlimit(RLIMIT_FSIZE, &tSmall);
-    for (int i = 0; i < 9; ++i) Write("a line that does not fit any more, soon");
-    Write("fits");
-    setrlimit(RLIMIT_FSIZE, &tOld);
-    signal(SIGXFSZ, SIG_DFL);
-    Write("after");
-    // 30 bytes and twice 63; a third would end at 219, where "fits" ends at 184.
+TEST_F(FileLog, FilesBeyondTheCountRotate) {
+    if (sizeof(off_t) < 8) GTEST_SKIP() << "files end at 2 GiB here";
+    std::ofstream(m_path).close();
+    fs::resize_file(m_path, 5ull << 30);
+    EXPECT_EQ(Open(UINT32_MAX - 1), UINT32_MAX);
+    Write("last");
+    EXPECT_EQ(fs::file_size(m_backup), (5ull << 30) + kStampLen + 5);
+    EXPECT_EQ(fs::file_size(m_path), 0u);
+}
+
+// The disk is full in the middle of a line, and the piece may not be taken back at once, or never.
+TEST_F(FileLog, FullDiskLeavesWholeLinesAndTellsOnce) {
     const std::string line = "a line that does not fit any more, soon";
-    EXPECT_EQ(ReadLines(m_path), (Lines{"before", line, line, "fits", "after"}));
-    EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+    signal(SIGXFSZ, SIG_IGN);
+    for (const unsigned nUncut : {0u, 1u, 99u}) {
+        SCOPED_TRACE(nUncut);
+        fs::remove(m_path);
+        LogCapture log;
+        ASSERT_EQ(Open(100000), 0);
+        Write("before");
+        {
+            fault::Fail uncut(fault::Fn::ftruncate, 1, EIO, nUncut);
+            struct rlimit tOld;
+            getrlimit(RLIMIT_FSIZE, &tOld);
+            struct rlimit tSmall = tOld;
+            tSmall.rlim_cur = 200; // after 30 bytes and twice 63
+            setrlimit(RLIMIT_FSIZE, &tSmall);
+            for (int i = 0; i < 9; ++i) Write(line);
+            setrlimit(RLIMIT_FSIZE, &tOld);
+            Write("after");
+        }
+        log.ExpectLines({Lost("No space left on device"), Again(7)});
+        EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+        std::string content = ReadFile(m_path);
+        if (nUncut == 99) { // the piece has an end of its own
+            EXPECT_EQ(content[200], '\n');
+            std::ofstream(m_path) << content.erase(156, 45);
+        }
+        EXPECT_EQ(ReadLines(m_path), (Lines{"before", line, line, "after"}));
+    }
+    signal(SIGXFSZ, SIG_DFL);
 }
 
 TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal) {
+    LogCapture log;
     ASSERT_EQ(Open(1000), 0);
     fault::Fail fail(fault::Fn::writev, 2, EINTR, 2);
     Write("one");
     Write("two");
     EXPECT_EQ(fail.Calls(), 4u);
-    fault::Fail full(fault::Fn::writev, 1, ENOSPC);
+    fault::Fail full(fault::Fn::writev, 1, EIO);
+    fault::Fail console(fault::Fn::_AppVsnprintf, 2, 0); // the second text is what the loss says
+    console.Action([] { Write("from the console"); });   // which may log on the same channel
     Write("lost");
     Write("three");
-    EXPECT_EQ(ReadLines(m_path), (Lines{"one", "two", "three"}));
+    EXPECT_EQ(ReadLines(m_path), (Lines{"one", "two", "from the console", "three"}));
+    log.ExpectLines({Again(1), Lost("Input/output error")});
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
+}
+
+// In a file system of 64 KiB, mounted where only a child sees it.
+TEST_F(FileLog, FillsARealDisk) {
+    const pid_t nChild = fork();
+    if (nChild == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", m_dir.c_str(), "tmpfs", 0, "size=64k") != 0)
+            _exit(77);
+        LogCapture log;
+        Open(1000000);
+        for (int i = 0; i < 4000; ++i) Write(std::to_string(i));
+        const Lines lines = ReadLines(m_path);
+        for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(lines[i], std::to_string(i));
+        fs::resize_file(m_path, 0); // somebody makes room
+        Write("room");
+        EXPECT_EQ(ReadLines(m_path), Lines{"room"});
+        log.ExpectLines({Lost("No space left on device"), Again(4000 - lines.size())});
+        fflush(nullptr);
+        _exit(HasFailure());
+    }
+    int nStatus = 0;
+    waitpid(nChild, &nStatus, 0);
+    if (WEXITSTATUS(nStatus) == 77) GTEST_SKIP() << "only who may mount can fill a file system of his own";
+    EXPECT_EQ(nStatus, 0);
 }
 
 // Every full file is read right before it becomes the backup: together with the last one they hold

@@ -210,6 +210,7 @@ TEST(Socket, WaitsAreKept) {
         start = Now();
         EXPECT_EQ(receive(kShort), -2);
         EXPECT_GE(test::ElapsedMs(start), kShort);
+        EXPECT_LE(starved.Calls(), kShort + 3) << "a pause of a millisecond or more from the second round on";
     }
     EXPECT_EQ(receive(kShort), 1);
     for (const uint32_t dwTimeout : {0x80000000u, 0xFFFFFFFFu}) { // no wait for ever, none of 0
@@ -304,12 +305,31 @@ TEST(Socket, ConnectEndsInTime) {
     HAppSocket hSocket = AppSocketTCPConnect(nullptr, &kLoopback, listener.wPort, kLong, nullptr);
     ASSERT_NE(hSocket, nullptr);
     LogCapture log;
+    fault::Fail signal(Fn::epoll_wait, 1, EINTR);
     const auto start = Now();
     EXPECT_EQ(AppSocketTCPConnect(nullptr, &kLoopback, listener.wPort, kShort, nullptr), nullptr);
     EXPECT_GE(test::ElapsedMs(start), kShort);
     log.ExpectLines(
-        {Text("[ERROR] %s: connect timeout %d %s\n", "_AppSocketTCPConnect", EINPROGRESS, strerror(EINPROGRESS))});
+        {Text("[ERROR] %s: connect timeout %d %s\n", "_AppSocketTCPConnect", ETIMEDOUT, strerror(ETIMEDOUT))});
     AppSocketDestroy(hSocket);
+}
+
+// The system may choose the very port that nobody listens on: TCP then connects the socket to itself.
+TEST(Socket, ConnectRefusesToMeetItself) {
+    LogCapture log;
+    const struct sockaddr_in tAddr = app::ToSockaddr(kLoopback, ClosedPort());
+    const int nNextFd = dup(STDIN_FILENO);
+    close(nNextFd);
+    fault::Fail choice(Fn::connect, 1, 0);
+    choice.Action([&] { EXPECT_EQ(bind(nNextFd, app::Generic(&tAddr), sizeof(tAddr)), 0); });
+    TAppNetAddr peer = kIpv6;
+    EXPECT_EQ(AppSocketTCPConnect(nullptr, &kLoopback, tAddr.sin_port, kLong, &peer), nullptr);
+    EXPECT_EQ(peer.dwType, kIpv6.dwType);
+    log.ExpectLines(
+        {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect", ECONNREFUSED, strerror(ECONNREFUSED))});
+    HAppSocket hService = AppSocketCreate(nullptr, APP_SOCKET_TCP, 0);
+    EXPECT_CODE(APP_OK, AppSocketBind(hService, &kLoopback, tAddr.sin_port, 0)) << "the port is free again";
+    AppSocketDestroy(hService);
 }
 
 // ---- Every system call refused --------------------------------------------------------------

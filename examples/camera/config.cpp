@@ -15,6 +15,7 @@ namespace
 {
 
 constexpr uint32_t kAny = UINT32_MAX;
+constexpr uint32_t kFileSize = 65536;
 
 // One setting.  Texts have dwMax as the size of their field; dwMin 1 asks for a text that is not
 // empty.
@@ -98,18 +99,33 @@ void ReportXmlError(const char *szText)
     AppLog(g_byLog, APP_LOG_ALWAYS, "config: %s\n", EscapeForLog(szText, achText, sizeof(achText)));
 }
 
-mxml_node_t *LoadTree(const char *szFile)
+// Reads a file of at most kFileSize bytes; a longer one is cut, and thereby broken.  False, and
+// told, when it cannot be read.
+bool ReadFile(const char *szFile, char *szText, uint32_t *pdwLength)
 {
     FILE *ptFile = fopen(szFile, "re");
     if (!ptFile) {
         AppLog(g_byLog, APP_LOG_ALWAYS, "config: %s cannot be opened\n", szFile);
-        return nullptr;
+        return false;
     }
-    mxmlSetErrorCallback(ReportXmlError);
-    mxml_node_t *ptTree = mxmlLoadFile(nullptr, ptFile, AppXmlMxmlParseCB);
+    *pdwLength = static_cast<uint32_t>(fread(szText, 1, kFileSize, ptFile));
+    const bool bRead = !ferror(ptFile);
     fclose(ptFile);
-    if (!ptTree)
+    if (!bRead)
+        AppLog(g_byLog, APP_LOG_ALWAYS, "config: %s cannot be read\n", szFile);
+    return bRead;
+}
+
+mxml_node_t *LoadTree(const char *szFile)
+{
+    uint32_t dwLength = 0;
+    mxml_node_t *ptTree = nullptr;
+    auto szText = static_cast<char *>(AppMemPoolMalloc(nullptr, kFileSize));
+    mxmlSetErrorCallback(ReportXmlError);
+    if (szText && ReadFile(szFile, szText, &dwLength) &&
+        AppXmlLoad(szText, dwLength, &ptTree) != APP_OK)
         AppLog(g_byLog, APP_LOG_ALWAYS, "config: %s is not well-formed XML\n", szFile);
+    AppMemPoolFree(szText);
     return ptTree;
 }
 

@@ -278,11 +278,11 @@ bool Answer(const char *szMessageId, const TAppNetAddr &tPeer, uint16_t wPort)
     return SendMessage(&tWriter, tPeer, wPort);
 }
 
-void HandleDatagram(const char *szText, const TAppNetAddr &tPeer, uint16_t wPort)
+void HandleDatagram(const char *szText, uint32_t dwLength, const TAppNetAddr &tPeer, uint16_t wPort)
 {
     TSoapMessage tMessage;
     EOutcome eOutcome = kBroken;
-    if (SoapParse(szText, &tMessage))
+    if (SoapParse(szText, dwLength, &tMessage))
         eOutcome = Judge(tMessage, wPort);
     if (eOutcome == kAnswered && !Answer(tMessage.szMessageId, tPeer, wPort))
         eOutcome = kNotSent;
@@ -306,13 +306,11 @@ void Listen(HAppTask hTask, char *szBuf)
 {
     TAppNetAddr tPeer;
     uint16_t wPort = 0;
-    uint32_t dwLen = kMessageSize - 1;
+    uint32_t dwLen = kMessageSize;
     const int32_t nLen =
         AppSocketUDPRecv(s_hSocket, szBuf, &dwLen, kWaitMs, nullptr, nullptr, &tPeer, &wPort);
-    if (nLen > 0) {
-        szBuf[nLen] = '\0';
-        HandleDatagram(szBuf, tPeer, wPort);
-    }
+    if (nLen > 0)
+        HandleDatagram(szBuf, dwLen, tPeer, wPort);
     // A socket that fails at once, again and again, must not keep a processor busy.
     s_dwFailures = nLen == -1 ? s_dwFailures + 1 : 0;
     if (s_dwFailures > 16)

@@ -100,15 +100,20 @@ void Collect(TSearch *ptSearch)
     const uint32_t dwStart = AppGetTick();
     for (;;) {
         const uint32_t dwPassed = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
-        uint32_t dwLen = kMessageSize - 1;
-        if (dwPassed >= kSearchMs ||
-            AppSocketUDPRecv(ptSearch->hSocket, ptSearch->achBuf, &dwLen, kSearchMs - dwPassed,
-                             nullptr, nullptr, nullptr, nullptr) == -2)
+        if (dwPassed >= kSearchMs)
             break;
+        uint32_t dwLen = kMessageSize;
+        const int32_t nLen =
+            AppSocketUDPRecv(ptSearch->hSocket, ptSearch->achBuf, &dwLen, kSearchMs - dwPassed,
+                             nullptr, nullptr, nullptr, nullptr);
+        if (nLen == -2)
+            break;
+        if (nLen == -1) // nothing was written to the buffer
+            continue;
         TSoapMessage tMessage;
-        ptSearch->achBuf[dwLen] = '\0';
-        if (SoapParse(ptSearch->achBuf, &tMessage) && SoapEqual(tMessage.szAction, kMatchAction) &&
-            tMessage.szRelatesTo && SoapEqual(tMessage.szRelatesTo, ptSearch->achMessageId))
+        if (SoapParse(ptSearch->achBuf, dwLen, &tMessage) &&
+            SoapEqual(tMessage.szAction, kMatchAction) && tMessage.szRelatesTo &&
+            SoapEqual(tMessage.szRelatesTo, ptSearch->achMessageId))
             PrintMatches(ptSearch, tMessage);
         SoapFree(&tMessage);
     }

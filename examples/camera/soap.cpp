@@ -83,12 +83,11 @@ static void ReportXmlError(const char *szText)
            EscapeForLog(szText, achText, sizeof(achText)));
 }
 
-bool SoapParse(const char *szText, TSoapMessage *ptMessage)
+bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage)
 {
     *ptMessage = {};
     mxmlSetErrorCallback(ReportXmlError); // for this thread
-    ptMessage->ptTree = mxmlLoadString(nullptr, szText, AppXmlMxmlParseCB);
-    if (!ptMessage->ptTree)
+    if (AppXmlLoad(szText, dwLength, &ptMessage->ptTree) != APP_OK)
         return false;
     // An XML declaration is the parent of the envelope to Mini-XML.
     const char *szRoot = mxmlGetElement(ptMessage->ptTree);

@@ -40,8 +40,8 @@ struct TSoapMessage {
     const char *szRelatesTo;
 };
 
-// What is not XML at all gives false.  Broken or not, SoapFree() it.
-bool SoapParse(const char *szText, TSoapMessage *ptMessage);
+// What is not one whole XML document gives false.  Broken or not, SoapFree() it.
+bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage);
 void SoapFree(TSoapMessage *ptMessage);
 
 // The first child element of a namespace and local name; a null parent has none.

@@ -94,7 +94,11 @@ APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
  *
  * A message that does not pass the threshold costs one comparison.  The text is formatted in 5120
  * bytes on the caller's stack; a longer one keeps its first 5118 characters and a newline.  No tag,
- * stamp or newline is added.  Failures of the sinks are ignored.
+ * stamp or newline is added.  Failures of the console and of standard output are ignored.
+ *
+ * Stack of the caller, with the console's stand-in: 8 KiB; 10 KiB with floating-point values, 13
+ * KiB for the line that tells a file's loss (see AppSetFileLog()), and 9 KiB more while standard
+ * output is on and unbuffered.
  * @param byChannel the channel
  * @param byLevel   the level (::EAppLogLevel or any other byte)
  * @param szFormat  printf format; null logs nothing
@@ -112,7 +116,22 @@ APP_API void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat
  * Opens a log file for a channel and prints its present size on standard output.  The channel's
  * previous file is closed.  Each line written is stamped with the local time; when the file has
  * grown beyond its limit it becomes `path1` (the one backup) and an empty file takes its place.  A
- * line is written with one system call and is never torn or lost, whatever the threads.
+ * line is written with one system call, whole or not at all, and none is lost or torn by other
+ * threads or a rotation.  The descriptor is close-on-exec and never 0, 1 or 2.
+ *
+ * What can be lost, and what is then told by one line on channel 0, printed in the thread that
+ * logged, after the file is free for others again:
+ * - Lines that cannot be written, as on a full disk: the first one lost is told with the reason,
+ *   the next one written with the number lost.  A piece of a line is taken back; where the system
+ *   refuses that, it gets an end of its own.
+ * - A file that was deleted or moved away is opened anew by the first line of the next second; what
+ *   is written within that second goes with the old file, without a word.  A deleted file that
+ *   cannot be opened anew loses lines, told as above, and is tried again once a second.
+ * - The file's contents, when it is full and the system refuses to rename it: the file starts anew
+ *   without a backup, told once until a rename succeeds.
+ * - Every line from a rotation after which the file cannot be opened again, told once, until the
+ *   next AppSetFileLog().
+ * - On a power cut, what the system has not yet brought to the disk: nothing is synchronised.
  * @param byChannel the channel
  * @param szPath    the file, created when missing, at most 127 characters
  * @param dwMaxSize the limit in bytes; 0 rotates after every line

@@ -18,7 +18,9 @@ extern "C" {
 
 /**
  * Prints on the platform's console.  Receives every log line that passes its threshold, from any
- * thread.  Stand-in: standard error.
+ * thread, on that thread's stack.  Stand-in: standard error, with one write() a text, past stdio;
+ * what a full descriptor that does not block refuses is lost.  A text of another format than "%s"
+ * is cut to 511 characters.
  * @param nFlag1   always 1
  * @param nFlag2   always 0
  * @param szFormat printf format, always "%s"

@@ -5,10 +5,13 @@
  *
  * Addresses and ports - also those handed out, and the local port of AppSocketCalNATAddr() - are in
  * network byte order: use AppConvertHtons().  Time-outs are milliseconds; 0 waits without limit
- * (30 seconds for a connect).  A signal does not end a wait.
+ * (30 seconds for a connect).  A signal does not end a wait, one without limit neither: it goes on
+ * once the signal's handler has returned.  Who must be able to end a wait gives a time-out, looks
+ * at a flag and waits again.
  *
  * The data operations return the number of bytes, -1 for any failure and -2 when the time-out has
- * expired.  With a time-out only the wait blocks, never the transfer.  A send may take fewer bytes
+ * expired.  With a time-out only the wait blocks, never the transfer; a socket that is
+ * ready and yet would block is tried again with pauses of up to 10 ms.  A send may take fewer bytes
  * than given: the rest is the caller's to send.  A peer that is gone makes a send fail with -1; no
  * SIGPIPE is raised.  Descriptors are close-on-exec.
  *
@@ -108,7 +111,9 @@ APP_API uint32_t AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNe
                                                 const TAppNetAddr *ptIfAddr, uint32_t bLoop);
 
 /**
- * Connects to a TCP service.  The socket has TCP_NODELAY and SO_KEEPALIVE set and blocks.
+ * Connects to a TCP service.  The socket has TCP_NODELAY and SO_KEEPALIVE set and blocks.  A socket
+ * that TCP connected to itself, as may happen on a port of this device where nobody listens, is
+ * refused like such a port.
  * @param hMemPool     pool of the record; null is the process heap
  * @param ptRemoteAddr its address
  * @param wPort        its port

@@ -84,21 +84,35 @@ APP_API uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask,
 
 /**
  * Ends every task and destroys the manager.  Waits until each task's thread has left, which is
- * after the handler that it runs has returned; not to be called from a handler.  Then the events
- * still queued reach their handlers with ::APP_TASK_EVENT_DROP and the running timers with
- * ::APP_TASK_EVENT_TIMER_CANCEL, in the calling thread.  When it returns, no thread touches the
- * manager, its pool or any of its records.
- * @param hTaskMgr null does nothing; no other thread may use it or its tasks any more
+ * after the handler that it runs has returned; not to be called from a handler.  Then the running
+ * timers reach their handlers with ::APP_TASK_EVENT_TIMER_CANCEL and the events still queued theirs
+ * with ::APP_TASK_EVENT_DROP, task by task, in the calling thread and with no lock held.  Only then
+ * is anything released: until this returns, handlers may use every task of the manager that was
+ * valid when it was called, and its report; the sends and timers of a task that has left are refused
+ * with their line.  Needs no memory.  When it returns, no thread touches the manager, its pool or
+ * any of its records.
+ * @param hTaskMgr null does nothing; beside the handlers, no other thread may use the manager or its
+ *                 tasks any more
  */
 APP_API void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr);
 
 /**
- * Hands out a task: the one that went idle last, or a new one with a thread of its own.
+ * Hands out a task: the one that went idle last, or a new one with a thread of its own.  Reuse needs
+ * no memory but for the name; without it the task has none.
  * @param hTaskMgr      the manager
  * @param szTaskName    name, copied; the thread bears its first 15 characters; may be null
  * @param dwMaxEvent    most waiting events; 0 is ::APP_QUEUE_DEFAULT_MAX for a new task and no
  *                      limit for a reused one
- * @param dwStackSize   stack of a new thread in bytes; logging needs 6 KiB of it
+ * @param dwStackSize   stack of a new thread in bytes; a reused task keeps its own.  16 KiB, the
+ *                      least that the system takes (PTHREAD_STACK_MIN), are enough for handlers
+ *                      that log to the console, send and set timers; 24 KiB for all that the
+ *                      library does, log files and logged reports included.  5 KiB of it are the C
+ *                      library's and the task's own, the guard page is not part of it.  What
+ *                      handlers and callbacks take beyond 2 KiB, signal handlers, floating-point
+ *                      values in log lines (3 KiB) and an unbuffered standard output (9 KiB) come
+ *                      on top.  A size below the system's least, and 0, gives the thread the
+ *                      process's default: `ulimit -s`, as a rule 8 MiB of address space, of which
+ *                      only what is touched takes memory
  * @param dwMemPoolSize limit of a new task's pool in bytes; 0 is none
  * @param dwIdleTimeout milliseconds without an event after which the task goes idle; 0 never
  * @param pfnHandler    handler of events without their own, of timers without their own, and of
@@ -120,8 +134,9 @@ APP_API uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName,
  * states, queues, timers and last events.  Waits at most a second for the manager's lock and
  * reports only the header without it.
  * @param hTaskMgr  null hands nothing over
- * @param pfnShow   receives the text in pieces, the manager's lock held: it must not call the
- *                  manager; null drops the text
+ * @param pfnShow   receives the text in pieces, the manager's lock held but no task's and no pool's:
+ *                  it may send to tasks and set timers, but must neither create a task nor report or
+ *                  destroy the manager; null drops the text
  * @param pvContext handed to `pfnShow`
  */
 APP_API void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext);

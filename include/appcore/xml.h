@@ -3,12 +3,13 @@
  * @file xml.h
  * Typed readers and writers over Mini-XML documents.
  *
- * The application loads, saves and deletes its documents with Mini-XML itself; these operations
- * find, read and add single elements and attributes.  Documents are meant to be loaded with
- * AppXmlMxmlParseCB(), which keeps each element's content as one text with its blanks.
+ * AppXmlLoad() loads a document, whoever wrote it; saving and deleting it is Mini-XML's work.  The
+ * other operations find, read and add single elements and attributes.  A text that the application
+ * made itself may be loaded by Mini-XML's own functions with AppXmlMxmlParseCB(), which keeps each
+ * element's content as one text with its blanks.
  *
  * Rules common to this header:
- * - Every operation but the three of "Finding elements" returns a code of ::EAppResult.  A null
+ * - Every operation that does not return a node or a type returns a code of ::EAppResult.  A null
  *   argument is ::APP_INVALID_ARG unless it is said that it may be null.
  * - A missing element or attribute is ordinary and logged at ::APP_LOG_DEBUG only, with the two
  *   exceptions named below.  Null arguments, unusable nodes and refused values are logged at
@@ -41,15 +42,56 @@
 extern "C" {
 #endif
 
-/** @name Finding elements
+/** @name Loading
  * @{ */
 
 /**
+ * Loads a document that comes from outside: a datagram, a file that people edit.  The load
+ * functions of Mini-XML 3 are not safe for such texts: for each text that breaks off inside its
+ * root's tag they leak the root, and from the bytes FE FF or FF FE on, anywhere in the text, they
+ * read behind its end.  Here a broken text leaves nothing behind, and nothing but the text is read.
+ * Any depth of elements is loaded, and deleted by `mxmlDelete()`, without recursion.
+ *
+ * The tree is the one that `mxmlLoadString(NULL, …, AppXmlMxmlParseCB)` gives for a whole document,
+ * and what that refuses is refused: the text begins with '<' (a UTF-8 mark before it is skipped).
+ * An XML declaration `<?xml …?>` or a `<!DOCTYPE …>` there is the root, and the element is below
+ * it; without one, no second root and no comment may stand beside the root.  Text behind the root
+ * is dropped.  Refused as well, though Mini-XML lets them pass, are texts that end before their
+ * root's end tag does, and texts that hold anywhere what is not UTF-8, a zero byte or another
+ * control character.
+ *
+ * Mini-XML tells what is wrong with a text to the thread's error callback, or else prints it to
+ * standard error, parts of the text included: set one with `mxmlSetErrorCallback()`.  A thread
+ * does so when it starts: the first call of Mini-XML in a thread allocates a block that it does not
+ * look at.
+ * @param szText   the text in UTF-8; needs no terminator.  It is copied to the heap, and the copy
+ *                 freed before the call returns
+ * @param dwLength its bytes
+ * @param pptTree  receives the tree, to be deleted with `mxmlDelete()`; null on failure but
+ *                 ::APP_INVALID_ARG
+ * @retval APP_OK          loaded
+ * @retval APP_INVALID_ARG a null argument
+ * @retval APP_BAD_VALUE   not one whole document, or not UTF-8 throughout.
+ *                         Logged at ::APP_LOG_DEBUG, so that nobody outside can fill the log
+ * @retval APP_NO_RESOURCE no memory for the copy, an element or a value, or longer than
+ *                         1073741823 bytes.  Only an attribute that Mini-XML has no memory for is
+ *                         missing in a tree that is otherwise whole: it tells the error callback
+ *                         alone.
+ */
+APP_API uint32_t AppXmlLoad(const char *szText, uint32_t dwLength, mxml_node_t **pptTree);
+
+/**
  * The type callback for Mini-XML's load functions: `mxmlLoadFile(NULL, ptFile, AppXmlMxmlParseCB)`.
+ * For texts that the application made itself; see AppXmlLoad() for those from outside.
  * @param ptNode not looked at
  * @return always `MXML_OPAQUE`
  */
 APP_API mxml_type_t AppXmlMxmlParseCB(mxml_node_t *ptNode);
+
+/** @} */
+
+/** @name Finding elements
+ * @{ */
 
 /**
  * Finds the first direct child element of a name.  With AppXmlGetNextSiblingWithName() it makes the
@@ -267,7 +309,8 @@ APP_API uint32_t AppXmlGetSonNodeValue_Bool(mxml_node_t *ptParent, const char *s
  * out-parameter is untouched by ::APP_INVALID_ARG and null after every other failure.
  *
  * When the value of a new element cannot be made (::APP_NO_RESOURCE) the empty element stays in the
- * document: a caller who must not keep it deletes the parent's last child.
+ * document: a caller who must not keep it deletes the parent's last child.  Whatever fails, the
+ * document holds nothing that Mini-XML could not copy, and can be saved.
  * @{ */
 
 /**
@@ -346,8 +389,10 @@ APP_API uint32_t AppXmlAddSonNode_CDATA(mxml_node_t *ptFather, const char *szNod
  * @param ptNode     the element
  * @param szAttrName the attribute's name
  * @param nValue     the number
- * @retval APP_OK          handed to Mini-XML, which does not tell whether it had memory for it
+ * @retval APP_OK          set; or the node is no element, which has no attributes
  * @retval APP_INVALID_ARG a null argument
+ * @retval APP_NO_RESOURCE Mini-XML had no memory for it: the attribute is as it was.  It then
+ *                         loses two words of memory when the attribute would have been the first
  */
 APP_API uint32_t AppXmlSetAttr_s32(mxml_node_t *ptNode, const char *szAttrName, int32_t nValue);
 

@@ -1,55 +1,105 @@
 // SPDX-License-Identifier: MIT
+//
+// A line ends in the file whole or not at all, and no line is lost without a word: what happened is
+// noted while the channel's mutex is held and told after it, for the console may log itself.
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "cross_linux/cross_linux.h"
+#include "cross_linux/error_text.h"
 #include "cross_linux/mutex_guard.h"
+#include "utils/log.h"
 
 TAppFileLogInfo g_atAppFileLogInfo[256];
 
 namespace
 {
 
-// One mutex per channel: a line is written, and the file rotated, by one thread at a time.
-struct TChannelMutex {
+// What a channel has beside its record; all of it under the mutex, so that a line is written, and
+// the file rotated, by one thread at a time.  Zero at start.
+struct TChannel {
     pthread_mutex_t tMutex = PTHREAD_MUTEX_INITIALIZER;
+    time_t nLooked;     // the second in which the path was last looked at
+    int nGone;          // why a file that has vanished could not be opened anew; 0: it is there
+    uint32_t dwLost;    // lines lost since the last one that was written
+    uint32_t dwTorn;    // bytes of a torn line at the end of the file, still to be taken back
+    uint32_t bNoBackup; // a refused rename has been told, and none has succeeded since
 };
-TChannelMutex s_atMutex[256];
+TChannel s_atChannel[256];
 
-constexpr uint32_t kStampSize = 32;
+// What one line brought about: error numbers, 0 for nothing to tell.
+struct TNews {
+    int nLost;
+    uint32_t dwRecovered; // lines lost before this one, which is written
+    int nNoBackup;
+    int nStopped;
+};
 
-// The stamp of the present second, made once and reused by every channel.
-pthread_mutex_t s_tStampMutex = PTHREAD_MUTEX_INITIALIZER;
-time_t s_nStampTime = -1;
-char s_achStamp[kStampSize];
+constexpr uint32_t kHeadSize = 40;
 
-void CopyStamp(char (&achStamp)[kStampSize])
+// The head "[stamp] " of the present second, made once and used by every channel.
+pthread_mutex_t s_tHeadMutex = PTHREAD_MUTEX_INITIALIZER;
+time_t s_nHeadTime = -1;
+char s_achHead[kHeadSize];
+
+time_t CopyHead(char (&achHead)[kHeadSize])
 {
     const time_t nNow = time(nullptr);
-    app::MutexGuard guard(s_tStampMutex);
-    if (nNow != s_nStampTime) {
+    app::MutexGuard guard(s_tHeadMutex);
+    if (nNow != s_nHeadTime) {
         struct tm tLocal = {};
         tzset(); // localtime_r need not look at TZ again; a changed zone shows within a second
         localtime_r(&nNow, &tLocal);
-        if (strftime(s_achStamp, kStampSize, "%Y/%m/%d %H:%M:%S ", &tLocal) == 0)
-            s_achStamp[0] = '\0';
-        s_nStampTime = nNow;
+        if (strftime(s_achHead, kHeadSize, "[%Y/%m/%d %H:%M:%S ] ", &tLocal) == 0)
+            s_achHead[0] = '\0';
+        s_nHeadTime = nNow;
     }
-    memcpy(achStamp, s_achStamp, kStampSize);
+    memcpy(achHead, s_achHead, kHeadSize);
+    return nNow;
+}
+
+uint32_t Saturated(uint64_t qwSize)
+{
+    return qwSize < UINT32_MAX ? static_cast<uint32_t>(qwSize) : UINT32_MAX;
+}
+
+uint32_t SizeOf(FILE *ptFile)
+{
+    struct stat tFile;
+    return fstat(fileno(ptFile), &tFile) == 0 ? Saturated(static_cast<uint64_t>(tFile.st_size)) : 0;
+}
+
+// Where the program has closed its standard input, output or error, the next file opened gets that
+// number, and whatever is printed would end in the log.
+FILE *AboveStandard(FILE *ptFile, const char *szMode)
+{
+    if (!ptFile || fileno(ptFile) > STDERR_FILENO)
+        return ptFile;
+    const int nFd = fcntl(fileno(ptFile), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    fclose(ptFile);
+    FILE *ptAbove = nFd >= 0 ? fdopen(nFd, szMode) : nullptr;
+    if (!ptAbove && nFd >= 0)
+        close(nFd);
+    return ptAbove;
 }
 
 // Opened close-on-exec (a camera starts other programs) and unbuffered, so that a line is one
-// system call and the count is what reached the disk.
+// system call and the count is what reached the disk.  Appending whatever the mode: another program
+// may empty the file.
 FILE *OpenStream(const char *szPath, const char *szMode)
 {
-    FILE *ptFile = fopen(szPath, szMode);
-    if (ptFile)
+    FILE *ptFile = AboveStandard(fopen(szPath, szMode), szMode);
+    if (ptFile) {
         setvbuf(ptFile, nullptr, _IONBF, 0);
+        fcntl(fileno(ptFile), F_SETFL, O_APPEND);
+    }
     return ptFile;
 }
 
@@ -59,53 +109,134 @@ void CloseStream(TAppFileLogInfo &tInfo)
         fclose(ptFile);
 }
 
-// Closes the old stream first, so that it works with the last free descriptor too, and yet leaves
-// no moment without one: a writer that sees none, without the mutex, drops its line.
-FILE *ReplaceStream(TAppFileLogInfo &tInfo, const char *szPath, const char *szMode)
+// What was to be said about the old stream is over.
+FILE *Adopt(TAppFileLogInfo &tInfo, TChannel &tChannel, FILE *ptFile)
 {
-    if (FILE *ptOld = tInfo.ptFile.load())
-        fclose(ptOld);
-    FILE *ptFile = OpenStream(szPath, szMode);
     tInfo.ptFile.store(ptFile);
+    tInfo.dwCurSize = ptFile ? SizeOf(ptFile) : 0;
+    tChannel.nGone = 0;
+    tChannel.dwTorn = 0;
     return ptFile;
 }
 
-// "[stamp] text" in one system call, with no copy of the text.
-void WriteLine(TAppFileLogInfo &tInfo, FILE *ptFile, const char *szText)
+// Closes the old stream first, so that it works with the last free descriptor too, and yet leaves
+// no moment without one: a writer that sees none, without the mutex, drops its line.
+FILE *ReplaceStream(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szMode)
 {
-    char achStamp[kStampSize];
-    CopyStamp(achStamp);
-    char achHead[kStampSize + 4];
-    const int nHead = snprintf(achHead, sizeof(achHead), "[%s] ", achStamp);
-    const struct iovec atPiece[] = {{achHead, static_cast<size_t>(nHead)},
-                                    {const_cast<char *>(szText), strlen(szText)}};
-    const size_t nLine = atPiece[0].iov_len + atPiece[1].iov_len;
-    ssize_t nWritten;
-    do {
-        nWritten = writev(fileno(ptFile), atPiece, 2);
-    } while (nWritten < 0 && errno == EINTR);
-    if (nWritten <= 0)
-        return;
-    if (static_cast<size_t>(nWritten) < nLine) {
-        // The disk is full in the middle of the line: take the piece back, so that the next line
-        // that fits does not continue a torn one.
-        const off_t nEnd = lseek(fileno(ptFile), 0, SEEK_END);
-        if (nEnd >= nWritten && ftruncate(fileno(ptFile), nEnd - nWritten) == 0) {
-            lseek(fileno(ptFile), 0, SEEK_END);
-            return;
-        }
-    }
-    tInfo.dwCurSize += static_cast<uint32_t>(nWritten);
+    if (FILE *ptOld = tInfo.ptFile.load())
+        fclose(ptOld);
+    return Adopt(tInfo, tChannel, OpenStream(tInfo.achFilePath, szMode));
 }
 
-// The full file becomes the one backup, replacing the older backup in the same step.
-void Rotate(TAppFileLogInfo &tInfo)
+// Whether the path still leads to the open file.
+bool IsInPlace(const struct stat &tFile, const char *szPath)
+{
+    struct stat tPath;
+    return stat(szPath, &tPath) == 0 && tPath.st_dev == tFile.st_dev &&
+           tPath.st_ino == tFile.st_ino;
+}
+
+// Once a second: a file that was deleted or moved away is opened anew.  Where that fails, one moved
+// away is written on, and of one deleted the lines are lost until it succeeds.
+void LookAtPath(TAppFileLogInfo &tInfo, TChannel &tChannel, time_t nNow)
+{
+    FILE *ptOld = tInfo.ptFile.load();
+    struct stat tFile;
+    if (nNow == tChannel.nLooked || fstat(fileno(ptOld), &tFile) != 0)
+        return;
+    tChannel.nLooked = nNow;
+    if (IsInPlace(tFile, tInfo.achFilePath))
+        return;
+    if (FILE *ptFile = OpenStream(tInfo.achFilePath, "ab+e")) {
+        Adopt(tInfo, tChannel, ptFile);
+        fclose(ptOld);
+    } else if (tFile.st_nlink == 0) {
+        tChannel.nGone = errno;
+    }
+}
+
+// Takes back the piece of a line for which alone the disk had room.
+void CutTorn(TChannel &tChannel, int nFd)
+{
+    if (tChannel.dwTorn == 0)
+        return;
+    const off_t nEnd = lseek(nFd, 0, SEEK_END);
+    if (nEnd >= static_cast<off_t>(tChannel.dwTorn) &&
+        ftruncate(nFd, nEnd - static_cast<off_t>(tChannel.dwTorn)) == 0)
+        tChannel.dwTorn = 0;
+}
+
+// "[stamp] text" in one system call, with no copy of the text.  A torn piece that the system does
+// not let us take back gets an end of its own.  Returns 0, or why the line is lost.
+int WriteLine(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szText)
+{
+    char achHead[kHeadSize];
+    LookAtPath(tInfo, tChannel, CopyHead(achHead));
+    if (tChannel.nGone != 0)
+        return tChannel.nGone;
+    const int nFd = fileno(tInfo.ptFile.load());
+    CutTorn(tChannel, nFd);
+    char achEnd[] = "\n";
+    const struct iovec atPiece[] = {{achEnd, tChannel.dwTorn > 0 ? 1u : 0u},
+                                    {achHead, strlen(achHead)},
+                                    {const_cast<char *>(szText), strlen(szText)}};
+    const size_t nLine = atPiece[0].iov_len + atPiece[1].iov_len + atPiece[2].iov_len;
+    ssize_t nWritten;
+    do {
+        nWritten = writev(nFd, atPiece, 3);
+    } while (nWritten < 0 && errno == EINTR);
+    if (nWritten < 0)
+        return errno;
+    if (static_cast<size_t>(nWritten) < nLine) {
+        tChannel.dwTorn += static_cast<uint32_t>(nWritten);
+        CutTorn(tChannel, nFd);
+        return ENOSPC;
+    }
+    tInfo.dwCurSize = Saturated(uint64_t{tInfo.dwCurSize} + tChannel.dwTorn + nLine);
+    tChannel.dwTorn = 0;
+    return 0;
+}
+
+// The full file becomes the one backup, replacing the older backup in the same step.  Where the
+// system refuses that, the file starts anew all the same: its limit is a promise.
+void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
 {
     char achBackup[APP_FILE_LOG_PATH_SIZE + 1]; // the longest path and the digit
     AppSnprintf(achBackup, sizeof(achBackup), "%s%d", tInfo.achFilePath, 1);
-    tInfo.dwCurSize = 0;
-    rename(tInfo.achFilePath, achBackup);
-    ReplaceStream(tInfo, tInfo.achFilePath, "wbe");
+    const bool bRefused = rename(tInfo.achFilePath, achBackup) != 0;
+    if (bRefused && !tChannel.bNoBackup)
+        tNews.nNoBackup = errno;
+    tChannel.bNoBackup = bRefused;
+    if (!ReplaceStream(tInfo, tChannel, "wbe"))
+        tNews.nStopped = errno;
+}
+
+// The first line lost and the first one written again are news.
+void Count(TChannel &tChannel, int nError, TNews &tNews)
+{
+    if (nError == 0) {
+        tNews.dwRecovered = tChannel.dwLost;
+        tChannel.dwLost = 0;
+    } else {
+        tNews.nLost = tChannel.dwLost == 0 ? nError : 0;
+        tChannel.dwLost = Saturated(uint64_t{tChannel.dwLost} + 1);
+    }
+}
+
+void Tell(uint8_t byChannel, const TNews &tNews, const char *szOp)
+{
+    if (tNews.nLost != 0)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: channel %d: lines are lost from here on, %s\n", szOp,
+               byChannel, app::ErrorText(tNews.nLost).Text());
+    if (tNews.dwRecovered != 0)
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: channel %d: written again, %lu lines were lost\n",
+               szOp, byChannel, app::Ul(tNews.dwRecovered));
+    if (tNews.nNoBackup != 0)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: channel %d: starts anew without a backup, %s\n", szOp,
+               byChannel, app::ErrorText(tNews.nNoBackup).Text());
+    if (tNews.nStopped != 0)
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: channel %d: no file until it is set again, %s\n",
+               szOp, byChannel, app::ErrorText(tNews.nStopped).Text());
 }
 
 } // namespace
@@ -113,24 +244,22 @@ void Rotate(TAppFileLogInfo &tInfo)
 uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize,
                          uint32_t *pdwCurSize)
 {
-    app::MutexGuard guard(s_atMutex[byChannel].tMutex);
+    TChannel &tChannel = s_atChannel[byChannel];
+    app::MutexGuard guard(tChannel.tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     AppStrncpy(tInfo.achFilePath, szPath, sizeof(tInfo.achFilePath));
-    tInfo.dwCurSize = 0;
     tInfo.dwMaxSize = dwMaxSize;
-    FILE *ptFile = ReplaceStream(tInfo, szPath, "ab+e");
-    if (!ptFile)
+    tChannel.nLooked = 0;
+    tChannel.bNoBackup = 0;
+    if (!ReplaceStream(tInfo, tChannel, "ab+e"))
         return 0;
-    fseek(ptFile, 0, SEEK_END);
-    const long nSize = ftell(ptFile);
-    tInfo.dwCurSize = nSize > 0 ? static_cast<uint32_t>(nSize) : 0;
     *pdwCurSize = tInfo.dwCurSize;
     return 1;
 }
 
 void _AppFileLogClose(uint8_t byChannel)
 {
-    app::MutexGuard guard(s_atMutex[byChannel].tMutex);
+    app::MutexGuard guard(s_atChannel[byChannel].tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     CloseStream(tInfo);
     tInfo.dwCurSize = 0;
@@ -139,12 +268,15 @@ void _AppFileLogClose(uint8_t byChannel)
 
 void _AppFileLog(uint8_t byChannel, const char *szText)
 {
-    app::MutexGuard guard(s_atMutex[byChannel].tMutex);
+    TNews tNews = {};
+    TChannel &tChannel = s_atChannel[byChannel];
+    app::MutexGuard guard(tChannel.tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
-    FILE *ptFile = tInfo.ptFile.load();
-    if (!ptFile)
+    if (!tInfo.ptFile.load())
         return; // closed, or its rotation failed, since the caller looked
-    WriteLine(tInfo, ptFile, szText);
-    if (tInfo.dwCurSize > tInfo.dwMaxSize)
-        Rotate(tInfo);
+    Count(tChannel, WriteLine(tInfo, tChannel, szText), tNews);
+    if (tInfo.dwCurSize > tInfo.dwMaxSize && tChannel.nGone == 0)
+        Rotate(tInfo, tChannel, tNews);
+    guard.Unlock();
+    Tell(byChannel, tNews, __func__);
 }

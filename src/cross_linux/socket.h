@@ -27,15 +27,17 @@ static_assert(offsetof(TAppSocket, wPort) == 8 && sizeof(TAppSocket) == 12, "fix
 namespace app
 {
 
-// Owns a descriptor.
+// Owns a descriptor.  Its end leaves errno alone, which may still be looked at.
 class [[nodiscard]] OwnedFd
 {
 public:
     explicit OwnedFd(int nFd) : m_nFd(nFd) {}
     ~OwnedFd()
     {
+        const int nError = errno;
         if (m_nFd >= 0)
             close(m_nFd);
+        errno = nError;
     }
     OwnedFd(const OwnedFd &) = delete;
     OwnedFd &operator=(const OwnedFd &) = delete;

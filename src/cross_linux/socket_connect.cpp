@@ -12,6 +12,24 @@ namespace
 
 constexpr uint32_t kDefaultTimeoutMs = 30000;
 
+// With a source port of the system's choice, a connect to a port of this device that nobody listens
+// on can meet itself: TCP connects the socket to its own end.  There is no service; the connection
+// is reset, so that it does not keep the port from the service that may yet come.
+bool MetItself(int nFd, const char *szOp)
+{
+    struct sockaddr_in tOwn = {}, tPeer = {};
+    socklen_t nOwnLen = sizeof(tOwn), nPeerLen = sizeof(tPeer);
+    if (getsockname(nFd, app::Generic(&tOwn), &nOwnLen) != 0 ||
+        getpeername(nFd, app::Generic(&tPeer), &nPeerLen) != 0 || tOwn.sin_port != tPeer.sin_port ||
+        tOwn.sin_addr.s_addr != tPeer.sin_addr.s_addr)
+        return false;
+    const struct linger tReset = {1, 0};
+    setsockopt(nFd, SOL_SOCKET, SO_LINGER, &tReset, sizeof(tReset));
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, ECONNREFUSED,
+           app::ErrorText(ECONNREFUSED).Text());
+    return true;
+}
+
 // After the wait: is there a peer?  Otherwise the socket's pending error is the cause; that
 // getpeername() finds it "not connected" is not.
 bool CheckPeer(int nFd, TAppNetAddr *ptPeerAddr, const char *szOp)
@@ -28,6 +46,8 @@ bool CheckPeer(int nFd, TAppNetAddr *ptPeerAddr, const char *szOp)
                app::ErrorText(nError).Text());
         return false;
     }
+    if (MetItself(nFd, szOp))
+        return false;
     if (ptPeerAddr)
         app::FromInAddr(tPeer.sin_addr, ptPeerAddr);
     return true;
@@ -41,9 +61,9 @@ bool AwaitConnection(int nFd, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr, const
     if (wait == app::WaitResult::Failed)
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: epoll_wait failed %d %s\n", szOp, nError,
                app::ErrorText(nError).Text());
-    if (wait == app::WaitResult::Timeout)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect timeout %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+    if (wait == app::WaitResult::Timeout) // errno tells of whatever came before, such as a signal
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect timeout %d %s\n", szOp, ETIMEDOUT,
+               app::ErrorText(ETIMEDOUT).Text());
     return wait == app::WaitResult::Ready && CheckPeer(nFd, ptPeerAddr, szOp);
 }
 
@@ -52,7 +72,7 @@ bool Connect(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout, TAppN
              const char *szOp)
 {
     if (connect(nFd, app::Generic(&tAddr), sizeof(tAddr)) == 0)
-        return true;
+        return !MetItself(nFd, szOp);
     const int nError = errno;
     if (nError == EINPROGRESS)
         return AwaitConnection(nFd, dwTimeout, ptPeerAddr, szOp);

@@ -13,6 +13,7 @@ namespace
 
 constexpr int32_t kFailed = -1;
 constexpr int32_t kTimeout = -2;
+constexpr int32_t kMostPauseMs = 10;
 
 // What a transfer came to: a count above 0 or 0 and errno, or no transfer at all.
 struct TOutcome {
@@ -46,7 +47,11 @@ TOutcome Run(HAppSocket hSocket, uint32_t dwEvents, uint32_t dwTimeout, const ch
     ssize_t nCount = Try(transfer, MSG_DONTWAIT);
     if (!WouldBlock(nCount))
         return {nCount, 0};
+    // Short of memory, a socket can stay ready and yet block.  Once is nothing: another thread took
+    // the datagram.  From the second round on there are pauses, lest the loop keep a processor
+    // busy.
     const app::Deadline deadline(dwTimeout);
+    int32_t nPauseMs = 0;
     do {
         const app::WaitResult wait = app::WaitForSocket(hSocket->nFd, dwEvents, deadline, szOp);
         if (wait != app::WaitResult::Ready)
@@ -54,7 +59,10 @@ TOutcome Run(HAppSocket hSocket, uint32_t dwEvents, uint32_t dwTimeout, const ch
         nCount = Try(transfer, MSG_DONTWAIT);
         if (!WouldBlock(nCount))
             return {nCount, 0};
-    } while (!deadline.Passed()); // short of memory, a socket can stay ready and yet block
+        if (nPauseMs > 0)
+            _AppDelay(static_cast<uint32_t>(deadline.LeftMs(nPauseMs)));
+        nPauseMs = nPauseMs < kMostPauseMs / 2 ? 2 * nPauseMs + 1 : kMostPauseMs;
+    } while (!deadline.Passed());
     return {0, kTimeout};
 }
 

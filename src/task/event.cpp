@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+//
+// Sending an event, dropping it, and the last one.
 #include "appcore/mempool.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -10,40 +12,9 @@ namespace
 
 constexpr uint32_t kSendWaitMs = 1000;
 
-// What the public sends share: a copy of the event is queued while the task admits work.
-uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
-              uint32_t dwTimeout, const char *szOp)
-{
-    if (!hTask)
-        return APP_INVALID_ARG;
-    uint32_t dwState;
-    bool bWake = false;
-    {
-        app::LockGuard guard(hTask->hLock, dwTimeout);
-        if (!guard)
-            return APP_TIMEOUT;
-        dwState = app::Peek(hTask->dwState);
-        if (app::AdmitsWork(dwState)) {
-            const uint32_t dwResult = app::PlaceEvent(hTask, event, nPriority, bForce, &bWake);
-            if (dwResult != APP_OK || !bWake)
-                return dwResult;
-            hTask->dwUsers.fetch_add(1, std::memory_order_relaxed);
-        }
-    }
-    if (!app::AdmitsWork(dwState)) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Task State. Task %p state %s\n", szOp,
-               app::Ptr(hTask), _AppGetTaskStateString(dwState));
-        return APP_INVALID_ARG;
-    }
-    app::WakeTask(hTask);
-    app::DropVisitor(hTask);
-    return APP_OK;
-}
-
-} // namespace
-
-uint32_t app::PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority,
-                         uint32_t bForce, bool *pbWake)
+// Queues a copy of the event; `*pbWake` says that the task's thread has to be woken for it.
+uint32_t Place(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
+               bool *pbWake)
 {
     static constexpr char szOp[] = "_AppTaskSendEvent";
     auto ptCopy = static_cast<TAppTaskEvent *>(
@@ -53,10 +24,11 @@ uint32_t app::PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t n
         return APP_NO_RESOURCE;
     }
     *ptCopy = event;
-    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", szOp, Ptr(ptTask),
-              static_cast<int>(event.dwEventType), Ptr(event.pfnHandler), event.pvArg);
-    const uint32_t dwResult = QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                         static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", szOp,
+              app::Ptr(ptTask), static_cast<int>(event.dwEventType), app::Ptr(event.pfnHandler),
+              event.pvArg);
+    const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
+                                              static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", szOp,
                static_cast<int>(dwResult));
@@ -65,18 +37,68 @@ uint32_t app::PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t n
     return dwResult;
 }
 
-void app::WakeTask(TAppTask *ptTask)
+// What the public sends share: a copy of the event is queued while the task admits work.
+uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
+              uint32_t dwTimeout, const char *szOp)
 {
-    QueueWake(ptTask->hEventQueue);
+    if (!hTask)
+        return APP_INVALID_ARG;
+    uint32_t dwState;
+    uint32_t dwResult = APP_INVALID_ARG;
+    bool bWake = false;
+    {
+        app::LockGuard guard(hTask->hLock, dwTimeout);
+        if (!guard)
+            return APP_TIMEOUT;
+        dwState = app::Peek(hTask->dwState);
+        if (app::AdmitsWork(dwState))
+            dwResult = Place(hTask, event, nPriority, bForce, &bWake);
+        else
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Task State. Task %p state %s\n", szOp,
+                   app::Ptr(hTask), _AppGetTaskStateString(dwState));
+    }
+    // After the task's lock, so that the thread does not run into it.  The thread, promised the
+    // event, does not leave its wait before this: see leaving.cpp.
+    if (bWake)
+        app::QueueWake(hTask->hEventQueue);
+    return dwResult;
+}
+
+} // namespace
+
+void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType)
+{
+    if (event.pfnHandler)
+        event.pfnHandler(ptTask, dwEventType, event.pvArg, event.pvContext);
+    else if (ptTask->pfnHandler)
+        ptTask->pfnHandler(ptTask, dwEventType, event.pvArg, ptTask->pvContext);
+}
+
+void app::DropEvents(TAppTask *ptTask)
+{
+    while (AppQueueGetSize(ptTask->hEventQueue) != 0) {
+        void *pvEvent = nullptr;
+        AppQueueOut(ptTask->hEventQueue, 0, &pvEvent);
+        _AppTaskDropEventCB(pvEvent, ptTask);
+    }
+}
+
+void _AppTaskDropEventCB(void *pvEvent, void *pvTask)
+{
+    if (!pvEvent || !pvTask)
+        return;
+    app::CallHandler(static_cast<TAppTask *>(pvTask), *static_cast<TAppTaskEvent *>(pvEvent),
+                     APP_TASK_EVENT_DROP);
+    AppMemPoolFree(pvEvent);
 }
 
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
                            uint32_t bForce)
 {
     bool bWake = false;
-    const uint32_t dwResult = app::PlaceEvent(ptTask, *ptEvent, nPriority, bForce, &bWake);
+    const uint32_t dwResult = Place(ptTask, *ptEvent, nPriority, bForce, &bWake);
     if (bWake)
-        app::WakeTask(ptTask);
+        app::QueueWake(ptTask->hEventQueue);
     return dwResult;
 }
 

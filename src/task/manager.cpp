@@ -2,9 +2,9 @@
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "task/task.h"
+#include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 namespace
 {
@@ -44,35 +44,6 @@ uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *s
     return dwResult;
 }
 
-// Under the manager's lock.
-void RequestEnd(TAppTask *ptTask)
-{
-    static constexpr TAppTaskEvent kTerminate = {APP_TASK_EVENT_STOP, nullptr,
-                                                 _AppTaskGoForTerminateHandler, nullptr};
-    ptTask->dwEnd.store(APP_TASK_END_REQUESTED); // first: a drain may meet the request at once
-    if (_AppTaskSendEvent(ptTask, &kTerminate, APP_TASK_PRIORITY_QUIT, 1) != APP_OK)
-        ptTask->dwEnd.store(APP_TASK_END_NOW);
-}
-
-void RequestEndOfAll(const TAppDoubleList *ptList)
-{
-    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext)
-        RequestEnd(static_cast<TAppTask *>(hNode->pvData));
-}
-
-// Waits for those who destroy a task outside the lists.
-void WaitForLeaving(TAppTaskMgr *ptTaskMgr)
-{
-    for (;;) {
-        {
-            app::LockGuard guard(ptTaskMgr->hLock);
-            if (ptTaskMgr->dwLeaving == 0)
-                return;
-        }
-        AppLockTakeByTime(ptTaskMgr->hLeftLock, 0);
-    }
-}
-
 uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
 {
     if (ptTaskMgr->bQuit == 1) {
@@ -87,69 +58,61 @@ uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
     return APP_OK;
 }
 
-// The task that went idle last and has not chosen to end; claimed, so that it cannot any more.
-TAppTask *ClaimIdleTask(TAppTaskMgr *ptTaskMgr)
+// Under the task's lock.  *pptFailed receives a task that must be disposed of.
+uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed, const char *szOp)
+{
+    TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
+    AppLog(0, APP_LOG_INFO, "[INFO ] %s: Reuse Task: %p\n", szOp, app::Ptr(ptTask));
+    const uint32_t dwResult =
+        _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwIdleTimeout,
+                           wanted.pfnHandler, wanted.pvContext);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n", szOp,
+               static_cast<int>(dwResult), app::Ptr(ptTask));
+        AppDoubleListRemove(ptTaskMgr->hIdleTaskList, ptTask->hListNode, nullptr);
+        ptTask->hListNode = nullptr;
+        *pptFailed = ptTask;
+        return dwResult;
+    }
+    // The node itself moves, so that an exhausted pool cannot cost the task.
+    app::MoveNode(ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList, ptTask->hListNode);
+    return APP_OK;
+}
+
+// Hands out the task that went idle last and has not chosen to end; *pptTask stays null when there
+// is none.
+uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
+                   TAppTask **pptFailed, const char *szOp)
 {
     HAppDoubleListNode hNode = ptTaskMgr->hIdleTaskList->ptTail;
     for (; hNode; hNode = hNode->ptPrev) {
         auto ptTask = static_cast<TAppTask *>(hNode->pvData);
         app::LockGuard guard(ptTask->hLock);
-        if (app::Peek(ptTask->dwState) == APP_TASK_STATE_IDLE) {
-            ptTask->bClaimed = 1;
-            return ptTask;
-        }
-    }
-    return nullptr;
-}
-
-// *pptFailed receives a task that must be disposed of.
-uint32_t Reuse(TAppTaskMgr *ptTaskMgr, TAppTask *ptTask, const TWanted &wanted,
-               TAppTask **pptFailed, const char *szOp)
-{
-    uint32_t dwResult = AppDoubleListRemove(ptTaskMgr->hIdleTaskList, ptTask->hListNode, nullptr);
-    if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListRemove failed: %d\n", szOp,
-               static_cast<int>(dwResult));
+        if (app::Peek(ptTask->dwState) != APP_TASK_STATE_IDLE)
+            continue;
+        const uint32_t dwResult = Reuse(ptTask, wanted, pptFailed, szOp);
+        if (dwResult == APP_OK)
+            *pptTask = ptTask;
         return dwResult;
     }
-    ptTask->hListNode = nullptr;
-    AppLog(0, APP_LOG_INFO, "[INFO ] %s: Reuse Task: %p\n", szOp, app::Ptr(ptTask));
-    dwResult = _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent,
-                                  wanted.dwIdleTimeout, wanted.pfnHandler, wanted.pvContext);
-    if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n", szOp,
-               static_cast<int>(dwResult), app::Ptr(ptTask));
-        *pptFailed = ptTask;
-    }
-    return dwResult;
+    return APP_OK;
 }
 
-uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask, const char *szOp)
+// *pptFailed receives a task whose thread runs, and that must be disposed of.
+uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
+                TAppTask **pptFailed, const char *szOp)
 {
-    const uint32_t dwResult = _AppTaskCreate(
+    TAppTask *ptTask = nullptr;
+    uint32_t dwResult = _AppTaskCreate(
         ptTaskMgr, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwStackSize, wanted.dwMemPoolSize,
-        wanted.dwIdleTimeout, wanted.pfnHandler, wanted.pvContext, pptTask);
-    if (dwResult != APP_OK)
+        wanted.dwIdleTimeout, wanted.pfnHandler, wanted.pvContext, &ptTask);
+    if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskCreate failed: %d\n", szOp,
                static_cast<int>(dwResult));
-    else
-        AppLog(0, APP_LOG_INFO, "[INFO ] %s: _AppTaskCreate: %s %p\n", szOp,
-               wanted.szTaskName ? wanted.szTaskName : "", app::Ptr(*pptTask));
-    return dwResult;
-}
-
-// Under the manager's lock.
-uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                 TAppTask **pptFailed, const char *szOp)
-{
-    uint32_t dwResult = CheckAdmission(ptTaskMgr, szOp);
-    if (dwResult != APP_OK)
         return dwResult;
-    TAppTask *ptTask = ClaimIdleTask(ptTaskMgr);
-    dwResult = ptTask ? Reuse(ptTaskMgr, ptTask, wanted, pptFailed, szOp)
-                      : Create(ptTaskMgr, wanted, &ptTask, szOp);
-    if (dwResult != APP_OK)
-        return dwResult;
+    }
+    AppLog(0, APP_LOG_INFO, "[INFO ] %s: _AppTaskCreate: %s %p\n", szOp,
+           wanted.szTaskName ? wanted.szTaskName : "", app::Ptr(ptTask));
     dwResult = AppDoubleListInsertAfter(ptTaskMgr->hTaskList, nullptr, ptTask, &ptTask->hListNode);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
@@ -161,12 +124,44 @@ uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTa
     return APP_OK;
 }
 
+// Under the manager's lock.
+uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
+                 TAppTask **pptFailed, const char *szOp)
+{
+    uint32_t dwResult = CheckAdmission(ptTaskMgr, szOp);
+    if (dwResult == APP_OK)
+        dwResult = ReuseLast(ptTaskMgr, wanted, pptTask, pptFailed, szOp);
+    if (dwResult == APP_OK && !*pptTask)
+        dwResult = Create(ptTaskMgr, wanted, pptTask, pptFailed, szOp);
+    return dwResult;
+}
+
 // Without the manager's lock, which the task's thread needs to end.
 void Dispose(TAppTask *ptTask)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
     __AppFreeTaskCB(ptTask, nullptr);
     app::EndLeaving(ptTaskMgr);
+}
+
+// The first two phases of the destruction: see leaving.cpp.  Once bQuit is set the lists do not
+// change any more.
+void EndTasks(TAppTaskMgr *ptTaskMgr)
+{
+    {
+        const auto requestEnd = [](TAppTask *ptTask) {
+            app::Request(ptTask, APP_TASK_REQUEST_END);
+        };
+        app::LockGuard guard(ptTaskMgr->hLock);
+        ptTaskMgr->bQuit = 1;
+        app::ForEachTask(ptTaskMgr->hTaskList, requestEnd);
+        app::ForEachTask(ptTaskMgr->hIdleTaskList, requestEnd);
+    }
+    app::AwaitLeaving(ptTaskMgr);
+    app::ForEachTask(ptTaskMgr->hIdleTaskList, app::AwaitLeft);
+    app::ForEachTask(ptTaskMgr->hTaskList, app::AwaitLeft);
+    app::ForEachTask(ptTaskMgr->hIdleTaskList, app::TellRest);
+    app::ForEachTask(ptTaskMgr->hTaskList, app::TellRest);
 }
 
 } // namespace
@@ -198,15 +193,8 @@ void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr)
 {
     if (!hTaskMgr)
         return;
-    if (hTaskMgr->hIdleTaskList) { // else a creation has failed, and there are no tasks
-        {
-            app::LockGuard guard(hTaskMgr->hLock);
-            hTaskMgr->bQuit = 1;
-            RequestEndOfAll(hTaskMgr->hTaskList);
-            RequestEndOfAll(hTaskMgr->hIdleTaskList);
-        }
-        WaitForLeaving(hTaskMgr);
-    }
+    if (hTaskMgr->hIdleTaskList) // else a creation has failed, and there are no tasks
+        EndTasks(hTaskMgr);
     AppDoubleListDestroy(hTaskMgr->hIdleTaskList, __AppFreeTaskCB, nullptr);
     AppDoubleListDestroy(hTaskMgr->hTaskList, __AppFreeTaskCB, nullptr);
     AppLockDestroy(hTaskMgr->hLeftLock);
@@ -244,7 +232,7 @@ uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_
                            phTask, &ptFailed, __func__);
         if (ptFailed) {
             app::BeginLeaving(hTaskMgr);
-            RequestEnd(ptFailed);
+            app::Request(ptFailed, APP_TASK_REQUEST_END);
         }
     }
     if (ptFailed)

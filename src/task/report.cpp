@@ -28,13 +28,6 @@ const void *AsPointer(int32_t nThreadId)
     return reinterpret_cast<const void *>(static_cast<intptr_t>(nThreadId));
 }
 
-template <typename Visit>
-void ForEachTask(const TAppDoubleList *ptList, Visit visit)
-{
-    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext)
-        visit(static_cast<TAppTask *>(hNode->pvData));
-}
-
 void ShowPoolOf(app::ReportWriter &writer, const TAppTask *ptTask)
 {
     const int32_t nThreadId = Peek(ptTask->nThreadId);
@@ -45,24 +38,51 @@ void ShowPoolOf(app::ReportWriter &writer, const TAppTask *ptTask)
     app::ShowPool(writer, ptTask->hMemPool);
 }
 
-// The list of timers changes under its task's lock.  The wait is short and the lines are left out
-// when it expires: a task that is going idle holds its lock while it waits for the manager's.  It
-// has no timers any more, so as a rule there is no wait at all.
-void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
+// A timer's line, copied under the task's lock and printed after it: a slow callback must not hold
+// up those who send to the task.
+struct TTimerLine {
+    const void *pvTimer;
+    const void *pvHandler;
+    uint32_t dwTimeout;
+    int32_t nLeftMs;
+};
+constexpr uint32_t kLines = 16; // copied at a time
+
+// Copies the lines from hShown on, which keeps its place while timers come and go.  The wait is
+// short, and the lines are left out when it expires: a task that is going idle holds its lock while
+// it waits for the manager's.  It has no timers any more, so as a rule there is no wait at all.
+uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
+                    TTimerLine (&atLine)[kLines])
 {
-    if (Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize) == 0)
-        return;
     app::LockGuard guard(ptTask->hLock, kTaskLockWaitMs);
     if (!guard)
-        return;
-    HAppDoubleListNode hNode = ptTask->ptTimerMgr->hTimerList->ptHead;
-    for (; hNode; hNode = hNode->ptNext) {
+        return 0;
+    HAppDoubleListNode &hNode = ptTask->ptTimerMgr->hShown;
+    if (bFirst)
+        hNode = ptTask->ptTimerMgr->hTimerList->ptHead;
+    uint32_t dwLines = 0;
+    for (; hNode && dwLines < kLines; hNode = hNode->ptNext) {
         auto ptTimer = static_cast<const TAppTimer *>(hNode->pvData);
-        const uint32_t dwLeft =
-            ptTimer->dwTimeout - app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
-        writer.Line("Task(%p) Timer(%p)  Handler(%p) Timeout(%lums) RemainTime(%ldms)\n",
-                    Ptr(ptTask), Ptr(ptTimer), Ptr(ptTimer->pfnHandler), Ul(ptTimer->dwTimeout),
-                    app::Sl(static_cast<int32_t>(dwLeft)));
+        const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
+        atLine[dwLines++] = {ptTimer, Ptr(ptTimer->pfnHandler), ptTimer->dwTimeout,
+                             static_cast<int32_t>(ptTimer->dwTimeout - dwPassed)};
+    }
+    return dwLines;
+}
+
+void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
+{
+    // No more lines than there are timers now: handlers may set timers faster than they are shown.
+    const uint32_t dwMost = Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+    TTimerLine atLine[kLines];
+    for (uint32_t dwShown = 0, dwLines; dwShown < dwMost; dwShown += dwLines) {
+        dwLines = CopyTimers(ptTask, dwNowTick, dwShown == 0, atLine);
+        if (dwLines == 0)
+            return;
+        for (uint32_t i = 0; i < dwLines; ++i)
+            writer.Line("Task(%p) Timer(%p)  Handler(%p) Timeout(%lums) RemainTime(%ldms)\n",
+                        Ptr(ptTask), atLine[i].pvTimer, atLine[i].pvHandler,
+                        Ul(atLine[i].dwTimeout), app::Sl(atLine[i].nLeftMs));
     }
 }
 
@@ -105,10 +125,10 @@ void ShowTables(app::ReportWriter &writer, HAppTaskMgr hTaskMgr)
                 Ul(ptActive->dwCurSize + ptIdle->dwCurSize), Ul(ptActive->dwMaxSize),
                 Ptr(hTaskMgr->hMemPool), Ul(hTaskMgr->dwIdleTaskTimeout));
     writer.Line("--- %lu ACTIVE TASKS ------------------------\n", Ul(ptActive->dwCurSize));
-    ForEachTask(ptActive, [&](const TAppTask *ptTask) { ShowActive(writer, ptTask); });
+    app::ForEachTask(ptActive, [&](const TAppTask *ptTask) { ShowActive(writer, ptTask); });
     writer.Line("--- %d INACTIVE TASKS ------------------------\n",
                 static_cast<int>(ptIdle->dwCurSize));
-    ForEachTask(ptIdle, [&](const TAppTask *ptTask) { ShowIdle(writer, ptTask); });
+    app::ForEachTask(ptIdle, [&](const TAppTask *ptTask) { ShowIdle(writer, ptTask); });
     writer.HandOver();
 }
 
@@ -130,7 +150,7 @@ void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext)
     }
     app::ShowPool(writer, hTaskMgr->hMemPool);
     const auto show = [&](const TAppTask *ptTask) { ShowPoolOf(writer, ptTask); };
-    ForEachTask(hTaskMgr->hTaskList, show);
-    ForEachTask(hTaskMgr->hIdleTaskList, show);
+    app::ForEachTask(hTaskMgr->hTaskList, show);
+    app::ForEachTask(hTaskMgr->hIdleTaskList, show);
     ShowTables(writer, hTaskMgr);
 }

@@ -97,8 +97,9 @@ void _AppTaskDestroy(TAppTask *ptTask)
 {
     if (!ptTask)
         return;
+    app::TellRest(ptTask); // the manager's destruction has done so before
     _AppTimerMgrDestroy(ptTask->ptTimerMgr);
-    AppQueueDestroy(ptTask->hEventQueue, _AppTaskDropEventCB, ptTask);
+    AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);
     AppMemPoolDestroy(ptTask->hMemPool);
     AppLockDestroy(ptTask->hExitLock);
     ptTask->hExitLock = nullptr;
@@ -108,34 +109,25 @@ void _AppTaskDestroy(TAppTask *ptTask)
     AppMemPoolFree(ptTask);
 }
 
+// With the task's lock.  The state is IDLE until the new owner's handler is in place.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext)
 {
-    bool bWake = false;
-    {
-        app::LockGuard guard(ptTask->hLock);
-        const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
-        if (dwResult != APP_OK) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,
-                   app::Ul(dwMaxEvent));
-            return dwResult;
-        }
-        AppMemPoolFree(ptTask->szTaskName);
-        ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
-        app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
-        ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
-        ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
-        app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-        ptTask->bClaimed = 0;
-        // The thread may be between a wait that has ended and its look at the idle time-out: for
-        // the new owner that time-out runs from now.
-        ptTask->dwLastEventTick = AppGetTick();
-        const TAppTaskEvent event = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
-                                     nullptr};
-        app::PlaceEvent(ptTask, event, APP_TASK_PRIORITY_REQUEST, 1, &bWake);
+    const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,
+               app::Ul(dwMaxEvent));
+        return dwResult;
     }
-    // The manager's lock, which is held here, keeps the record.
-    if (bWake)
-        app::WakeTask(ptTask);
+    AppMemPoolFree(ptTask->szTaskName);
+    ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
+    app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
+    ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
+    ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
+    app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
+    // The thread may be between a wait that has ended and its look at the idle time-out: for the
+    // new owner that time-out runs from now.
+    ptTask->dwLastEventTick = AppGetTick();
+    app::Request(ptTask, APP_TASK_REQUEST_REFRESH);
     return APP_OK;
 }

@@ -7,6 +7,8 @@
 // takes the manager's lock while it holds its own task's, which is safe because whoever holds the
 // manager's lock and waits for a task's does so only for a task that has been through that handler.
 // No lock is held while a handler runs.
+//
+// Who may touch a record last, and who waits for whom, is told in leaving.cpp.
 #ifndef APPCORE_TASK_TASK_H
 #define APPCORE_TASK_TASK_H
 
@@ -35,7 +37,7 @@ struct TAppTask {
     TAppTaskMgr *ptTaskMgr;
     HAppMemPool hMemPool; // the task's own, for its handlers
     HAppLock hLock;
-    HAppLock hExitLock; // given by the last user of the record, see dwUsers
+    HAppLock hExitLock; // given by the last user of the record, see leaving.cpp
     HAppQueue hEventQueue;
     std::atomic<uint32_t> dwState;       // (task); atomic only because reports peek at it
     std::atomic<uint32_t> dwIdleTimeout; // (task); likewise
@@ -52,19 +54,16 @@ struct TAppTask {
     std::atomic<PFAppTaskHandler> pfnLastHandler;
     std::atomic<void *> pvLastContext;
 
-    uint32_t dwLastEventTick;      // (task) when the last event came
-    uint32_t bClaimed;             // (task) taken for reuse: too late for the idle task to end
-    std::atomic<uint32_t> dwUsers; // the thread, and sends and cancels that are under way without
-                                   // the lock; grows only under the task's lock
-    std::atomic<uint32_t> dwEnd;   // EAppTaskEnd
+    uint32_t dwLastEventTick;         // (task) when the last event came
+    std::atomic<uint32_t> dwUsers;    // see leaving.cpp; grows only under the task's lock
+    std::atomic<uint32_t> dwRequests; // EAppTaskRequest
 };
 
-// Whether the manager's destruction, or the disposal of a task, wants the thread to end.
-enum EAppTaskEnd {
-    APP_TASK_END_NOT = 0,
-    APP_TASK_END_REQUESTED = 1, // its request is queued, or is just being queued
-    APP_TASK_END_NOW = 2,       // the request could not be queued or was met by a drain: this value
-                                // stands for it, and passes everything queued as it would have
+// What the manager wants of a task's thread lies in the record itself, so that neither reuse nor
+// the end can fail for want of memory.  A request passes every event that is queued.
+enum EAppTaskRequest {
+    APP_TASK_REQUEST_END = 1, // leave: the manager is destroyed or the task disposed of
+    APP_TASK_REQUEST_REFRESH = 2,
 };
 
 // Copied into a record of its own for the queue.
@@ -86,12 +85,15 @@ struct TAppTimerMgr {
     // Of the run: see timer_run.cpp.
     HAppDoubleListNode hNext; // where the walk goes on; moved when its node leaves the list
     uint32_t dwRun;           // odd during a run
+    uint32_t dwRunTick;       // when the run began
     uint32_t dwCheckTick;     // no timer is due before dwCheckWait ms after this tick
     uint32_t dwCheckWait;
+
+    HAppDoubleListNode hShown; // where a report goes on; moved like hNext
 };
 
 struct TAppTimer {
-    TAppTimerMgr *ptTimerMgr;
+    TAppTimerMgr *ptTimerMgr;     // for the record's life: a late cancel reads it without a lock
     HAppDoubleListNode hListNode; // null while in neither list
     PFAppTaskHandler pfnHandler;
     void *pvContext;
@@ -113,8 +115,7 @@ static_assert(offsetof(TAppTimer, dwState) == 24, "fixed layout");
 
 enum EAppTaskPriority {
     APP_TASK_PRIORITY_USER = 0,
-    APP_TASK_PRIORITY_REQUEST = 100, // go-idle and terminate requests of one task, refresh
-    APP_TASK_PRIORITY_QUIT = 1000,   // terminate requests that must pass everything else
+    APP_TASK_PRIORITY_REQUEST = 100, // AppTaskTerminate()'s go-idle request
 };
 
 extern "C" {
@@ -126,9 +127,9 @@ const char *_AppGetTaskStateString(uint32_t dwState);
 uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t dwMaxEvent,
                         uint32_t dwStackSize, uint32_t dwMemPoolSize, uint32_t dwIdleTimeout,
                         PFAppTaskHandler pfnHandler, void *pvContext, HAppTask *phTask);
-// Tells what is left and releases the record.  No thread uses it, no list holds it.
+// Tells what is left and releases the record.  No thread uses it, no list walks over it.
 void _AppTaskDestroy(TAppTask *ptTask);
-// Makes an idle task the new owner's; called with the manager's lock held.
+// Makes an idle task the new owner's; called with the manager's and the task's lock held.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext);
 // Queues a copy of the event.  Takes no task lock.
@@ -142,10 +143,10 @@ uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *pv
 uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg,
                                        void *pvContext);
 uint32_t _AppTaskRefreshHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
-// Callbacks for the containers' destruction.
+// Tells one event's drop and releases it.
 void _AppTaskDropEventCB(void *pvEvent, void *pvTask);
+// Callbacks for the lists' destruction.
 void __AppFreeTaskCB(void *pvTask, void *pvIgnored);
-void __AppFreeTimerCB(void *pvTimer, void *pvIgnored);
 void __AppFreeIdleTimerCB(void *pvTimer, void *pvIgnored);
 
 // Timers; called with the task's lock held unless said otherwise.
@@ -165,38 +166,60 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr);
 namespace app
 {
 
+// Visits the tasks of one of the manager's lists.
+template <typename Visit>
+void ForEachTask(const TAppDoubleList *ptList, Visit visit)
+{
+    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext)
+        visit(static_cast<TAppTask *>(hNode->pvData));
+}
+
+// ---- state.cpp ------------------------------------------------------------------------------
+
 // Sends, timers and terminate requests are admitted in these states.
 bool AdmitsWork(uint32_t dwState);
 // Milliseconds from a tick to now.
 uint32_t ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick);
-
 // The last event, for diagnostics.
 void RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg, PFAppTaskHandler pfnHandler,
                  void *pvContext);
+
+// ---- event.cpp ------------------------------------------------------------------------------
+
 // Calls the event's handler, or else the task's, as `dwEventType`.
 void CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType);
+// Drops what is queued.  Without the task's lock, in a state that admits no work: so the queue runs
+// empty.
+void DropEvents(TAppTask *ptTask);
 
-// A task leaves the lists to be destroyed outside the manager's lock: counted under that lock, so
-// that the manager's destruction waits for it.
-void BeginLeaving(TAppTaskMgr *ptTaskMgr);
-// The last touch of the manager by whoever destroyed the task.
-void EndLeaving(TAppTaskMgr *ptTaskMgr);
+// ---- leaving.cpp ----------------------------------------------------------------------------
 
-// A user of the record leaves.  The last one must give hExitLock, or destroy the record itself;
-// any other must not touch the record any more.
-inline bool DropUser(TAppTask *ptTask)
+// Asks something of the task's thread (EAppTaskRequest).  Under the manager's lock.
+void Request(TAppTask *ptTask, uint32_t dwRequest);
+inline bool MustEnd(const TAppTask *ptTask)
 {
-    return ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    return (ptTask->dwRequests.load() & APP_TASK_REQUEST_END) != 0;
 }
-// The same for those who came by: they give hExitLock for the thread that has left before them.
+// A cancel has counted itself as user of the record, and is done with it.
 void DropVisitor(TAppTask *ptTask);
+// The thread's last step.
+void Leave(TAppTask *ptTask);
+// Returns when the task's thread has left and nobody else uses the record.
+void AwaitLeft(TAppTask *ptTask);
+// A task that is on no list any more will be destroyed outside the manager's lock: counted under
+// that lock, so that the manager's destruction waits for it.
+void BeginLeaving(TAppTaskMgr *ptTaskMgr);
+// It has been destroyed.  The last touch of the manager.
+void EndLeaving(TAppTaskMgr *ptTaskMgr);
+void AwaitLeaving(TAppTaskMgr *ptTaskMgr);
+// Cancels the timers and drops the events of a task whose thread has left.
+void TellRest(TAppTask *ptTask);
 
-// _AppTaskSendEvent() that does not wake the task's thread yet: WakeTask() does, when `*pbWake`
-// says so, after the task's lock has been given, so that the thread does not run into that lock.
-uint32_t PlaceEvent(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority,
-                    uint32_t bForce, bool *pbWake);
-void WakeTask(TAppTask *ptTask);
+// ---- timer_mgr.cpp, timer_run.cpp -----------------------------------------------------------
 
+// Cancels every running timer, oldest first.  Under the task's lock, which is given for each call
+// of a handler.  `bRecord`: each becomes the task's last event.
+void CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord);
 // A timer has been set; see timer_run.cpp.
 void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout);
 // Takes a timer out of the running ones, its node kept.

@@ -13,6 +13,13 @@ namespace
 
 constexpr uint32_t kFirstWaitMs = 300;
 
+constexpr TAppTaskEvent kRefresh = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
+                                    nullptr};
+constexpr TAppTaskEvent kGoForIdle = {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoForIdleHandler,
+                                      nullptr};
+constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
+                                           _AppTaskGoForTerminateHandler, nullptr};
+
 void Start(TAppTask *ptTask)
 {
     app::LockGuard guard(ptTask->hLock);
@@ -61,15 +68,23 @@ bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait)
     return true;
 }
 
-// Under the task's lock: changes the state and queues the request that carries it out.  When the
-// request cannot be queued the state goes back, and the next wake-up tries again.
-void Request(TAppTask *ptTask, uint32_t dwState, PFAppTaskHandler pfnHandler)
+bool ServeOne(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t *pdwWait)
 {
-    const uint32_t dwBefore = app::Peek(ptTask->dwState);
-    const TAppTaskEvent event = {APP_TASK_EVENT_STOP, nullptr, pfnHandler, nullptr};
-    app::Poke<uint32_t>(ptTask->dwState, dwState);
-    if (_AppTaskSendEvent(ptTask, &event, APP_TASK_PRIORITY_REQUEST, 1) != APP_OK)
-        app::Poke<uint32_t>(ptTask->dwState, dwBefore);
+    Serve(ptTask, event);
+    return AfterEvent(ptTask, pdwWait);
+}
+
+bool IsRefreshed(const TAppTask *ptTask)
+{
+    return (ptTask->dwRequests.load() & APP_TASK_REQUEST_REFRESH) != 0;
+}
+
+bool TakeRefresh(TAppTask *ptTask)
+{
+    if (!IsRefreshed(ptTask))
+        return false;
+    ptTask->dwRequests.fetch_and(~static_cast<uint32_t>(APP_TASK_REQUEST_REFRESH));
+    return true;
 }
 
 bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
@@ -77,68 +92,67 @@ bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
     return dwTimeout != 0 && dwElapsedMs > dwTimeout;
 }
 
-// After a wait that ended without an event.
-void AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
+// Under the task's lock, after a wait: is a time-out over?  The state is then changed, so that no
+// send is admitted and no owner found before the request has been served.
+const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask)
 {
-    app::LockGuard guard(ptTask->hLock);
     const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, AppGetTick());
-    // An event that was queued since the wait ended counts: sends hold the lock held here.
-    const bool bQuiet = AppQueueGetSize(ptTask->hEventQueue) == 0;
-    if (bQuiet && app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING &&
-        HasPassed(app::Peek(ptTask->dwIdleTimeout), dwElapsed))
-        Request(ptTask, APP_TASK_STATE_IDLE, _AppTaskGoForIdleHandler);
-    else if (bQuiet && app::Peek(ptTask->dwState) == APP_TASK_STATE_IDLE && !ptTask->bClaimed &&
-             HasPassed(ptTask->ptTaskMgr->dwIdleTaskTimeout, dwElapsed))
-        Request(ptTask, APP_TASK_STATE_TERMINATE, _AppTaskGoForTerminateHandler);
-    *pdwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
+    // What came since the wait ended counts: sends and reuse hold the lock held here.
+    if (AppQueueGetSize(ptTask->hEventQueue) != 0 || IsRefreshed(ptTask))
+        return nullptr;
+    if (app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING &&
+        HasPassed(app::Peek(ptTask->dwIdleTimeout), dwElapsed)) {
+        app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_IDLE);
+        return &kGoForIdle;
+    }
+    if (app::Peek(ptTask->dwState) == APP_TASK_STATE_IDLE &&
+        HasPassed(ptTask->ptTaskMgr->dwIdleTaskTimeout, dwElapsed)) {
+        app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_TERMINATE);
+        return &kGoForTerminate;
+    }
+    return nullptr;
 }
 
-// One turn of the loop; false when the thread has to leave.
+// After a wait that ended without an event.
+const TAppTaskEvent *AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
+{
+    app::LockGuard guard(ptTask->hLock);
+    const TAppTaskEvent *ptRequest = CheckIdleTimeouts(ptTask);
+    *pdwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
+    return ptRequest;
+}
+
+// What the manager has asked of the task.
+const TAppTaskEvent *NextRequest(TAppTask *ptTask)
+{
+    if (app::MustEnd(ptTask))
+        return &kGoForTerminate;
+    return TakeRefresh(ptTask) ? &kRefresh : nullptr;
+}
+
+// One turn of the loop; false when the thread has to leave.  A request needs no place in the queue
+// and passes what is there.
 bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, const char *szOp)
 {
     TraceWait(ptTask, *pdwWait, szOp);
+    if (const TAppTaskEvent *ptRequest = NextRequest(ptTask))
+        return ServeOne(ptTask, *ptRequest, pdwWait);
     void *pvEvent = nullptr;
-    if (ptTask->dwEnd.load() != APP_TASK_END_NOW &&
-        AppQueueOut(ptTask->hEventQueue, *pdwWait, &pvEvent) == APP_OK) {
-        Serve(ptTask, *static_cast<TAppTaskEvent *>(pvEvent));
-        const bool bStay = AfterEvent(ptTask, pdwWait);
+    if (AppQueueOut(ptTask->hEventQueue, *pdwWait, &pvEvent) == APP_OK) {
+        // Reused since the look above: the event is the new owner's already, or its end.
+        if (TakeRefresh(ptTask))
+            ServeOne(ptTask, kRefresh, pdwWait);
+        const bool bStay = ServeOne(ptTask, *static_cast<TAppTaskEvent *>(pvEvent), pdwWait);
         AppMemPoolFree(pvEvent);
         return bStay;
     }
-    if (ptTask->dwEnd.load() == APP_TASK_END_NOW) {
-        Serve(ptTask, {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoForTerminateHandler, nullptr});
-        return AfterEvent(ptTask, pdwWait);
-    }
-    AfterWait(ptTask, pdwWait);
-    return true;
-}
-
-void Leave(TAppTask *ptTask)
-{
-    const bool bOwner =
-        app::Peek(ptTask->dwState) == APP_TASK_STATE_UNINIT; // no one else will destroy it
-    TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
-    if (!bOwner) {
-        // The destroyer frees the record as soon as it has hExitLock: nothing is touched after
-        // this, neither the record nor the manager nor its pool.
-        app::DropVisitor(ptTask);
-        return;
-    }
-    if (!app::DropUser(ptTask))
-        AppLockTakeByTime(ptTask->hExitLock, 0);
-    _AppTaskDestroy(ptTask);
-    app::EndLeaving(ptTaskMgr);
+    const TAppTaskEvent *ptRequest = NextRequest(ptTask); // what may have ended the wait
+    if (!ptRequest)
+        ptRequest = AfterWait(ptTask, pdwWait);
+    return !ptRequest || ServeOne(ptTask, *ptRequest, pdwWait);
 }
 
 } // namespace
-
-void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType)
-{
-    if (event.pfnHandler)
-        event.pfnHandler(ptTask, dwEventType, event.pvArg, event.pvContext);
-    else if (ptTask->pfnHandler)
-        ptTask->pfnHandler(ptTask, dwEventType, event.pvArg, ptTask->pvContext);
-}
 
 void *AppTask(void *pvTask)
 {
@@ -148,7 +162,7 @@ void *AppTask(void *pvTask)
         uint32_t dwWait = kFirstWaitMs;
         while (ServeNext(ptTask, &dwWait, __func__)) {
         }
-        Leave(ptTask);
+        app::Leave(ptTask);
     }
     _AppThreadExit();
     return nullptr;

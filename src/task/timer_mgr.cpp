@@ -6,6 +6,7 @@
 #include "appcore/platform.h"
 #include "task/task.h"
 #include "utils/double_list.h"
+#include "utils/lock_guard.h"
 #include "utils/log.h"
 #include "utils/rollback.h"
 
@@ -46,6 +47,7 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
         return APP_NO_RESOURCE;
     }
     *ptTimer = {};
+    ptTimer->ptTimerMgr = ptTimerMgr;
     const uint32_t dwResult =
         AppDoubleListInsertAfter(ptTimerMgr->hTimerList, nullptr, ptTimer, &ptTimer->hListNode);
     if (dwResult != APP_OK) {
@@ -58,7 +60,29 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     return APP_OK;
 }
 
+// Under the task's lock, which is given for the handler's call.
+void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
+{
+    TAppTask *ptTask = ptTimer->ptTimerMgr->ptTask;
+    HAppDoubleListNode hNode = app::UnlistTimer(ptTimer);
+    const TNotice notice(ptTimer); // before the lock is given: a new owner changes the default
+    if (notice.pfnHandler) {
+        app::WithoutLock unlocked(ptTask->hLock);
+        if (bRecord)
+            app::RecordEvent(ptTask, dwEventType, ptTimer, notice.pfnHandler, notice.pvContext);
+        notice.pfnHandler(ptTask, dwEventType, ptTimer, notice.pvContext);
+    }
+    ptTimer->hListNode = hNode;
+    _AppDoubleListAttachNode(ptTimer->ptTimerMgr->hIdleTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+}
+
 } // namespace
+
+void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
+{
+    while (HAppDoubleListNode hNode = ptTimerMgr->hTimerList->ptHead)
+        EndRunning(static_cast<TAppTimer *>(hNode->pvData), APP_TASK_EVENT_TIMER_CANCEL, bRecord);
+}
 
 uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
                             void *pvContext, TAppTimerMgr **pptTimerMgr)
@@ -98,19 +122,9 @@ void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr)
 {
     if (!ptTimerMgr)
         return;
-    AppDoubleListDestroy(ptTimerMgr->hTimerList, __AppFreeTimerCB, nullptr);
+    AppDoubleListDestroy(ptTimerMgr->hTimerList, nullptr, nullptr); // empty: all have been told
     AppDoubleListDestroy(ptTimerMgr->hIdleTimerList, __AppFreeIdleTimerCB, nullptr);
     AppMemPoolFree(ptTimerMgr);
-}
-
-void __AppFreeTimerCB(void *pvTimer, void *)
-{
-    auto ptTimer = static_cast<TAppTimer *>(pvTimer);
-    const TNotice notice(ptTimer);
-    if (notice.pfnHandler)
-        notice.pfnHandler(ptTimer->ptTimerMgr->ptTask, APP_TASK_EVENT_TIMER_CANCEL, ptTimer,
-                          notice.pvContext);
-    AppMemPoolFree(ptTimer);
 }
 
 void __AppFreeIdleTimerCB(void *pvTimer, void *)
@@ -134,7 +148,6 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
     ptTimer->dwTimeout = dwTimeout;
     ptTimer->pfnHandler = pfnHandler;
     ptTimer->pvContext = pvContext;
-    ptTimer->ptTimerMgr = ptTimerMgr;
     ptTimer->dwRun = ptTimerMgr->dwRun;
     ptTimer->dwStartTick = AppGetTick();
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: timer %p, init %lu\n", __func__, app::Ptr(ptTimer),
@@ -158,19 +171,8 @@ void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked
     TAppTask *ptTask = ptTimer->ptTimerMgr->ptTask;
     if (bLocked == 0)
         AppLockTakeByTime(ptTask->hLock, 0);
-    if (ptTimer->dwState != 0) {
-        HAppDoubleListNode hNode = app::UnlistTimer(ptTimer);
-        const TNotice notice(ptTimer); // before the lock is given: a new owner changes the default
-        AppLockGive(ptTask->hLock);
-        if (notice.pfnHandler) {
-            app::RecordEvent(ptTask, dwEventType, ptTimer, notice.pfnHandler, notice.pvContext);
-            notice.pfnHandler(ptTask, dwEventType, ptTimer, notice.pvContext);
-        }
-        AppLockTakeByTime(ptTask->hLock, 0);
-        ptTimer->hListNode = hNode;
-        _AppDoubleListAttachNode(ptTimer->ptTimerMgr->hIdleTimerList, nullptr, hNode,
-                                 APP_ATTACH_AFTER);
-    }
+    if (ptTimer->dwState != 0)
+        EndRunning(ptTimer, dwEventType, true);
     if (bLocked == 0)
         AppLockGive(ptTask->hLock);
 }

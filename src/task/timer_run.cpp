@@ -18,8 +18,9 @@ namespace
 
 constexpr uint32_t kLongestWaitMs = 5000;
 constexpr uint32_t kNever = 0xFFFFFFFF;
-// Expiries of timers set during the same run, after which the task's events get their turn.
-constexpr uint32_t kMostRearmed = 1000;
+// How long timers that were set during the run may hold back the task's events.  A count of
+// expiries would be no bound: their handlers take time.
+constexpr uint32_t kRearmedMs = 50;
 
 // Milliseconds until a timer may be due.
 uint32_t LeftMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
@@ -50,18 +51,26 @@ bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTic
     return true;
 }
 
+// A handler that sets its timer anew must not hold the thread for ever: neither from its end, which
+// tells what is left, nor from the events that wait.
+bool MustStop(const TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick)
+{
+    return app::MustEnd(ptTimerMgr->ptTask) ||
+           (ptTimer->dwRun == ptTimerMgr->dwRun &&
+            app::ElapsedMs(ptTimerMgr->dwRunTick, dwNowTick) >= kRearmedMs);
+}
+
 void Walk(TAppTimerMgr *ptTimerMgr, const char *szOp)
 {
-    uint32_t dwRearmed = 0;
     uint32_t dwNowTick = AppGetTick();
+    ptTimerMgr->dwRunTick = dwNowTick;
     StartWalk(ptTimerMgr, dwNowTick);
     while (ptTimerMgr->hNext) {
         auto ptTimer = static_cast<TAppTimer *>(ptTimerMgr->hNext->pvData);
         ptTimerMgr->hNext = ptTimerMgr->hNext->ptNext;
         if (!IsDue(ptTimerMgr, ptTimer, dwNowTick, szOp))
             continue;
-        // A handler that sets a timer of 0 ms again and again must not hold the thread for ever.
-        if (ptTimer->dwRun == ptTimerMgr->dwRun && ++dwRearmed > kMostRearmed) {
+        if (MustStop(ptTimerMgr, ptTimer, dwNowTick)) {
             ptTimerMgr->dwCheckWait = 0;
             break;
         }
@@ -88,6 +97,8 @@ HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
     HAppDoubleListNode hNode = ptTimer->hListNode;
     if (ptTimerMgr->hNext == hNode)
         ptTimerMgr->hNext = hNode->ptNext;
+    if (ptTimerMgr->hShown == hNode)
+        ptTimerMgr->hShown = hNode->ptNext;
     _AppDoubleListDetachNode(ptTimerMgr->hTimerList, hNode);
     ptTimer->hListNode = nullptr;
     ptTimer->dwState = 0;

@@ -9,11 +9,13 @@
 #include <stdlib.h>
 
 #include "appcore/foundation.h"
+#include "utils/held_lines.h"
 
 namespace app
 {
 [[noreturn]] inline void CheckFailed(const char *szOp, const char *szWhat)
 {
+    LinesAtOnce lines; // no lock will be given any more
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: %s\n", szOp, szWhat);
     abort();
 }

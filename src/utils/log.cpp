@@ -6,6 +6,7 @@
 
 #include "appcore/host.h"
 #include "cross_linux/cross_linux.h"
+#include "utils/held_lines.h"
 
 std::atomic<uint8_t> g_byAppLogLevel[256] = {{APP_LOG_ERROR}};
 std::atomic<uint32_t> g_bAppLogViaStdout[256];
@@ -15,6 +16,11 @@ namespace
 {
 
 constexpr uint32_t kTextSize = 5120;
+
+// A console may call the library.  The lines which that causes reach it too, but not those which
+// these cause in turn: a console that allocates from a full pool would never come to an end.
+constexpr uint32_t kMostNested = 2;
+__thread uint32_t t_dwNested __attribute__((tls_model("initial-exec")));
 
 bool Passes(uint8_t byChannel, uint8_t byLevel)
 {
@@ -46,15 +52,26 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 {
     char achText[kTextSize];
     FormatText(achText, szFormat, args);
-    if (!bFileOnly) {
-        if (app::Peek(g_bAppLogViaStdout[byChannel]) == 1)
-            printf("%s", achText);
-        QorPrintf(1, 0, "%s", achText);
-    }
-    WriteToFile(byChannel, byLevel, achText);
+    app::HeldLines *ptHeld = app::t_ptHeldLines;
+    if (!ptHeld || !ptHeld->Keep(byChannel, byLevel, bFileOnly, achText))
+        app::PrintLine(byChannel, byLevel, bFileOnly, achText);
 }
 
 } // namespace
+
+void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
+{
+    if (!bFileOnly) {
+        if (Peek(g_bAppLogViaStdout[byChannel]) == 1)
+            fputs(szText, stdout);
+        if (t_dwNested < kMostNested) {
+            ++t_dwNested;
+            QorPrintf(1, 0, "%s", szText);
+            --t_dwNested;
+        }
+    }
+    WriteToFile(byChannel, byLevel, szText);
+}
 
 void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {

@@ -4,6 +4,7 @@
 #include <stdarg.h>
 
 #include "cross_linux/cross_linux.h"
+#include "utils/held_lines.h"
 
 namespace app
 {
@@ -22,8 +23,10 @@ void ReportWriter::Line(const char *szFormat, ...)
 
 void ReportWriter::HandOver()
 {
-    if (m_pfnShow)
+    if (m_pfnShow) {
+        LinesAtOnce own; // the callback's lines are not kept until a lock of ours is given
         m_pfnShow(m_achText, m_pvContext);
+    }
     Reset();
 }
 

@@ -9,6 +9,39 @@
 using app::Ptr;
 using app::WriteTyped;
 
+// ---- What Mini-XML made ---------------------------------------------------------------------
+
+// Mini-XML hands a node out although it had no memory for its copy of the name or the text; the
+// next save of such a document crashes.  So what was made is looked at: null instead, and the
+// half-made node is gone.
+static mxml_node_t *Whole(mxml_node_t *ptNode, const char *szCopy)
+{
+    if (szCopy)
+        return ptNode;
+    mxmlDelete(ptNode);
+    return nullptr;
+}
+
+static mxml_node_t *NewElement(mxml_node_t *ptFather, const char *szName)
+{
+    mxml_node_t *ptElement = mxmlNewElement(ptFather, szName);
+    return Whole(ptElement, mxmlGetElement(ptElement));
+}
+
+static mxml_node_t *NewText(mxml_node_t *ptElement, const char *szText)
+{
+    mxml_node_t *ptText = mxmlNewText(ptElement, 0, szText);
+    return Whole(ptText, mxmlGetText(ptText, nullptr));
+}
+
+static mxml_node_t *NewCData(mxml_node_t *ptElement, const char *szData)
+{
+    mxml_node_t *ptSection = mxmlNewCDATA(ptElement, szData);
+    return Whole(ptSection, mxmlGetElement(ptSection)); // mxmlGetCDATA() would read a null name
+}
+
+// ---- Elements -------------------------------------------------------------------------------
+
 uint32_t AppXmlAddSonNode(mxml_node_t *ptFather, const char *szNodeName, mxml_node_t **pptNewNode)
 {
     if (!ptFather || !szNodeName || !pptNewNode) {
@@ -16,7 +49,7 @@ uint32_t AppXmlAddSonNode(mxml_node_t *ptFather, const char *szNodeName, mxml_no
                __func__, Ptr(ptFather), Ptr(szNodeName), Ptr(pptNewNode));
         return APP_INVALID_ARG;
     }
-    *pptNewNode = mxmlNewElement(ptFather, szNodeName);
+    *pptNewNode = NewElement(ptFather, szNodeName);
     if (!*pptNewNode) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlNewElement() failed, {%s}\n", __func__,
                szNodeName);
@@ -40,13 +73,13 @@ uint32_t AppXmlAddSonNode_Str(mxml_node_t *ptFather, const char *szNodeName, con
         return APP_INVALID_ARG;
     }
     Give(pptNewNode, nullptr);
-    mxml_node_t *ptElement = mxmlNewElement(ptFather, szNodeName);
+    mxml_node_t *ptElement = NewElement(ptFather, szNodeName);
     if (!ptElement) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlNewElement() failed, {%s}\n", __func__,
                szNodeName);
         return APP_NO_RESOURCE;
     }
-    if (!mxmlNewText(ptElement, 0, szValue)) {
+    if (!NewText(ptElement, szValue)) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlNewText() failed, Elem{%s}, value{%s}\n",
                __func__, szNodeName, szValue);
         return APP_NO_RESOURCE;
@@ -68,12 +101,12 @@ uint32_t AppXmlAddSonNode_CDATA(mxml_node_t *ptFather, const char *szNodeName, c
         return APP_INVALID_ARG;
     }
     *pptElem = nullptr;
-    mxml_node_t *ptElement = mxmlNewElement(ptFather, szNodeName);
+    mxml_node_t *ptElement = NewElement(ptFather, szNodeName);
     if (!ptElement) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlNewElement() failed\n", __func__);
         return APP_NO_RESOURCE;
     }
-    if (!mxmlNewCDATA(ptElement, szData)) {
+    if (!NewCData(ptElement, szData)) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlNewCDATA() failed\n", __func__);
         return APP_NO_RESOURCE;
     }
@@ -155,11 +188,17 @@ uint32_t AppXmlAddSonNode_Bool(mxml_node_t *ptFather, const char *szNodeName, ui
 
 // ---- Attributes -----------------------------------------------------------------------------
 
-static auto SetAttr(mxml_node_t *ptNode, const char *szAttrName)
+// Mini-XML does not tell whether it had memory for the attribute: only that it is there does.
+static auto SetAttr(mxml_node_t *ptNode, const char *szAttrName, const char *szOp)
 {
     return [=](const char *szText) -> uint32_t {
         mxmlElementSetAttr(ptNode, szAttrName, szText);
-        return APP_OK;
+        if (mxmlGetType(ptNode) != MXML_ELEMENT ||
+            AppStrcmp(mxmlElementGetAttr(ptNode, szAttrName), szText) == 0)
+            return APP_OK;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlElementSetAttr() failed, attr{%s}, value{%s}\n",
+               szOp, szAttrName, szText);
+        return APP_NO_RESOURCE;
     };
 }
 
@@ -175,7 +214,7 @@ uint32_t AppXmlSetAttr_s32(mxml_node_t *ptNode, const char *szAttrName, int32_t 
         [=, szOp = __func__] {
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppSnprintf() failed, value %d\n", szOp, nValue);
         },
-        SetAttr(ptNode, szAttrName));
+        SetAttr(ptNode, szAttrName, __func__));
 }
 
 uint32_t AppXmlSetAttr_u32(mxml_node_t *ptNode, const char *szAttrName, uint32_t dwValue)
@@ -193,5 +232,5 @@ uint32_t AppXmlSetAttr_u32(mxml_node_t *ptNode, const char *szAttrName, uint32_t
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppSnprintf() failed, value %lu\n", szOp,
                    app::Ul(dwValue));
         },
-        SetAttr(ptNode, szAttrName));
+        SetAttr(ptNode, szAttrName, __func__));
 }

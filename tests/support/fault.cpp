@@ -176,6 +176,20 @@ void __wrap_free(void *pvBlock) {
     __real_free(pvBlock);
 }
 
+char *__real_strdup(const char *szText);
+char *__wrap_strdup(const char *szText) {
+    const int nError = Hit(Fn::strdup);
+    return nError ? WithErrno<char *>(nError, nullptr) : CountBlock(__real_strdup(szText));
+}
+
+int __real_vasprintf(char **pszText, const char *szFormat, va_list args);
+int __wrap_vasprintf(char **pszText, const char *szFormat, va_list args) {
+    if (const int nError = Hit(Fn::vasprintf)) return WithErrno(nError, -1);
+    const int nLength = __real_vasprintf(pszText, szFormat, args);
+    if (nLength >= 0) CountBlock(*pszText);
+    return nLength;
+}
+
 int __real_fcntl(int nFd, int nCommand, ...);
 int __wrap_fcntl(int nFd, int nCommand, long nArg) // the argument is at most one word
 {

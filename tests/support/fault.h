@@ -20,6 +20,8 @@
 // the function's failure value: -1 or null.  Only the thread that armed the gate is hit, unless
 // fault::kEveryThread is given.  To add a function: a row in the list, a WRAP line in fault.cpp,
 // and a pair in wrap.cmake when it has a variant for 64-bit times or file sizes.
+//
+// What Mini-XML allocates itself passes the gates of fault::kMemory too (mxml_memory.cpp).
 #ifndef APPCORE_TESTS_SUPPORT_FAULT_H
 #define APPCORE_TESTS_SUPPORT_FAULT_H
 
@@ -36,6 +38,8 @@
     X(calloc)                                                                                                          \
     X(realloc)                                                                                                         \
     X(free)                                                                                                            \
+    X(strdup)                                                                                                          \
+    X(vasprintf)                                                                                                       \
     X(pthread_create)                                                                                                  \
     X(pthread_attr_init)                                                                                               \
     X(pthread_attr_setinheritsched)                                                                                    \
@@ -94,6 +98,9 @@ enum class Fn {
     APP_FAULT_FUNCTIONS(APP_FAULT_ENUM)
 #undef APP_FAULT_ENUM
 };
+
+// Every function that allocates.
+constexpr std::initializer_list<Fn> kMemory = {Fn::malloc, Fn::calloc, Fn::realloc, Fn::strdup, Fn::vasprintf};
 
 enum Scope { kThisThread, kEveryThread };
 

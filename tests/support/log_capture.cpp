@@ -6,13 +6,14 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <shared_mutex>
 
 #include "appcore/host.h"
 #include "utils/log.h"
 
 namespace {
 
-std::mutex s_mutex; // guards the pointer: a capture may end while another thread logs
+std::shared_mutex s_mutex; // guards the pointer: a capture may end while another thread logs
 test::LogCapture *s_capture = nullptr;
 
 std::string Format(const char *szFormat, va_list args) {
@@ -32,11 +33,11 @@ int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...) {
     EXPECT_STREQ(szFormat, "%s");
     va_list args;
     va_start(args, szFormat);
-    std::string line = Format(szFormat, args);
+    const std::string line = Format(szFormat, args);
     va_end(args);
-    std::lock_guard<std::mutex> guard(s_mutex);
+    std::shared_lock<std::shared_mutex> guard(s_mutex); // shared: what the console does may log
     if (s_capture)
-        s_capture->Add(std::move(line));
+        s_capture->Add(line);
     else
         fputs(line.c_str(), stderr);
     return 0;
@@ -53,14 +54,14 @@ std::string Text(const char *szFormat, ...) {
 }
 
 LogCapture::LogCapture(uint8_t byThreshold) : m_byThreshold(g_byAppLogLevel[0].load()) {
-    std::lock_guard<std::mutex> guard(s_mutex);
+    std::lock_guard<std::shared_mutex> guard(s_mutex);
     EXPECT_EQ(s_capture, nullptr) << "one capture at a time";
     s_capture = this;
     g_byAppLogLevel[0].store(byThreshold);
 }
 
 LogCapture::~LogCapture() {
-    std::lock_guard<std::mutex> guard(s_mutex);
+    std::lock_guard<std::shared_mutex> guard(s_mutex);
     s_capture = nullptr;
     g_byAppLogLevel[0].store(m_byThreshold);
 }
@@ -94,9 +95,17 @@ void LogCapture::ExpectLines(const std::vector<std::string> &lines) {
     Clear();
 }
 
-void LogCapture::Add(std::string line) {
+void LogCapture::OnLine(std::function<void(const std::string &line)> console) {
     std::lock_guard<std::mutex> guard(m_mutex);
-    m_lines.push_back(std::move(line));
+    m_console = std::move(console);
+}
+
+void LogCapture::Add(const std::string &line) {
+    std::unique_lock<std::mutex> guard(m_mutex);
+    m_lines.push_back(line);
+    const auto console = m_console;
+    guard.unlock();
+    if (console) console(line);
 }
 
 StdoutCapture::StdoutCapture() { testing::internal::CaptureStdout(); }

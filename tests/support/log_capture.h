@@ -11,6 +11,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -42,9 +43,13 @@ public:
     void ExpectLines(const std::vector<std::string> &lines);
     void ExpectNone() { ExpectLines({}); }
 
-    void Add(std::string line);
+    // A console that does something of its own: runs in front of each line, in the thread that logs.
+    void OnLine(std::function<void(const std::string &line)> console);
+
+    void Add(const std::string &line);
 
 private:
+    std::function<void(const std::string &line)> m_console;
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
     std::vector<std::pair<std::string, std::string>> m_names;

@@ -106,16 +106,18 @@ void Manager::Park(HAppTask hTask) {
     EXPECT_TRUE(WaitUntil([&] { return Idle() > dwIdle; }));
 }
 
-static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvLooks) {
-    if (pvLooks) ++*static_cast<std::atomic<int> *>(pvLooks);
-    if (dwType == APP_TASK_EVENT_TIMEOUT) LookOften(hTask, static_cast<std::atomic<int> *>(pvLooks));
+static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvOnLook) {
+    auto pOnLook = static_cast<const std::function<void()> *>(pvOnLook);
+    if (pOnLook) (*pOnLook)();
+    if (dwType == APP_TASK_EVENT_TIMEOUT) LookOften(hTask, pOnLook);
     return 0;
 }
 
-void LookOften(HAppTask hTask, std::atomic<int> *pnLooks) {
+void LookOften(HAppTask hTask, const std::function<void()> *pOnLook) {
     app::LockGuard guard(hTask->hLock);
     HAppTimer hTimer = nullptr;
-    EXPECT_CODE(APP_OK, _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look, pnLooks, &hTimer));
+    EXPECT_CODE(APP_OK, _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look, const_cast<std::function<void()> *>(pOnLook),
+                                             &hTimer));
 }
 
 Ledger::Entry &Ledger::NewEntry() {

@@ -142,8 +142,9 @@ private:
 };
 
 // Called by a STOP notice, lets the idle task look at its time-out every 10 ms instead of every
-// 5 s, by a timer that no public operation would set.  `pnLooks` counts; may be null.
-void LookOften(HAppTask hTask, std::atomic<int> *pnLooks = nullptr);
+// 5 s, by a timer that no public operation would set.  `pOnLook`, may be null, is called at each
+// look, after the task has decided whether to end.
+void LookOften(HAppTask hTask, const std::function<void()> *pOnLook = nullptr);
 
 // An account of events and timers: each one accepted is told exactly once, each one refused never.
 class Ledger {

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+//
+// The states' names and what they admit; the task's last event.
 #include "appcore/platform.h"
 #include "task/task.h"
-#include "utils/lock_guard.h"
 #include "utils/log.h"
 
 namespace
@@ -37,24 +38,4 @@ void app::RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg,
     Poke(ptTask->pvLastArg, pvArg);
     Poke(ptTask->pfnLastHandler, pfnHandler);
     Poke(ptTask->pvLastContext, pvContext);
-}
-
-void app::DropVisitor(TAppTask *ptTask)
-{
-    if (DropUser(ptTask))
-        AppLockGive(ptTask->hExitLock); // last touch: the record may be gone
-}
-
-void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
-{
-    ++ptTaskMgr->dwLeaving;
-}
-
-void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
-{
-    LockGuard guard(ptTaskMgr->hLock);
-    --ptTaskMgr->dwLeaving;
-    if (ptTaskMgr->bQuit == 1)
-        AppLockGive(ptTaskMgr->hLeftLock);
-    // The guard's give is the last touch of the manager.
 }

@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+//
+// The end of a task: who may touch its record last, who gives what, and who waits.
+//
+// Users of the record are its thread, and each AppTaskCancelTimer() under way, which runs the
+// timer's handler in the caller's thread without the task's lock.  They are counted in dwUsers; a
+// cancel counts itself under the task's lock while the task admits work.  A send need not be
+// counted: it touches the record under the task's lock, or else wakes the thread for the event that
+// it has just placed there, and a thread that has been promised an event does not leave its wait
+// before that wake-up has come.
+//
+// A thread leaves its loop for one of two reasons:
+// - TERMINATE: somebody waits for it, the manager's destruction or the disposal of a task whose
+//   creation or reuse has failed.  The last user gives hExitLock and touches nothing after that;
+//   who waits then destroys the record.
+// - UNINIT: an idle task has found nobody to take it, or no room among the idle ones.  It is on no
+//   list any more, nobody waits, and the thread itself destroys the record, after the last cancel.
+//
+// Who destroys a record outside the manager's lock, the thread in the second case or the disposer
+// in the first, has been counted in dwLeaving under that lock, and ends with EndLeaving().
+//
+// The manager's destruction has three phases.  Every thread has left, those of dwLeaving included;
+// what is left is told, timers and events, the idle tasks' first; then the records are released.
+// Handlers that run meanwhile may use every task of the manager: a record lives until the last
+// phase, when no handler runs any more.
+//
+// models/task.pml proves this for every interleaving of two tasks.
+#include "appcore/platform.h"
+#include "task/task.h"
+#include "utils/lock_guard.h"
+#include "utils/log.h"
+#include "utils/queue.h"
+
+namespace
+{
+
+// A user of the record leaves; true for the last one.  Any other must not touch it any more.
+bool DropUser(TAppTask *ptTask)
+{
+    return ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
+} // namespace
+
+// The bit first: the thread looks at it before each wait, and an interrupt that finds no wait ends
+// the next one.
+void app::Request(TAppTask *ptTask, uint32_t dwRequest)
+{
+    ptTask->dwRequests.fetch_or(dwRequest);
+    QueueInterrupt(ptTask->hEventQueue);
+}
+
+void app::DropVisitor(TAppTask *ptTask)
+{
+    if (DropUser(ptTask))
+        AppLockGive(ptTask->hExitLock); // the last touch: the record may be gone
+}
+
+void app::Leave(TAppTask *ptTask)
+{
+    if (Peek(ptTask->dwState) != APP_TASK_STATE_UNINIT) {
+        DropVisitor(ptTask);
+        return;
+    }
+    TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
+    if (!DropUser(ptTask))
+        AppLockTakeByTime(ptTask->hExitLock, 0); // the last cancel gives it
+    _AppTaskDestroy(ptTask);
+    EndLeaving(ptTaskMgr);
+}
+
+// Given back, for whoever comes to the record after this.
+void app::AwaitLeft(TAppTask *ptTask)
+{
+    AppLockTakeByTime(ptTask->hExitLock, 0);
+    AppLockGive(ptTask->hExitLock);
+}
+
+void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
+{
+    ++ptTaskMgr->dwLeaving;
+}
+
+void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
+{
+    LockGuard guard(ptTaskMgr->hLock);
+    --ptTaskMgr->dwLeaving;
+    if (ptTaskMgr->bQuit == 1)
+        AppLockGive(ptTaskMgr->hLeftLock);
+    // The guard's give is the last touch of the manager.
+}
+
+void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
+{
+    for (;;) {
+        {
+            LockGuard guard(ptTaskMgr->hLock);
+            if (ptTaskMgr->dwLeaving == 0)
+                return;
+        }
+        AppLockTakeByTime(ptTaskMgr->hLeftLock, 0);
+    }
+}
+
+void app::TellRest(TAppTask *ptTask)
+{
+    if (ptTask->ptTimerMgr) { // else the creation has failed before there could be anything to tell
+        LockGuard guard(ptTask->hLock);
+        CancelTimers(ptTask->ptTimerMgr, false);
+    }
+    if (ptTask->hEventQueue)
+        DropEvents(ptTask);
+}

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#include "utils/held_lines.h"
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <new>
+
+#include "appcore/foundation.h"
+
+__thread app::HeldLines *app::t_ptHeldLines = nullptr;
+
+// The text follows.
+struct app::THeldLine {
+    THeldLine *ptNext;
+    int32_t nSlot; // in the reserve, or kHeap
+    uint8_t byChannel;
+    uint8_t byLevel;
+    bool bFileOnly;
+
+    char *Text() { return reinterpret_cast<char *>(this + 1); }
+};
+
+namespace
+{
+
+using app::THeldLine;
+
+constexpr int32_t kHeap = -1;
+
+// Lines about an exhausted heap must be kept as well: a few of usual length find room here.
+constexpr int32_t kSlots = 8;
+constexpr uint32_t kSlotSize = 256;
+struct alignas(THeldLine) TSlot {
+    char achBytes[kSlotSize];
+};
+TSlot s_atReserve[kSlots];
+std::atomic<bool> s_abUsed[kSlots];
+
+THeldLine *ClaimSlot(uint32_t dwSize)
+{
+    for (int32_t i = 0; dwSize <= kSlotSize && i < kSlots; ++i) {
+        if (s_abUsed[i].exchange(true, std::memory_order_acquire))
+            continue;
+        return new (&s_atReserve[i]) THeldLine{nullptr, i, 0, 0, false};
+    }
+    return nullptr;
+}
+
+THeldLine *NewLine(uint32_t dwTextSize)
+{
+    const auto dwSize = static_cast<uint32_t>(sizeof(THeldLine)) + dwTextSize;
+    void *pvLine = malloc(dwSize);
+    return pvLine ? new (pvLine) THeldLine{nullptr, kHeap, 0, 0, false} : ClaimSlot(dwSize);
+}
+
+void Release(THeldLine *ptLine)
+{
+    if (ptLine->nSlot == kHeap)
+        free(ptLine);
+    else
+        s_abUsed[ptLine->nSlot].store(false, std::memory_order_release);
+}
+
+} // namespace
+
+bool app::HeldLines::Keep(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
+{
+    const uint32_t dwTextSize = AppStrlen(szText) + 1;
+    THeldLine *ptLine = NewLine(dwTextSize);
+    if (!ptLine)
+        return false;
+    ptLine->byChannel = byChannel;
+    ptLine->byLevel = byLevel;
+    ptLine->bFileOnly = bFileOnly;
+    AppMemcpy(ptLine->Text(), szText, dwTextSize);
+    (m_ptFirst ? m_ptLast->ptNext : m_ptFirst) = ptLine;
+    m_ptLast = ptLine;
+    return true;
+}
+
+void app::HeldLines::Print()
+{
+    while (THeldLine *ptLine = m_ptFirst) {
+        m_ptFirst = ptLine->ptNext;
+        PrintLine(ptLine->byChannel, ptLine->byLevel, ptLine->bFileOnly, ptLine->Text());
+        Release(ptLine);
+    }
+}
