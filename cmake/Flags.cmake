@@ -6,6 +6,13 @@ target_compile_options(appcore_flags INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
     -fno-semantic-interposition -fstack-protector-strong
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+# Large files, and times beyond 2038, on 32-bit machines.  Only inside: the public headers have
+# neither sizes of files nor times of the system's.
+set(APPCORE_WIDE_DEFINITIONS)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    set(APPCORE_WIDE_DEFINITIONS _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+    target_compile_definitions(appcore_flags INTERFACE ${APPCORE_WIDE_DEFINITIONS})
+endif()
 # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions that it checks.
 if(NOT APPCORE_SANITIZE)
     target_compile_options(appcore_flags INTERFACE

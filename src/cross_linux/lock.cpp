@@ -28,8 +28,12 @@
 #endif
 #endif
 
+// On 32-bit machines the headers of the pools leave a record at 4 modulo 8, less than the condition
+// asks for; it is made of 32-bit words and needs no more.
+typedef pthread_cond_t TPlacedCond __attribute__((aligned(sizeof(void *))));
+
 struct TAppLock {
-    pthread_cond_t tCond;          // semaphore only: takers sleep here
+    TPlacedCond tCond;             // semaphore only: takers sleep here
     pthread_mutex_t tMutex;        // semaphore: guards sleeping; recursive: the lock itself
     std::atomic<uint32_t> dwCount; // units available, and kSleepers
     uint32_t dwMaxCount;
@@ -44,6 +48,8 @@ static_assert(offsetof(TAppLock, dwCount) == sizeof(pthread_cond_t) + sizeof(pth
               "fixed layout");
 static_assert(offsetof(TAppLock, dwMaxCount) == offsetof(TAppLock, dwCount) + 4, "fixed layout");
 static_assert(offsetof(TAppLock, dwType) == offsetof(TAppLock, dwCount) + 8, "fixed layout");
+static_assert(offsetof(TAppLock, dwSleepers) == offsetof(TAppLock, dwType) + 4, "fixed layout");
+static_assert(alignof(TAppLock) == 4, "at most what the pools' headers leave");
 #endif
 
 namespace

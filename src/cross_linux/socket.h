@@ -21,7 +21,7 @@ struct TAppSocket {
 };
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(offsetof(TAppSocket, wPort) == 8, "fixed layout");
+static_assert(offsetof(TAppSocket, wPort) == 8 && sizeof(TAppSocket) == 12, "fixed layout");
 #endif
 
 namespace app

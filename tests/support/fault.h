@@ -18,7 +18,8 @@
 //
 // A failing call sets errno (or returns the error number, as the pthread functions do) and gives
 // the function's failure value: -1 or null.  Only the thread that armed the gate is hit, unless
-// fault::kEveryThread is given.  To add a function: a row in the list and a WRAP line in fault.cpp.
+// fault::kEveryThread is given.  To add a function: a row in the list, a WRAP line in fault.cpp,
+// and a pair in wrap.cmake when it has a variant for 64-bit times or file sizes.
 //
 // What Mini-XML allocates itself passes the gates of fault::kMemory too (mxml_memory.cpp).
 #ifndef APPCORE_TESTS_SUPPORT_FAULT_H
