@@ -1,0 +1,512 @@
+/* SPDX-License-Identifier: MIT
+ *
+ * The life of two tasks of src/task as a model: every interleaving of their threads, of an owner who
+ * creates, reuses and destroys, of handlers that work on each other's tasks, and of a caller from
+ * outside.  Run by scripts/check/model.
+ *
+ * Proved: nobody touches a record or the manager after it has been freed, each is freed once, every
+ * accepted event and every timer is told once, no lock is left held, and the only end is "everything
+ * freed" (spin reports anything else as an invalid end state), so nobody waits for ever.  One
+ * allocation may fail, wherever there is one.
+ *
+ * A lock's and a queue's operations are one step each: lock.pml and queue.pml prove them.  What
+ * happens under a lock without waiting for another is one step, too.  Time passes or not, as it
+ * likes; a wait of a thread expires WAITS times at most, so that nothing is found only because a wait
+ * expires.  The lists' limits are taken to be reached or not, as if more tasks stood beside these two.
+ */
+#ifndef NEW
+#define NEW 2 /* calls of AppTaskMgrNewTask */
+#endif
+#ifndef ACTS
+#define ACTS 2 /* operations of handlers, owner and caller on tasks */
+#endif
+#ifndef WAITS
+#define WAITS 2 /* waits that expire */
+#endif
+#ifndef CALLER
+#define CALLER 0 /* 1: a caller from outside takes part */
+#endif
+#define TASKS 2
+#define NOBODY TASKS
+
+mtype = { INIT, RUNNING, PROCESSING, IDLE, TERMINATE, UNINIT }; /* dwState */
+mtype = { NOWHERE, ACTIVE, PARKED };                            /* the list that holds a task */
+mtype = { NOTHING, EVENT, STOP, END, REFRESH };                 /* what a thread serves */
+mtype = { SEND, STOPPING, TIMER, CANCEL, REPORT };              /* what a handler does */
+
+typedef Task {
+    mtype state;
+    mtype list;
+    bool lock;         /* hLock is taken */
+    bool exit;         /* the unit of hExitLock */
+    byte users;        /* dwUsers */
+    bool end, refresh; /* dwRequests */
+    byte events;       /* queued: the application's, */
+    byte stops;        /* and requests to go idle, which pass them */
+    bool asleep;       /* the thread waits in the queue, */
+    bool promised;     /* has been promised an event, */
+    bool interrupted;  /* will find that its next wait is over, */
+    bool unit;         /* and gets the unit that wakes it */
+    bool timer;        /* a timer runs */
+    bool owner;        /* pfnHandler is set: somebody hears what is told */
+    bool made, freed;
+    bool known;        /* the application has the handle, and the task has not ended by itself */
+}
+
+Task task[TASKS];
+bool manager;    /* its hLock is taken */
+bool quit;       /* bQuit */
+byte leaving;    /* dwLeaving */
+bool left;       /* the unit of hLeftLock */
+bool releasing;  /* the third phase of the destruction */
+bool gone;       /* the manager has been freed */
+byte events;     /* accepted and not yet told */
+byte timers;     /* set and not yet told */
+byte acts = ACTS, waits = WAITS;
+bool scarce = 1;  /* one allocation may fail */
+
+inline Touch(t) { assert(task[t].made && !task[t].freed) }
+inline TouchManager() { assert(!gone) }
+inline Lock(t) { !task[t].lock; Touch(t); task[t].lock = true }
+inline Unlock(t) { Touch(t); assert(task[t].lock); task[t].lock = false }
+inline LockManager() { !manager; TouchManager(); manager = true }
+inline UnlockManager() { TouchManager(); manager = false }
+#define Admits(t) (task[t].state == INIT || task[t].state == RUNNING || task[t].state == PROCESSING)
+#define Listed(t) (task[t].list == ACTIVE || task[t].list == PARKED)
+#define Leaves(t) (task[t].state == TERMINATE || task[t].state == UNINIT)
+
+/* ---- the queue ------------------------------------------------------------------------------- */
+
+inline Wake(t) { Touch(t); assert(!task[t].unit); task[t].unit = true }
+
+/* app::QueueInterrupt */
+inline Interrupt(t) {
+    Touch(t);
+    if
+    :: task[t].asleep -> task[t].asleep = false; Wake(t)
+    :: else -> task[t].interrupted = true
+    fi
+}
+
+inline Unlink(t) {
+    if
+    :: task[t].stops > 0 -> task[t].stops--; events--; got = STOP
+    :: else -> assert(task[t].events > 0); task[t].events--; got = EVENT
+    fi
+}
+
+/* AppQueueOut of the task's thread.  An expired wait that has been promised something already ends
+ * with the unit like any other. */
+inline Out(t) {
+    atomic {
+        Touch(t);
+        if
+        :: task[t].events + task[t].stops > 0 -> Unlink(t)
+        :: else ->
+            if
+            :: task[t].interrupted -> task[t].interrupted = false
+            :: else -> task[t].asleep = true; asleep = true
+            fi
+        fi
+    }
+    if
+    :: atomic { asleep && task[t].unit ->
+                Touch(t); task[t].unit = false; asleep = false;
+                if :: task[t].promised -> task[t].promised = false; Unlink(t) :: else fi }
+    :: atomic { asleep && task[t].asleep && waits > 0 ->
+                Touch(t); waits--; task[t].asleep = false; asleep = false }
+    :: !asleep
+    fi
+}
+
+/* ---- what the application does --------------------------------------------------------------- */
+
+/* From here on `o` is the task that is worked on.  The application works on a task whose handle it
+ * has; only a caller from outside must have come back before the destruction does. */
+#define Barred (!task[o].known || (outside && releasing))
+
+/* AppTaskSendEvent and AppTaskTerminate */
+inline Send(what) {
+    atomic {
+        if
+        :: Barred
+        :: !Barred && !task[o].lock ->
+            Touch(o);
+            if
+            :: Admits(o) && scarce -> scarce = false /* refused */
+            :: Admits(o) ->
+                assert(task[o].owner);
+                events++;
+                if :: what == SEND -> task[o].events++ :: else -> task[o].stops++ fi;
+                if
+                :: task[o].asleep -> task[o].asleep = false; task[o].promised = true; wake = true
+                :: else
+                fi
+            :: !Admits(o) /* refused */
+            fi
+        fi
+    }
+    if :: atomic { wake -> Wake(o); wake = false } :: !wake fi
+}
+
+inline SetTimer() {
+    atomic {
+        if
+        :: Barred
+        :: !Barred && !task[o].lock ->
+            Touch(o);
+            if
+            :: Admits(o) && !task[o].timer -> task[o].timer = true; timers++
+            :: else
+            fi
+        fi
+    }
+}
+
+/* AppTaskCancelTimer: the timer's handler runs here, and may use the task. */
+inline CancelTimer() {
+    atomic {
+        if
+        :: Barred
+        :: !Barred && !task[o].lock ->
+            Touch(o);
+            if
+            :: Admits(o) && task[o].timer ->
+                task[o].users++; inside = true;
+                task[o].timer = false; timers--
+            :: else
+            fi
+        fi
+    }
+    if
+    :: inside ->
+        atomic { !task[o].lock -> Touch(o) }
+        DropUser(o);
+        if :: last -> atomic { Touch(o); task[o].exit = true; last = false } :: else fi;
+        inside = false
+    :: else
+    fi
+}
+
+/* AppTaskMgrShow: a task's lock with a scarce time-out only. */
+inline Report() {
+    atomic {
+        if
+        :: outside && releasing
+        :: !(outside && releasing) && !manager ->
+            TouchManager();
+            if :: Listed(0) -> Touch(0) :: else fi;
+            if :: Listed(1) -> Touch(1) :: else fi
+        fi
+    }
+}
+
+/* At most one operation on one of the tasks. */
+inline Act() {
+    if
+    :: atomic { acts > 0 -> acts--;
+                if :: o = 0 :: o = 1 fi;
+                if
+                :: act = SEND
+                :: act = STOPPING
+                :: act = TIMER
+                :: act = CANCEL
+                :: act = REPORT
+                fi }
+        if
+        :: act == SEND || act == STOPPING -> Send(act)
+        :: act == TIMER -> SetTimer()
+        :: act == CANCEL -> CancelTimer()
+        :: act == REPORT -> Report()
+        fi;
+        atomic { act = 0; o = 0 }
+    :: true
+    fi
+}
+
+/* ---- the end of a record --------------------------------------------------------------------- */
+
+inline DropUser(t) { atomic { Touch(t); task[t].users--; last = task[t].users == 0 } }
+
+#define Request(t, request) \
+    task[t].request = true;  \
+    atomic { Interrupt(t) }
+
+/* Cancels the timers, under the lock that is given for each notice, and drops the events. */
+inline TellRest(t) {
+    do
+    :: atomic { task[t].timer -> !task[t].lock; Touch(t); task[t].timer = false;
+                assert(task[t].owner); timers-- }
+        Act()
+    :: !task[t].timer -> break
+    od;
+    do
+    :: atomic { task[t].events + task[t].stops > 0 -> Touch(t); Unlink(t);
+                if :: got == EVENT -> assert(task[t].owner); events-- :: else fi; got = NOTHING }
+        Act()
+    :: task[t].events + task[t].stops == 0 -> break
+    od
+}
+
+inline Free(t) {
+    atomic {
+        Touch(t);
+        assert(!task[t].lock && task[t].users == 0 && task[t].events == 0 && task[t].stops == 0 &&
+               !task[t].timer && !task[t].unit);
+        task[t].freed = true
+    }
+}
+
+inline EndLeaving() {
+    atomic { !manager -> TouchManager(); leaving--; if :: quit -> left = true :: else fi }
+}
+
+/* ---- the task's thread ----------------------------------------------------------------------- */
+
+inline NextRequest(t) {
+    atomic {
+        Touch(t);
+        if
+        :: task[t].end -> got = END
+        :: !task[t].end && task[t].refresh -> task[t].refresh = false; got = REFRESH
+        :: else
+        fi
+    }
+}
+
+inline AfterWait(t) {
+    atomic {
+        !task[t].lock; Touch(t);
+        if
+        :: task[t].events + task[t].stops > 0 || task[t].refresh
+        :: else ->
+            if
+            :: task[t].state == RUNNING -> task[t].state = IDLE; got = STOP
+            :: task[t].state == IDLE -> task[t].state = TERMINATE; got = END
+            :: true
+            fi
+        fi
+    }
+}
+
+inline RunTimers(t) {
+    if
+    :: atomic { task[t].timer -> !task[t].lock; 
+                if :: task[t].timer -> Touch(t); task[t].timer = false; timers-- :: else fi }
+        Act()
+    :: true
+    fi
+}
+
+inline GoForIdle(t) {
+    atomic { Lock(t); assert(task[t].state == IDLE || task[t].state == PROCESSING);
+             task[t].state = IDLE; Unlock(t) }
+    TellRest(t);
+    if :: task[t].owner -> Act() :: else fi; /* STOP */
+    atomic { Lock(t); task[t].owner = false }
+    atomic {
+        !manager; TouchManager();
+        if
+        :: quit
+        :: !quit && task[t].end
+        :: !quit && !task[t].end ->
+            assert(task[t].list == ACTIVE);
+            if
+            :: task[t].list = PARKED
+            :: task[t].list = NOWHERE; task[t].state = UNINIT; leaving++
+            fi
+        fi;
+        Unlock(t)
+    }
+}
+
+inline GoForTerminate(t) {
+    atomic { LockManager() }
+    atomic {
+        !task[t].lock; Touch(t);
+        assert(task[t].state == IDLE || task[t].state == PROCESSING || task[t].state == TERMINATE);
+        task[t].state = TERMINATE;
+        if
+        :: quit || task[t].end
+        :: else ->
+            assert(task[t].list == PARKED);
+            task[t].list = NOWHERE; task[t].state = UNINIT; leaving++
+        fi;
+        UnlockManager()
+    }
+}
+
+inline Refresh(t) {
+    atomic { !task[t].lock; Touch(t);
+             if :: task[t].state == PROCESSING -> task[t].state = RUNNING :: else fi }
+}
+
+inline Serve(t) {
+    atomic { !task[t].lock; Touch(t);
+             if :: task[t].state == RUNNING -> task[t].state = PROCESSING :: else fi }
+    if
+    :: got == EVENT -> atomic { assert(task[t].owner); events--; got = NOTHING } Act()
+    :: got == STOP -> got = NOTHING; GoForIdle(t)
+    :: got == END -> got = NOTHING; GoForTerminate(t)
+    :: got == REFRESH -> got = NOTHING; Refresh(t)
+    fi
+}
+
+inline Leave(t) {
+    if
+    :: task[t].state == TERMINATE ->
+        DropUser(t);
+        if :: last -> atomic { Touch(t); task[t].exit = true } :: else fi
+    :: task[t].state == UNINIT ->
+        DropUser(t);
+        if :: !last -> atomic { task[t].exit -> Touch(t); task[t].exit = false } :: last fi;
+        TellRest(t);
+        task[t].known = false;
+        Free(t);
+        EndLeaving()
+    fi
+}
+
+proctype Thread(byte t) {
+    byte o;
+    mtype act, got = NOTHING;
+    bool asleep, wake, inside, last, outside;
+
+    atomic { !task[t].lock; Touch(t); task[t].state = RUNNING }
+    do
+    :: NextRequest(t);
+        if
+        :: got == NOTHING ->
+            Out(t);
+            if :: got == NOTHING -> NextRequest(t) :: else fi;
+            if :: got == NOTHING -> AfterWait(t); RunTimers(t) :: else fi
+        :: else
+        fi;
+        if
+        :: got == NOTHING
+        :: else ->
+            Serve(t);
+            atomic { Lock(t);
+                     if :: task[t].state == PROCESSING -> task[t].state = RUNNING :: else fi }
+            if
+            :: Leaves(t) -> atomic { Unlock(t) } break
+            :: else -> atomic { Unlock(t) } RunTimers(t)
+            fi
+        fi
+    od;
+    Leave(t)
+}
+
+/* ---- the owner ------------------------------------------------------------------------------- */
+
+/* With the manager's lock: the task goes to a new owner, unless its thread has chosen to end. */
+inline Reuse(t) {
+    atomic { Lock(t); assert(!Admits(t)) }
+    if
+    :: task[t].state == IDLE ->
+        found = t;
+        if
+        :: atomic { task[t].state = RUNNING; task[t].owner = true; task[t].list = ACTIVE;
+                    task[t].known = true }
+            Request(t, refresh)
+        :: atomic { task[t].list = NOWHERE; task[t].known = false; failed = t } /* queue's maximum */
+        fi
+    :: else
+    fi;
+    atomic { Unlock(t) }
+}
+
+inline Create(t) {
+    found = t;
+    if
+    :: atomic { scarce -> scarce = false }
+    :: atomic { task[t].made = true; task[t].state = INIT; task[t].users = 1; task[t].owner = true;
+                task[t].list = NOWHERE; run Thread(t) }
+        if
+        :: atomic { scarce -> scarce = false; failed = t } /* not appended */
+        :: atomic { task[t].list = ACTIVE; task[t].known = true }
+        fi
+    fi
+}
+
+inline NewTask() {
+    atomic { LockManager(); assert(!quit) }
+    if :: i = 0 :: i = 1 fi;
+    if :: task[i].list == PARKED -> Reuse(i) :: else fi;
+    if :: found == NOBODY && task[1 - i].list == PARKED -> Reuse(1 - i) :: else fi;
+    if
+    :: found == NOBODY && !task[0].made -> Create(0)
+    :: found == NOBODY && task[0].made && !task[1].made -> Create(1)
+    :: else
+    fi;
+    if :: failed != NOBODY -> leaving++; Request(failed, end) :: else fi;
+    atomic { UnlockManager() }
+    if
+    :: failed != NOBODY ->
+        atomic { task[failed].exit -> Touch(failed); task[failed].exit = false }
+        TellRest(failed);
+        Free(failed);
+        EndLeaving()
+    :: else
+    fi;
+    atomic { i = 0; found = NOBODY; failed = NOBODY }
+}
+
+#define ForEachTask(step) \
+    if :: Listed(0) -> step(0) :: else fi; \
+    if :: Listed(1) -> step(1) :: else fi
+
+inline AwaitLeft(t) { atomic { task[t].exit -> Touch(t) } }
+
+inline RequestEnd(t) { Request(t, end) }
+
+inline AwaitLeaving() {
+    do
+    :: atomic { !manager -> TouchManager(); last = leaving == 0 }
+        if :: last -> break :: else -> atomic { left -> left = false } fi
+    od;
+    last = false
+}
+
+inline Destroy() {
+    atomic { LockManager(); quit = true }
+    ForEachTask(RequestEnd);
+    atomic { UnlockManager() }
+    AwaitLeaving();
+    ForEachTask(AwaitLeft);
+    ForEachTask(TellRest);
+    releasing = true;
+    ForEachTask(Free);
+    atomic { assert(!gone && !manager); gone = true }
+}
+
+proctype Owner() {
+    byte i, o, found = NOBODY, failed = NOBODY, n = NEW;
+    mtype act, got = NOTHING;
+    bool wake, inside, last, outside;
+
+    do
+    :: n > 0 -> n--; NewTask()
+    :: acts > 0 -> Act()
+    :: break
+    od;
+    n = 0;
+    Destroy();
+    assert(events == 0 && timers == 0 && leaving == 0);
+    assert(task[0].made == task[0].freed && task[1].made == task[1].freed)
+}
+
+/* Comes at any time, and may still be inside when the destruction begins. */
+proctype Caller() {
+    byte o;
+    mtype act;
+    bool wake, inside, last, outside = true;
+    Act()
+}
+
+init {
+    atomic {
+        if :: CALLER -> run Caller() :: else fi;
+        run Owner()
+    }
+}
