@@ -62,7 +62,7 @@ bool releasing;  /* the third phase of the destruction */
 bool gone;       /* the manager has been freed */
 byte events;     /* accepted and not yet told */
 byte timers;     /* set and not yet told */
-byte acts = ACTS, waits = WAITS;
+byte acts = ACTS, news = NEW, waits = WAITS;
 bool scarce = 1;  /* one allocation may fail */
 
 inline Touch(t) { assert(task[t].made && !task[t].freed) }
@@ -79,13 +79,20 @@ inline UnlockManager() { TouchManager(); manager = false }
 
 inline Wake(t) { Touch(t); assert(!task[t].unit); task[t].unit = true }
 
+inline WakeIfAsked(t) {
+    if :: atomic { wake -> Wake(t); wake = false } :: !wake fi
+}
+
 /* app::QueueInterrupt */
 inline Interrupt(t) {
-    Touch(t);
-    if
-    :: task[t].asleep -> task[t].asleep = false; Wake(t)
-    :: else -> task[t].interrupted = true
-    fi
+    atomic {
+        Touch(t);
+        if
+        :: task[t].asleep -> task[t].asleep = false; wake = true
+        :: else -> task[t].interrupted = true
+        fi
+    }
+    WakeIfAsked(t)
 }
 
 inline Unlink(t) {
@@ -146,7 +153,7 @@ inline Send(what) {
             fi
         fi
     }
-    if :: atomic { wake -> Wake(o); wake = false } :: !wake fi
+    WakeIfAsked(o)
 }
 
 inline SetTimer() {
@@ -228,14 +235,13 @@ inline Act() {
 
 inline DropUser(t) { atomic { Touch(t); task[t].users--; last = task[t].users == 0 } }
 
-#define Request(t, request) \
-    task[t].request = true;  \
-    atomic { Interrupt(t) }
+/* The bit first: the thread looks at it before each wait. */
+#define Request(t, request) atomic { Touch(t); task[t].request = true } Interrupt(t)
 
 /* Cancels the timers, under the lock that is given for each notice, and drops the events. */
 inline TellRest(t) {
     do
-    :: atomic { task[t].timer -> !task[t].lock; Touch(t); task[t].timer = false;
+    :: atomic { task[t].timer && !task[t].lock -> Touch(t); task[t].timer = false;
                 assert(task[t].owner); timers-- }
         Act()
     :: !task[t].timer -> break
@@ -259,6 +265,64 @@ inline Free(t) {
 
 inline EndLeaving() {
     atomic { !manager -> TouchManager(); leaving--; if :: quit -> left = true :: else fi }
+}
+
+/* ---- a new task --------------------------------------------------------------------------------- */
+
+/* With the manager's lock: the task goes to a new owner, unless its thread has chosen to end. */
+inline Reuse(t) {
+    atomic { Lock(t); assert(!Admits(t)) }
+    if
+    :: task[t].state == IDLE ->
+        found = t;
+        if
+        :: atomic { task[t].state = RUNNING; task[t].owner = true; task[t].list = ACTIVE;
+                    task[t].known = true }
+            Request(t, refresh)
+        :: atomic { task[t].list = NOWHERE; task[t].known = false; failed = t } /* queue's maximum */
+        fi
+    :: else
+    fi;
+    atomic { Unlock(t) }
+}
+
+inline Create(t) {
+    found = t;
+    if
+    :: atomic { scarce -> scarce = false }
+    :: atomic { task[t].made = true; task[t].state = INIT; task[t].users = 1; task[t].owner = true;
+                task[t].list = NOWHERE; run Thread(t) }
+        if
+        :: atomic { scarce -> scarce = false; failed = t } /* not appended */
+        :: atomic { task[t].list = ACTIVE; task[t].known = true }
+        fi
+    fi
+}
+
+inline NewTask() {
+    atomic { LockManager(); found = NOBODY; failed = NOBODY; if :: i = 0 :: i = 1 fi }
+    if
+    :: quit /* refused */
+    :: else ->
+        if :: task[i].list == PARKED -> Reuse(i) :: else fi;
+        if :: found == NOBODY && task[1 - i].list == PARKED -> Reuse(1 - i) :: else fi;
+        if
+        :: found == NOBODY && !task[0].made -> Create(0)
+        :: found == NOBODY && task[0].made && !task[1].made -> Create(1)
+        :: else
+        fi;
+        if :: failed != NOBODY -> leaving++; Request(failed, end) :: else fi
+    fi;
+    atomic { UnlockManager() }
+    if
+    :: failed != NOBODY ->
+        atomic { task[failed].exit -> Touch(failed); task[failed].exit = false }
+        TellRest(failed);
+        Free(failed);
+        EndLeaving()
+    :: else
+    fi;
+    atomic { i = 0; found = 0; failed = 0 }
 }
 
 /* ---- the task's thread ----------------------------------------------------------------------- */
@@ -291,8 +355,8 @@ inline AfterWait(t) {
 
 inline RunTimers(t) {
     if
-    :: atomic { task[t].timer -> !task[t].lock; 
-                if :: task[t].timer -> Touch(t); task[t].timer = false; timers-- :: else fi }
+    :: atomic { task[t].timer && !task[t].lock -> Touch(t); task[t].timer = false;
+                assert(task[t].owner); timers-- }
         Act()
     :: true
     fi
@@ -336,19 +400,22 @@ inline GoForTerminate(t) {
     }
 }
 
+/* Gives the thread its new name; a late one would revive a task. */
 inline Refresh(t) {
-    atomic { !task[t].lock; Touch(t);
-             if :: task[t].state == PROCESSING -> task[t].state = RUNNING :: else fi }
+    atomic { !task[t].lock; Touch(t); assert(Admits(t)) }
+    RunTimers(t)
 }
 
 inline Serve(t) {
     atomic { !task[t].lock; Touch(t);
+             assert(got == END || !task[t].refresh); /* the new owner's come later */
              if :: task[t].state == RUNNING -> task[t].state = PROCESSING :: else fi }
     if
-    :: got == EVENT -> atomic { assert(task[t].owner); events--; got = NOTHING } Act()
+    :: got == EVENT ->
+        atomic { assert(task[t].owner); events--; got = NOTHING }
+        if :: atomic { news > 0 -> news-- } NewTask() :: Act() fi
     :: got == STOP -> got = NOTHING; GoForIdle(t)
     :: got == END -> got = NOTHING; GoForTerminate(t)
-    :: got == REFRESH -> got = NOTHING; Refresh(t)
     fi
 }
 
@@ -367,23 +434,30 @@ inline Leave(t) {
     fi
 }
 
+inline Wait(t) {
+    Out(t);
+    if
+    :: got != NOTHING ->
+        /* Reused since the last look: what came is the new owner's. */
+        if :: atomic { task[t].refresh -> task[t].refresh = false } Refresh(t) :: !task[t].refresh fi
+    :: else ->
+        NextRequest(t);
+        if :: got == NOTHING -> AfterWait(t); RunTimers(t) :: else fi
+    fi
+}
+
 proctype Thread(byte t) {
-    byte o;
+    byte i, o, found, failed;
     mtype act, got = NOTHING;
     bool asleep, wake, inside, last, outside;
 
     atomic { !task[t].lock; Touch(t); task[t].state = RUNNING }
     do
     :: NextRequest(t);
-        if
-        :: got == NOTHING ->
-            Out(t);
-            if :: got == NOTHING -> NextRequest(t) :: else fi;
-            if :: got == NOTHING -> AfterWait(t); RunTimers(t) :: else fi
-        :: else
-        fi;
+        if :: got == NOTHING -> Wait(t) :: else fi;
         if
         :: got == NOTHING
+        :: got == REFRESH -> got = NOTHING; Refresh(t)
         :: else ->
             Serve(t);
             atomic { Lock(t);
@@ -398,59 +472,6 @@ proctype Thread(byte t) {
 }
 
 /* ---- the owner ------------------------------------------------------------------------------- */
-
-/* With the manager's lock: the task goes to a new owner, unless its thread has chosen to end. */
-inline Reuse(t) {
-    atomic { Lock(t); assert(!Admits(t)) }
-    if
-    :: task[t].state == IDLE ->
-        found = t;
-        if
-        :: atomic { task[t].state = RUNNING; task[t].owner = true; task[t].list = ACTIVE;
-                    task[t].known = true }
-            Request(t, refresh)
-        :: atomic { task[t].list = NOWHERE; task[t].known = false; failed = t } /* queue's maximum */
-        fi
-    :: else
-    fi;
-    atomic { Unlock(t) }
-}
-
-inline Create(t) {
-    found = t;
-    if
-    :: atomic { scarce -> scarce = false }
-    :: atomic { task[t].made = true; task[t].state = INIT; task[t].users = 1; task[t].owner = true;
-                task[t].list = NOWHERE; run Thread(t) }
-        if
-        :: atomic { scarce -> scarce = false; failed = t } /* not appended */
-        :: atomic { task[t].list = ACTIVE; task[t].known = true }
-        fi
-    fi
-}
-
-inline NewTask() {
-    atomic { LockManager(); assert(!quit) }
-    if :: i = 0 :: i = 1 fi;
-    if :: task[i].list == PARKED -> Reuse(i) :: else fi;
-    if :: found == NOBODY && task[1 - i].list == PARKED -> Reuse(1 - i) :: else fi;
-    if
-    :: found == NOBODY && !task[0].made -> Create(0)
-    :: found == NOBODY && task[0].made && !task[1].made -> Create(1)
-    :: else
-    fi;
-    if :: failed != NOBODY -> leaving++; Request(failed, end) :: else fi;
-    atomic { UnlockManager() }
-    if
-    :: failed != NOBODY ->
-        atomic { task[failed].exit -> Touch(failed); task[failed].exit = false }
-        TellRest(failed);
-        Free(failed);
-        EndLeaving()
-    :: else
-    fi;
-    atomic { i = 0; found = NOBODY; failed = NOBODY }
-}
 
 #define ForEachTask(step) \
     if :: Listed(0) -> step(0) :: else fi; \
@@ -481,16 +502,15 @@ inline Destroy() {
 }
 
 proctype Owner() {
-    byte i, o, found = NOBODY, failed = NOBODY, n = NEW;
+    byte i, o, found, failed;
     mtype act, got = NOTHING;
     bool wake, inside, last, outside;
 
     do
-    :: n > 0 -> n--; NewTask()
+    :: atomic { news > 0 -> news-- } NewTask()
     :: acts > 0 -> Act()
     :: break
     od;
-    n = 0;
     Destroy();
     assert(events == 0 && timers == 0 && leaving == 0);
     assert(task[0].made == task[0].freed && task[1].made == task[1].freed)
