@@ -28,11 +28,15 @@
 #endif
 #define TASKS 2
 #define NOBODY TASKS
+#define OWNER TASKS /* the handlers of task 0 and 1 come before him */
+#define CALLERS (TASKS + 2)
+#define OUTSIDER (TASKS + 1)
 
 mtype = { INIT, RUNNING, PROCESSING, IDLE, TERMINATE, UNINIT }; /* dwState */
 mtype = { NOWHERE, ACTIVE, PARKED };                            /* the list that holds a task */
 mtype = { NOTHING, EVENT, STOP, END, REFRESH };                 /* what a thread serves */
-mtype = { SEND, STOPPING, TIMER, CANCEL, REPORT };              /* what a handler does */
+mtype = { NO, ACT, NEWTASK };                                   /* what the application does, */
+mtype = { SEND, TERMINATES, TIMER, CANCEL, REPORT };            /* to a task */
 
 typedef Task {
     mtype state;
@@ -62,6 +66,7 @@ bool releasing;  /* the third phase of the destruction */
 bool gone;       /* the manager has been freed */
 byte events;     /* accepted and not yet told */
 byte timers;     /* set and not yet told */
+mtype called[CALLERS]; /* whose code of the application runs, and what it does */
 byte acts = ACTS, news = NEW, waits = WAITS;
 bool scarce = 1;  /* one allocation may fail */
 
@@ -126,11 +131,31 @@ inline Out(t) {
     fi
 }
 
+/* ---- the end of a record --------------------------------------------------------------------- */
+
+inline DropUser(t) { atomic { Touch(t); task[t].users--; last = task[t].users == 0 } }
+
+/* The bit first: the thread looks at it before each wait. */
+#define Request(t, request) atomic { Touch(t); task[t].request = true } Interrupt(t)
+
+inline Free(t) {
+    atomic {
+        Touch(t);
+        assert(!task[t].lock && task[t].users == 0 && task[t].events == 0 && task[t].stops == 0 &&
+               !task[t].timer && !task[t].unit);
+        task[t].freed = true
+    }
+}
+
+inline EndLeaving() {
+    atomic { !manager -> TouchManager(); leaving--; if :: quit -> left = true :: else fi }
+}
+
 /* ---- what the application does --------------------------------------------------------------- */
 
 /* From here on `o` is the task that is worked on.  The application works on a task whose handle it
  * has; only a caller from outside must have come back before the destruction does. */
-#define Barred (!task[o].known || (outside && releasing))
+#define Barred (!task[o].known || (me == OUTSIDER && releasing))
 
 /* AppTaskSendEvent and AppTaskTerminate */
 inline Send(what) {
@@ -199,72 +224,13 @@ inline CancelTimer() {
 inline Report() {
     atomic {
         if
-        :: outside && releasing
-        :: !(outside && releasing) && !manager ->
+        :: me == OUTSIDER && releasing
+        :: !(me == OUTSIDER && releasing) && !manager ->
             TouchManager();
             if :: Listed(0) -> Touch(0) :: else fi;
             if :: Listed(1) -> Touch(1) :: else fi
         fi
     }
-}
-
-/* At most one operation on one of the tasks. */
-inline Act() {
-    if
-    :: atomic { acts > 0 -> acts--;
-                if :: o = 0 :: o = 1 fi;
-                if
-                :: act = SEND
-                :: act = STOPPING
-                :: act = TIMER
-                :: act = CANCEL
-                :: act = REPORT
-                fi }
-        if
-        :: act == SEND || act == STOPPING -> Send(act)
-        :: act == TIMER -> SetTimer()
-        :: act == CANCEL -> CancelTimer()
-        :: act == REPORT -> Report()
-        fi;
-        atomic { act = 0; o = 0 }
-    :: true
-    fi
-}
-
-/* ---- the end of a record --------------------------------------------------------------------- */
-
-inline DropUser(t) { atomic { Touch(t); task[t].users--; last = task[t].users == 0 } }
-
-/* The bit first: the thread looks at it before each wait. */
-#define Request(t, request) atomic { Touch(t); task[t].request = true } Interrupt(t)
-
-/* Cancels the timers, under the lock that is given for each notice, and drops the events. */
-inline TellRest(t) {
-    do
-    :: atomic { task[t].timer && !task[t].lock -> Touch(t); task[t].timer = false;
-                assert(task[t].owner); timers-- }
-        Act()
-    :: !task[t].timer -> break
-    od;
-    do
-    :: atomic { task[t].events + task[t].stops > 0 -> Touch(t); Unlink(t);
-                if :: got == EVENT -> assert(task[t].owner); events-- :: else fi; got = NOTHING }
-        Act()
-    :: task[t].events + task[t].stops == 0 -> break
-    od
-}
-
-inline Free(t) {
-    atomic {
-        Touch(t);
-        assert(!task[t].lock && task[t].users == 0 && task[t].events == 0 && task[t].stops == 0 &&
-               !task[t].timer && !task[t].unit);
-        task[t].freed = true
-    }
-}
-
-inline EndLeaving() {
-    atomic { !manager -> TouchManager(); leaving--; if :: quit -> left = true :: else fi }
 }
 
 /* ---- a new task --------------------------------------------------------------------------------- */
@@ -317,12 +283,64 @@ inline NewTask() {
     if
     :: failed != NOBODY ->
         atomic { task[failed].exit -> Touch(failed); task[failed].exit = false }
-        TellRest(failed);
         Free(failed);
         EndLeaving()
     :: else
     fi;
     atomic { i = 0; found = 0; failed = 0 }
+}
+
+/* One operation at most: a handler, the owner, or a caller from outside who comes at any time. */
+proctype Application(byte me) {
+    byte i, o, found, failed;
+    mtype act;
+    bool wake, inside, last;
+
+end:
+    do
+    :: called[me] == NEWTASK -> NewTask(); called[me] = NO
+    :: atomic { called[me] == ACT ->
+                if :: o = 0 :: o = 1 fi;
+                if
+                :: act = SEND
+                :: act = TERMINATES
+                :: act = TIMER
+                :: act = CANCEL
+                :: act = REPORT
+                fi }
+        if
+        :: act == SEND || act == TERMINATES -> Send(act)
+        :: act == TIMER -> SetTimer()
+        :: act == CANCEL -> CancelTimer()
+        :: act == REPORT -> Report()
+        fi;
+        atomic { act = 0; o = 0; called[me] = NO }
+    od
+}
+
+/* The application runs, and may do something. */
+inline Call() {
+    if
+    :: atomic { acts > 0 -> acts--; called[me] = ACT } called[me] == NO
+    :: atomic { news > 0 -> news--; called[me] = NEWTASK } called[me] == NO
+    :: true
+    fi
+}
+
+/* Cancels the timers, under the lock that is given for each notice, and drops the events. */
+inline TellRest(t) {
+    do
+    :: atomic { task[t].timer && !task[t].lock -> Touch(t); task[t].timer = false;
+                assert(task[t].owner); timers-- }
+        Call()
+    :: !task[t].timer -> break
+    od;
+    do
+    :: atomic { task[t].events + task[t].stops > 0 -> Touch(t); Unlink(t);
+                if :: got == EVENT -> assert(task[t].owner); events-- :: else fi; got = NOTHING }
+        Call()
+    :: task[t].events + task[t].stops == 0 -> break
+    od
 }
 
 /* ---- the task's thread ----------------------------------------------------------------------- */
@@ -357,7 +375,7 @@ inline RunTimers(t) {
     if
     :: atomic { task[t].timer && !task[t].lock -> Touch(t); task[t].timer = false;
                 assert(task[t].owner); timers-- }
-        Act()
+        Call()
     :: true
     fi
 }
@@ -366,7 +384,7 @@ inline GoForIdle(t) {
     atomic { Lock(t); assert(task[t].state == IDLE || task[t].state == PROCESSING);
              task[t].state = IDLE; Unlock(t) }
     TellRest(t);
-    if :: task[t].owner -> Act() :: else fi; /* STOP */
+    if :: task[t].owner -> Call() :: else fi; /* STOP */
     atomic { Lock(t); task[t].owner = false }
     atomic {
         !manager; TouchManager();
@@ -413,7 +431,7 @@ inline Serve(t) {
     if
     :: got == EVENT ->
         atomic { assert(task[t].owner); events--; got = NOTHING }
-        if :: atomic { news > 0 -> news-- } NewTask() :: Act() fi
+        Call()
     :: got == STOP -> got = NOTHING; GoForIdle(t)
     :: got == END -> got = NOTHING; GoForTerminate(t)
     fi
@@ -427,7 +445,6 @@ inline Leave(t) {
     :: task[t].state == UNINIT ->
         DropUser(t);
         if :: !last -> atomic { task[t].exit -> Touch(t); task[t].exit = false } :: last fi;
-        TellRest(t);
         task[t].known = false;
         Free(t);
         EndLeaving()
@@ -446,29 +463,28 @@ inline Wait(t) {
     fi
 }
 
-proctype Thread(byte t) {
-    byte i, o, found, failed;
-    mtype act, got = NOTHING;
-    bool asleep, wake, inside, last, outside;
+proctype Thread(byte me) {
+    mtype got = NOTHING;
+    bool asleep, last;
 
-    atomic { !task[t].lock; Touch(t); task[t].state = RUNNING }
+    atomic { !task[me].lock; Touch(me); task[me].state = RUNNING }
     do
-    :: NextRequest(t);
-        if :: got == NOTHING -> Wait(t) :: else fi;
+    :: NextRequest(me);
+        if :: got == NOTHING -> Wait(me) :: else fi;
         if
         :: got == NOTHING
-        :: got == REFRESH -> got = NOTHING; Refresh(t)
+        :: got == REFRESH -> got = NOTHING; Refresh(me)
         :: else ->
-            Serve(t);
-            atomic { Lock(t);
-                     if :: task[t].state == PROCESSING -> task[t].state = RUNNING :: else fi }
+            Serve(me);
+            atomic { Lock(me);
+                     if :: task[me].state == PROCESSING -> task[me].state = RUNNING :: else fi }
             if
-            :: Leaves(t) -> atomic { Unlock(t) } break
-            :: else -> atomic { Unlock(t) } RunTimers(t)
+            :: Leaves(me) -> atomic { Unlock(me) } break
+            :: else -> atomic { Unlock(me) } RunTimers(me)
             fi
         fi
     od;
-    Leave(t)
+    Leave(me)
 }
 
 /* ---- the owner ------------------------------------------------------------------------------- */
@@ -502,13 +518,12 @@ inline Destroy() {
 }
 
 proctype Owner() {
-    byte i, o, found, failed;
-    mtype act, got = NOTHING;
-    bool wake, inside, last, outside;
+    byte me = OWNER;
+    mtype got = NOTHING;
+    bool wake, last;
 
     do
-    :: atomic { news > 0 -> news-- } NewTask()
-    :: acts > 0 -> Act()
+    :: acts > 0 || news > 0 -> Call()
     :: break
     od;
     Destroy();
@@ -516,17 +531,12 @@ proctype Owner() {
     assert(task[0].made == task[0].freed && task[1].made == task[1].freed)
 }
 
-/* Comes at any time, and may still be inside when the destruction begins. */
-proctype Caller() {
-    byte o;
-    mtype act;
-    bool wake, inside, last, outside = true;
-    Act()
-}
-
 init {
     atomic {
-        if :: CALLER -> run Caller() :: else fi;
-        run Owner()
+        run Application(0);
+        run Application(1);
+        run Application(OWNER);
+        run Owner();
+        if :: CALLER -> called[OUTSIDER] = ACT; acts--; run Application(OUTSIDER) :: else fi
     }
 }
