@@ -15,16 +15,16 @@
  * expires.  The lists' limits are taken to be reached or not, as if more tasks stood beside these two.
  */
 #ifndef NEW
-#define NEW 2 /* calls of AppTaskMgrNewTask */
+#define NEW 2 /* calls of AppTaskMgrNewTask, by the owner or a handler */
 #endif
 #ifndef ACTS
-#define ACTS 2 /* operations of handlers, owner and caller on tasks */
+#define ACTS 2 /* other operations, by the owner, a handler or the caller */
 #endif
 #ifndef WAITS
-#define WAITS 2 /* waits that expire */
+#define WAITS 1 /* waits that expire */
 #endif
 #ifndef CALLER
-#define CALLER 0 /* 1: a caller from outside takes part */
+#define CALLER 0 /* 1: a caller from outside takes part, with one operation */
 #endif
 #define TASKS 2
 #define NOBODY TASKS
@@ -239,15 +239,14 @@ inline Report() {
 inline Reuse(t) {
     atomic { Lock(t); assert(!Admits(t)) }
     if
-    :: task[t].state == IDLE ->
-        found = t;
+    :: atomic { task[t].state == IDLE -> found = t }
         if
         :: atomic { task[t].state = RUNNING; task[t].owner = true; task[t].list = ACTIVE;
                     task[t].known = true }
             Request(t, refresh)
         :: atomic { task[t].list = NOWHERE; task[t].known = false; failed = t } /* queue's maximum */
         fi
-    :: else
+    :: task[t].state != IDLE
     fi;
     atomic { Unlock(t) }
 }
