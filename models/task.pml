@@ -66,9 +66,9 @@ bool releasing;  /* the third phase of the destruction */
 bool gone;       /* the manager has been freed */
 byte events;     /* accepted and not yet told */
 byte timers;     /* set and not yet told */
-mtype called[CALLERS]; /* whose code of the application runs, and what it does */
+mtype called[CALLERS]; /* the application's code that runs, and what it does */
 byte acts = ACTS, news = NEW, waits = WAITS;
-bool scarce = 1;  /* one allocation may fail */
+bool scarce = 1; /* one allocation may fail */
 
 inline Touch(t) { assert(task[t].made && !task[t].freed) }
 inline TouchManager() { assert(!gone) }
@@ -220,7 +220,7 @@ inline CancelTimer() {
     fi
 }
 
-/* AppTaskMgrShow: a task's lock with a scarce time-out only. */
+/* AppTaskMgrShow: takes a task's lock with a short time-out only. */
 inline Report() {
     atomic {
         if
@@ -233,7 +233,7 @@ inline Report() {
     }
 }
 
-/* ---- a new task --------------------------------------------------------------------------------- */
+/* ---- a new task ------------------------------------------------------------------------------ */
 
 /* With the manager's lock: the task goes to a new owner, unless its thread has chosen to end. */
 inline Reuse(t) {
@@ -244,7 +244,7 @@ inline Reuse(t) {
         :: atomic { task[t].state = RUNNING; task[t].owner = true; task[t].list = ACTIVE;
                     task[t].known = true }
             Request(t, refresh)
-        :: atomic { task[t].list = NOWHERE; task[t].known = false; failed = t } /* queue's maximum */
+        :: atomic { task[t].list = NOWHERE; failed = t } /* more events wait than it allows */
         fi
     :: task[t].state != IDLE
     fi;
@@ -282,6 +282,7 @@ inline NewTask() {
     if
     :: failed != NOBODY ->
         atomic { task[failed].exit -> Touch(failed); task[failed].exit = false }
+        task[failed].known = false;
         Free(failed);
         EndLeaving()
     :: else
@@ -355,6 +356,8 @@ inline NextRequest(t) {
     }
 }
 
+/* A time-out may have passed: the state changes at once, so that no event is admitted and no owner
+ * found before the thread serves it.  What came since the wait ended counts. */
 inline AfterWait(t) {
     atomic {
         !task[t].lock; Touch(t);
