@@ -167,29 +167,18 @@ TEST(String, CopiesAlwaysTerminateAndFill) {
     EXPECT_EQ(AppStrncpy(nullptr, "x", 4), nullptr);
 }
 
-// The destination ends where its allocation ends, so that the address sanitizer sees a step
-// too far, reading or writing.
+// The destination ends where its allocation ends, so that the address sanitizer sees a step too
+// far, reading or writing; a text as long as the size has no terminator inside it.
 TEST(String, AppendingNeverLeavesTheBuffer) {
-    struct {
-        const char *szBefore; // the buffer's size bytes; '#' stands for what is not looked at
-        uint32_t dwSize;
-        const char *szSrc, *szAfter;
-    } const rows[] = {
-        {"abc\0####", 8, "defgh", "abcdefg"},
-        {"1234567", 8, ",", "1234567"},
-        {"12345678", 8, "x", "1234567"}, // no terminator inside the size
-        {"\0", 1, "x", ""},
-        {"#", 1, "x", ""},
-        {"ab\0#", 4, "c", "abc"},
-        {"ab\0#", 4, "", "ab"},
-        {"\0#######", 8, "1234567", "1234567"},
-    };
-    for (const auto &row : rows) {
-        std::unique_ptr<char[]> buffer(new char[row.dwSize]);
-        memcpy(buffer.get(), row.szBefore, row.dwSize);
-        EXPECT_EQ(AppStrncat(buffer.get(), row.szSrc, row.dwSize), buffer.get());
-        EXPECT_STREQ(buffer.get(), row.szAfter);
-    }
+    const std::string digits = "12345678";
+    for (uint32_t dwSize = 1; dwSize <= 8; ++dwSize)
+        for (uint32_t dwLen = 0; dwLen <= dwSize; ++dwLen)
+            for (const char *szSrc : {"", "x", "abcdefg"}) {
+                std::unique_ptr<char[]> buffer(new char[dwSize]);
+                memcpy(buffer.get(), (digits.substr(0, dwLen) + std::string(8, '\0')).data(), dwSize);
+                EXPECT_EQ(AppStrncat(buffer.get(), szSrc, dwSize), buffer.get());
+                EXPECT_EQ(buffer.get(), (digits.substr(0, dwLen) + szSrc).substr(0, dwSize - 1));
+            }
     char achText[4] = "a";
     AppStrncat(achText, "b", 0);
     AppStrncat(achText, nullptr, 4);
@@ -198,18 +187,15 @@ TEST(String, AppendingNeverLeavesTheBuffer) {
 }
 
 TEST(String, HashIsTheAgreedOne) {
-    struct {
-        const char *szText;
-        uint32_t dwHash;
-    } const rows[] = {{nullptr, 0},
-                      {"", 0},
-                      {"a", 97},
-                      {"ab", 15167409},
-                      {"abc", 822160044},
-                      {"Hello", 360269938},
-                      {"\xFF", 255}, // bytes are unsigned
-                      {"\x80\xC3", (128u * (63689u * 378551u) + 0xC3) & 0x7FFFFFFF}};
-    for (const auto &row : rows) EXPECT_EQ(AppStringHash(row.szText), row.dwHash) << (row.szText ? row.szText : "null");
+    const std::pair<const char *, uint32_t> rows[] = {{nullptr, 0},
+                                                      {"", 0},
+                                                      {"a", 97},
+                                                      {"ab", 15167409},
+                                                      {"abc", 822160044},
+                                                      {"Hello", 360269938},
+                                                      {"\xFF", 255}, // bytes are unsigned
+                                                      {"\x80\xC3", (128u * (63689u * 378551u) + 0xC3) & 0x7FFFFFFF}};
+    for (const auto &[szText, dwHash] : rows) EXPECT_EQ(AppStringHash(szText), dwHash) << (szText ? szText : "null");
 }
 
 // ---- Dump -----------------------------------------------------------------------------------

@@ -4,7 +4,9 @@
 // first in forced order, a thread standing still in the window that matters, then in many rounds.
 // Managers live in a pool that is destroyed right after them, or on the heap: in both cases the
 // address sanitizer sees every late touch.
-#include <string.h>
+#include <stdio.h>
+
+#include <algorithm>
 
 #include "support/log_capture.h"
 #include "support/tasks.h"
@@ -362,73 +364,93 @@ void Dawdle(unsigned nRound) {
     for (std::atomic<unsigned> i{0}; i < nRound * 37 % 2000; ++i) {}
 }
 
-// What a task is given to do in each round.
-HAppTask NewBusy(Manager &manager, Ledger &ledger, uint32_t dwMaxEvent = 100) {
-    HAppTask hTask = manager.New(ledger, {"busy", dwMaxEvent});
-    ledger.Set(hTask, 99999);
-    ledger.Set(hTask, 0);
-    for (int i = 0; i < 3; ++i) ledger.Send(hTask);
-    return hTask;
-}
+struct Round {
+    explicit Round(unsigned n)
+        : nRound(n), ledger(400, [this](HAppTask hTask, uint32_t dwType) { React(hTask, dwType); }),
+          manager(8, 0, 1 << 20) {}
+
+    // What a task is given to do.
+    HAppTask NewBusy(uint32_t dwMaxEvent = 100) {
+        HAppTask hTask = manager.New(ledger, {"busy", dwMaxEvent});
+        ledger.Set(hTask, 99999);
+        ledger.Set(hTask, 0);
+        for (int i = 0; i < 3; ++i) ledger.Send(hTask);
+        return hTask;
+    }
+    // The handlers use all the tasks, also while they are told what is left.
+    void React(HAppTask, uint32_t) {
+        const unsigned n = nActs++;
+        HAppTask hTask = tasks[(n * 5 + nRound) % kTasks];
+        if (!hTask || n > 60) return;
+        switch ((n + nRound) % 6) {
+        case 0:
+            ledger.Set(hTask, n % 2 * 10);
+            break;
+        case 1:
+            if (HAppTimer hTimer = ledger.Set(hTask, 0)) AppTaskCancelTimer(hTimer);
+            break;
+        case 2:
+            if (n > 40) AppTaskTerminate(hTask);
+            break;
+        case 3:
+            if (n > 50) AppTaskMgrShow(manager.Get(), nullptr, nullptr);
+            break;
+        default:
+            ledger.Send(hTask, n % 4 == 0);
+        }
+    }
+
+    static constexpr unsigned kTasks = 3;
+    const unsigned nRound;
+    std::atomic<HAppTask> tasks[kTasks] = {};
+    std::atomic<unsigned> nActs{0};
+    Ledger ledger;
+    Manager manager;
+};
 
 struct Pairing {
     const char *szName;
-    void (*pfnRound)(Manager &manager, Ledger &ledger, unsigned nRound);
+    void (*pfnRound)(Round &round);
 };
 
 const Pairing kPairings[] = {
-    {"BusyHandler",
-     [](Manager &manager, Ledger &ledger, unsigned) {
-         NewBusy(manager, ledger);
-         NewBusy(manager, ledger);
+    {"TalkToEachOther",
+     [](Round &round) {
+         for (auto &hTask : round.tasks) hTask = round.NewBusy(round.nRound % 3 ? 100 : 2);
      }},
-    {"GoIdle",
-     [](Manager &manager, Ledger &ledger, unsigned nRound) {
-         HAppTask hTask = NewBusy(manager, ledger);
-         Dawdle(nRound * 3);
-         AppTaskTerminate(hTask);
-         AppTaskTerminate(hTask);
+    {"FullPool",
+     [](Round &round) {
+         for (auto &hTask : round.tasks) hTask = round.NewBusy();
+         if (round.nRound % 2) AppTaskTerminate(round.tasks[0]);
+         for (uint32_t dwSize = 1 << 19; dwSize != 0; dwSize /= 2)
+             while (AppMemPoolMalloc(round.manager.Pool(), dwSize)) {}
      }},
-    {"SelfEnd",
-     [](Manager &manager, Ledger &ledger, unsigned nRound) {
-         HAppTask tasks[3];
-         for (HAppTask &hTask : tasks) hTask = NewBusy(manager, ledger);
+    {"TimersFallBehind",
+     [](Round &round) {
+         static const PFAppTaskHandler again = [](HAppTask hTask, uint32_t dwType, void *, void *) -> uint32_t {
+             if (dwType == APP_TASK_EVENT_TIMEOUT) {
+                 AppTaskSetTimer(hTask, 0, again, nullptr);
+                 AppDelay(1);
+             }
+             return 0;
+         };
+         for (auto &hTask : round.tasks) AppTaskSetTimer(hTask = round.NewBusy(), 0, again, nullptr);
+     }},
+    {"SelfEndAndReuse",
+     [](Round &round) {
          {
-             app::LockGuard guard(manager.Get()->hLock);
-             manager.Get()->hIdleTaskList->dwMaxSize = 1; // two of them end
+             app::LockGuard guard(round.manager.Get()->hLock);
+             round.manager.Get()->hIdleTaskList->dwMaxSize = 1; // further ones end
          }
-         for (HAppTask hTask : tasks) {
+         for (int i = 0; i < 4; ++i) {
+             HAppTask hTask = round.NewBusy();
+             std::thread canceller([&] {
+                 if (HAppTimer hTimer = round.ledger.Set(hTask, 0)) AppTaskCancelTimer(hTimer);
+             });
+             canceller.join(); // before the task may be gone
              AppTaskTerminate(hTask);
-             Dawdle(nRound);
+             Dawdle(round.nRound * 5);
          }
-     }},
-    {"Reuse",
-     [](Manager &manager, Ledger &ledger, unsigned nRound) {
-         HAppTask hTask = NewBusy(manager, ledger);
-         for (int i = 0; i < 3; ++i) { // handed out again, or a second one
-             AppTaskTerminate(hTask);
-             Dawdle(nRound * 5);
-             hTask = NewBusy(manager, ledger);
-         }
-     }},
-    {"FullQueue",
-     [](Manager &manager, Ledger &ledger, unsigned nRound) {
-         HAppTask hTask = NewBusy(manager, ledger, 2);
-         ledger.Send(hTask, true);
-         if (nRound % 2) AppTaskTerminate(hTask);
-     }},
-    {"CancelFromOutside",
-     [](Manager &manager, Ledger &ledger, unsigned nRound) {
-         HAppTask hTask = NewBusy(manager, ledger);
-         std::thread canceller([&] {
-             for (int i = 0; i < 4; ++i)
-                 if (HAppTimer hTimer = ledger.Set(hTask, 0)) {
-                     ledger.Send(hTask); // the expiry beside the cancel
-                     AppTaskCancelTimer(hTimer);
-                 }
-         });
-         if (nRound % 2) AppTaskTerminate(hTask);
-         canceller.join(); // a destruction must not meet anybody else's call
      }},
 };
 
@@ -436,18 +458,19 @@ class TaskShutdownRounds : public TaskShutdown, public testing::WithParamInterfa
 
 TEST_P(TaskShutdownRounds, EndWithEverythingTold) {
     g_byAppLogLevel[0] = APP_LOG_ALWAYS;
-    for (unsigned nRound = 0; nRound < test::Scaled(10000); ++nRound) {
-        Ledger ledger(64, [&](HAppTask hTask, uint32_t dwType) {
-            if (dwType == APP_TASK_EVENT_USER && ledger.Used() < 40) ledger.Send(hTask);
-        });
-        {
-            Manager manager(8, 0, nRound % 2 ? 1 << 20 : 0);
-            GetParam().pfnRound(manager, ledger, nRound);
-            Dawdle(nRound);
-        }
-        ledger.ExpectBalance();
+    int64_t nLongest = 0;
+    const unsigned nRounds = test::Scaled(10000);
+    for (unsigned nRound = 0; nRound < nRounds; ++nRound) {
+        Round round(nRound);
+        GetParam().pfnRound(round);
+        Dawdle(nRound);
+        const auto start = std::chrono::steady_clock::now();
+        round.manager.Destroy();
+        nLongest = std::max(nLongest, test::ElapsedMs(start));
+        round.ledger.ExpectBalance();
         if (HasFailure()) FAIL() << "in round " << nRound;
     }
+    printf("%u shutdowns, the longest %d ms\n", nRounds, static_cast<int>(nLongest));
 }
 
 INSTANTIATE_TEST_SUITE_P(Pairings, TaskShutdownRounds, testing::ValuesIn(kPairings),
@@ -462,7 +485,12 @@ TEST_F(TaskShutdown, TimeOutsBesideReuseAndDestruction) {
         });
         {
             Manager manager(16, 10, 1 << 20);
-            for (int i = 0; i < 8; ++i) AppTaskTerminate(NewBusy(manager, ledger));
+            for (int i = 0; i < 8; ++i) {
+                HAppTask hTask = manager.New(ledger);
+                ledger.Set(hTask, 99999);
+                ledger.Send(hTask);
+                AppTaskTerminate(hTask);
+            }
             AppDelay(15 + nRound % 15);
             for (int i = 0; i < 4; ++i) // whichever is handed out works
                 EXPECT_TRUE(ledger.Send(manager.New(ledger)));

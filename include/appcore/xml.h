@@ -62,8 +62,8 @@ extern "C" {
  *
  * Mini-XML tells what is wrong with a text to the thread's error callback, or else prints it to
  * standard error, parts of the text included: set one with `mxmlSetErrorCallback()`.  A thread
- * does so when it starts: the first call of Mini-XML in a thread allocates a block that it does not
- * look at.
+ * best does so when it starts: Mini-XML's first call in a thread allocates a block and crashes when
+ * there is none.
  * @param szText   the text in UTF-8; needs no terminator.  It is copied to the heap, and the copy
  *                 freed before the call returns
  * @param dwLength its bytes
@@ -74,9 +74,9 @@ extern "C" {
  * @retval APP_BAD_VALUE   not one whole document, or not UTF-8 throughout.
  *                         Logged at ::APP_LOG_DEBUG, so that nobody outside can fill the log
  * @retval APP_NO_RESOURCE no memory for the copy, an element or a value, or longer than
- *                         1073741823 bytes.  Only an attribute that Mini-XML has no memory for is
- *                         missing in a tree that is otherwise whole: it tells the error callback
- *                         alone.
+ *                         1073741823 bytes.  But an attribute that Mini-XML has no memory for is
+ *                         missing in a tree that is given all the same; only the error callback
+ *                         is told
  */
 APP_API uint32_t AppXmlLoad(const char *szText, uint32_t dwLength, mxml_node_t **pptTree);
 

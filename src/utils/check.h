@@ -15,7 +15,8 @@ namespace app
 {
 [[noreturn]] inline void CheckFailed(const char *szOp, const char *szWhat)
 {
-    LinesAtOnce lines; // no lock will be given any more
+    LinesAtOnce last; // no lock will be given any more
+    last.PrintHeld();
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: %s\n", szOp, szWhat);
     abort();
 }

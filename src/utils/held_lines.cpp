@@ -28,7 +28,7 @@ using app::THeldLine;
 
 constexpr int32_t kHeap = -1;
 
-// Lines about an exhausted heap must be kept as well: a few of usual length find room here.
+// A few lines of usual length find room here, so that lines about an exhausted heap are kept too.
 constexpr int32_t kSlots = 8;
 constexpr uint32_t kSlotSize = 256;
 struct alignas(THeldLine) TSlot {
@@ -50,8 +50,10 @@ THeldLine *ClaimSlot(uint32_t dwSize)
 THeldLine *NewLine(uint32_t dwTextSize)
 {
     const auto dwSize = static_cast<uint32_t>(sizeof(THeldLine)) + dwTextSize;
+    if (THeldLine *ptLine = ClaimSlot(dwSize))
+        return ptLine;
     void *pvLine = malloc(dwSize);
-    return pvLine ? new (pvLine) THeldLine{nullptr, kHeap, 0, 0, false} : ClaimSlot(dwSize);
+    return pvLine ? new (pvLine) THeldLine{nullptr, kHeap, 0, 0, false} : nullptr;
 }
 
 void Release(THeldLine *ptLine)

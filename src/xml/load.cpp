@@ -12,8 +12,7 @@
 //   and what it has got by then passes for a whole one.  So each character is looked at first, and
 //   the copy that is loaded ends with four zero bytes.
 // - A text that breaks off in the name of a tag passes for a whole one as well.  So an instruction
-// of
-//   ours stands behind the text, and must have been read as one: unlike an element it has no end
+//   of ours stands behind the text, and must have been read as one: unlike an element it has no end
 //   tag in which the rest of a text can hide.
 // - An element whose name could not be copied crashes the reader at the next closing tag.  The type
 //   callback sees each such element before that and ends the text there.
