@@ -41,6 +41,10 @@ struct TAppFileLogInfo {
     std::atomic<FILE *> ptFile;
 };
 
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(sizeof(TAppFileLogInfo) == 140, "fixed layout");
+#endif
+
 extern TAppFileLogInfo g_atAppFileLogInfo[256];
 
 // Opens `szPath` (at most 127 characters) for appending as the channel's file, closing the one it

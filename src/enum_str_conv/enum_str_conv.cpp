@@ -2,6 +2,8 @@
 #include "appcore/enum_str.h"
 #include "utils/log.h"
 
+static_assert(sizeof(TAppS32StrPair) == 2 * sizeof(void *), "fixed layout");
+
 namespace
 {
 

@@ -104,13 +104,14 @@ struct TAppTimer {
 };
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(offsetof(TAppTaskMgr, bQuit) == 20, "fixed layout");
+// What has been added stands behind the fixed part.
+static_assert(offsetof(TAppTaskMgr, dwLeaving) == 24, "fixed layout");
 static_assert(offsetof(TAppTask, dwState) == 20 && offsetof(TAppTask, ptTimerMgr) == 48 &&
-                  offsetof(TAppTask, pvLastContext) == 64,
+                  offsetof(TAppTask, dwLastEventTick) == 68,
               "fixed layout");
 static_assert(sizeof(TAppTaskEvent) == 16, "fixed layout");
-static_assert(offsetof(TAppTimerMgr, hMemPool) == 20, "fixed layout");
-static_assert(offsetof(TAppTimer, dwState) == 24, "fixed layout");
+static_assert(offsetof(TAppTimerMgr, hNext) == 24, "fixed layout");
+static_assert(offsetof(TAppTimer, dwRun) == 28, "fixed layout");
 #endif
 
 enum EAppTaskPriority {

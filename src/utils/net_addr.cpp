@@ -2,6 +2,8 @@
 #include "appcore/convert.h"
 #include "cross_linux/cross_linux.h"
 
+static_assert(sizeof(TAppNetAddr) == 20, "fixed layout");
+
 namespace
 {
 

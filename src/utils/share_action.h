@@ -5,6 +5,8 @@
 #ifndef APPCORE_UTILS_SHARE_ACTION_H
 #define APPCORE_UTILS_SHARE_ACTION_H
 
+#include <stddef.h>
+
 #include <atomic>
 
 #include "appcore/containers.h"
@@ -17,6 +19,10 @@ struct TAppShareAction {
     uint32_t bBlock;             // runs without the recursive lock
     TAppShareAction *ptNextSame; // next entry of the same index slot
 };
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(offsetof(TAppShareAction, ptNextSame) == 44, "fixed layout");
+#endif
 
 extern "C" {
 // Null until the first registration; the list is published last, with release.

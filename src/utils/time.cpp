@@ -3,6 +3,8 @@
 #include "cross_linux/cross_linux.h"
 #include "utils/log.h"
 
+static_assert(sizeof(TAppTime) == 12, "fixed layout");
+
 namespace
 {
 
