@@ -6,6 +6,13 @@ target_compile_options(appcore_flags INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
     -fno-semantic-interposition -fstack-protector-strong
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+# A log line's buffer is larger than the guard page below a thread's stack: without this a stack
+# that is too small would be left behind unnoticed.
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-fstack-clash-protection APPCORE_HAS_STACK_CLASH_PROTECTION)
+if(APPCORE_HAS_STACK_CLASH_PROTECTION)
+    target_compile_options(appcore_flags INTERFACE -fstack-clash-protection)
+endif()
 # Large files, and times beyond 2038, on 32-bit machines.  Only inside: the public headers have
 # neither sizes of files nor times of the system's.
 set(APPCORE_WIDE_DEFINITIONS)

@@ -338,7 +338,7 @@ TEST(TaskEvents, InternalRequestsRefuseWhatIsNotTheirs) {
 }
 
 // A console may be slow, and may call the library: no line is printed while a lock is held.  This one
-// takes every lock of the manager at each line, and allocates from the full pool.
+// takes every lock of the manager at each line, allocates from the full pool and sends to the full queue.
 TEST(TaskEvents, LinesArePrintedAfterTheLocks) {
     test::Watchdog watchdog;
     LogCapture log(APP_LOG_DEBUG);
@@ -357,6 +357,9 @@ TEST(TaskEvents, LinesArePrintedAfterTheLocks) {
             if (bTaken) AppLockGive(hLock);
         }
         EXPECT_EQ(AppMemPoolMalloc(manager.Pool(), 1 << 20), nullptr);
+        if (AppQueueGetSize(busy.hTask->hEventQueue) != 0) { // full
+            EXPECT_CODE(APP_NO_RESOURCE, AppTaskSendEvent(busy.hTask, Arg(9), nullptr, nullptr));
+        }
     });
     Send(busy.hTask, 1);
     EXPECT_CODE(APP_NO_RESOURCE, AppTaskSendEvent(busy.hTask, Arg(2), nullptr, nullptr));
@@ -373,8 +376,7 @@ TEST(TaskEvents, LinesArePrintedAfterTheLocks) {
     EXPECT_CODE(APP_NO_RESOURCE, AppTaskAssignEvent(busy.hTask, Arg(4), nullptr, nullptr));
     EXPECT_CODE(APP_NO_RESOURCE, AppTaskTerminate(busy.hTask));
     EXPECT_EQ(AppTaskSetTimer(busy.hTask, 1, nullptr, nullptr), nullptr);
-    const size_t nKept = log.Count("[ERROR] _AppTaskSendEvent: AppMemPoolMalloc failed\n");
-    EXPECT_EQ(nKept, 2u);
+    EXPECT_GE(log.Count("[ERROR] _AppTaskSendEvent: AppMemPoolMalloc failed\n"), 2u);
     busy.Go();
     diary.Await("stop, user 1");
     EXPECT_GT(nLines.load(), 20);
