@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <algorithm>
+#include <array>
 #include <map>
 #include <random>
 #include <thread>
@@ -195,29 +196,43 @@ TEST(DoubleList, DestroyWaitsForAUserInside) {
 
 // ---- Queue ----------------------------------------------------------------------------------
 
-// Beside a sorted model; more levels than the queue has fingers, and few, in turn.
-TEST(Queue, OrdersBySignedPriorityThenAge) {
+// Beside a sorted model: few levels and more than the queue has fingers, with and without a limit.
+TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum) {
+    LogCapture log;
     std::mt19937 random(7);
     for (const uint32_t bLock : {1u, 0u, 2u})
-        for (const int nLevels : {1, 3, 9, 40}) {
+        for (const unsigned nLevels : {1u, 3u, 9u, 40u}) {
             SCOPED_TRACE(nLevels);
-            HAppQueue hQueue = CreateQueue(UINT32_MAX, bLock);
+            uint32_t dwMax = 5, dwTop = 0;
+            HAppQueue hQueue = CreateQueue(dwMax, bLock);
             EXPECT_EQ(hQueue->hLock != nullptr, bLock == 1);
             std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
             for (unsigned i = 0; i < test::Scaled(4000); ++i) {
-                if (random() % 100 < (i / 100 % 2 ? 30u : 70u)) {
-                    const int nLevel = static_cast<int>(random() % static_cast<unsigned>(nLevels)) - nLevels / 2;
+                const auto dwSize = static_cast<uint32_t>(model.size());
+                if (random() % 50 == 0) {
+                    const uint32_t dwNew = std::array{0u, 20u, dwSize - 1, dwSize, UINT32_MAX}[random() % 5];
+                    const bool bFits = dwSize <= dwNew;
+                    EXPECT_CODE(bFits ? APP_OK : APP_INVALID_ARG, _AppQueueChangeMaxSize(hQueue, dwNew));
+                    dwMax = bFits ? dwNew : dwMax;
+                    dwTop = bFits ? 0 : dwTop;
+                } else if (random() % 100 < (i / 100 % 2 ? 30u : 70u)) {
+                    const int nLevel = static_cast<int>(random() % nLevels) - static_cast<int>(nLevels / 2);
                     const int32_t nPriority = nLevel == -1 ? INT32_MIN : nLevel == 1 ? INT32_MAX : nLevel;
                     const char ch = static_cast<char>('!' + i % 90);
-                    ASSERT_CODE(APP_OK, AppQueueIn(hQueue, El(ch), nPriority));
-                    model.emplace(-int64_t{nPriority}, ch);
+                    const int32_t bForce = static_cast<int32_t>(random() % 4) - 2; // 0 is a quarter
+                    const bool bFits = dwMax == 0 || bForce != 0 || dwSize < dwMax;
+                    ASSERT_CODE(bFits ? APP_OK : APP_NO_RESOURCE, _AppQueueIn(hQueue, El(ch), nPriority, bForce));
+                    if (bFits) model.emplace(-int64_t{nPriority}, ch);
+                    if (bFits) dwTop = std::max(dwTop, dwSize + 1);
+                    log.ExpectLines(std::vector<std::string>(
+                        !bFits, Text("[ERROR] _AppQueueIn: Queue full. cur size: %u max size: %u\n", dwSize, dwMax)));
                 } else if (!model.empty()) {
                     void *pvData = nullptr;
                     ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 0, &pvData));
                     ASSERT_EQ(Letter(pvData), model.begin()->second);
                     model.erase(model.begin());
                 }
-                ASSERT_TRUE(app::QueueIsValid(hQueue));
+                ExpectMarks(hQueue, static_cast<uint32_t>(model.size()), dwMax, dwTop);
             }
             std::string dropped, expected;
             for (const auto &[nKey, ch] : model) expected += ch;
@@ -253,24 +268,6 @@ TEST(Queue, InterruptEndsOneWaitOrIsKeptForTheNext) {
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
-TEST(Queue, MaximumHoldsForOrdinaryInsertionsOnly) {
-    for (const uint32_t bLock : {1u, 0u}) {
-        LogCapture log;
-        HAppQueue hQueue = CreateQueue(2, bLock);
-        EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('a'), 0));
-        EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('b'), 0, 0));
-        EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('c'), 9));
-        log.ExpectLines({"[ERROR] _AppQueueIn: Queue full. cur size: 2 max size: 2\n"});
-        ExpectMarks(hQueue, 2, 2, 2);
-        for (int i = 0; i < 1000; ++i) EXPECT_CODE(APP_OK, _AppQueueIn(hQueue, El('f'), 0, i % 2 ? 1 : -1));
-        ExpectMarks(hQueue, 1002, 2, 1002);
-        EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 0));
-        EXPECT_EQ(Drain(hQueue), "ab" + std::string(1000, 'f'));
-        ExpectMarks(hQueue, 0, 2, 1002);
-        AppQueueDestroy(hQueue, nullptr, nullptr);
-    }
-}
-
 // A consumer whose time runs out between the insertion and its wake-up takes the element.
 TEST(Queue, PromisedElementIsTakenAfterTheTimeout) {
     HAppQueue hQueue = CreateQueue();
@@ -302,28 +299,6 @@ TEST(Queue, PromisedElementIsTakenAfterTheTimeout) {
         EXPECT_EQ(bWake ? Letter(pvData) : 'p', 'p');
         EXPECT_EQ(Drain(hQueue), bWake ? "" : "p");
     }
-    AppQueueDestroy(hQueue, nullptr, nullptr);
-}
-
-TEST(Queue, ChangedMaximumResetsTheTopMark) {
-    HAppQueue hQueue = CreateQueue(5);
-    for (int ch = 'a'; ch < 'd'; ++ch) AppQueueIn(hQueue, El(ch), 0);
-    struct {
-        uint32_t dwMax, dwResult, dwMaxAfter, dwTopAfter;
-    } const rows[] = {{2, APP_INVALID_ARG, 5, 3},
-                      {0, APP_INVALID_ARG, 5, 3},
-                      {3, APP_OK, 3, 0},
-                      {4294967295u, APP_OK, 4294967295u, 0}};
-    for (const auto &row : rows) {
-        EXPECT_CODE(row.dwResult, _AppQueueChangeMaxSize(hQueue, row.dwMax));
-        ExpectMarks(hQueue, 3, row.dwMaxAfter, row.dwTopAfter);
-    }
-    AppQueueIn(hQueue, El('d'), 0);
-    ExpectMarks(hQueue, 4, 4294967295u, 4);
-    Drain(hQueue);
-    EXPECT_CODE(APP_OK, _AppQueueChangeMaxSize(hQueue, 0)); // no limit, no default
-    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('e'), 0));
-    ExpectMarks(hQueue, 1, 0, 1);
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
