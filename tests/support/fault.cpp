@@ -29,6 +29,7 @@ struct Gate {
     std::function<void()> action;
     unsigned nCalls = 0;
     unsigned nHits = 0;
+    Fn last = Fn::malloc;
 };
 
 namespace {
@@ -46,6 +47,7 @@ bool Chooses(Gate &gate, Fn fn) {
     ++gate.nCalls;
     const bool bChosen = gate.nNth != 0 && gate.nCalls >= gate.nNth && gate.nCalls - gate.nNth < gate.nTimes;
     gate.nHits += bChosen;
+    if (bChosen) gate.last = fn;
     return bChosen;
 }
 
@@ -118,6 +120,17 @@ unsigned Fail::Calls() const {
 unsigned Fail::Hits() const {
     std::lock_guard<std::mutex> guard(s_mutex);
     return m_gate->nHits;
+}
+
+Fn Fail::Last() const {
+    std::lock_guard<std::mutex> guard(s_mutex);
+    return m_gate->last;
+}
+
+const char *Name(Fn fn) {
+#define APP_FAULT_NAME(name) #name,
+    static const char *const s_aszName[] = {APP_FAULT_FUNCTIONS(APP_FAULT_NAME)};
+    return s_aszName[static_cast<size_t>(fn)];
 }
 
 long LiveBlocks() { return s_nLiveBlocks.load(); }

@@ -101,6 +101,10 @@ enum class Fn {
 
 // Every function that allocates.
 constexpr std::initializer_list<Fn> kMemory = {Fn::malloc, Fn::calloc, Fn::realloc, Fn::strdup, Fn::vasprintf};
+#define APP_FAULT_COUNT(name) +1
+constexpr unsigned kFunctions = 0 APP_FAULT_FUNCTIONS(APP_FAULT_COUNT);
+#undef APP_FAULT_COUNT
+const char *Name(Fn fn);
 
 enum Scope { kThisThread, kEveryThread };
 
@@ -121,6 +125,7 @@ public:
     void Action(std::function<void()> action);
     unsigned Calls() const; // calls seen
     unsigned Hits() const;  // calls chosen
+    Fn Last() const;        // the function chosen last
 
 private:
     struct Gate *m_gate;
