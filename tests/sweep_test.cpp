@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
 #include "mempool/mempool.h"
 #include "support/exported.h"
@@ -51,6 +52,10 @@ Fns Refusable() {
 
 class Attempt;
 
+constexpr uint32_t kNothing = 1; // the code of an operation that gives a value when it gives none
+uint32_t Got(bool bValue) { return bValue ? uint32_t{APP_OK} : kNothing; }
+uint32_t Bytes(int32_t nBytes) { return nBytes == -2 ? uint32_t{APP_TIMEOUT} : Got(nBytes > 0); }
+
 struct Row {
     std::string ops;   // the exported operations that it covers
     const char *szLog; // whose line tells a refusal; null: at most the allocation's line comes; "": any
@@ -78,25 +83,16 @@ public:
         m_lines = m_log.Lines();
         return result;
     }
-    // Whether the result is the good one; it must be what the fault demands.
-    bool Good(int64_t qnResult, int64_t qnGood = APP_OK, int64_t qnNoMemory = APP_NO_RESOURCE,
-              int64_t qnRefused = APP_FAILED) const {
-        if (qnResult == qnGood) {
-            EXPECT_TRUE(!m_bHit || Hit(kWaits) || Hit(m_row.harmless) || qnGood == qnNoMemory);
-        } else if (!Hit(kWaits) || (qnResult != APP_TIMEOUT && qnResult != -2)) {
+    // Whether the operation has succeeded; its code is the one that the fault demands.
+    bool Good(uint32_t dwCode) const {
+        if (dwCode == APP_OK) {
+            EXPECT_TRUE(!m_bHit || Hit(kWaits) || Hit(m_row.harmless));
+        } else if (dwCode != APP_TIMEOUT || !Hit(kWaits)) {
             EXPECT_TRUE(m_bHit);
-            EXPECT_EQ(qnResult, Hit(kMemory) ? qnNoMemory : qnRefused);
+            if (dwCode != kNothing) { EXPECT_CODE(Hit(kMemory) ? APP_NO_RESOURCE : APP_FAILED, dwCode); }
             ExpectLine();
         }
-        return qnResult == qnGood;
-    }
-    // Once more without a fault when it has failed, after a look at what it left.
-    template <typename Operation>
-    void Twice(
-        Operation operation, const std::function<void()> &look = [] {}) {
-        if (Good((*this)(operation))) return;
-        look();
-        EXPECT_CODE(APP_OK, operation());
+        return dwCode == APP_OK;
     }
     bool Hit(const Fns &fns) const { return m_bHit && Has(fns, m_fn); }
     bool Hit() const { return m_bHit; }
@@ -143,153 +139,187 @@ private:
 };
 
 std::vector<Row> s_rows;
+std::string s_covered; // operations
 
 Row &Add(const std::string &ops, const char *szLog, const std::function<void(Attempt &)> &run) {
     s_rows.push_back({ops, szLog, run});
     return s_rows.back();
 }
 
-// `create(pool, &handle)` and `destroy(handle)`.
-template <typename Handle, typename Create, typename Destroy>
-void AddCreation(const char *szOps, const char *szLog, Create create, Destroy destroy) {
-    Add(szOps, szLog, [=](Attempt &attempt) {
-        auto handle = reinterpret_cast<Handle>(16);
-        attempt.Twice([&] { return create(attempt.Pool(), &handle); }, [&] { EXPECT_EQ(handle, nullptr); });
-        destroy(handle);
+// `operation(fixture)` under the fault; when it has failed the fixture is as it was, and the operation
+// works.  Then `check(fixture)` holds.
+template <typename Fixture>
+Row &On(const std::string &ops, const char *szLog, const std::function<uint32_t(Fixture &)> &operation,
+        const std::function<bool(Fixture &)> &check) {
+    return Add(ops, szLog, [=](Attempt &attempt) {
+        Fixture fixture(attempt);
+        const std::string before = fixture.State();
+        if (!attempt.Good(attempt([&] { return operation(fixture); }))) {
+            EXPECT_EQ(fixture.State(), before);
+            EXPECT_CODE(APP_OK, operation(fixture));
+        }
+        EXPECT_TRUE(check(fixture));
     });
 }
 
 // ---- Locks, containers, pools -------------------------------------------------------------------
 
-void AddLocks(uint32_t dwType) {
-    AddCreation<HAppLock>(
-        "AppLockCreate AppLockDestroy", nullptr,
-        [=](HAppMemPool hPool, HAppLock *phLock) { return AppLockCreate(hPool, 1, 1, dwType, phLock); },
-        AppLockDestroy);
-    Add("AppLockTakeByTime AppLockGive AppGetTick", nullptr, [=](Attempt &attempt) {
-        HAppLock hLock = nullptr;
-        ASSERT_CODE(APP_OK, AppLockCreate(nullptr, 1, 0, dwType, &hLock));
-        std::thread([&] { attempt.Good(attempt([&] { return AppLockTakeByTime(hLock, 2); }), APP_TIMEOUT); }).join();
-        EXPECT_CODE(APP_OK, AppLockGive(hLock));
-        EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1));
-        EXPECT_CODE(APP_OK, AppLockGive(hLock));
+template <typename Handle>
+struct TNew {
+    explicit TNew(Attempt &attempt) : hPool(attempt.Pool()) {}
+    std::string State() { // a failed creation gives null
+        return std::exchange(handle, nullptr) ? "made" : "";
+    }
+    HAppMemPool hPool;
+    Handle handle = nullptr;
+};
+
+struct TMemory {
+    explicit TMemory(Attempt &attempt) : hPool(attempt.Pool()) {
+        EXPECT_CODE(APP_OK, AppDoubleListCreate(hPool, 0, 1, &hList));
+        EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, nullptr, Arg(1), &hNode));
+        EXPECT_CODE(APP_OK, AppQueueCreate(hPool, 5, 1, &hQueue));
+        EXPECT_CODE(APP_OK, AppQueueIn(hQueue, Arg(1), 5));
+        EXPECT_CODE(APP_OK, AppLockCreate(hPool, 1, 0, APP_LOCK_TYPE_SEM, &hLock));
+        szBlock = AppStrndup(hPool, "123456789", 10);
+    }
+    ~TMemory() {
+        AppDoubleListDestroy(hList, nullptr, nullptr);
+        AppQueueDestroy(hQueue, nullptr, nullptr);
         AppLockDestroy(hLock);
+        AppMemPoolFree(szBlock);
+        AppMemPoolFree(pvNew);
+    }
+    std::string State() const {
+        return Text("%u %u %u %u %s", hList->dwCurSize, AppQueueGetSize(hQueue), _AppQueueGetTopSize(hQueue),
+                    hPool ? hPool->dwCurSize : 0, szBlock);
+    }
+    // The element last put in comes first; then the other; nothing was promised for a failure.
+    bool DrainQueue() const {
+        void *pvFirst = nullptr, *pvSecond = nullptr;
+        return AppQueueOut(hQueue, 1, &pvFirst) == APP_OK && AppQueueOut(hQueue, 1, &pvSecond) == APP_OK &&
+               pvFirst == Arg(2) && pvSecond == Arg(1) && AppQueueOut(hQueue, 1, nullptr) == APP_TIMEOUT;
+    }
+    HAppMemPool hPool;
+    HAppDoubleList hList = nullptr;
+    HAppDoubleListNode hNode = nullptr, hSecond = nullptr;
+    HAppQueue hQueue = nullptr;
+    HAppLock hLock = nullptr;
+    char *szBlock = nullptr;
+    void *pvNew = nullptr;
+};
+
+void AddCreations() {
+    for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE})
+        On<TNew<HAppLock>>(
+            "AppLockCreate AppLockDestroy", nullptr,
+            [=](auto &f) { return AppLockCreate(f.hPool, 1, 1, dwType, &f.handle); },
+            [](auto &f) { return AppLockTakeByTime(f.handle, 1) == APP_OK && (AppLockDestroy(f.handle), true); });
+    On<TNew<HAppDoubleList>>(
+        "AppDoubleListCreate AppDoubleListDestroy", "AppDoubleListCreate",
+        [](auto &f) { return AppDoubleListCreate(f.hPool, 0, 1, &f.handle); },
+        [](auto &f) { return AppDoubleListDestroy(f.handle, nullptr, nullptr), f.handle != nullptr; });
+    On<TNew<HAppQueue>>(
+        "AppQueueCreate AppQueueDestroy", "AppQueueCreate",
+        [](auto &f) { return AppQueueCreate(f.hPool, 5, 1, &f.handle); },
+        [](auto &f) { return AppQueueDestroy(f.handle, nullptr, nullptr), f.handle != nullptr; });
+    On<TNew<HAppTaskMgr>>(
+        "AppTaskMgrCreate AppTaskMgrDestroy", "AppTaskMgrCreate",
+        [](auto &f) { return AppTaskMgrCreate(f.hPool, 4, 0, &f.handle); },
+        [](auto &f) { return AppTaskMgrDestroy(f.handle), f.handle != nullptr; });
+    for (const uint32_t dwType : {APP_SOCKET_UDP, APP_SOCKET_TCP})
+        On<TNew<HAppSocket>>(
+            "AppSocketCreate AppSocketDestroy", "_AppSocketCreate",
+            [=](auto &f) { return Got((f.handle = AppSocketCreate(f.hPool, dwType, 0)) != nullptr); },
+            [](auto &f) { return AppSocketDestroy(f.handle), f.handle != nullptr; })
+            .harmless = {Fn::socket}; // the first operation fails then
+    Add("AppMemPoolCreate AppMemPoolDestroy", "AppMemPoolCreate", [](Attempt &attempt) {
+        HAppMemPool hPool = nullptr;
+        uint32_t dwCode = attempt([&] { return AppMemPoolCreate(0, 1, 0, &hPool); });
+        // The record and its lock's, then the engine with its lists, which has a code of its own.
+        if (attempt.Hit(kMemory) && attempt.m_nNth > 2 && dwCode == APP_FAILED) dwCode = APP_NO_RESOURCE;
+        EXPECT_EQ(attempt.Good(dwCode), hPool != nullptr);
+        AppMemPoolFree(hPool ? AppMemPoolMalloc(hPool, 10) : nullptr);
+        AppMemPoolDestroy(hPool);
     });
+}
+
+void AddMemory() {
+    On<TMemory>(
+        "AppLockTakeByTime AppLockGive", nullptr,
+        [](auto &f) { return Got(AppLockTakeByTime(f.hLock, 2) == APP_TIMEOUT); },
+        [](auto &f) { return AppLockGive(f.hLock) == APP_OK && AppLockTakeByTime(f.hLock, 1) == APP_OK; });
     Add("AppGetTick", nullptr, [](Attempt &attempt) {
         const uint32_t dwTick = attempt([] { return AppGetTick(); });
         EXPECT_EQ(dwTick == ~static_cast<uint32_t>(EPERM), attempt.Hit());
     });
-}
-
-void AddInsertion(const char *szOp, decltype(&AppDoubleListInsertAfter) pfnInsert, bool bAfter) {
-    Add(szOp, szOp, [=](Attempt &attempt) {
-        HAppDoubleList hList = nullptr;
-        HAppDoubleListNode hAnchor = nullptr, hNode = nullptr;
-        ASSERT_CODE(APP_OK, AppDoubleListCreate(attempt.Pool(), 0, 1, &hList));
-        EXPECT_CODE(APP_OK, AppDoubleListInsertAfter(hList, nullptr, Arg(1), &hAnchor));
-        attempt.Twice([&] { return pfnInsert(hList, hAnchor, Arg(2), &hNode); },
-                      [&] { EXPECT_TRUE(hList->dwCurSize == 1 && hList->ptHead == hList->ptTail); });
-        EXPECT_TRUE(hList->dwCurSize == 2 && (bAfter ? hList->ptTail : hList->ptHead) == hNode);
-        AppDoubleListDestroy(hList, nullptr, nullptr);
-    });
-}
-
-void AddContainers() {
-    AddCreation<HAppDoubleList>(
-        "AppDoubleListCreate AppDoubleListDestroy", "AppDoubleListCreate",
-        [](HAppMemPool hPool, HAppDoubleList *phList) { return AppDoubleListCreate(hPool, 0, 1, phList); },
-        [](HAppDoubleList hList) { AppDoubleListDestroy(hList, nullptr, nullptr); });
-    AddInsertion("AppDoubleListInsertAfter", AppDoubleListInsertAfter, true);
-    AddInsertion("AppDoubleListInsertBefore", AppDoubleListInsertBefore, false);
-    AddCreation<HAppQueue>(
-        "AppQueueCreate AppQueueDestroy", "AppQueueCreate",
-        [](HAppMemPool hPool, HAppQueue *phQueue) { return AppQueueCreate(hPool, 5, 1, phQueue); },
-        [](HAppQueue hQueue) { AppQueueDestroy(hQueue, nullptr, nullptr); });
-    Add("AppQueueIn AppQueueGetSize", "_AppQueueIn", [](Attempt &attempt) {
-        HAppQueue hQueue = nullptr;
-        ASSERT_CODE(APP_OK, AppQueueCreate(attempt.Pool(), 5, 1, &hQueue));
-        EXPECT_CODE(APP_OK, AppQueueIn(hQueue, Arg(1), 5));
-        const uint32_t dwSize = attempt.Good(attempt([&] { return AppQueueIn(hQueue, Arg(2), 9); })) ? 2 : 1;
-        EXPECT_EQ(AppQueueGetSize(hQueue), dwSize);
-        EXPECT_EQ(_AppQueueGetTopSize(hQueue), dwSize);
-        void *pvData = nullptr;
-        for (uintptr_t i = dwSize; i > 0; --i) {
-            EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 1, &pvData));
-            EXPECT_EQ(pvData, Arg(i));
-        }
-        EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, &pvData)); // nothing was promised for the failure
-        AppQueueDestroy(hQueue, nullptr, nullptr);
-    });
-    Add("AppQueueOut", nullptr, [](Attempt &attempt) {
-        HAppQueue hQueue = nullptr;
-        ASSERT_CODE(APP_OK, AppQueueCreate(nullptr, 5, 1, &hQueue));
-        attempt.Good(attempt([&] { return AppQueueOut(hQueue, 2, nullptr); }), APP_TIMEOUT);
-        EXPECT_CODE(APP_OK, AppQueueIn(hQueue, Arg(1), 0));
-        EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 1, nullptr));
-        AppQueueDestroy(hQueue, nullptr, nullptr);
-    });
-}
-
-// `allocate(pool, block of 10 bytes)` gives a block of another size, or the grown one.
-void AddAllocation(const char *szOps, const std::function<void *(HAppMemPool, char *)> &allocate, bool bGrows = false) {
-    Add(szOps, nullptr, [=](Attempt &attempt) {
-        auto szOld = static_cast<char *>(AppMemPoolMalloc(attempt.Pool(), 10));
-        AppStrncpy(szOld, "123456789", 10);
-        char *szNew = nullptr;
-        const auto operation = [&] {
-            szNew = static_cast<char *>(allocate(attempt.Pool(), szOld));
-            return szNew ? APP_OK : APP_NO_RESOURCE;
-        };
-        attempt.Twice(operation, [&] {
-            EXPECT_STREQ(szOld, "123456789");
-            EXPECT_EQ(attempt.Pool() ? attempt.Pool()->dwCurSize : 10u, 10u);
+    On<TMemory>(
+        "AppDoubleListInsertAfter", "AppDoubleListInsertAfter",
+        [](auto &f) { return AppDoubleListInsertAfter(f.hList, f.hNode, Arg(2), &f.hSecond); },
+        [](auto &f) { return f.hList->ptTail == f.hSecond && f.hList->ptHead == f.hNode; });
+    On<TMemory>(
+        "AppDoubleListInsertBefore", "AppDoubleListInsertBefore",
+        [](auto &f) { return AppDoubleListInsertBefore(f.hList, f.hNode, Arg(2), &f.hSecond); },
+        [](auto &f) { return f.hList->ptHead == f.hSecond && f.hList->ptTail == f.hNode; });
+    On<TMemory>(
+        "AppQueueIn AppQueueGetSize", "_AppQueueIn", [](auto &f) { return AppQueueIn(f.hQueue, Arg(2), 9); },
+        [](auto &f) { return f.DrainQueue(); });
+    On<TMemory>(
+        "AppQueueOut", nullptr,
+        [](auto &f) {
+            while (AppQueueGetSize(f.hQueue) > 0) AppQueueOut(f.hQueue, 1, nullptr);
+            return Got(AppQueueOut(f.hQueue, 2, nullptr) == APP_TIMEOUT);
+        },
+        [](auto &f) {
+            return AppQueueIn(f.hQueue, Arg(1), 0) + AppQueueIn(f.hQueue, Arg(2), 1) == 0 && f.DrainQueue();
         });
-        EXPECT_STREQ(bGrows ? szNew : szOld, "123456789");
-        AppMemPoolFree(szNew);
-        if (!bGrows) AppMemPoolFree(szOld);
-    });
+    for (const uint32_t dwSize : {100u, 5000000u})
+        On<TMemory>(
+            "AppMemPoolMalloc AppMemPoolFree", nullptr,
+            [=](auto &f) { return Got((f.pvNew = AppMemPoolMalloc(f.hPool, dwSize)) != nullptr); },
+            [=](auto &f) { return memset(f.pvNew, 'x', dwSize) == f.pvNew; });
+    On<TMemory>(
+        "AppStrndup", nullptr, [](auto &f) { return Got((f.pvNew = AppStrndup(f.hPool, f.szBlock, 60)) != nullptr); },
+        [](auto &f) { return AppStrcmp(static_cast<char *>(f.pvNew), f.szBlock) == 0; });
+    On<TMemory>(
+        "AppMemPoolRealloc", nullptr,
+        [](auto &f) {
+            const auto szGrown = static_cast<char *>(AppMemPoolRealloc(f.hPool, f.szBlock, 1000));
+            f.szBlock = szGrown ? szGrown : f.szBlock;
+            return Got(szGrown != nullptr);
+        },
+        [](auto &f) { return AppStrcmp(f.szBlock, "123456789") == 0; });
 }
 
-void Collect(const char *szText, void *pvTexts) { static_cast<std::string *>(pvTexts)->append(szText); }
+// ---- Reports, actions, files --------------------------------------------------------------------
 
 // A report, its formatting failing too: it may lack lines, no more.
 void Report(Attempt &attempt, const std::function<void(PFAppShow, void *)> &show) {
+    const PFAppShow collect = [](const char *szText, void *pv) { static_cast<std::string *>(pv)->append(szText); };
     std::string before, during, after;
-    show(Collect, &before);
-    attempt([&] { return show(Collect, &during), 0; });
-    show(Collect, &after);
+    show(collect, &before);
+    attempt([&] { return show(collect, &during), 0; });
+    show(collect, &after);
     EXPECT_EQ(before, after);
     EXPECT_NE(before, "");
     EXPECT_LE(during.size(), before.size());
     if (!attempt.Hit()) { EXPECT_EQ(during, before); }
 }
 
-void AddPools() {
-    Add("AppMemPoolCreate AppMemPoolDestroy", "AppMemPoolCreate", [](Attempt &attempt) {
-        auto hPool = reinterpret_cast<HAppMemPool>(16), hUntouched = hPool;
-        const uint32_t dwCode = attempt([&] { return AppMemPoolCreate(0, 1, 0, &hPool); });
-        // The record and its lock's, then the engine with its lists.
-        if (!attempt.Good(dwCode, APP_OK, attempt.m_nNth <= 2 ? APP_NO_RESOURCE : APP_FAILED)) {
-            EXPECT_EQ(hPool, hUntouched);
-            return;
-        }
-        AppMemPoolFree(AppMemPoolMalloc(hPool, 10));
-        AppMemPoolDestroy(hPool);
-    });
+void AddReports() {
     Add("AppMemPoolShow", nullptr, [](Attempt &attempt) {
         if (!attempt.Pool()) return;
         Report(attempt, [&](PFAppShow pfnShow, void *pv) { AppMemPoolShow(attempt.Pool(), pfnShow, pv); });
     }).bFormatting = true;
-    AddAllocation("AppMemPoolMalloc AppMemPoolFree",
-                  [](HAppMemPool hPool, char *) { return AppMemPoolMalloc(hPool, 100); });
-    AddAllocation("AppMemPoolMalloc", [](HAppMemPool hPool, char *) { return AppMemPoolMalloc(hPool, 5000000); });
-    AddAllocation("AppStrndup", [](HAppMemPool hPool, char *szOld) { return AppStrndup(hPool, szOld, 60); });
-    AddAllocation(
-        "AppMemPoolRealloc", [](HAppMemPool hPool, char *szOld) { return AppMemPoolRealloc(hPool, szOld, 1000); },
-        true);
+    Add("AppShareActionShow", nullptr, [](Attempt &attempt) { Report(attempt, AppShareActionShow); }).bFormatting =
+        true;
+    Add("AppTaskMgrShow", nullptr, [](Attempt &attempt) {
+        Diary diary;
+        Manager manager(4, 0, attempt.Pool() ? 1 << 24 : 0);
+        manager.Park(manager.New(diary));
+        Report(attempt, [&](PFAppShow pfnShow, void *pv) { AppTaskMgrShow(manager.Get(), pfnShow, pv); });
+    }).bFormatting = true;
 }
-
-// ---- Actions, files, conversions ----------------------------------------------------------------
 
 void AddRegistration(const char *szOps, decltype(&AppRegisterShareAction) pfnRegister) {
     Add(szOps, nullptr, [=](Attempt &attempt) {
@@ -310,259 +340,228 @@ void AddRegistration(const char *szOps, decltype(&AppRegisterShareAction) pfnReg
 }
 
 struct TLogFile {
-    TLogFile() {
+    explicit TLogFile(Attempt &) {
         char achDir[] = "/tmp/appcore-sweep-XXXXXX";
         dir = mkdtemp(achDir);
+        EXPECT_EQ(Open(0), 1u);
     }
-    ~TLogFile() { // a line reaches the file, opened anew if need be
-        EXPECT_EQ(Open(1000), 1u);
-        AppLog(9, APP_LOG_ALWAYS, "[INFO ] AppLog: works\n");
-        std::ifstream file(dir / "log");
-        const std::string text{std::istreambuf_iterator<char>(file), {}};
-        EXPECT_NE(text.find("[INFO ] AppLog: works\n"), std::string::npos);
+    ~TLogFile() {
         AppCloseFileLog(9);
         std::filesystem::remove_all(dir);
     }
     uint32_t Open(uint32_t dwMaxSize) const { return AppSetFileLog(9, (dir / "log").c_str(), dwMaxSize); }
-
+    std::string State() const { return ""; }
+    // A line reaches the file, opened anew if need be.
+    bool Works() const {
+        EXPECT_EQ(Open(1000), 1u);
+        AppLog(9, APP_LOG_ALWAYS, "[INFO ] AppLog: works\n");
+        std::ifstream file(dir / "log");
+        const std::string text{std::istreambuf_iterator<char>(file), {}};
+        return text.find("[INFO ] AppLog: works\n") != std::string::npos;
+    }
     std::filesystem::path dir;
     test::StdoutCapture quiet;
 };
 
 void AddFiles() {
-    Add("AppSetFileLog AppCloseFileLog", nullptr, [](Attempt &attempt) {
-        TLogFile file;
-        attempt.Good(attempt([&] { return file.Open(1000); }), 1, 0, 0);
-    });
-    Add("AppLog AppLogFile", nullptr, [](Attempt &attempt) {
-        TLogFile file;
-        EXPECT_EQ(file.Open(0), 1u); // the line rotates
-        attempt([] { return AppLogFile(9, APP_LOG_ALWAYS, "[INFO ] AppLogFile: text\n"), 0; });
-    });
+    On<TLogFile>(
+        "AppSetFileLog AppCloseFileLog", nullptr, [](auto &f) { return Got(f.Open(1000) == 1); },
+        [](auto &f) { return f.Works(); });
+    On<TLogFile>(
+        "AppLog AppLogFile", nullptr,
+        [](auto &) { // the line rotates
+            return AppLogFile(9, APP_LOG_ALWAYS, "[INFO ] AppLogFile: text\n"), APP_OK;
+        },
+        [](auto &f) { return f.Works(); })
+        .harmless = {Fn::writev, Fn::rename, Fn::fopen, Fn::ftruncate};
 }
 
-// `pfnConvert` writes `wanted` into a buffer of 64 bytes.
-void AddConversion(const std::string &ops, const char *szLog, const std::string &wanted, uint32_t (*pfnConvert)(char *),
-                   const char *szEncoding = "UTF-8") {
+// ---- Conversions --------------------------------------------------------------------------------
+
+struct TText {
+    explicit TText(Attempt &) {}
+    std::string State() const { return Text("%u", time.wYear); }
+    char achText[64] = "";
+    uint32_t dwTime = 0, dwLen = 8;
+    TAppTime time = {};
+    TAppNetAddr addr = {};
+};
+
+bool Knows(const char *szEncoding) {
     const iconv_t hConv = iconv_open(szEncoding, "UTF-16LE");
-    if (hConv != reinterpret_cast<iconv_t>(-1)) iconv_close(hConv);
-    const bool bRun = hConv != reinterpret_cast<iconv_t>(-1); // an emulated system's iconv may lack it
-    Add(ops, szLog, [=](Attempt &attempt) {
-        char achBuf[64] = "";
-        if (bRun) attempt.Twice([&] { return pfnConvert(achBuf); });
-        if (bRun) { EXPECT_EQ(std::string(achBuf, wanted.size()), wanted); }
-    });
-}
-
-template <uint32_t (*pfnConvert)(const void *, void *, uint32_t *)>
-uint32_t ToUnicode(char *szBuf) {
-    uint32_t dwLen = 8;
-    return pfnConvert("A", szBuf, &dwLen);
-}
-
-template <uint32_t (*pfnConvert)(const void *, uint32_t, void *, uint32_t)>
-uint32_t FromUnicode(char *szBuf) {
-    return pfnConvert(u"A", 1, szBuf, 8);
+    return hConv != reinterpret_cast<iconv_t>(-1) && iconv_close(hConv) == 0;
 }
 
 void AddConversions() {
-    constexpr uint32_t kNone = 0xFFFFFFFF;
-    // A month that only the system's function carries over.
-    AddConversion("AppConvertTimeToU32", nullptr, "1735689600", [](char *szBuf) {
-        const TAppTime time = {2024, 13, 1, 0, 0, 0, 0};
-        const uint32_t dwTime = AppConvertTimeToU32(&time);
-        AppSnprintf(szBuf, 64, "%u", dwTime);
-        return uint32_t{dwTime == kNone ? APP_FAILED : APP_OK};
-    });
-    AddConversion("AppConvertXsdDatetime2U32", nullptr, "1735689600", [](char *szBuf) {
-        uint32_t dwTime = 0;
-        EXPECT_CODE(APP_OK, AppConvertXsdDatetime2U32("2024-13-01T00:00:00", &dwTime, nullptr, nullptr, nullptr));
-        AppSnprintf(szBuf, 64, "%u", dwTime);
-        return uint32_t{dwTime == kNone ? APP_FAILED : APP_OK};
-    });
-    AddConversion("AppConvertU32ToTime", nullptr, "1970", [](char *szBuf) {
-        TAppTime time = {1, 1, 1, 1, 1, 1, 1};
-        const uint32_t dwCode = AppConvertU32ToTime(0, &time);
-        AppSnprintf(szBuf, 64, "%d", time.wYear);
-        EXPECT_EQ(time.wYear, dwCode == APP_OK ? 1970 : 1);
-        return dwCode;
-    });
-    AddConversion("AppConvertU322XsdDatetime", "AppConvertU322XsdDatetime", "1970-01-01T00:00:00Z",
-                  [](char *szBuf) { return AppConvertU322XsdDatetime(0, 1, nullptr, nullptr, szBuf, 30); });
-    AddConversion("AppConvertStrtoNet", "_AppConvertStrtoNet", "AA", [](char *szBuf) {
-        TAppNetAddr addr = {7, {0}};
-        const uint32_t dwCode = AppConvertStrtoNet("4141::", &addr);
-        EXPECT_EQ(addr.dwType, 1u);
-        EXPECT_EQ(addr.abyIpv6[0] != 0, dwCode == APP_OK);
-        memcpy(szBuf, addr.abyIpv6, 3);
-        return dwCode;
-    });
-    AddConversion("AppConvertNettoStr", "_AppConvertNettoStr", "::", [](char *szBuf) {
-        const TAppNetAddr addr = {APP_NET_ADDR_IPV6, {0}};
-        return AppConvertNettoStr(&addr, szBuf, 46);
-    });
-#define CONVERTER(name) "AppConvert" #name " IpcConvConvert" #name, "_AppUtilsUnicodeConvert" #name, "A"
-    AddConversion(CONVERTER(Utf8toUnicode), ToUnicode<AppConvertUtf8toUnicode>);
-    AddConversion(CONVERTER(GbktoUnicode), ToUnicode<AppConvertGbktoUnicode>, "GBK");
-    AddConversion(CONVERTER(UnicodetoUtf8), FromUnicode<AppConvertUnicodetoUtf8>);
-    AddConversion(CONVERTER(UnicodetoGbk), FromUnicode<AppConvertUnicodetoGbk>, "GBK");
-#undef CONVERTER
+    constexpr uint32_t kNone = 0xFFFFFFFF, kOdd = 1735689600;
+    const TAppTime odd = {2024, 13, 1, 0, 0, 0, 0}; // a month that only the system's function carries over
+    On<TText>(
+        "AppConvertTimeToU32", nullptr, [=](auto &f) { return Got((f.dwTime = AppConvertTimeToU32(&odd)) != kNone); },
+        [=](auto &f) { return f.dwTime == kOdd; });
+    On<TText>(
+        "AppConvertXsdDatetime2U32", nullptr,
+        [=](auto &f) {
+            EXPECT_CODE(APP_OK, AppConvertXsdDatetime2U32("2024-13-01T00:00:00", &f.dwTime, nullptr, nullptr, nullptr));
+            return Got(f.dwTime != kNone);
+        },
+        [=](auto &f) { return f.dwTime == kOdd; });
+    On<TText>(
+        "AppConvertU32ToTime", nullptr, [](auto &f) { return AppConvertU32ToTime(0, &f.time); },
+        [](auto &f) { return f.time.wYear == 1970; });
+    On<TText>(
+        "AppConvertU322XsdDatetime", "AppConvertU322XsdDatetime",
+        [](auto &f) { return AppConvertU322XsdDatetime(0, 1, nullptr, nullptr, f.achText, 30); },
+        [](auto &f) { return AppStrcmp(f.achText, "1970-01-01T00:00:00Z") == 0; });
+    On<TText>(
+        "AppConvertStrtoNet", "_AppConvertStrtoNet", [](auto &f) { return AppConvertStrtoNet("::1", &f.addr); },
+        [](auto &f) { return f.addr.abyIpv6[15] == 1; });
+    On<TText>(
+        "AppConvertNettoStr", "_AppConvertNettoStr",
+        [](auto &f) { return f.addr.dwType = 1, AppConvertNettoStr(&f.addr, f.achText, 46); },
+        [](auto &f) { return AppStrcmp(f.achText, "::") == 0; });
+    const auto encoding = [](const std::string &name, const char *szEncoding, const auto &convert) {
+        const std::string ops = "AppConvert" + name + " IpcConvConvert" + name;
+        s_covered += ops + " ";
+        if (!Knows(szEncoding)) return; // an emulated system may lack it
+        On<TText>(ops, "", convert, [](auto &f) { return f.achText[0] == 'A'; });
+    };
+    encoding("Utf8toUnicode", "UTF-8", [](auto &f) { return AppConvertUtf8toUnicode("A", f.achText, &f.dwLen); });
+    encoding("UnicodetoUtf8", "UTF-8", [](auto &f) { return AppConvertUnicodetoUtf8(u"A", 1, f.achText, 8); });
+    encoding("GbktoUnicode", "GBK", [](auto &f) { return AppConvertGbktoUnicode("A", f.achText, &f.dwLen); });
+    encoding("UnicodetoGbk", "GBK", [](auto &f) { return AppConvertUnicodetoGbk(u"A", 1, f.achText, 8); });
 }
 
 // ---- Sockets ------------------------------------------------------------------------------------
 
-// A socket that works afterwards.
-struct TUdp : test::TUdp {
-    ~TUdp() {
-        while (Receive(1) > 0) {} // what came late
-        EXPECT_EQ(SendToItself(), 1);
-        EXPECT_EQ(Receive(kLong), 1);
+struct TNet {
+    explicit TNet(Attempt &attempt) : hPool(attempt.Pool()) {
+        comes->Action([this] { // while somebody waits
+            udp.Send(udp, "x", kShort);
+            send(listener.nPeer, "x", 1, 0);
+        });
     }
-    int32_t SendToItself() const { return Send(*this, "x", kShort); }
+    ~TNet() { // all works
+        comes.reset();
+        char chTaken;
+        uint32_t dwLen = 1;
+        while (udp.Receive(1) > 0) {}
+        EXPECT_EQ(udp.Send(udp, "x", kShort), 1);
+        EXPECT_EQ(udp.Receive(kLong), 1);
+        EXPECT_EQ(AppSocketTCPSend(hTcp, "x", 1, kShort), 1);
+        EXPECT_EQ(send(listener.nPeer, "x", 1, 0), 1);
+        EXPECT_EQ(AppSocketTCPRecv(hTcp, &chTaken, &dwLen, kLong), 1);
+        AppSocketDestroy(hTcp);
+        AppSocketDestroy(hNew);
+        AppSocketDestroy(hUnbound);
+    }
+    std::string State() const { return ""; }
+    HAppMemPool hPool;
+    test::TUdp udp;
+    test::TListener listener;
+    HAppSocket hTcp = listener.Connect(), hNew = nullptr, hUnbound = AppSocketCreate(nullptr, APP_SOCKET_UDP, 0);
+    TAppNetAddr addr = {};
+    uint16_t wPort = 0;
+    char chData = 0;
+    uint32_t dwLen = 1;
+    std::optional<fault::Fail> comes{std::in_place, Fn::epoll_wait, 1, 0, 1000};
 };
 
-void AddDatagrams() {
-    for (const uint32_t dwType : {APP_SOCKET_UDP, APP_SOCKET_TCP})
-        Add("AppSocketCreate AppSocketDestroy AppSocketBind", "_AppSocketCreate", [=](Attempt &attempt) {
-            HAppSocket hSocket = attempt([&] { return AppSocketCreate(attempt.Pool(), dwType, 0); });
-            // Without a descriptor the first operation fails.
-            if (attempt.Good(hSocket != nullptr, 1, 0, 0)) {
-                EXPECT_CODE(attempt.Hit({Fn::socket}) ? APP_FAILED : APP_OK, AppSocketBind(hSocket, &kLoopback, 0, 0));
-            }
-            AppSocketDestroy(hSocket);
-        }).harmless = {Fn::socket};
-    Add("AppSocketBind", "_AppSocketBind", [](Attempt &attempt) {
-        HAppSocket hSocket = AppSocketCreate(nullptr, APP_SOCKET_UDP, 0);
-        attempt.Twice([&] { return AppSocketBind(hSocket, &kLoopback, 0, 1); });
-        AppSocketDestroy(hSocket);
-    });
-    Add("AppSocketUDPSend", "_AppSocketUDPSend", [](Attempt &attempt) {
-        TUdp udp;
-        if (attempt.Good(attempt([&] { return udp.SendToItself(); }), 1, -1, -1)) { EXPECT_EQ(udp.Receive(kLong), 1); }
-    });
-    Add("AppSocketUDPRecv", "_AppSocketUDPRecv", [](Attempt &attempt) {
-        TUdp udp;
-        fault::Fail comes(Fn::epoll_wait, 1, 0); // the datagram, while its receiver waits
-        comes.Action([&] { udp.SendToItself(); });
-        attempt.Good(attempt([&] { return udp.Receive(kShort); }), 1, -1, -1);
-    });
-    Add("AppSocketUDPJoinMulticastGroup", "_AppSocketUDPJoinMulticastGroup", [](Attempt &attempt) {
-        const TAppNetAddr group = {APP_NET_ADDR_IPV4, {inet_addr("239.1.2.3")}};
-        TUdp udp;
-        const auto join = [&] { return AppSocketUDPJoinMulticastGroup(udp.hSocket, &group, &kLoopback, 1); };
-        if (attempt.m_nNth == 1) // the interface is chosen by the system then
-            EXPECT_CODE(APP_OK, attempt(join));
-        else
-            attempt.Twice(join);
-    });
-}
-
-void AddStreams() {
-    Add("AppSocketTCPConnect", "_AppSocketTCPConnect", [](Attempt &attempt) {
-        test::TListener listener;
-        const auto connect = [&] {
-            return AppSocketTCPConnect(attempt.Pool(), &kLoopback, listener.wPort, kLong, nullptr);
-        };
-        HAppSocket hSocket = attempt(connect);
-        if (!attempt.Good(hSocket != nullptr, 1, 0, 0)) hSocket = connect();
-        EXPECT_NE(hSocket, nullptr);
-        AppSocketDestroy(hSocket);
-    }).harmless = {Fn::setsockopt};
-    Add("AppSocketTCPSend", "_AppSocketTCPSend", [](Attempt &attempt) {
-        test::TListener listener;
-        HAppSocket hSocket = listener.Connect();
-        std::string large(1 << 20, 'x');
-        const auto send = [&] { return AppSocketTCPSend(hSocket, large.data(), 1 << 20, kShort) > 0 ? 1 : -1; };
-        const auto drain = [&] {
-            while (recv(listener.nPeer, large.data(), large.size(), MSG_DONTWAIT) > 0) {}
-        };
-        while (send() > 0) {} // until the peer's buffer is full
-        fault::Fail drained(Fn::epoll_wait, 1, 0);
-        drained.Action(drain);
-        attempt.Good(attempt(send), 1, -1, -1);
-        drain();
-        EXPECT_EQ(send(), 1);
-        AppSocketDestroy(hSocket);
-    });
-    Add("AppSocketTCPRecv", "_AppSocketTCPRecv", [](Attempt &attempt) {
-        test::TListener listener;
-        HAppSocket hSocket = listener.Connect();
-        char achBuf[8];
-        uint32_t dwLen = sizeof(achBuf);
-        fault::Fail comes(Fn::epoll_wait, 1, 0);
-        comes.Action([&] { EXPECT_EQ(send(listener.nPeer, "x", 1, 0), 1); });
-        const auto receive = [&] { return AppSocketTCPRecv(hSocket, achBuf, &dwLen, kShort); };
-        attempt.Good(attempt(receive), 1, -1, -1);
-        EXPECT_EQ(send(listener.nPeer, "y", 1, 0), 1);
-        EXPECT_GT(receive(), 0);
-        AppSocketDestroy(hSocket);
-    });
+void AddSockets() {
+    const auto always = [](auto &) { return true; };
+    On<TNet>(
+        "AppSocketBind", "_AppSocketBind", [](auto &f) { return AppSocketBind(f.hUnbound, &kLoopback, 0, 1); }, always);
+    On<TNet>(
+        "AppSocketUDPSend", "_AppSocketUDPSend", [](auto &f) { return Bytes(f.udp.Send(f.udp, "x", kShort)); },
+        [](auto &f) { return f.udp.Receive(kLong) == 1; });
+    On<TNet>(
+        "AppSocketUDPRecv", "_AppSocketUDPRecv", [](auto &f) { return Bytes(f.udp.Receive(kShort)); }, always);
+    On<TNet>(
+        "AppSocketTCPSend", "_AppSocketTCPSend",
+        [](auto &f) { return Bytes(AppSocketTCPSend(f.hTcp, "x", 1, kShort)); },
+        [](auto &f) { return recv(f.listener.nPeer, &f.chData, 1, 0) == 1; });
+    On<TNet>(
+        "AppSocketTCPRecv", "_AppSocketTCPRecv",
+        [](auto &f) { return Bytes(AppSocketTCPRecv(f.hTcp, &f.chData, &f.dwLen, kShort)); }, always);
+    On<TNet>(
+        "AppSocketTCPConnect", "_AppSocketTCPConnect",
+        [](auto &f) {
+            f.hNew = AppSocketTCPConnect(f.hPool, &kLoopback, f.listener.wPort, kLong, nullptr);
+            return Got(f.hNew != nullptr);
+        },
+        always)
+        .harmless = {Fn::setsockopt};
+    On<TNet>(
+        "AppSocketUDPJoinMulticastGroup", "_AppSocketUDPJoinMulticastGroup",
+        [](auto &f) {
+            const TAppNetAddr group = {APP_NET_ADDR_IPV4, {inet_addr("239.1.2.3")}};
+            return AppSocketUDPJoinMulticastGroup(f.udp.hSocket, &group, &kLoopback, 1);
+        },
+        always)
+        .harmless = {Fn::setsockopt};
 }
 
 void AddAddresses() {
     TAppNetAddr loopback6 = {APP_NET_ADDR_IPV6, {0}}, local = {};
     loopback6.abyIpv6[15] = 1;
     const auto addLocal = [](const TAppNetAddr &remote, const char *szLog) {
-        Add("AppSocketCalLocalAddr", szLog, [=](Attempt &attempt) {
-            TAppNetAddr found = {};
-            attempt.Twice([&] { return AppSocketCalLocalAddr(&remote, &found); });
-            EXPECT_EQ(memcmp(&found, &remote, remote.dwType ? 20 : 8), 0);
-        });
+        On<TText>(
+            "AppSocketCalLocalAddr", szLog, [=](auto &f) { return AppSocketCalLocalAddr(&remote, &f.addr); },
+            [=](auto &f) { return memcmp(&f.addr, &remote, remote.dwType ? 20 : 8) == 0; });
     };
     addLocal(kLoopback, "_AppSocketCalLocalAddr");
     if (AppSocketCalLocalAddr(&loopback6, &local) == APP_OK) addLocal(loopback6, ""); // else there is no IPv6
-    Add("AppSocketCalNATAddr IpcCapGetHwExternal IpcGetNetEthParam", "AppSocketCalNATAddr", [](Attempt &attempt) {
-        TAppNetAddr found = {};
-        uint16_t wPort = 0;
-        attempt.Twice([&] { return AppSocketCalNATAddr(&kLoopback, APP_SOCKET_TCP, 80, &found, &wPort); },
-                      [&] { EXPECT_EQ(wPort, 0); });
-        EXPECT_EQ(found.dwIpv4, kLoopback.dwIpv4);
-        EXPECT_EQ(wPort, 80);
-    }).harmless = {Fn::getifaddrs};
+    On<TText>(
+        "AppSocketCalNATAddr IpcCapGetHwExternal IpcGetNetEthParam", "AppSocketCalNATAddr",
+        [](auto &f) { return AppSocketCalNATAddr(&kLoopback, APP_SOCKET_TCP, 80, &f.addr, &f.time.wYear); },
+        [](auto &f) { return f.addr.dwIpv4 == kLoopback.dwIpv4 && f.time.wYear == 80; })
+        .harmless = {Fn::getifaddrs};
 }
 
 // ---- Tasks --------------------------------------------------------------------------------------
 
+// A task whose thread stands in a handler.
+struct TBusyTask {
+    explicit TBusyTask(Attempt &attempt)
+        : holder([this](const Diary::Call &) { door.Pass(); }), manager(4, 0, attempt.Pool() ? 1 << 24 : 0) {
+        hTask = manager.New(diary);
+        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, nullptr, Diary::Handle, &holder));
+        door.AwaitVisitor();
+    }
+    ~TBusyTask() { door.Open(); }
+    std::string State() const { return ""; }
+    // What came of the operation, and of an event behind it.
+    bool Tells(const char *szText) {
+        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(2), nullptr, nullptr));
+        door.Open();
+        diary.Await(szText);
+        return true;
+    }
+    Diary diary, holder;
+    test::Door door;
+    Manager manager;
+    HAppTask hTask;
+};
+
 void AddNewTask(bool bReuse) {
-    Add("AppTaskMgrNewTask AppTaskMgrShow", "AppTaskMgrNewTask", [=](Attempt &attempt) {
+    Add("AppTaskMgrNewTask", "AppTaskMgrNewTask", [=](Attempt &attempt) {
         Diary diary;
         Manager manager(4, 0, attempt.Pool() ? 1 << 24 : 0);
         if (bReuse) manager.Park(manager.New(diary));
         auto hTask = reinterpret_cast<HAppTask>(16);
-        const uint32_t dwCode = attempt(
+        uint32_t dwCode = attempt(
             [&] { return AppTaskMgrNewTask(manager.Get(), "t", 9, 65536, 0, 0, Diary::Handle, &diary, &hTask); });
-        // The engine of the task's pool has a code of its own.
-        if (!attempt.Good(dwCode, APP_OK, dwCode == APP_FAILED ? APP_FAILED : APP_NO_RESOURCE)) {
-            EXPECT_EQ(hTask, nullptr);
-            hTask = manager.New(diary);
-        }
+        EXPECT_EQ(hTask == nullptr, dwCode != APP_OK);
+        if (attempt.Hit(kMemory) && dwCode == APP_FAILED) dwCode = APP_NO_RESOURCE; // the task's pool's own code
+        if (!attempt.Good(dwCode)) hTask = manager.New(diary);
         EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
         diary.Await(bReuse ? "stop, user 1" : "user 1");
-        // A name and a refresh are done without.
-    }).harmless = {Fn::malloc, Fn::pthread_attr_setinheritsched};
-}
-
-// While the task's thread stands in a handler; `szAfter` is what comes of it.
-void AddOnBusy(const char *szOps, const char *szLog, const char *szAfter, uint32_t (*pfnOperation)(HAppTask)) {
-    Add(szOps, szLog, [=](Attempt &attempt) {
-        Diary diary;
-        test::Door door;
-        Diary holder([&](const Diary::Call &) { door.Pass(); });
-        Manager manager(4, 0, attempt.Pool() ? 1 << 24 : 0);
-        HAppTask hTask = manager.New(diary);
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, nullptr, Diary::Handle, &holder));
-        door.AwaitVisitor();
-        const bool bGood = attempt.Good(attempt([&] { return pfnOperation(hTask); }));
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(2), nullptr, nullptr));
-        door.Open();
-        diary.Await(bGood ? szAfter : "user 2");
-    });
+    }).harmless = {Fn::malloc, Fn::pthread_attr_setinheritsched}; // the name's, the refresh's
 }
 
 // The whole life of a manager; its tasks' threads meet the faults too.
-void LiveAndDie(Attempt &attempt, test::Ledger &ledger) {
+void LiveAndDie(HAppMemPool hPool, test::Ledger &ledger) {
     HAppTaskMgr hTaskMgr = nullptr;
-    if (AppTaskMgrCreate(attempt.Pool(), 3, 0, &hTaskMgr) != APP_OK) return;
+    if (AppTaskMgrCreate(hPool, 3, 0, &hTaskMgr) != APP_OK) return;
     HAppTask ahTask[3] = {};
     for (HAppTask &hTask : ahTask) {
         AppTaskMgrNewTask(hTaskMgr, "t", 9, 65536, 0, 0, test::Ledger::Handle, &ledger, &hTask);
@@ -577,100 +576,88 @@ void LiveAndDie(Attempt &attempt, test::Ledger &ledger) {
 }
 
 void AddTasks() {
-    AddCreation<HAppTaskMgr>(
-        "AppTaskMgrCreate", "AppTaskMgrCreate",
-        [](HAppMemPool hPool, HAppTaskMgr *phMgr) { return AppTaskMgrCreate(hPool, 4, 0, phMgr); }, AppTaskMgrDestroy);
     AddNewTask(false);
     AddNewTask(true);
-    const char *const szSend = "_AppTaskSendEvent";
-    AddOnBusy("AppTaskSendEvent", szSend, "user 1, user 2",
-              [](HAppTask hTask) { return AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr); });
-    AddOnBusy("AppTaskAssignEvent", szSend, "user 1, user 2",
-              [](HAppTask hTask) { return AppTaskAssignEvent(hTask, Arg(1), nullptr, nullptr); });
-    AddOnBusy("AppTaskTerminate", szSend, "drop 2, stop", AppTaskTerminate);
-    AddOnBusy("AppTaskSetTimer", "AppTaskSetTimer", "timeout, user 2", [](HAppTask hTask) {
-        return uint32_t{AppTaskSetTimer(hTask, 0, nullptr, nullptr) ? APP_OK : APP_NO_RESOURCE};
-    });
-    AddOnBusy("AppTaskResetTimer AppTaskTimerGetRemainTime AppTaskCancelTimer", "AppTaskSetTimer", "cancel, user 2",
-              [](HAppTask hTask) {
-                  HAppTimer hTimer = AppTaskSetTimer(hTask, 100000, nullptr, nullptr);
-                  if (!hTimer) return uint32_t{APP_NO_RESOURCE};
-                  const uint32_t dwCode = AppTaskResetTimer(hTimer);
-                  EXPECT_LE(AppTaskTimerGetRemainTime(hTimer), 100000u);
-                  AppTaskCancelTimer(hTimer);
-                  return dwCode;
-              });
-    Add("AppTaskMgrShow", nullptr, [](Attempt &attempt) {
-        Diary diary;
-        Manager manager(4, 0, attempt.Pool() ? 1 << 24 : 0);
-        manager.Park(manager.New(diary));
-        Report(attempt, [&](PFAppShow pfnShow, void *pv) { AppTaskMgrShow(manager.Get(), pfnShow, pv); });
-    }).bFormatting = true;
+    On<TBusyTask>(
+        "AppTaskSendEvent", "_AppTaskSendEvent",
+        [](auto &f) { return AppTaskSendEvent(f.hTask, Arg(1), nullptr, nullptr); },
+        [](auto &f) { return f.Tells("user 1, user 2"); });
+    On<TBusyTask>(
+        "AppTaskAssignEvent", "_AppTaskSendEvent",
+        [](auto &f) { return AppTaskAssignEvent(f.hTask, Arg(1), nullptr, nullptr); },
+        [](auto &f) { return f.Tells("user 1, user 2"); });
+    On<TBusyTask>(
+        "AppTaskTerminate", "_AppTaskSendEvent", [](auto &f) { return AppTaskTerminate(f.hTask); },
+        [](auto &f) { return f.Tells("drop 2, stop"); });
+    On<TBusyTask>(
+        "AppTaskSetTimer AppTaskResetTimer AppTaskTimerGetRemainTime AppTaskCancelTimer", "AppTaskSetTimer",
+        [](auto &f) {
+            HAppTimer hTimer = AppTaskSetTimer(f.hTask, 100000, nullptr, nullptr);
+            if (!hTimer) return kNothing;
+            EXPECT_CODE(APP_OK, AppTaskResetTimer(hTimer));
+            EXPECT_LE(AppTaskTimerGetRemainTime(hTimer), 100000u);
+            AppTaskCancelTimer(hTimer);
+            return uint32_t{APP_OK};
+        },
+        [](auto &f) { return f.Tells("cancel, user 2"); });
     Add("AppTaskMgrDestroy", nullptr, [](Attempt &attempt) {
         test::Ledger ledger(16);
-        attempt([&] { return LiveAndDie(attempt, ledger), 0; });
+        attempt([&] { return LiveAndDie(attempt.Pool(), ledger), 0; });
         ledger.ExpectBalance();
     }).scope = fault::kEveryThread;
 }
 
 // ---- XML ----------------------------------------------------------------------------------------
 
-std::string Save(mxml_node_t *ptRoot) {
-    char *szText = mxmlSaveAllocString(ptRoot, MXML_NO_CALLBACK);
-    const std::string text = szText ? szText : "";
-    free(szText);
-    return text;
-}
-
-// `write(element, &new)`; the document holds `szAfter` then.  With an attribute at first: Mini-XML
-// loses the block of a first one whose name it cannot copy.
-void AddWriting(const char *szOp, const char *szLog, const char *szAfter,
-                const std::function<uint32_t(mxml_node_t *, mxml_node_t **)> &write) {
-    Add(szOp, szLog, [=](Attempt &attempt) {
-        mxml_node_t *const ptRoot = mxmlNewElement(nullptr, "cfg");
+// With an attribute: Mini-XML loses the block of a first one whose name it cannot copy.
+struct TDocument {
+    explicit TDocument(Attempt &) {
+        mxmlSetErrorCallback([](const char *) {});
         mxmlElementSetAttr(ptRoot, "a", "1");
-        mxml_node_t *ptNew = ptRoot;
-        attempt.Twice([&] { return write(ptRoot, &ptNew); },
-                      [&] {
-                          const std::string text = Save(ptRoot);
-                          EXPECT_TRUE(text == "<cfg a=\"1\" />\n" || text == "<cfg a=\"1\"><v /></cfg>\n") << text;
-                          EXPECT_EQ(ptNew, nullptr);
-                      });
-        EXPECT_NE(Save(ptRoot).find(szAfter), std::string::npos);
-        mxmlDelete(ptRoot);
-    });
-}
-
-template <typename T, typename V>
-void AddAdding(const char *szOp, const char *szLog, const char *szAfter,
-               uint32_t (*pfnAdd)(mxml_node_t *, const char *, T, mxml_node_t **), V value) {
-    AddWriting(szOp, szLog, szAfter,
-               [=](mxml_node_t *pt, mxml_node_t **pptNew) { return pfnAdd(pt, "v", value, pptNew); });
-}
+    }
+    ~TDocument() { mxmlDelete(ptRoot); }
+    std::string Save() const {
+        char *szText = mxmlSaveAllocString(ptRoot, MXML_NO_CALLBACK);
+        const std::string text = szText ? szText : "";
+        free(szText);
+        return text;
+    }
+    // An element whose value could not be made stays, empty.
+    std::string State() const {
+        const std::string text = Save();
+        EXPECT_EQ(ptNew, nullptr);
+        return text == "<cfg a=\"1\"><v /></cfg>\n" ? "<cfg a=\"1\" />\n" : text;
+    }
+    bool Holds(const char *szText) const { return Save().find(szText) != std::string::npos; }
+    mxml_node_t *ptRoot = mxmlNewElement(nullptr, "cfg"), *ptNew = nullptr;
+};
 
 template <typename T>
-void AddSetting(const char *szOp, const char *szName, const char *szAfter,
-                uint32_t (*pfnSet)(mxml_node_t *, const char *, T), T value) {
-    AddWriting(szOp, szOp, szAfter, [=](mxml_node_t *pt, mxml_node_t **pptNew) {
-        *pptNew = nullptr;
-        return pfnSet(pt, szName, value);
-    });
+void AddWriter(const char *szOp, const char *szLog, const char *szAfter,
+               uint32_t (*pfnAdd)(mxml_node_t *, const char *, T, mxml_node_t **), T value) {
+    On<TDocument>(
+        szOp, szLog, [=](auto &f) { return pfnAdd(f.ptRoot, "v", value, &f.ptNew); },
+        [=](auto &f) { return f.Holds(szAfter) && f.ptNew == mxmlGetLastChild(f.ptRoot); });
 }
 
 void AddWriters() {
-    mxmlSetErrorCallback([](const char *) {});
-    AddWriting("AppXmlAddSonNode", "AppXmlAddSonNode", "<v />",
-               [](mxml_node_t *pt, mxml_node_t **pptNew) { return AppXmlAddSonNode(pt, "v", pptNew); });
-    const char *const szStr = "AppXmlAddSonNode_Str", *const szData = "AppXmlAddSonNode_CDATA";
-    AddAdding(szStr, szStr, "<v>text</v>", AppXmlAddSonNode_Str, "text");
-    AddAdding("AppXmlAddSonNode_s32", szStr, "<v>-5</v>", AppXmlAddSonNode_s32, -5);
-    AddAdding("AppXmlAddSonNode_u32", szStr, "<v>5</v>", AppXmlAddSonNode_u32, 5u);
-    AddAdding("AppXmlAddSonNode_u64", szStr, "<v>5</v>", AppXmlAddSonNode_u64, 5u);
-    AddAdding("AppXmlAddSonNode_Double", szStr, "<v>0.500000</v>", AppXmlAddSonNode_Double, 0.5);
-    AddAdding("AppXmlAddSonNode_Bool", szStr, "<v>true</v>", AppXmlAddSonNode_Bool, 2u);
-    AddAdding(szData, szData, "<v><![CDATA[text]]></v>", AppXmlAddSonNode_CDATA, "text");
-    AddSetting("AppXmlSetAttr_s32", "v", "v=\"-5\"", AppXmlSetAttr_s32, -5);
-    AddSetting("AppXmlSetAttr_u32", "a", "a=\"5\"", AppXmlSetAttr_u32, 5u);
+    On<TDocument>(
+        "AppXmlAddSonNode", "AppXmlAddSonNode", [](auto &f) { return AppXmlAddSonNode(f.ptRoot, "v", &f.ptNew); },
+        [](auto &f) { return f.Holds("<v />"); });
+    const char *const szStr = "AppXmlAddSonNode_Str", *const szData = "AppXmlAddSonNode_CDATA", *const szText = "text";
+    AddWriter(szStr, szStr, "<v>text</v>", AppXmlAddSonNode_Str, szText);
+    AddWriter("AppXmlAddSonNode_s32", szStr, "<v>-5</v>", AppXmlAddSonNode_s32, -5);
+    AddWriter("AppXmlAddSonNode_u32", szStr, "<v>5</v>", AppXmlAddSonNode_u32, 5u);
+    AddWriter("AppXmlAddSonNode_u64", szStr, "<v>5</v>", AppXmlAddSonNode_u64, uint64_t{5});
+    AddWriter("AppXmlAddSonNode_Double", szStr, "<v>0.500000</v>", AppXmlAddSonNode_Double, 0.5);
+    AddWriter("AppXmlAddSonNode_Bool", szStr, "<v>true</v>", AppXmlAddSonNode_Bool, 2u);
+    AddWriter(szData, szData, "<v><![CDATA[text]]></v>", AppXmlAddSonNode_CDATA, szText);
+    On<TDocument>(
+        "AppXmlSetAttr_s32", "AppXmlSetAttr_s32", [](auto &f) { return AppXmlSetAttr_s32(f.ptRoot, "v", -5); },
+        [](auto &f) { return f.Holds("v=\"-5\""); });
+    On<TDocument>(
+        "AppXmlSetAttr_u32", "AppXmlSetAttr_u32", [](auto &f) { return AppXmlSetAttr_u32(f.ptRoot, "a", 5); },
+        [](auto &f) { return f.Holds("a=\"5\""); });
 }
 
 // ---- The sweep ----------------------------------------------------------------------------------
@@ -712,35 +699,31 @@ unsigned Sweep(const Row &row, bool *pbPool) {
 
 TEST(Sweep, EveryOperationUnderEveryFault) {
     test::Watchdog watchdog;
-    AddLocks(APP_LOCK_TYPE_SEM);
-    AddLocks(APP_LOCK_TYPE_RECURSIVE);
-    AddContainers();
-    AddPools();
+    AddCreations();
+    AddMemory();
     AddRegistration("AppRegisterShareAction AppRunShareAction", AppRegisterShareAction);
     AddRegistration("AppRegisterBlockShareAction", AppRegisterBlockShareAction);
-    Add("AppShareActionShow", nullptr, [](Attempt &attempt) { Report(attempt, AppShareActionShow); }).bFormatting =
-        true;
+    AddReports();
     AddFiles();
     AddConversions();
-    AddDatagrams();
-    AddStreams();
+    AddSockets();
     AddAddresses();
     AddTasks();
     AddWriters();
-    std::string covered = kNothingToFail;
+    s_covered += kNothingToFail;
     unsigned nFaults = 0;
     for (const Row &row : s_rows) {
-        covered += row.ops + " ";
+        s_covered += row.ops + " ";
         bool bPool = false;
         unsigned nMet = Sweep(row, &bPool);
         if (bPool) nMet += Sweep(row, &bPool);
-        EXPECT_TRUE(nMet > 0 || row.ops.find("Gbk") != std::string::npos) << row.ops << ": nothing failed";
+        EXPECT_GT(nMet, 0u) << row.ops << ": nothing failed";
         nFaults += nMet;
         if (HasFailure()) return;
     }
     std::set<std::string> names;
     for (const auto &exported : test::Exported()) names.insert(exported.first);
-    EXPECT_EQ(test::Unlisted(names, covered), "") << "not in the table, or unknown";
+    EXPECT_EQ(test::Unlisted(names, s_covered), "") << "not in the table, or unknown";
     printf("%zu operations, %u faults\n", s_rows.size(), nFaults);
 }
 
