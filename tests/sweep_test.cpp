@@ -43,7 +43,7 @@ bool Has(const Fns &fns, Fn fn) { return std::find(fns.begin(), fns.end(), fn) !
 // What a system may refuse.
 Fns Refusable() {
     Fns fns;
-    for (unsigned i = 0; i < fault::kFunctions; ++i)
+    for (unsigned i = 0; i < unsigned(Fn::kCount); ++i)
         if (!Has({Fn::free, Fn::pthread_cond_signal, Fn::_AppVsnprintf}, Fn(i)) &&
             strncmp(fault::Name(Fn(i)), "mxml", 4) != 0)
             fns.push_back(Fn(i));
