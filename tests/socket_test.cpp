@@ -268,6 +268,41 @@ TEST(Socket, ConnectRefusesToMeetItself) {
     AppSocketDestroy(hService);
 }
 
+// Where one call is made several times the line tells which of them was refused.
+TEST(SocketFault, NamesTheStep) {
+    TListener listener;
+    TUdp udp;
+    const TAppNetAddr group = {APP_NET_ADDR_IPV4, {inet_addr("239.1.2.3")}};
+    const auto connects = [&] {
+        HAppSocket hSocket = listener.Connect();
+        AppSocketDestroy(hSocket);
+        return hSocket != nullptr;
+    };
+    const auto joins = [&] { return !AppSocketUDPJoinMulticastGroup(udp.hSocket, &group, &kLoopback, 1); };
+    const struct {
+        std::function<bool()> works;
+        Fn fn;
+        unsigned nNth;
+        bool bWorks;
+        const char *szText;
+    } rows[] = {{connects, Fn::fcntl, 1, false, ": fcntl F_GETFL failed "},
+                {connects, Fn::fcntl, 2, false, ": fcntl F_SETFL O_NONBLOCK failed "},
+                {connects, Fn::fcntl, 3, false, ": fcntl F_SETFL failed "},
+                {connects, Fn::setsockopt, 1, true, ": setsockopt TCP_NODELAY fail "},
+                {connects, Fn::setsockopt, 2, true, ": setsockopt SO_KEEPALIVE fail "},
+                {joins, Fn::setsockopt, 1, true, ": setsockopt IP_MULTICAST_IF failed 100007f "},
+                {joins, Fn::setsockopt, 2, false, ": setsockopt IP_ADD_MEMBERSHIP failed "},
+                {joins, Fn::setsockopt, 3, false, ": setsockopt IP_MULTICAST_LOOP failed "}};
+    for (const auto &row : rows) {
+        LogCapture log;
+        fault::Fail fail(row.fn, row.nNth, EPERM);
+        EXPECT_EQ(row.works(), row.bWorks);
+        const std::vector<std::string> lines = log.Lines();
+        ASSERT_FALSE(lines.empty()) << row.szText;
+        EXPECT_NE(lines.back().find(row.szText), std::string::npos) << lines.back();
+    }
+}
+
 // A refused descriptor fails at once, not after the time-out.
 TEST(SocketFault, RefusedDescriptor) {
     LogCapture log;
