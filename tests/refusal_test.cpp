@@ -201,6 +201,7 @@ TEST(Refusals, EveryOperationRefusesNull) {
     REFUSES(AppMakeCapStr_u32, bad, Names("ptPairArr adwCapArr szDstBuf"), &row, 1, kOut, 1, kOut, 9);
     REFUSES(AppMakeCapStr_Bool, bad, Names("ptPairArr abCapArr szDstBuf"), &row, 1, kOut, 1, kOut, 9);
 
+    REFUSES(AppXmlLoad, bad, Names("szText pptTree"), "<a/>", 4, kOut);
     mxml_node_t *const pt = mxmlLoadString(nullptr, "<c v='1'><v>1</v></c>", AppXmlMxmlParseCB);
     REFUSES(AppXmlGetFirstChildWithName, nullptr, Names("ptParent szName"), pt, "v");
     REFUSES(AppXmlGetNextSiblingWithName, nullptr, Names("ptNode szName"), pt, "v");
