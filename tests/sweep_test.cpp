@@ -355,6 +355,7 @@ struct TLogFile {
     ~TLogFile() {
         AppCloseFileLog(9);
         std::filesystem::remove_all(dir);
+        if (testing::Test::HasFailure()) fputs(quiet.End().c_str(), stderr);
     }
     uint32_t Open(uint32_t dwMaxSize) const { return AppSetFileLog(9, (dir / "log").c_str(), dwMaxSize); }
     std::string State() const { return ""; }
@@ -367,20 +368,21 @@ struct TLogFile {
         return text.find("[INFO ] AppLog: works\n") != std::string::npos;
     }
     std::filesystem::path dir;
-    test::StdoutCapture quiet;
+    test::StdoutCapture quiet; // each opening prints
 };
 
 void AddFiles() {
     On<TLogFile>(
         "AppSetFileLog AppCloseFileLog", nullptr, [](auto &f) { return Got(f.Open(1000) == 1); },
-        [](auto &f) { return f.Works(); });
+        [](auto &f) { return f.Works(); })
+        .harmless = {Fn::fcntl};
     On<TLogFile>(
         "AppLog AppLogFile", nullptr,
         [](auto &) { // the line rotates
             return AppLogFile(9, APP_LOG_ALWAYS, "[INFO ] AppLogFile: text\n"), APP_OK;
         },
         [](auto &f) { return f.Works(); })
-        .harmless = {Fn::writev, Fn::rename, Fn::fopen, Fn::ftruncate};
+        .harmless = {Fn::writev, Fn::rename, Fn::fopen, Fn::ftruncate, Fn::fcntl};
 }
 
 // ---- Conversions --------------------------------------------------------------------------------
@@ -496,7 +498,7 @@ void AddSockets() {
             return Got(f.hNew != nullptr);
         },
         always)
-        .harmless = {Fn::setsockopt};
+        .harmless = {Fn::setsockopt, Fn::getsockname, Fn::getpeername};
     On<TNet>(
         "AppSocketUDPJoinMulticastGroup", "_AppSocketUDPJoinMulticastGroup",
         [](auto &f) {

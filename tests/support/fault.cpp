@@ -170,18 +170,18 @@ extern "C" {
 void *__real_malloc(size_t nSize);
 void *__wrap_malloc(size_t nSize) {
     const int nError = Hit(Fn::malloc);
-    return nError ? WithErrno<void *>(nError, nullptr) : CountBlock(__real_malloc(nSize));
+    return nError ? WithErrno<void *>(ENOMEM, nullptr) : CountBlock(__real_malloc(nSize));
 }
 
 void *__real_calloc(size_t nCount, size_t nSize);
 void *__wrap_calloc(size_t nCount, size_t nSize) {
     const int nError = Hit(Fn::calloc);
-    return nError ? WithErrno<void *>(nError, nullptr) : CountBlock(__real_calloc(nCount, nSize));
+    return nError ? WithErrno<void *>(ENOMEM, nullptr) : CountBlock(__real_calloc(nCount, nSize));
 }
 
 void *__real_realloc(void *pvOld, size_t nSize);
 void *__wrap_realloc(void *pvOld, size_t nSize) {
-    if (const int nError = Hit(Fn::realloc)) return WithErrno<void *>(nError, nullptr);
+    if (Hit(Fn::realloc)) return WithErrno<void *>(ENOMEM, nullptr);
     void *pvNew = __real_realloc(pvOld, nSize);
     return pvOld ? pvNew : CountBlock(pvNew);
 }
@@ -196,12 +196,12 @@ void __wrap_free(void *pvBlock) {
 char *__real_strdup(const char *szText);
 char *__wrap_strdup(const char *szText) {
     const int nError = Hit(Fn::strdup);
-    return nError ? WithErrno<char *>(nError, nullptr) : CountBlock(__real_strdup(szText));
+    return nError ? WithErrno<char *>(ENOMEM, nullptr) : CountBlock(__real_strdup(szText));
 }
 
 int __real_vasprintf(char **pszText, const char *szFormat, va_list args);
 int __wrap_vasprintf(char **pszText, const char *szFormat, va_list args) {
-    if (const int nError = Hit(Fn::vasprintf)) return WithErrno(nError, -1);
+    if (Hit(Fn::vasprintf)) return WithErrno(ENOMEM, -1);
     const int nLength = __real_vasprintf(pszText, szFormat, args);
     if (nLength >= 0) CountBlock(*pszText);
     return nLength;

@@ -11,9 +11,9 @@
 //   on. fault::Fail race(fault::Fn::recvmsg, 1, 0); race.Action([&] { … });
 //
 // A failing call sets errno (or returns the error number, as the pthread functions do) and gives
-// the function's failure value: -1 or null.  Only the thread that armed the gate is hit, unless
-// fault::kEveryThread is given.  To add a function: a row in fault_rows.h, and a pair in wrap.cmake
-// when it has a variant for 64-bit times or file sizes.
+// the function's failure value: -1 or null; an allocation always gives ENOMEM.  Only the thread that
+// armed the gate is hit, unless fault::kEveryThread is given.  To add a function: a row in
+// fault_rows.h, and a pair in wrap.cmake when it has a variant for 64-bit times or file sizes.
 //
 // What Mini-XML allocates itself passes the gates of fault::kMemory too (mxml_memory.cpp).
 #ifndef APPCORE_TESTS_SUPPORT_FAULT_H
