@@ -215,7 +215,11 @@ void AddCreations() {
         On<TNew<HAppLock>>(
             "AppLockCreate AppLockDestroy", nullptr,
             [=](auto &f) { return AppLockCreate(f.hPool, 1, 1, dwType, &f.handle); },
-            [](auto &f) { return AppLockTakeByTime(f.handle, 1) == APP_OK && (AppLockDestroy(f.handle), true); });
+            [](auto &f) {
+                const bool bWorks = AppLockTakeByTime(f.handle, 1) == APP_OK && AppLockGive(f.handle) == APP_OK;
+                AppLockDestroy(f.handle);
+                return bWorks;
+            });
     On<TNew<HAppDoubleList>>(
         "AppDoubleListCreate AppDoubleListDestroy", "AppDoubleListCreate",
         [](auto &f) { return AppDoubleListCreate(f.hPool, 0, 1, &f.handle); },
