@@ -13,8 +13,6 @@
 // A failing call sets errno (or returns the error number, as the pthread functions do) and gives
 // the function's failure value: -1 or null; an allocation always gives ENOMEM.  Only the thread that
 // armed the gate is hit, unless fault::kEveryThread is given.  To add a function: a row in
-// the function's failure value: -1 or null; an allocation always gives ENOMEM.  Only the thread that
-// armed the gate is hit, unless fault::kEveryThread is given.  To add a function: a row in
 // fault_rows.h, and a pair in wrap.cmake when it has a variant for 64-bit times or file sizes.
 //
 // What Mini-XML allocates itself passes the gates of fault::kMemory too (mxml_memory.cpp).
