@@ -60,32 +60,6 @@ std::string Drain(HAppQueue hQueue) {
     return text;
 }
 
-// Every failed creation is logged, leaves nothing and gives null.  `nLocks` locks follow the
-// record, each with its own record, mutex and condition.
-template <typename Handle, typename Create, typename Destroy>
-void SweepCreation(const std::string &name, unsigned nLocks, Create create, Destroy destroy) {
-    LogCapture log;
-    Handle handle;
-    unsigned nFaults = 0;
-    fault::Sweep(
-        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
-        [&] {
-            handle = reinterpret_cast<Handle>(16);
-            const uint32_t dwResult = create(&handle);
-            if (dwResult == APP_OK) destroy(handle, nullptr, nullptr);
-            return dwResult;
-        },
-        [&](uint32_t dwResult) {
-            const bool bMemory = ++nFaults == 1 || nFaults % 3 == 2;
-            EXPECT_CODE(bMemory ? APP_NO_RESOURCE : APP_FAILED, dwResult);
-            EXPECT_EQ(handle, nullptr);
-            const std::string failed =
-                nFaults == 1 ? "AppMemPoolMalloc failed" : Text("AppLockCreate failed %u", dwResult);
-            EXPECT_EQ(log.Lines().back(), "[ERROR] " + name + ": " + failed + "\n");
-        });
-    EXPECT_EQ(nFaults, 1 + 3 * nLocks);
-}
-
 // Size, maximum, top mark.
 void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwTop) {
     EXPECT_EQ(AppQueueGetSize(hQueue), dwSize);
@@ -140,44 +114,19 @@ TEST(DoubleList, MovesNodesBetweenLists) {
 
 TEST(DoubleList, RefusesWhatItCannotHold) {
     LogCapture log;
-    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListCreate(nullptr, 0, 0, nullptr));
     HAppDoubleList hList = CreateList(2, 2); // only 1 asks for a lock
     EXPECT_EQ(hList->hLock, nullptr);
     EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
     HAppDoubleListNode hA = Append(hList, 'a');
-    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(hList, nullptr, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppDoubleListRemove(nullptr, hA, nullptr));
     Append(hList, 'b');
     for (const auto Insert : {AppDoubleListInsertAfter, AppDoubleListInsertBefore}) {
         HAppDoubleListNode hNode = hA;
-        EXPECT_CODE(APP_INVALID_ARG, Insert(nullptr, nullptr, El('x'), &hNode));
-        EXPECT_EQ(hNode, hA);
         EXPECT_CODE(APP_NO_RESOURCE, Insert(hList, hA, El('x'), &hNode));
         EXPECT_EQ(hNode, nullptr);
     }
     log.ExpectLines({"[ERROR] AppDoubleListInsertAfter: List full. cur size: 2 max size: 2\n",
                      "[ERROR] AppDoubleListInsertBefore: List full. cur size: 2 max size: 2\n"});
     EXPECT_EQ(Walk(hList), "ab");
-    AppDoubleListDestroy(hList, nullptr, nullptr);
-    AppDoubleListDestroy(nullptr, Note, nullptr);
-}
-
-TEST(DoubleList, FaultsLeaveItUnchanged) {
-    SweepCreation<HAppDoubleList>(
-        "AppDoubleListCreate", 1, [](HAppDoubleList *phList) { return AppDoubleListCreate(nullptr, 0, 1, phList); },
-        AppDoubleListDestroy);
-    LogCapture log;
-    HAppDoubleList hList = CreateList();
-    HAppDoubleListNode hFirst = Append(hList, 'a');
-    for (const auto Insert : {AppDoubleListInsertAfter, AppDoubleListInsertBefore}) {
-        fault::Fail fail(Fn::malloc);
-        HAppDoubleListNode hNode = hFirst;
-        EXPECT_CODE(APP_NO_RESOURCE, Insert(hList, hFirst, El('x'), &hNode));
-        EXPECT_EQ(hNode, nullptr);
-        EXPECT_EQ(Walk(hList), "a");
-    }
-    EXPECT_EQ(log.Count("[ERROR] AppDoubleListInsertAfter: AppMemPoolMalloc failed\n"), 1u);
-    EXPECT_EQ(log.Count("[ERROR] AppDoubleListInsertBefore: AppMemPoolMalloc failed\n"), 1u);
     AppDoubleListDestroy(hList, nullptr, nullptr);
 }
 
@@ -287,10 +236,10 @@ TEST(Queue, PromisedElementIsTakenAfterTheTimeout) {
         {
             LogCapture log;
             fault::Fail fail(Fn::malloc); // a failed insertion promises nothing
-            EXPECT_CODE(APP_NO_RESOURCE, app::QueuePlace(hQueue, El('f'), 0, 0, "test", &bWake));
+            EXPECT_CODE(APP_NO_RESOURCE, app::QueuePlace(hQueue, El('f'), 0, 0, "_AppQueueIn", &bWake));
             EXPECT_FALSE(bWake);
         }
-        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, "test", &bWake));
+        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, "_AppQueueIn", &bWake));
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         if (bWake) // unless this thread was too slow
             app::QueueWake(hQueue);
@@ -302,18 +251,8 @@ TEST(Queue, PromisedElementIsTakenAfterTheTimeout) {
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
-TEST(Queue, ArgumentsAndDefaults) {
+TEST(Queue, Defaults) {
     LogCapture log;
-    EXPECT_CODE(APP_INVALID_ARG, AppQueueCreate(nullptr, 1, 1, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppQueueIn(nullptr, nullptr, 0));
-    EXPECT_CODE(APP_INVALID_ARG, _AppQueueIn(nullptr, nullptr, 0, 1));
-    EXPECT_CODE(APP_INVALID_ARG, AppQueueOut(nullptr, 1, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, _AppQueueChangeMaxSize(nullptr, 1));
-    EXPECT_EQ(AppQueueGetSize(nullptr), 4294967295u);
-    EXPECT_EQ(_AppQueueGetMaxSize(nullptr), 0u);
-    EXPECT_EQ(_AppQueueGetTopSize(nullptr), 0u);
-    AppQueueDestroy(nullptr, Note, nullptr);
-    log.ExpectNone();
     HAppQueue hQueue = CreateQueue(0);
     log.ExpectLines({"[ERROR] AppQueueCreate: change dwMaxSize(0) ==> 1048576\n"});
     EXPECT_EQ(_AppQueueGetMaxSize(hQueue), APP_QUEUE_DEFAULT_MAX);
@@ -326,24 +265,6 @@ TEST(Queue, ArgumentsAndDefaults) {
     EXPECT_EQ(pvData, nullptr);
     EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 0, nullptr)); // dropped
     ExpectMarks(hQueue, 0, APP_QUEUE_DEFAULT_MAX, 2);
-    AppQueueDestroy(hQueue, nullptr, nullptr);
-}
-
-TEST(Queue, FaultsLeaveCountAndRecordInStep) {
-    SweepCreation<HAppQueue>(
-        "AppQueueCreate", 2, [](HAppQueue *phQueue) { return AppQueueCreate(nullptr, 5, 1, phQueue); },
-        AppQueueDestroy);
-    LogCapture log;
-    HAppQueue hQueue = CreateQueue();
-    AppQueueIn(hQueue, El('a'), 5);
-    {
-        fault::Fail fail(Fn::malloc);
-        EXPECT_CODE(APP_NO_RESOURCE, AppQueueIn(hQueue, El('x'), 9));
-        EXPECT_EQ(log.Lines().back(), "[ERROR] _AppQueueIn: AppMemPoolMalloc failed\n");
-        ExpectMarks(hQueue, 1, 100, 1);
-    }
-    EXPECT_EQ(Drain(hQueue), "a");
-    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 1, nullptr)); // no unit was given for the failure
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 

@@ -282,71 +282,6 @@ TEST(MemPoolChecks, FindASecondRelease) {
     AppMemPoolDestroy(hPool);
 }
 
-TEST_F(MemPool, EveryFailedCreationLeavesNothing) {
-    const auto hUntouched = reinterpret_cast<HAppMemPool>(16);
-    EXPECT_CODE(APP_INVALID_ARG, AppMemPoolCreate(0, 1, 0, nullptr));
-    unsigned nFaults = 0;
-    fault::Sweep(
-        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
-        [&] {
-            log.Clear();
-            HAppMemPool hNew = hUntouched;
-            const uint32_t dwResult = AppMemPoolCreate(0, 1, 0, &hNew);
-            EXPECT_EQ(hNew == hUntouched, dwResult != APP_OK);
-            if (dwResult == APP_OK) AppMemPoolDestroy(hNew);
-            return dwResult;
-        },
-        [&](uint32_t dwResult) {
-            // The record; the lock's record, mutex and condition; the engine; its lists.
-            EXPECT_CODE(++nFaults <= 2 ? APP_NO_RESOURCE : APP_FAILED, dwResult);
-            if (nFaults == 1)
-                log.ExpectLines({"[ERROR] AppMemPoolCreate: malloc failed\n"});
-            else if (nFaults <= 4)
-                EXPECT_EQ(log.Count(Text("[ERROR] AppMemPoolCreate: AppLockCreate failed %u\n", dwResult)), 1u);
-            else if (nFaults == 5)
-                log.ExpectLines({Text("[ERROR] _AppMemPoolCreate: malloc for %zu failed\n", sizeof(TAppMemPoolImpl)),
-                                 "[INFO ] _AppMemPoolDestroy: Mempool (nil)\n",
-                                 "[ERROR] AppMemPoolCreate: _AppMemPoolCreate failed 101\n",
-                                 "[INFO ] _AppMemPoolDestroy: Mempool (nil)\n"});
-            else
-                EXPECT_EQ(log.Count(Text("[ERROR] _AppMemPoolCreate: AppDoubleListCreate for "
-                                         "h%sList %u failed, ret=104\n",
-                                         nFaults % 2 == 0 ? "On" : "Off", (nFaults - 6) / 2)),
-                          1u);
-        });
-    EXPECT_EQ(nFaults, 5u + 2 * APP_MEMPOOL_CLASS_NUM);
-}
-
-TEST_F(MemPool, EveryFailedAllocationLeavesThePoolAsItWas) {
-    struct {
-        uint32_t dwSize;
-        unsigned nFault; // heap call: the block or its node
-        const char *szLine;
-    } const rows[] = {{kSize, 1, "[MEMDBG-2] _AppMalloc: Size 128, use MP ENGINE offset 2(128) malloc failed\n"},
-                      {kSize, 2, "[ERROR] _AppMalloc: Size 128, use MP ENGINE offset 2(128) insert failed\n"},
-                      {kLarge, 1, "[ERROR] _AppMalloc: malloc with size 5000000 failed\n"}};
-    AppSetLogLevel(0, APP_LOG_MEMDBG2);
-    for (const auto &row : rows) {
-        const long nBlocks = fault::LiveBlocks();
-        fault::Fail fail(Fn::malloc, row.nFault);
-        EXPECT_EQ(AppMemPoolMalloc(hPool, row.dwSize), nullptr);
-        EXPECT_EQ(log.Lines().back(), row.szLine);
-        EXPECT_EQ(fault::LiveBlocks(), nBlocks);
-        EXPECT_EQ(hPool->dwCurSize, 0u);
-        ExpectCounters(0, 0, 0);
-    }
-    AppMemPoolFree(AppMemPoolMalloc(hPool, kSize)); // usable as before
-    ExpectCounters(0, 0, 128);
-    EXPECT_EQ(1u, fault::Sweep(
-                      {Fn::malloc},
-                      [] {
-                          char *szCopy = AppStrndup(nullptr, "text", 5);
-                          AppMemPoolFree(szCopy);
-                          return szCopy;
-                      },
-                      [](const char *szCopy) { EXPECT_EQ(szCopy, nullptr); }));
-}
-
 TEST_F(MemPool, ReportShowsClassesAndTotals) {
     Recreate(20000000);
     // The engine's half follows the front's, which is checked here and cut off.
@@ -378,7 +313,6 @@ TEST_F(MemPool, ReportShowsClassesAndTotals) {
                               "[17] OffList count=2 blocksize=4194304 size=8388608\n"
                               "[malloc/free]count=0 size=0\n" +
                                   engine + "OnWorkCount=0 OnWorkSize=0 TotalSize=8388736 IdleSize=8388736\n");
-    EXPECT_EQ(Report(nullptr).size(), 0u);
     _AppMemPoolShow(nullptr, Collect, nullptr);
     AppMemPoolShow(hPool, nullptr, nullptr);
     const auto UseThePool = [](const char *, void *pvContext) {

@@ -6,10 +6,8 @@
 #include "appcore/host.h"
 #include "appcore/socket.h"
 #include "support/expect.h"
-#include "support/fault.h"
 #include "support/log_capture.h"
 
-using fault::Fn;
 using test::LogCapture;
 using test::Text;
 
@@ -145,20 +143,6 @@ TEST_F(Nat, CountsOfTheHostAreBounded) {
     g_host.nEthCalls = 0;
     Expect("127.0.0.1", 8080);
     EXPECT_EQ(g_host.nEthCalls, 256u);
-}
-
-TEST_F(Nat, ArgumentsAndUnreachableRemotes) {
-    TAppNetAddr addr = kRemote;
-    EXPECT_CODE(APP_INVALID_ARG, AppSocketCalNATAddr(nullptr, 0, kPort, &addr, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppSocketCalNATAddr(&addr, 0, kPort, nullptr, nullptr));
-    log.ExpectNone();
-    fault::Fail fail(Fn::connect, 1, ENETUNREACH);
-    uint16_t wPort = 5;
-    EXPECT_CODE(APP_FAILED, AppSocketCalNATAddr(&kRemote, 0, kPort, &addr, &wPort));
-    EXPECT_EQ(wPort, 5);
-    log.ExpectLines(
-        {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketCalLocalAddr", ENETUNREACH, strerror(ENETUNREACH)),
-         Text("[INFO ] %s: AppSocketCalLocalAddr failed.\n", kOp)});
 }
 
 TEST_F(Nat, Ipv6PeersGoStraightToTheMappings) {

@@ -103,34 +103,6 @@ TEST(Lock, CountsStayBetweenZeroAndTheCeiling) {
         EXPECT_EQ(CountUnits(hLock), std::min(row.dwUnits + 5, row.dwMax));
         AppLockDestroy(hLock);
     }
-    EXPECT_CODE(APP_INVALID_ARG, AppLockCreate(nullptr, 1, 1, APP_LOCK_TYPE_SEM, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppLockTakeByTime(nullptr, 0));
-    EXPECT_CODE(APP_INVALID_ARG, AppLockGive(nullptr));
-    AppLockDestroy(nullptr);
-}
-
-TEST(Lock, EveryFailedCreationLeavesNothing) {
-    for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
-        LogCapture log;
-        unsigned nFaults = 0;
-        HAppLock hLock;
-        fault::Sweep(
-            {Fn::malloc, Fn::pthread_mutexattr_init, Fn::pthread_mutexattr_settype, Fn::pthread_mutex_init,
-             Fn::pthread_condattr_init, Fn::pthread_condattr_setclock, Fn::pthread_cond_init},
-            [&] {
-                hLock = reinterpret_cast<HAppLock>(16);
-                const uint32_t dwResult = AppLockCreate(nullptr, 1, 1, dwType, &hLock);
-                if (dwResult == APP_OK) AppLockDestroy(hLock);
-                return dwResult;
-            },
-            [&](uint32_t dwResult) {
-                EXPECT_CODE(++nFaults == 1 ? APP_NO_RESOURCE : APP_FAILED, dwResult);
-                EXPECT_EQ(hLock, nullptr);
-            });
-        EXPECT_GE(nFaults, 3u);
-        // The lock itself says nothing; the line is the allocation's.
-        EXPECT_EQ(log.Lines().size(), 1u);
-    }
 }
 
 // 1200 ms is beyond the slice in which the library sleeps.

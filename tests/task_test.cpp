@@ -72,11 +72,7 @@ public:
 
 TEST(TaskManager, RefusesAndLimits) {
     LogCapture log;
-    EXPECT_CODE(APP_INVALID_ARG, AppTaskMgrCreate(nullptr, 1, 0, nullptr));
-    HAppTask hTask = reinterpret_cast<HAppTask>(Arg(1));
-    EXPECT_CODE(APP_INVALID_ARG, AppTaskMgrNewTask(nullptr, "a", 1, 0, 0, 0, nullptr, nullptr, &hTask));
-    EXPECT_EQ(hTask, Arg(1));
-    AppTaskMgrDestroy(nullptr);
+    HAppTask hTask = nullptr;
     __AppFreeTaskCB(nullptr, nullptr);
     log.ExpectLines({"[ERROR] __AppFreeTaskCB: NULL Task Found.\n"});
 
@@ -103,7 +99,6 @@ TEST(TaskManager, ReusesTheTaskThatWasParkedLast) {
     EXPECT_EQ(_AppQueueGetMaxSize(hSecond->hEventQueue), APP_QUEUE_DEFAULT_MAX);
     HAppMemPool hPool = AppTaskGetMemPool(hSecond);
     EXPECT_NE(hPool, nullptr);
-    EXPECT_EQ(AppTaskGetMemPool(nullptr), nullptr);
     manager.Park(hFirst);
     manager.Park(hSecond);
     EXPECT_EQ(hSecond->hListNode, manager.Get()->hIdleTaskList->ptTail);
@@ -198,9 +193,6 @@ TEST(TaskEvents, ReachTheirHandlersInOrder) {
     Diary own, tasks;
     Manager manager;
     HAppTask hTask = manager.New(tasks);
-    EXPECT_CODE(APP_INVALID_ARG, AppTaskSendEvent(nullptr, nullptr, nullptr, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppTaskAssignEvent(nullptr, nullptr, nullptr, nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppTaskTerminate(nullptr));
     for (uintptr_t i = 1; i <= 3; ++i) EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(i), nullptr, &own));
     EXPECT_CODE(APP_OK, AppTaskAssignEvent(hTask, Arg(4), Diary::Handle, &own));
     own.Await("user 4");
@@ -211,12 +203,6 @@ TEST(TaskEvents, ReachTheirHandlersInOrder) {
     uint32_t dwType = 99;
     void *pvArg = nullptr, *pvContext = nullptr;
     PFAppTaskHandler pfnHandler = nullptr;
-    for (int nNull = 0; nNull < 5; ++nNull)
-        EXPECT_CODE(APP_INVALID_ARG,
-                    AppTaskGetLastEvent(nNull == 0 ? nullptr : hTask, nNull == 1 ? nullptr : &dwType,
-                                        nNull == 2 ? nullptr : &pvArg, nNull == 3 ? nullptr : &pfnHandler,
-                                        nNull == 4 ? nullptr : &pvContext));
-    EXPECT_EQ(dwType, 99u);
     EXPECT_CODE(APP_OK, AppTaskGetLastEvent(hTask, &dwType, &pvArg, &pfnHandler, &pvContext));
     EXPECT_EQ(dwType, APP_TASK_EVENT_USER);
     EXPECT_EQ(pvArg, Arg(4));
@@ -481,8 +467,6 @@ TEST(TaskTimers, CancelResetAndRemainingTime) {
     TAppTimerMgr lonely = {};
     TAppTimer noManager = {}, noTask = {};
     noTask.ptTimerMgr = &lonely;
-    EXPECT_EQ(AppTaskSetTimer(nullptr, 1, nullptr, nullptr), nullptr);
-    AppTaskCancelTimer(nullptr);
     log.ExpectLines({Text("[INFO ] AppTaskMgrNewTask: _AppTaskCreate: task %p\n", Ptr(busy.hTask))});
     for (HAppTimer hInvalid : {static_cast<HAppTimer>(nullptr), &noManager, &noTask}) {
         EXPECT_CODE(APP_INVALID_ARG, AppTaskResetTimer(hInvalid));
@@ -643,7 +627,6 @@ TEST(TaskReport, ShowsAnEmptyManager) {
     LogCapture log;
     Manager manager(8, 250);
     void *pvMgr = manager.Get();
-    AppTaskMgrShow(nullptr, Collect, nullptr);
     AppTaskMgrShow(manager.Get(), nullptr, nullptr);
     EXPECT_EQ(Report(manager.Get()),
               (std::vector<std::string>{Text("\n%sTaskMgr(%p) MemPool(%p)", kRule, pvMgr, nullptr),
@@ -743,131 +726,6 @@ TEST(TaskReport, ComesInPieces) {
 }
 
 // ---- Faults -----------------------------------------------------------------------------------
-
-TEST(TaskFaults, Create) {
-    LogCapture log;
-    const unsigned nFaults = fault::Sweep(
-        {Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init},
-        [&] {
-            HAppTaskMgr hTaskMgr = reinterpret_cast<HAppTaskMgr>(&log);
-            const uint32_t dwCode = AppTaskMgrCreate(nullptr, 4, 0, &hTaskMgr);
-            EXPECT_EQ(dwCode == APP_OK, hTaskMgr != nullptr);
-            AppTaskMgrDestroy(hTaskMgr);
-            return dwCode;
-        },
-        [&](uint32_t dwCode) {
-            EXPECT_NE(dwCode, APP_OK);
-            ASSERT_FALSE(log.Lines().empty());
-            const std::string last = log.Lines().back();
-            EXPECT_EQ(last.rfind("[ERROR] AppTaskMgrCreate: ", 0), 0u) << last;
-            if (dwCode == APP_FAILED) { EXPECT_EQ(last, "[ERROR] AppTaskMgrCreate: AppLockCreate failed 101\n"); }
-            log.Clear();
-        });
-    EXPECT_EQ(nFaults, 9u); // five records, two mutexes, two conditions
-}
-
-std::string WithoutPointers(std::string line) {
-    const size_t nStart = line.find("0x");
-    const size_t nEnd = line.find_first_not_of("0123456789abcdefx", nStart);
-    return nStart == std::string::npos ? line : line.replace(nStart, nEnd - nStart, "P");
-}
-
-// Unless it stands at the end already.
-void AddWord(std::string &words, const std::string &word) {
-    if (words.size() <= word.size() || words.compare(words.size() - word.size() - 1, word.size(), word) != 0)
-        words += word + " ";
-}
-
-// Every step of making a task fails once.  The manager is whole afterwards: nothing leaks, and it
-// hands out a task that works.
-TEST(TaskFaults, NewTask) {
-    test::Watchdog watchdog;
-    LogCapture log;
-    for (const bool bReuse : {false, true}) {
-        std::string words; // what the lines before the last said, in order
-        for (unsigned n = 1, nHits = 1; nHits != 0; ++n) {
-            SCOPED_TRACE(n);
-            const long nBlocks = fault::LiveBlocks();
-            {
-                Diary diary;
-                Manager manager;
-                if (bReuse) manager.Park(manager.New(diary));
-                log.Clear();
-                HAppTask hTask = reinterpret_cast<HAppTask>(&log);
-                uint32_t dwCode = APP_OK;
-                {
-                    fault::Fail fail({Fn::malloc, Fn::pthread_mutex_init, Fn::pthread_cond_init, Fn::pthread_create},
-                                     n);
-                    dwCode = AppTaskMgrNewTask(manager.Get(), "t", 9, 0, 0, 0, Diary::Handle, &diary, &hTask);
-                    nHits = fail.Hits();
-                }
-                EXPECT_EQ(dwCode == APP_OK, hTask != nullptr);
-                const std::string append =
-                    Text("[ERROR] AppTaskMgrNewTask: AppDoubleListInsertAfter failed: %u P destroyed\n", dwCode);
-                const std::string create = Text("[ERROR] AppTaskMgrNewTask: _AppTaskCreate failed: %u\n", dwCode);
-                size_t nSaid = 0;
-                for (const std::string &line : log.Lines()) {
-                    nSaid += line == create || WithoutPointers(line) == append;
-                    if (WithoutPointers(line) == append) AddWord(words, "append");
-                }
-                EXPECT_EQ(nSaid, dwCode == APP_OK ? 0u : 1u);
-                for (const std::string &line : log.Lines())
-                    if (line.rfind("[ERROR] _AppTaskCreate: ", 0) == 0)
-                        AddWord(words, line.substr(24, line.find(' ', 24) - 24));
-                if (dwCode != APP_OK) hTask = manager.New(diary);
-                Send(hTask, 1);
-                diary.Await(bReuse ? "stop, user 1" : "user 1");
-            }
-            EXPECT_EQ(fault::LiveBlocks(), nBlocks);
-        }
-        EXPECT_EQ(words, bReuse ? "" // the task's node moves
-                                : "AppMemPoolMalloc AppMemPoolCreate AppLockCreate AppQueueCreate "
-                                  "_AppTimerMgrCreate _AppThreadCreate append ");
-    }
-}
-
-TEST(TaskFaults, SendsAndTimers) {
-    LogCapture log;
-    Diary diary;
-    Manager manager;
-    Busy busy(manager, diary);
-    HAppTask hTask = busy.hTask;
-    const std::string sendFails[] = {
-        "[ERROR] _AppTaskSendEvent: AppMemPoolMalloc failed\n",
-        "[ERROR] _AppQueueIn: AppMemPoolMalloc failed\n"
-        "[ERROR] _AppTaskSendEvent: AppQueueIn failed 104\n",
-    };
-    const std::string timerFails[] = {
-        "[ERROR] _AppTimerMgrNewTimer: AppMemPoolMalloc failed\n"
-        "[ERROR] AppTaskSetTimer: _AppTimerMgrNewTimer failed 104\n",
-        "[ERROR] AppDoubleListInsertAfter: AppMemPoolMalloc failed\n"
-        "[ERROR] _AppTimerMgrNewTimer: AppDoubleListInsertAfter failed: 104 P destroyed\n"
-        "[ERROR] AppTaskSetTimer: _AppTimerMgrNewTimer failed 101\n",
-    };
-    const auto sweep = [&](const std::string *lines, const std::function<uint32_t()> &operation) {
-        for (unsigned n = 1; n <= 2; ++n) {
-            const long nBlocks = fault::LiveBlocks();
-            log.Clear();
-            fault::Fail fail(Fn::malloc, n);
-            EXPECT_CODE(APP_NO_RESOURCE, operation());
-            EXPECT_EQ(fault::LiveBlocks(), nBlocks);
-            std::string text;
-            for (const std::string &line : log.Lines())
-                if (line.rfind("[ERROR] AppMemPoolMalloc: ", 0) != 0) // the pool's own
-                    text += WithoutPointers(line);
-            EXPECT_EQ(text, lines[n - 1]);
-        }
-    };
-    sweep(sendFails, [&] { return AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr); });
-    sweep(sendFails, [&] { return AppTaskAssignEvent(hTask, Arg(2), nullptr, nullptr); });
-    sweep(sendFails, [&] { return AppTaskTerminate(hTask); });
-    sweep(timerFails,
-          [&]() -> uint32_t { return AppTaskSetTimer(hTask, 1, nullptr, nullptr) ? APP_OK : APP_NO_RESOURCE; });
-    Send(hTask, 3);
-    EXPECT_NE(AppTaskSetTimer(hTask, 0, nullptr, nullptr), nullptr);
-    busy.Go();
-    diary.Await("timeout, user 3");
-}
 
 // A reused task whose queue still holds more than the new owner allows is ended, not handed out.
 TEST(TaskFaults, RefusedRefresh) {

@@ -17,7 +17,8 @@ app::WaitResult app::WaitForSocket(int nFd, uint32_t dwEvents, const Deadline &d
     struct epoll_event tEvent = {};
     tEvent.events = dwEvents;
     tEvent.data.fd = nFd;
-    epoll_ctl(epoll.Get(), EPOLL_CTL_ADD, nFd, &tEvent);
+    if (epoll_ctl(epoll.Get(), EPOLL_CTL_ADD, nFd, &tEvent) != 0)
+        return WaitResult::Failed; // nothing would end the wait before its time
     for (;;) {
         // A time-out beyond what epoll_wait() can express is waited for in several rounds.
         const int32_t nLeft = deadline.LeftMs(INT32_MAX);

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 #include <shared_mutex>
 
 #include "appcore/host.h"
+#include "support/exported.h"
 #include "utils/log.h"
 
 namespace {
@@ -44,6 +46,20 @@ int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...) {
 }
 
 namespace test {
+
+// A known tag, the name of one of the library's functions, one newline.
+static bool IsWellFormed(const std::string &line) {
+    const size_t nName = line.find("] ") + 2, nEnd = line.find(": ", nName);
+    static const std::string tags = "[INFO [ERROR[DEBUG[MEMDBG-1[MEMDBG-2";
+    return line[0] == '[' && nEnd != std::string::npos && tags.find(line.substr(0, nName - 2)) != std::string::npos &&
+           IsFunction(line.substr(nName, nEnd - nName)) && line.find('\n') == line.size() - 1;
+}
+
+std::string Masked(std::string line) {
+    for (size_t n = 0; (n = line.find("0x", n)) != std::string::npos; ++n)
+        if (const size_t nDigits = strspn(&line[n + 2], "0123456789abcdef")) line.replace(n, 2 + nDigits, "P");
+    return line;
+}
 
 std::string Text(const char *szFormat, ...) {
     va_list args;
@@ -101,6 +117,7 @@ void LogCapture::OnLine(std::function<void(const std::string &line)> console) {
 }
 
 void LogCapture::Add(const std::string &line) {
+    EXPECT_TRUE(line[0] != '[' || IsWellFormed(line)) << line;
     std::unique_lock<std::mutex> guard(m_mutex);
     m_lines.push_back(line);
     const auto console = m_console;

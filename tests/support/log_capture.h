@@ -24,7 +24,11 @@ namespace test {
 // printf into a string.
 std::string Text(const char *szFormat, ...) APP_PRINTF(1, 2);
 
-// One at a time.  Collects from every thread.
+// Addresses become "P"; "0xFF" is none.
+std::string Masked(std::string line);
+
+// One at a time.  Checks that each line with a tag has one that is known, the name of a function
+// and one newline.  Collects from every thread.
 class LogCapture {
 public:
     // `byThreshold` becomes channel 0's threshold for the capture's life.
