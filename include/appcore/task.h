@@ -88,17 +88,17 @@ APP_API uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask,
  * timers reach their handlers with ::APP_TASK_EVENT_TIMER_CANCEL and the events still queued theirs
  * with ::APP_TASK_EVENT_DROP, task by task, in the calling thread and with no lock held.  Only then
  * is anything released: until this returns, handlers may use every task of the manager that was
- * valid when it was called, and its report; the sends and timers of a task that has left are refused
- * with their line.  Needs no memory.  When it returns, no thread touches the manager, its pool or
- * any of its records.
- * @param hTaskMgr null does nothing; beside the handlers, no other thread may use the manager or its
- *                 tasks any more
+ * valid when it was called, and its report; the sends and timers of a task that has left are
+ * refused with their line.  Needs no memory.  When it returns, no thread touches the manager, its
+ * pool or any of its records.
+ * @param hTaskMgr null does nothing; beside the handlers, no other thread may use the manager or
+ * its tasks any more
  */
 APP_API void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr);
 
 /**
- * Hands out a task: the one that went idle last, or a new one with a thread of its own.  Reuse needs
- * no memory but for the name; without it the task has none.
+ * Hands out a task: the one that went idle last, or a new one with a thread of its own.  Reuse
+ * needs no memory but for the name; without it the task has none.
  * @param hTaskMgr      the manager
  * @param szTaskName    name, copied; the thread bears its first 15 characters; may be null
  * @param dwMaxEvent    most waiting events; 0 is ::APP_QUEUE_DEFAULT_MAX for a new task and no
@@ -134,9 +134,9 @@ APP_API uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName,
  * states, queues, timers and last events.  Waits at most a second for the manager's lock and
  * reports only the header without it.
  * @param hTaskMgr  null hands nothing over
- * @param pfnShow   receives the text in pieces, the manager's lock held but no task's and no pool's:
- *                  it may send to tasks and set timers, but must neither create a task nor report or
- *                  destroy the manager; null drops the text
+ * @param pfnShow   receives the text in pieces, the manager's lock held but no task's and no
+ * pool's: it may send to tasks and set timers, but must neither create a task nor report or destroy
+ * the manager; null drops the text
  * @param pvContext handed to `pfnShow`
  */
 APP_API void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext);
