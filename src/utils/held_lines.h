@@ -47,7 +47,7 @@ public:
 
 private:
     THeldLine *m_ptFirst = nullptr;
-    THeldLine *m_ptLast; // with m_ptFirst only
+    THeldLine *m_ptLast = nullptr;
 };
 
 // For a scope in which a callback runs: what it logs is its own affair and printed at once.
