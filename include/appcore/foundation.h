@@ -94,7 +94,9 @@ APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
  *
  * A message that does not pass the threshold costs one comparison.  The text is formatted in 5120
  * bytes on the caller's stack; a longer one keeps its first 5118 characters and a newline.  No tag,
- * stamp or newline is added.  Failures of the console and of standard output are ignored.
+ * stamp or newline is added.  Failures of the console and of standard output are ignored.  The
+ * lines of the library itself that arise while it holds a lock are printed once the lock has been
+ * given.
  *
  * Stack of the caller, with the console's stand-in: 8 KiB; 10 KiB with floating-point values, 13
  * KiB for the line that tells a file's loss (see AppSetFileLog()), and 9 KiB more while standard

@@ -21,6 +21,10 @@ extern "C" {
  * thread, on that thread's stack.  Stand-in: standard error, with one write() a text, past stdio;
  * what a full descriptor that does not block refuses is lost.  A text of another format than "%s"
  * is cut to 511 characters.
+ *
+ * Called with no lock of the library held, so it may take its time, and may call the library.  The
+ * lines that this causes reach it too, from within itself; those which these cause in turn go to
+ * standard output and the log file only, so that a console which uses a full pool comes to an end.
  * @param nFlag1   always 1
  * @param nFlag2   always 0
  * @param szFormat printf format, always "%s"
