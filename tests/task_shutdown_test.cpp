@@ -137,34 +137,6 @@ TEST_F(TaskShutdown, TheExitLockIsTheLastTouch) {
     stall.Open();
 }
 
-// Reused, but destroyed before the thread has seen the refresh: the refresh is dropped, and the
-// drop notices that follow must not find a task that admits work.
-TEST_F(TaskShutdown, ADroppedRefreshRevivesNothing) {
-    Door door;
-    std::vector<uint32_t> codes;
-    Diary hold([&](const Diary::Call &) { door.Pass(); });
-    Diary diary([&](const Diary::Call &call) {
-        if (call.dwType == APP_TASK_EVENT_DROP) {
-            codes.push_back(AppTaskAssignEvent(call.hTask, Arg(2), nullptr, nullptr));
-            codes.push_back(AppTaskSetTimer(call.hTask, 1, nullptr, nullptr) != nullptr);
-        }
-    });
-    Manager manager;
-    HAppTask hTask = manager.New(diary);
-    manager.Park(hTask);
-    const TAppTaskEvent event = {APP_TASK_EVENT_USER, nullptr, Diary::Handle, &hold};
-    EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &event, 0, 1));
-    door.AwaitVisitor();
-    EXPECT_EQ(manager.New(diary), hTask);
-    EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
-    {
-        Destroyer destroyer(manager);
-        door.Open();
-    }
-    EXPECT_EQ(diary.Text(), "stop, drop 1");
-    EXPECT_EQ(codes, (std::vector<uint32_t>{APP_INVALID_ARG, 0}));
-}
-
 // With an exhausted pool a waiting idle task is handed out, and eight waiting tasks end, at once: none
 // of it may wait until a thread wakes by itself, after up to five seconds.  Nor does a handler that
 // sends to itself hold back the end.
@@ -274,10 +246,10 @@ TEST_F(TaskShutdown, ATimerThatFallsBehindHoldsNothingBack) {
     EXPECT_LE(nAtStop, nAtEvent + 6);
 
     EXPECT_EQ(manager.New(behind), hTask);
-    AppTaskSetTimer(hTask, 0, nullptr, nullptr);
+    for (int i = 0; i < 200; ++i) AppTaskSetTimer(hTask, 0, nullptr, nullptr); // four seconds' worth
     EXPECT_TRUE(test::WaitUntil([&] { return nExpiries > nAtStop; }));
     { Destroyer destroyer(manager); }
-    EXPECT_LE(nExpiries, nAtStop + 20); // how many come before the destruction begins is open
+    EXPECT_LE(nExpiries, nAtStop + 100); // how many come before the destruction begins is open
 }
 
 // A cancel keeps the record while it is in its handler.

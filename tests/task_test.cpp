@@ -315,12 +315,32 @@ TEST(TaskEvents, InternalRequestsRefuseWhatIsNotTheirs) {
                      "[ERROR] _AppTaskGoForTerminateHandler: Invalid call. task state RUNNING event type 3\n",
                      "[ERROR] _AppTaskGoForTerminateHandler: Invalid call. task state RUNNING event type 2\n"});
     _AppTaskRefreshHandler(nullptr, 0, nullptr, nullptr);
+    manager.Park(hTask); // nothing revives it but a new owner
+    _AppTaskRefreshHandler(hTask, 0, nullptr, nullptr);
+    EXPECT_EQ(StateOf(hTask), APP_TASK_STATE_IDLE);
     _AppTaskDropEventCB(nullptr, hTask);
     _AppTaskDropEventCB(&diary, nullptr);
     _AppTaskDestroy(nullptr);
     EXPECT_EQ(AppTask(nullptr), nullptr);
     log.ExpectNone();
-    EXPECT_EQ(diary.Text(), "");
+    EXPECT_EQ(diary.Text(), "stop");
+}
+
+// The wait has expired, and an event comes before the thread looks at the time-out.
+TEST(TaskEvents, AnEventBeatsTheIdleTimeOut) {
+    LogCapture log;
+    Diary diary;
+    Manager manager;
+    HAppTask hTask = manager.New(diary, {"task", 9, 100});
+    EXPECT_TRUE(test::WaitUntil([&] { return StateOf(hTask) == APP_TASK_STATE_RUNNING; }));
+    {
+        app::LockGuard guard(hTask->hLock);
+        AppDelay(500); // the first wait takes 300 ms
+        const TAppTaskEvent event = {APP_TASK_EVENT_USER, Arg(1), nullptr, nullptr};
+        EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &event, 0, 0));
+    }
+    EXPECT_TRUE(test::WaitUntil([&] { return diary.Calls().size() > 0; }));
+    EXPECT_EQ(diary.Text().substr(0, 6), "user 1");
 }
 
 // A console may be slow, and may call the library: no line is printed while a lock is held.  This one
@@ -686,30 +706,30 @@ TEST(TaskReport, ShowsTasksTimersAndPools) {
     busy.Go();
 }
 
-// A slow callback holds up nobody who sends to the task whose timers it shows.
+// A slow callback holds up nobody who sends to the task whose timers it shows, nor who cancels them.
 TEST(TaskReport, ItsCallbackRunsWithoutATasksLock) {
     LogCapture log;
     Diary diary;
     Manager manager;
     Busy busy(manager, diary);
-    std::vector<HAppTimer> timers;
-    for (int i = 0; i < 100; ++i) timers.push_back(AppTaskSetTimer(busy.hTask, 99999, nullptr, nullptr));
     struct Reader {
         HAppTask hTask;
-        HAppTimer *pLast;
+        std::vector<HAppTimer> timers;
         std::string text;
-    } reader = {busy.hTask, &timers.back(), ""};
+    } reader = {busy.hTask, {}, ""};
+    for (int i = 0; i < 100; ++i) reader.timers.push_back(AppTaskSetTimer(busy.hTask, 99999, nullptr, nullptr));
     AppTaskMgrShow(
         manager.Get(),
         [](const char *szText, void *pvReader) {
             auto ptReader = static_cast<Reader *>(pvReader);
-            ptReader->text += szText;
             EXPECT_CODE(APP_OK, AppTaskSendEvent(ptReader->hTask, nullptr, nullptr, nullptr));
-            AppTaskCancelTimer(*ptReader->pLast--); // where the report goes on may be gone
-            AppTaskSetTimer(ptReader->hTask, 88888, nullptr, nullptr);
+            if (ptReader->text.find("Timer(") == std::string::npos && strstr(szText, "Timer("))
+                for (size_t i = 30; i < 100; ++i) AppTaskCancelTimer(ptReader->timers[i]); // where it goes on, too
+            ptReader->text += szText;
         },
         &reader);
-    for (int i = 0; i < 60; ++i) EXPECT_NE(reader.text.find(Text("Timer(%p)", Ptr(timers[i]))), std::string::npos);
+    for (size_t i : {0u, 29u}) EXPECT_NE(reader.text.find(Text("Timer(%p)", Ptr(reader.timers[i]))), std::string::npos);
+    EXPECT_EQ(reader.text.find(Text("Timer(%p)", Ptr(reader.timers[40]))), std::string::npos);
     busy.Go();
 }
 

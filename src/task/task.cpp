@@ -125,9 +125,8 @@ uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t d
     ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
     ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    // The thread may be between a wait that has ended and its look at the idle time-out: for the
-    // new owner that time-out runs from now.
-    ptTask->dwLastEventTick = AppGetTick();
+    // Until the thread has served this it sends the task neither idle nor to its end: the new
+    // owner's idle time-out runs from there.
     app::Request(ptTask, APP_TASK_REQUEST_REFRESH);
     return APP_OK;
 }
