@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 #include "cross_linux/cross_linux.h"
 #include "mempool/mempool.h"
 #include "support/fault.h"
@@ -348,11 +350,17 @@ TEST(TaskEvents, AnEventBeatsTheIdleTimeOut) {
 TEST(TaskEvents, LinesArePrintedAfterTheLocks) {
     test::Watchdog watchdog;
     LogCapture log(APP_LOG_DEBUG);
-    Diary diary;
+    Diary diary([](const Diary::Call &call) {
+        if (call.dwType == APP_TASK_EVENT_STOP) AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: its own line\n", "AppTask");
+    });
     Manager manager(3, 0, 1 << 20);
     Busy busy(manager, diary, {"busy", 1});
     HAppTask hParked = manager.New(diary);
     manager.Park(hParked);
+    const std::vector<std::string> lines = log.Lines(); // a handler's line follows those before its call
+    const auto at = [&](const std::string &line) { return std::find(lines.begin(), lines.end(), line); };
+    EXPECT_LT(at(Text("[DEBUG] _AppTaskGoForIdleHandler: task %p go on state IDLE\n", Ptr(hParked))),
+              at("[DEBUG] AppTask: its own line\n"));
     std::atomic<int> nLines{0};
     log.OnLine([&](const std::string &line) {
         ++nLines;
