@@ -382,7 +382,7 @@ TEST(TaskEvents, LinesArePrintedAfterTheLocks) {
     _AppTaskGoForIdleHandler(hParked, APP_TASK_EVENT_DROP, nullptr, nullptr);
     _AppTaskGoForTerminateHandler(busy.hTask, APP_TASK_EVENT_DROP, nullptr, nullptr);
     EXPECT_EQ(manager.New(diary), hParked);
-    manager.New(diary);
+    manager.New(diary, {std::string(300, 'n').c_str()}); // a long line
     for (uint32_t dwSize = 1024; dwSize != 0; dwSize /= 2)
         while (AppMemPoolMalloc(manager.Pool(), dwSize)) {}
     HAppTask hNone = nullptr;
@@ -723,14 +723,19 @@ TEST(TaskReport, ItsCallbackRunsWithoutATasksLock) {
     struct Reader {
         HAppTask hTask;
         std::vector<HAppTimer> timers;
-        std::string text;
-    } reader = {busy.hTask, {}, ""};
+        LogCapture &log;
+        std::string text = "";
+        size_t nCalls = 0;
+    } reader = {busy.hTask, {}, log};
+    log.Clear();
     for (int i = 0; i < 100; ++i) reader.timers.push_back(AppTaskSetTimer(busy.hTask, 99999, nullptr, nullptr));
     AppTaskMgrShow(
         manager.Get(),
         [](const char *szText, void *pvReader) {
             auto ptReader = static_cast<Reader *>(pvReader);
             EXPECT_CODE(APP_OK, AppTaskSendEvent(ptReader->hTask, nullptr, nullptr, nullptr));
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: %s\n", "AppTask", "its own line"); // printed at once
+            EXPECT_EQ(ptReader->log.Lines().size(), ++ptReader->nCalls);
             if (ptReader->text.find("Timer(") == std::string::npos && strstr(szText, "Timer("))
                 for (size_t i = 30; i < 100; ++i) AppTaskCancelTimer(ptReader->timers[i]); // where it goes on, too
             ptReader->text += szText;
