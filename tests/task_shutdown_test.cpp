@@ -235,6 +235,8 @@ TEST_F(TaskShutdown, ATimerThatFallsBehindHoldsNothingBack) {
             AppDelay(20);
         }
         if (call.pvArg == Arg(1)) nAtEvent = nExpiries;
+        for (int i = 0; call.pvArg == Arg(2) && i < 200; ++i) // four seconds' worth
+            AppTaskSetTimer(call.hTask, 0, nullptr, nullptr);
         if (call.dwType == APP_TASK_EVENT_STOP) nAtStop = nExpiries;
     });
     Manager manager;
@@ -246,7 +248,7 @@ TEST_F(TaskShutdown, ATimerThatFallsBehindHoldsNothingBack) {
     EXPECT_LE(nAtStop, nAtEvent + 6);
 
     EXPECT_EQ(manager.New(behind), hTask);
-    for (int i = 0; i < 200; ++i) AppTaskSetTimer(hTask, 0, nullptr, nullptr); // four seconds' worth
+    EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(2), nullptr, nullptr));
     EXPECT_TRUE(test::WaitUntil([&] { return nExpiries > nAtStop; }));
     { Destroyer destroyer(manager); }
     EXPECT_LE(nExpiries, nAtStop + 100); // how many come before the destruction begins is open
