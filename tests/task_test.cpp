@@ -3,10 +3,8 @@
 
 #include "cross_linux/cross_linux.h"
 #include "mempool/mempool.h"
-#include "support/fault.h"
 #include "support/log_capture.h"
 #include "support/tasks.h"
-#include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 #include "utils/queue.h"
@@ -284,30 +282,6 @@ TEST_F(TaskEvents, ASendGivesUpAfterASecond) {
     }
     Send(hTask, 2);
     diary.Await("user 2");
-}
-
-// A wait expires just before an idle task is taken: for the new owner the idle time-out runs from
-// its taking.
-TEST_F(TaskEvents, ReuseBeatsAWaitThatHasExpired) {
-    std::atomic<int> nLooks{0};
-    const std::function<void()> count = [&] { ++nLooks; };
-    Diary looks([&](const Diary::Call &call) {
-        if (call.dwType == APP_TASK_EVENT_STOP) test::LookOften(call.hTask, &count);
-    });
-    Manager many;
-    HAppTask hTask = many.New(looks);
-    many.Park(hTask);
-    {
-        app::LockGuard guard(hTask->hLock);
-        hTask->dwLastEventTick = AppGetTick() - 10000; // parked 100 s ago
-    }
-    HAppTask hAgain = nullptr;
-    ASSERT_CODE(APP_OK, AppTaskMgrNewTask(many.Get(), "t", 9, 0, 0, 50000, Diary::Handle, &looks, &hAgain));
-    EXPECT_EQ(hAgain, hTask);
-    const int nBefore = nLooks.load();
-    EXPECT_TRUE(test::WaitUntil([&] { return nLooks.load() > nBefore + 3; }));
-    Send(hTask, 1);
-    looks.Await("stop, user 1");
 }
 
 // ---- Timers -----------------------------------------------------------------------------------

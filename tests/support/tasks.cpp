@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "support/tasks.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-
 #include "cross_linux/cross_linux.h"
-#include "utils/lock_guard.h"
-#include "utils/log.h"
 
 namespace test {
 
@@ -82,15 +77,6 @@ void LookOften(HAppTask hTask, const std::function<void()> *pOnLook) {
                                              &hTimer));
 }
 
-Ledger::Entry &Ledger::NewEntry() {
-    const size_t nEntry = m_nUsed++;
-    if (nEntry >= m_entries.size()) {
-        fprintf(stderr, "the ledger is too short\n");
-        abort();
-    }
-    return m_entries[nEntry];
-}
-
 uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger) {
     EXPECT_LE(dwType - 1, 2u) << "not a user's event, a drop or a stop";
     EXPECT_EQ(pvEntry == nullptr, dwType == APP_TASK_EVENT_STOP);
@@ -122,11 +108,6 @@ HAppTimer Ledger::Set(HAppTask hTask, uint32_t dwTimeout) {
 
 void Ledger::ExpectBalance() const {
     for (size_t i = 0; i < m_nUsed; ++i) EXPECT_EQ(m_entries[i].dwTold, m_entries[i].dwAccepted) << "entry " << i;
-}
-
-bool Destroyer::IsQuitting(HAppTaskMgr hTaskMgr) {
-    app::LockGuard guard(hTaskMgr->hLock);
-    return hTaskMgr->bQuit == 1;
 }
 
 } // namespace test

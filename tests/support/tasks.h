@@ -16,6 +16,7 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "task/task.h"
+#include "utils/lock_guard.h"
 
 namespace test {
 
@@ -172,7 +173,7 @@ private:
         std::atomic<uint32_t> dwAccepted{0}, dwTold{0};
     };
     static uint32_t HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry);
-    Entry &NewEntry();
+    Entry &NewEntry() { return m_entries.at(m_nUsed++); }
 
     std::vector<Entry> m_entries;
     std::atomic<size_t> m_nUsed{0};
@@ -189,7 +190,10 @@ public:
             manager.Destroy();
             m_bDone = true;
         });
-        EXPECT_TRUE(WaitUntil([&] { return IsQuitting(hTaskMgr); }));
+        EXPECT_TRUE(WaitUntil([&] {
+            app::LockGuard guard(hTaskMgr->hLock);
+            return hTaskMgr->bQuit == 1;
+        }));
     }
     ~Destroyer() { m_thread.join(); }
     // Gives a destruction that does not wait as it should the time to show it.
@@ -198,8 +202,6 @@ public:
     }
 
 private:
-    static bool IsQuitting(HAppTaskMgr hTaskMgr);
-
     std::atomic<bool> m_bDone{false};
     std::thread m_thread;
 };
