@@ -218,6 +218,10 @@ TEST(Socket, ConnectNamesTheCause) {
         EXPECT_EQ(peer.dwIpv4, kLoopback.dwIpv4);
     }
     AppSocketDestroy(hSocket);
+    fault::Fail atOnce(Fn::connect, 1, ENETUNREACH);
+    EXPECT_EQ(listener.Connect(), nullptr);
+    log.ExpectLines(
+        {Text("[ERROR] %s: connect failed %d %s\n", "_AppSocketTCPConnect", ENETUNREACH, strerror(ENETUNREACH))});
 }
 
 // A listener that takes no more connections is as silent as a host that is not there.
@@ -252,21 +256,6 @@ TEST(Socket, ConnectRefusesToMeetItself) {
     HAppSocket hService = AppSocketCreate(nullptr, APP_SOCKET_TCP, 0);
     EXPECT_CODE(APP_OK, AppSocketBind(hService, &kLoopback, tAddr.sin_port, 0)) << "the port is free again";
     AppSocketDestroy(hService);
-}
-
-// A refused descriptor fails at once, not after the time-out.
-TEST(Socket, RefusedDescriptor) {
-    fault::Fail refused(Fn::socket, 1, EMFILE);
-    HAppSocket hSocket = AppSocketCreate(nullptr, APP_SOCKET_TCP, 0);
-    LogCapture log;
-    char achBuf[8];
-    uint32_t dwLen = sizeof(achBuf);
-    fault::Fail noWait(Fn::epoll_wait, 1, EIO, 1000);
-    EXPECT_EQ(AppSocketTCPSend(hSocket, "x", 1, kLong), -1);
-    EXPECT_EQ(AppSocketTCPRecv(hSocket, achBuf, &dwLen, kLong), -1);
-    EXPECT_EQ(noWait.Calls(), 0u);
-    EXPECT_EQ(log.Lines().size(), 2u);
-    AppSocketDestroy(hSocket);
 }
 
 // The group is that of one interface, for joining and for sending.

@@ -325,7 +325,9 @@ TEST_F(TaskTimers, CancelResetAndRemainingTime) {
     TAppTimerMgr lonely = {};
     TAppTimer noTask = {};
     noTask.ptTimerMgr = &lonely;
+    log.Clear();
     EXPECT_CODE(APP_INVALID_ARG, AppTaskResetTimer(&noTask));
+    log.ExpectLines({"[ERROR] AppTaskResetTimer: Invalid Arg\n"});
 }
 
 // A cancel that comes late reads the record of a timer that is being reused.
