@@ -1,60 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "support/tasks.h"
 
-#include <dirent.h>
-#include <execinfo.h>
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include "cross_linux/cross_linux.h"
-#include "utils/lock_guard.h"
-#include "utils/log.h"
 
 namespace test {
 
 namespace {
 
 std::string Word(const Diary::Call &call) {
-    const std::string number = std::to_string(reinterpret_cast<uintptr_t>(call.pvArg));
-    switch (call.dwType) {
-    case APP_TASK_EVENT_USER:
-        return "user " + number;
-    case APP_TASK_EVENT_DROP:
-        return "drop " + number;
-    case APP_TASK_EVENT_STOP:
-        return call.pvArg ? "stop with " + number : "stop";
-    case APP_TASK_EVENT_TIMEOUT:
-        return "timeout";
-    case APP_TASK_EVENT_TIMER_CANCEL:
-        return "cancel";
-    default:
-        return "type " + std::to_string(call.dwType);
-    }
-}
-
-std::atomic<int> s_nPrinted{0};
-
-void PrintStack(int) {
-    void *apvFrames[64];
-    backtrace_symbols_fd(apvFrames, backtrace(apvFrames, 64), STDERR_FILENO);
-    ++s_nPrinted;
-}
-
-// One after the other, so that the stacks do not mix.
-void PrintAllStacks() {
-    signal(SIGUSR2, PrintStack);
-    DIR *ptDir = opendir("/proc/self/task");
-    while (const dirent *ptEntry = ptDir ? readdir(ptDir) : nullptr) {
-        const int nThreadId = atoi(ptEntry->d_name);
-        if (nThreadId <= 0 || nThreadId == _AppThreadGetTID()) continue;
-        fprintf(stderr, "---- thread %d\n", nThreadId);
-        const int nBefore = s_nPrinted.load();
-        syscall(SYS_tgkill, getpid(), nThreadId, SIGUSR2);
-        for (int i = 0; i < 1000 && s_nPrinted.load() == nBefore; ++i) usleep(1000);
-    }
+    static const char *const names[] = {"type 0", "user", "drop", "stop", "timeout", "cancel"};
+    const std::string name = call.dwType < 6 ? names[call.dwType] : "type " + std::to_string(call.dwType);
+    const bool bNumber = call.dwType <= APP_TASK_EVENT_DROP || (call.dwType == APP_TASK_EVENT_STOP && call.pvArg);
+    return bNumber ? name + " " + std::to_string(reinterpret_cast<uintptr_t>(call.pvArg)) : name;
 }
 
 } // namespace
@@ -120,15 +77,6 @@ void LookOften(HAppTask hTask, const std::function<void()> *pOnLook) {
                                              &hTimer));
 }
 
-Ledger::Entry &Ledger::NewEntry() {
-    const size_t nEntry = m_nUsed++;
-    if (nEntry >= m_entries.size()) {
-        fprintf(stderr, "the ledger is too short\n");
-        abort();
-    }
-    return m_entries[nEntry];
-}
-
 uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger) {
     EXPECT_LE(dwType - 1, 2u) << "not a user's event, a drop or a stop";
     EXPECT_EQ(pvEntry == nullptr, dwType == APP_TASK_EVENT_STOP);
@@ -160,29 +108,6 @@ HAppTimer Ledger::Set(HAppTask hTask, uint32_t dwTimeout) {
 
 void Ledger::ExpectBalance() const {
     for (size_t i = 0; i < m_nUsed; ++i) EXPECT_EQ(m_entries[i].dwTold, m_entries[i].dwAccepted) << "entry " << i;
-}
-
-bool Destroyer::IsQuitting(HAppTaskMgr hTaskMgr) {
-    app::LockGuard guard(hTaskMgr->hLock);
-    return hTaskMgr->bQuit == 1;
-}
-
-Watchdog::Watchdog(std::chrono::seconds limit)
-    : m_thread([this, limit] {
-          std::unique_lock<std::mutex> lock(m_mutex);
-          if (m_changed.wait_for(lock, limit * (Scaled(20) == 1 ? 4 : 1), [this] { return m_bDone; })) return;
-          fprintf(stderr, "the test hangs; its threads:\n");
-          PrintAllStacks();
-          abort();
-      }) {}
-
-Watchdog::~Watchdog() {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_bDone = true;
-        m_changed.notify_all();
-    }
-    m_thread.join();
 }
 
 } // namespace test

@@ -5,6 +5,8 @@
 #ifndef APPCORE_TESTS_SUPPORT_TASKS_H
 #define APPCORE_TESTS_SUPPORT_TASKS_H
 
+#include <unistd.h>
+
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -14,20 +16,29 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "task/task.h"
+#include "utils/lock_guard.h"
 
 namespace test {
 
 // Arguments of events are small numbers.
 inline void *Arg(uintptr_t nValue) { return reinterpret_cast<void *>(nValue); }
 
-// Closed at first.  Whoever passes waits until it is opened.
+// Closed at first.  Whoever passes waits until it is opened.  The end opens it and waits until all have passed.
 class Door {
 public:
+    ~Door() {
+        Open();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_nInside == 0; });
+    }
     void Pass() {
         std::unique_lock<std::mutex> lock(m_mutex);
         ++m_nArrived;
+        ++m_nInside;
         m_changed.notify_all();
         m_changed.wait(lock, [this] { return m_bOpen; });
+        --m_nInside;
+        m_changed.notify_all();
     }
     void AwaitVisitor(int nVisitors = 1) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -42,7 +53,7 @@ public:
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    int m_nArrived = 0;
+    int m_nArrived = 0, m_nInside = 0;
     bool m_bOpen = false;
 };
 
@@ -73,10 +84,6 @@ public:
         (void)WaitUntil([&] { return Text() == text; }, std::chrono::seconds(20));
         EXPECT_EQ(Text(), text);
     }
-    void Clear() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_calls.clear();
-    }
 
 private:
     mutable std::mutex m_mutex;
@@ -95,7 +102,6 @@ public:
     }
     ~Stall() { m_door.Open(); }
     void AwaitVisitor() { m_door.AwaitVisitor(); }
-    bool WasVisited() const { return m_bUsed.load(); }
     void Open() { m_door.Open(); }
 
 private:
@@ -167,7 +173,7 @@ private:
         std::atomic<uint32_t> dwAccepted{0}, dwTold{0};
     };
     static uint32_t HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry);
-    Entry &NewEntry();
+    Entry &NewEntry() { return m_entries.at(m_nUsed++); }
 
     std::vector<Entry> m_entries;
     std::atomic<size_t> m_nUsed{0};
@@ -184,7 +190,10 @@ public:
             manager.Destroy();
             m_bDone = true;
         });
-        EXPECT_TRUE(WaitUntil([&] { return IsQuitting(hTaskMgr); }));
+        EXPECT_TRUE(WaitUntil([&] {
+            app::LockGuard guard(hTaskMgr->hLock);
+            return hTaskMgr->bQuit == 1;
+        }));
     }
     ~Destroyer() { m_thread.join(); }
     // Gives a destruction that does not wait as it should the time to show it.
@@ -193,23 +202,14 @@ public:
     }
 
 private:
-    static bool IsQuitting(HAppTaskMgr hTaskMgr);
-
     std::atomic<bool> m_bDone{false};
     std::thread m_thread;
 };
 
-// Prints the stacks of all threads and aborts when its scope lasts too long.
-class Watchdog {
-public:
-    explicit Watchdog(std::chrono::seconds limit = std::chrono::seconds(100));
-    ~Watchdog();
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_bDone = false;
-    std::thread m_thread;
+// Ends a program that hangs.
+struct Watchdog {
+    Watchdog() { alarm(Scaled(20) == 1 ? 400 : 100); }
+    ~Watchdog() { alarm(0); }
 };
 
 } // namespace test
