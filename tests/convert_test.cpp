@@ -109,7 +109,7 @@ TEST(NetAddr, ReadsAndWritesIntoEverySize) {
         ASSERT_CODE(APP_OK, AppConvertStrtoNet(text.c_str(), &addr));
         EXPECT_EQ(memcmp(&addr, &wanted, sizeof(addr)), 0) << text;
         for (const size_t nRoom : {size_t{64}, text.size() + 1, text.size()}) {
-            char achText[64];
+            char achText[65];
             achText[nRoom] = '#';
             const bool bFits = nRoom > text.size();
             EXPECT_CODE(bFits ? APP_OK : APP_FAILED, AppConvertNettoStr(&addr, achText, static_cast<uint32_t>(nRoom)));
