@@ -78,31 +78,21 @@ private:
 
 TEST(Lock, CountsStayBetweenZeroAndTheCeiling) {
     const auto hUntouched = reinterpret_cast<HAppLock>(16);
-    struct {
-        uint32_t dwMax, dwInit, dwType, dwResult, dwUnits;
-    } const rows[] = {
-        {0, 0, APP_LOCK_TYPE_SEM, APP_INVALID_ARG, 0},
-        {0, 0, APP_LOCK_TYPE_RECURSIVE, APP_INVALID_ARG, 0},
-        {2, 1, APP_LOCK_TYPE_RECURSIVE, APP_INVALID_ARG, 0},
-        {1, 1, APP_LOCK_TYPE_SEM, APP_OK, 1},
-        {3, 5, APP_LOCK_TYPE_SEM, APP_OK, 3},
-        {3, 0, APP_LOCK_TYPE_SEM, APP_OK, 0},
-        {5, 2, 7, APP_OK, 2}, // any other type
-        {4294967295u, 2, APP_LOCK_TYPE_SEM, APP_OK, 2},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(Text("max %u init %u type %u", row.dwMax, row.dwInit, row.dwType));
-        HAppLock hLock = hUntouched;
-        ASSERT_CODE(row.dwResult, AppLockCreate(nullptr, row.dwMax, row.dwInit, row.dwType, &hLock));
-        if (row.dwResult != APP_OK) {
-            EXPECT_EQ(hLock, hUntouched);
-            continue;
-        }
-        EXPECT_EQ(CountUnits(hLock), row.dwUnits);
-        for (int i = 0; i < 5; ++i) EXPECT_CODE(APP_OK, AppLockGive(hLock)); // absorbed at the ceiling
-        EXPECT_EQ(CountUnits(hLock), std::min(row.dwUnits + 5, row.dwMax));
-        AppLockDestroy(hLock);
-    }
+    for (const uint32_t dwType : {uint32_t{APP_LOCK_TYPE_RECURSIVE}, uint32_t{APP_LOCK_TYPE_SEM}, 7u}) // any other type
+        for (const uint32_t dwMax : {0u, 1u, 2u, 4294967295u})
+            for (const uint32_t dwInit : {0u, 1u, 2u, 5u}) {
+                SCOPED_TRACE(Text("max %u init %u type %u", dwMax, dwInit, dwType));
+                HAppLock hLock = hUntouched;
+                const bool bGood = dwMax == 1 || (dwMax > 1 && dwType != APP_LOCK_TYPE_RECURSIVE);
+                EXPECT_CODE(bGood ? APP_OK : APP_INVALID_ARG, AppLockCreate(nullptr, dwMax, dwInit, dwType, &hLock));
+                EXPECT_EQ(hLock == hUntouched, !bGood);
+                if (bGood && dwType != APP_LOCK_TYPE_RECURSIVE) {
+                    EXPECT_EQ(CountUnits(hLock), std::min(dwInit, dwMax));
+                    for (int i = 0; i < 5; ++i) EXPECT_CODE(APP_OK, AppLockGive(hLock)); // absorbed at the ceiling
+                    EXPECT_EQ(CountUnits(hLock), std::min(std::min(dwInit, dwMax) + 5, dwMax));
+                }
+                if (bGood) AppLockDestroy(hLock);
+            }
 }
 
 // 1200 ms is beyond the slice in which the library sleeps.
@@ -152,10 +142,6 @@ TEST(Lock, RecursiveIsGivenAsOftenAsTaken) {
     })
         .join();
     AppLockGive(hLock);
-    std::thread([&] {
-        EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1000));
-        AppLockGive(hLock);
-    }).join();
     AppLockDestroy(hLock);
 }
 
@@ -224,13 +210,12 @@ TEST(Lock, ExcludesEightThreads) {
     constexpr unsigned kTakes = test::Scaled(1000000) / kThreads;
     for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
         HAppLock hLock = CreateLock(1, 1, dwType);
-        unsigned nInside = 0, nSum = 0, nMissed = 0; // guarded by the lock
+        unsigned nInside = 0, nSum = 0; // guarded by the lock
+        std::atomic<unsigned> nMissed{0};
         test::RunThreads(kThreads, [&](unsigned nThread) {
-            unsigned nTimeouts = 0;
             for (unsigned i = 0; i < kTakes; ++i) {
-                const uint32_t dwTimeout = (i + nThread) % 3 ? 0 : 1;
-                if (AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
-                    ++nTimeouts;
+                if (AppLockTakeByTime(hLock, (i + nThread) % 3 ? 0 : 1) != APP_OK) {
+                    ++nMissed;
                     continue;
                 }
                 if (dwType == APP_LOCK_TYPE_RECURSIVE && i % 16 == 0) {
@@ -242,9 +227,6 @@ TEST(Lock, ExcludesEightThreads) {
                 --nInside;
                 AppLockGive(hLock);
             }
-            AppLockTakeByTime(hLock, 0);
-            nMissed += nTimeouts;
-            AppLockGive(hLock);
         });
         EXPECT_EQ(nSum + nMissed, kThreads * kTakes);
         EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1)); // free again
@@ -256,13 +238,8 @@ TEST(Lock, ExcludesEightThreads) {
 // ---- Ticks and delays -----------------------------------------------------------------------
 
 TEST(Tick, CountsTenMilliseconds) {
-    struct {
-        uint32_t dwStart, dwEnd, dwDiff;
-    } const rows[] = {{5, 5, 0}, {0xFFFFFFF0, 0x10, 32}, {10, 5, 4294967291u}, {1, 4, 3}};
-    for (const auto &row : rows) EXPECT_EQ(AppTickDiff(row.dwStart, row.dwEnd), row.dwDiff);
-    EXPECT_EQ(AppConvertTickToMS(100), 1000u);
+    EXPECT_EQ(AppTickDiff(0xFFFFFFF0, 0x10), 32u);
     EXPECT_EQ(AppConvertTickToMS(0x1999999A), 4u);
-
     const auto before = steady_clock::now();
     const uint32_t dwStart = AppGetTick();
     const auto start = steady_clock::now();
@@ -277,8 +254,7 @@ TEST(Tick, CountsTenMilliseconds) {
     const int64_t qnAtLeast = test::ElapsedMs(start);
     const uint32_t dwElapsed = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
     EXPECT_GE(qnAtLeast, 300);
-    // A reading is at most two ticks old.
-    EXPECT_GE(dwElapsed + 20, qnAtLeast);
+    EXPECT_GE(dwElapsed + 20, qnAtLeast); // a reading is at most two ticks old
     EXPECT_LE(dwElapsed, test::ElapsedMs(before) + 20);
 }
 
@@ -303,36 +279,34 @@ static void *NoteThread(void *pvArg) {
 }
 
 TEST(Thread, CreationFallsBackToInheritedScheduling) {
-    const std::string invalid =
-        Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n", EINVAL);
-    const std::string again =
-        Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n", EAGAIN);
-    const std::string inherit = "[ERROR] _AppThreadCreate: pthread_attr_setinheritsched:Operation not supported\n";
     struct {
         int nCreateError;
         unsigned nCreateTimes;
         unsigned nInheritNth, nInheritTimes; // which calls of setinheritsched fail
-        uint32_t dwStack, dwResult;
-        std::vector<std::string> lines;
-    } const rows[] = {
-        {0, 0, 0, 0, 256 * 1024, APP_OK, {}},
-        {0, 0, 0, 0, 1, APP_OK, {}}, // a stack size that is refused is not checked
-        {EAGAIN, 1, 0, 0, 65536, APP_FAILED, {again}},
-        {EINVAL, 1, 0, 0, 65536, APP_OK, {invalid}},
-        {EINVAL, 2, 0, 0, 65536, APP_FAILED, {invalid, invalid}},
-        {0, 0, 1, 1, 65536, APP_OK, {inherit}},
-        {EINVAL, 1, 2, 1, 65536, APP_FAILED, {invalid, inherit}},
-        {EINVAL, 1, 1, 2, 65536, APP_FAILED, {inherit, invalid, inherit}},
-    };
+        uint32_t dwResult;
+        const char *szLines; // c: of the creation, i: of the inheritance
+    } const rows[] = {{0, 0, 0, 0, APP_OK, ""},
+                      {EAGAIN, 1, 0, 0, APP_FAILED, "c"},
+                      {EINVAL, 1, 0, 0, APP_OK, "c"},
+                      {EINVAL, 2, 0, 0, APP_FAILED, "cc"},
+                      {0, 0, 1, 1, APP_OK, "i"},
+                      {EINVAL, 1, 2, 1, APP_FAILED, "ci"},
+                      {EINVAL, 1, 1, 2, APP_FAILED, "ici"}};
     LogCapture log;
-    int nRow = 0;
     for (const auto &row : rows) {
-        SCOPED_TRACE(nRow++);
+        SCOPED_TRACE(row.szLines);
         std::atomic<int> nRan{0};
         fault::Fail create(Fn::pthread_create, row.nCreateTimes ? 1 : 0, row.nCreateError, row.nCreateTimes);
         fault::Fail inherit(Fn::pthread_attr_setinheritsched, row.nInheritNth, ENOTSUP, row.nInheritTimes);
-        EXPECT_CODE(row.dwResult, _AppThreadCreate(NoteThread, row.dwStack, &nRan));
-        log.ExpectLines(row.lines);
+        // A stack size that is refused is not checked.
+        EXPECT_CODE(row.dwResult, _AppThreadCreate(NoteThread, *row.szLines ? 65536 : 1, &nRan));
+        std::vector<std::string> lines;
+        for (const char *pch = row.szLines; *pch; ++pch)
+            lines.push_back(
+                *pch == 'c' ? Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n",
+                                   row.nCreateError)
+                            : "[ERROR] _AppThreadCreate: pthread_attr_setinheritsched:Operation not supported\n");
+        log.ExpectLines(lines);
         EXPECT_TRUE(test::WaitUntil([&] { return nRan == (row.dwResult == APP_OK); }));
     }
     fault::Fail attr(Fn::pthread_attr_init);
