@@ -48,29 +48,7 @@ HAppTask NewWithoutRoom(Manager &manager, Diary &diary) {
 
 // ---- Forced windows ---------------------------------------------------------------------------
 
-TEST_F(TaskShutdown, WaitsForABusyHandler) {
-    Door door;
-    Diary diary([&](const Diary::Call &call) {
-        if (call.pvArg == Arg(1)) door.Pass();
-    });
-    Manager manager;
-    HAppTask hTask = manager.New(diary);
-    AppTaskSetTimer(hTask, 99999, nullptr, nullptr);
-    for (uintptr_t i = 1; i <= 3; ++i) EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(i), nullptr, nullptr));
-    door.AwaitVisitor();
-    Destroyer destroyer(manager);
-    log.Clear();
-    HAppTask hNew = hTask;
-    EXPECT_CODE(APP_INVALID_ARG, AppTaskMgrNewTask(hTask->ptTaskMgr, "late", 1, 0, 0, 0, Diary::Handle, &diary, &hNew));
-    EXPECT_EQ(hNew, nullptr);
-    log.ExpectLines({"[ERROR] AppTaskMgrNewTask: TaskMgr is being destroyed\n"});
-    destroyer.ExpectWaits();
-    door.Open();
-    diary.Await("user 1, cancel, drop 2, drop 3");
-}
-
-// The destruction's request arrives while the go-idle handler is in one of its notices; the first
-// two are followed by the drain, which meets the request.
+// The destruction begins while the go-idle handler is in one of its notices.
 TEST_F(TaskShutdown, GoingIdleKeepsTheRequest) {
     for (const uint32_t dwNotice : {APP_TASK_EVENT_TIMER_CANCEL, APP_TASK_EVENT_DROP, APP_TASK_EVENT_STOP}) {
         SCOPED_TRACE(dwNotice);
@@ -123,18 +101,6 @@ TEST_F(TaskShutdown, WaitsForTasksThatEndByThemselves) {
         destroyer.ExpectWaits();
         door.Open();
     }
-}
-
-// The thread gives the exit lock as its last touch: not before it has released its event.
-TEST_F(TaskShutdown, TheExitLockIsTheLastTouch) {
-    Diary diary;
-    Manager manager;
-    HAppTask hTask = manager.New(diary);
-    Stall stall(Fn::free, [&] { return StateOf(hTask) == APP_TASK_STATE_TERMINATE; });
-    Destroyer destroyer(manager);
-    stall.AwaitVisitor();
-    destroyer.ExpectWaits();
-    stall.Open();
 }
 
 // With an exhausted pool a waiting idle task is handed out, and eight waiting tasks end, at once: none
@@ -215,6 +181,10 @@ TEST_F(TaskShutdown, HandlersMayUseEveryTaskToTheEnd) {
     {
         Destroyer destroyer(manager);
         EXPECT_TRUE(test::WaitUntil([&] { return StateOf(hOlder) == APP_TASK_STATE_TERMINATE; }));
+        HAppTask hNew = hLater;
+        EXPECT_CODE(APP_INVALID_ARG, AppTaskMgrNewTask(hTaskMgr, "late", 1, 0, 0, 0, nullptr, nullptr, &hNew));
+        EXPECT_EQ(hNew, nullptr);
+        EXPECT_EQ(log.Count("[ERROR] AppTaskMgrNewTask: TaskMgr is being destroyed\n"), 1u);
         destroyer.ExpectWaits();
         door.Open();
     }
