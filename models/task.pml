@@ -391,9 +391,8 @@ inline GoForIdle(t) {
     atomic {
         !manager; TouchManager();
         if
-        :: quit
-        :: !quit && task[t].end
-        :: !quit && !task[t].end ->
+        :: task[t].end /* stays where it is */
+        :: else ->
             assert(task[t].list == ACTIVE);
             if
             :: task[t].list = PARKED
@@ -411,7 +410,7 @@ inline GoForTerminate(t) {
         assert(task[t].state == IDLE || task[t].state == PROCESSING || task[t].state == TERMINATE);
         task[t].state = TERMINATE;
         if
-        :: quit || task[t].end
+        :: task[t].end /* awaited */
         :: else ->
             assert(task[t].list == PARKED);
             task[t].list = NOWHERE; task[t].state = UNINIT; leaving++

@@ -59,6 +59,13 @@ public:
 };
 
 // What most tests need.  Whoever a task of the manager may still tell something outlives it.
+// Without the task's lock, and whatever its state.
+void SendUnchecked(HAppTask hTask, const TAppTaskEvent &event) {
+    bool bWake = false;
+    EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &event, 0, 1, &bWake));
+    if (bWake) app::QueueWake(hTask->hEventQueue);
+}
+
 class TaskTest : public testing::Test {
 protected:
     LogCapture log;
@@ -237,8 +244,7 @@ TEST_F(TaskEvents, AnEventBeatsTheIdleTimeOut) {
     {
         app::LockGuard guard(hTask->hLock);
         AppDelay(500); // the first wait takes 300 ms
-        const TAppTaskEvent event = {APP_TASK_EVENT_USER, Arg(1), nullptr, nullptr};
-        EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &event, 0, 0));
+        SendUnchecked(hTask, {APP_TASK_EVENT_USER, Arg(1), nullptr, nullptr});
     }
     EXPECT_TRUE(test::WaitUntil([&] { return diary.Calls().size() > 0; }));
     EXPECT_EQ(diary.Text().substr(0, 6), "user 1");
@@ -545,9 +551,8 @@ TEST_F(TaskFaults, RefusedRefresh) {
     });
     HAppTask hTask = manager.New(own);
     manager.Park(hTask);
-    const TAppTaskEvent hold = {APP_TASK_EVENT_USER, nullptr, Diary::Handle, &stopper};
     for (int i = 0; i < 3; ++i) // one keeps the thread, two stay in the queue
-        EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &hold, 0, 1));
+        SendUnchecked(hTask, {APP_TASK_EVENT_USER, nullptr, Diary::Handle, &stopper});
     door.AwaitVisitor();
     std::thread opener([&] { // the caller waits until the thread has ended
         EXPECT_TRUE(test::WaitUntil([&] { return app::MustEnd(hTask); }));

@@ -12,47 +12,21 @@ namespace
 
 constexpr uint32_t kSendWaitMs = 1000;
 
-// Queues a copy of the event; `*pbWake` says that the task's thread has to be woken for it.
-uint32_t Place(TAppTask *ptTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
-               bool *pbWake)
-{
-    static constexpr char szOp[] = "_AppTaskSendEvent";
-    auto ptCopy = static_cast<TAppTaskEvent *>(
-        AppMemPoolMalloc(ptTask->ptTaskMgr->hMemPool, sizeof(TAppTaskEvent)));
-    if (!ptCopy) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
-        return APP_NO_RESOURCE;
-    }
-    *ptCopy = event;
-    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", szOp,
-              app::Ptr(ptTask), static_cast<int>(event.dwEventType), app::Ptr(event.pfnHandler),
-              event.pvArg);
-    const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                              static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
-    if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", szOp,
-               static_cast<int>(dwResult));
-        AppMemPoolFree(ptCopy);
-    }
-    return dwResult;
-}
-
 // What the public sends share: a copy of the event is queued while the task admits work.
 uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
               uint32_t dwTimeout, const char *szOp)
 {
     if (!hTask)
         return APP_INVALID_ARG;
-    uint32_t dwState;
     uint32_t dwResult = APP_INVALID_ARG;
     bool bWake = false;
     {
         app::LockGuard guard(hTask->hLock, dwTimeout);
         if (!guard)
             return APP_TIMEOUT;
-        dwState = app::Peek(hTask->dwState);
+        const uint32_t dwState = app::Peek(hTask->dwState);
         if (app::AdmitsWork(dwState))
-            dwResult = Place(hTask, event, nPriority, bForce, &bWake);
+            dwResult = _AppTaskSendEvent(hTask, &event, nPriority, bForce, &bWake);
         else
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Task State. Task %p state %s\n", szOp,
                    app::Ptr(hTask), _AppGetTaskStateString(dwState));
@@ -93,12 +67,25 @@ void _AppTaskDropEventCB(void *pvEvent, void *pvTask)
 }
 
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
-                           uint32_t bForce)
+                           uint32_t bForce, bool *pbWake)
 {
-    bool bWake = false;
-    const uint32_t dwResult = Place(ptTask, *ptEvent, nPriority, bForce, &bWake);
-    if (bWake)
-        app::QueueWake(ptTask->hEventQueue);
+    auto ptCopy = static_cast<TAppTaskEvent *>(
+        AppMemPoolMalloc(ptTask->ptTaskMgr->hMemPool, sizeof(TAppTaskEvent)));
+    if (!ptCopy) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
+    }
+    *ptCopy = *ptEvent;
+    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", __func__,
+              app::Ptr(ptTask), static_cast<int>(ptEvent->dwEventType),
+              app::Ptr(ptEvent->pfnHandler), ptEvent->pvArg);
+    const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
+                                              static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
+    if (dwResult != APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", __func__,
+               static_cast<int>(dwResult));
+        AppMemPoolFree(ptCopy);
+    }
     return dwResult;
 }
 

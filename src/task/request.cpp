@@ -34,20 +34,24 @@ bool MoveToIdleList(TAppTask *ptTask)
         ptTask->hListNode = nullptr;
         return false;
     }
-    _AppDoubleListDetachNode(ptTaskMgr->hTaskList, ptTask->hListNode);
-    _AppDoubleListAttachNode(ptTaskMgr->hIdleTaskList, nullptr, ptTask->hListNode,
-                             APP_ATTACH_AFTER);
+    app::MoveNode(ptTaskMgr->hTaskList, ptTaskMgr->hIdleTaskList, ptTask->hListNode);
     return true;
+}
+
+// Somebody waits for the thread to leave: the task stays where it is, in its list or, when its
+// creation has failed, in none.  Under the manager's lock.
+void StayToLeave(const TAppTaskMgr *ptTaskMgr, const char *szOp)
+{
+    if (ptTaskMgr->bQuit == 1)
+        APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", szOp);
 }
 
 // Under the task's lock.
 void ParkTask(TAppTask *ptTask, const char *szOp)
 {
     app::LockGuard guard(ptTask->ptTaskMgr->hLock);
-    if (ptTask->ptTaskMgr->bQuit == 1) {
-        APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", szOp);
-    } else if (app::MustEnd(ptTask)) {
-        // On no list: its creation has failed, and whoever disposes of it waits for the thread.
+    if (app::MustEnd(ptTask)) {
+        StayToLeave(ptTask->ptTaskMgr, szOp);
     } else if (MoveToIdleList(ptTask)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for idle\n", szOp);
     } else {
@@ -107,16 +111,15 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
         return APP_INVALID_STATE;
     }
     SetState(hTask, APP_TASK_STATE_TERMINATE, __func__);
-    if (ptTaskMgr->bQuit == 1) {
-        APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", __func__);
-    } else if (!app::MustEnd(hTask)) {
+    if (app::MustEnd(hTask)) {
+        StayToLeave(ptTaskMgr, __func__);
+    } else { // an idle task's own end
         AppDoubleListRemove(ptTaskMgr->hIdleTaskList, hTask->hListNode, nullptr);
         hTask->hListNode = nullptr;
         app::Poke<uint32_t>(hTask->dwState, APP_TASK_STATE_UNINIT);
         app::BeginLeaving(ptTaskMgr);
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for uninit\n", __func__);
     }
-    // Otherwise whoever has asked for the end waits for hExitLock and destroys the task.
     return APP_OK;
 }
 

@@ -133,9 +133,10 @@ void _AppTaskDestroy(TAppTask *ptTask);
 // Makes an idle task the new owner's; called with the manager's and the task's lock held.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext);
-// Queues a copy of the event.  Takes no task lock.
+// Queues a copy of the event.  Takes no task lock; `*pbWake` says that the task's thread has to be
+// woken for it, with QueueWake(), after the lock that the caller may hold.
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
-                           uint32_t bForce);
+                           uint32_t bForce, bool *pbWake);
 
 // The thread's function, and the handlers of the internal requests.
 void *AppTask(void *pvTask);

@@ -33,8 +33,7 @@ TAppTimer *ReuseRecord(TAppTimerMgr *ptTimerMgr, const char *szOp)
         return nullptr;
     auto ptTimer = static_cast<TAppTimer *>(hNode->pvData);
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Reuse Timer: %p\n", szOp, app::Ptr(ptTimer));
-    _AppDoubleListDetachNode(ptTimerMgr->hIdleTimerList, hNode);
-    _AppDoubleListAttachNode(ptTimerMgr->hTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    app::MoveNode(ptTimerMgr->hIdleTimerList, ptTimerMgr->hTimerList, hNode);
     return ptTimer;
 }
 

@@ -43,12 +43,10 @@ bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTic
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p timeout %lu passed %lu %lu %lu\n", szOp,
               app::Ptr(ptTimer), app::Ul(ptTimer->dwTimeout), app::Ul(dwPassed),
               app::Ul(ptTimer->dwStartTick), app::Ul(dwNowTick));
-    if (ptTimer->dwTimeout > dwPassed) {
-        app::NoteTimeout(ptTimerMgr, dwNowTick, ptTimer->dwTimeout - dwPassed);
-        return false;
-    }
-    APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
-    return true;
+    if (ptTimer->dwTimeout <= dwPassed)
+        return true;
+    app::NoteTimeout(ptTimerMgr, dwNowTick, ptTimer->dwTimeout - dwPassed);
+    return false;
 }
 
 // A handler that sets its timer anew must not hold the thread for ever: neither from its end, which
@@ -74,6 +72,7 @@ void Walk(TAppTimerMgr *ptTimerMgr, const char *szOp)
             ptTimerMgr->dwCheckWait = 0;
             break;
         }
+        APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
         _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
         dwNowTick = AppGetTick();
         if (LeftMs(ptTimerMgr, dwNowTick) == 0)
