@@ -387,9 +387,9 @@ inline GoForIdle(t) {
              task[t].state = IDLE; Unlock(t) }
     TellRest(t);
     if :: task[t].owner -> Call() :: else fi; /* STOP */
-    atomic { Lock(t); task[t].owner = false }
+    atomic { Lock(t); task[t].owner = false; Unlock(t) }
     atomic {
-        !manager; TouchManager();
+        !manager && !task[t].lock; TouchManager(); Touch(t);
         if
         :: task[t].end /* stays where it is */
         :: else ->
@@ -398,8 +398,7 @@ inline GoForIdle(t) {
             :: task[t].list = PARKED
             :: task[t].list = NOWHERE; task[t].state = UNINIT; leaving++
             fi
-        fi;
-        Unlock(t)
+        fi
     }
 }
 

@@ -48,9 +48,8 @@ struct TTimerLine {
 };
 constexpr uint32_t kLines = 16; // copied at a time
 
-// Copies the lines from hShown on, which keeps its place while timers come and go.  The wait is
-// short, and the lines are left out when it expires: a task that is going idle holds its lock while
-// it waits for the manager's.  It has no timers any more, so as a rule there is no wait at all.
+// Copies the lines from hShown on, which keeps its place while timers come and go.  None when the
+// task's lock is not to be had: a report is wanted most when something hangs.
 uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
                     TTimerLine (&atLine)[kLines])
 {

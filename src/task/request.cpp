@@ -24,8 +24,7 @@ bool IsFull(const TAppDoubleList *ptList)
     return ptList->dwMaxSize != 0 && ptList->dwCurSize >= ptList->dwMaxSize;
 }
 
-// Under the manager's and the task's lock.  The node itself moves, so that an exhausted pool cannot
-// cost the task.
+// Under the manager's lock.  The node itself moves, so that an exhausted pool cannot cost the task.
 bool MoveToIdleList(TAppTask *ptTask)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
@@ -46,7 +45,8 @@ void StayToLeave(const TAppTaskMgr *ptTaskMgr, const char *szOp)
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", szOp);
 }
 
-// Under the task's lock.
+// Without the task's lock: whoever reports may hold the manager's for long, and those who send must
+// be refused meanwhile, not kept waiting.  Nobody takes an idle task from the active ones.
 void ParkTask(TAppTask *ptTask, const char *szOp)
 {
     app::LockGuard guard(ptTask->ptTaskMgr->hLock);
@@ -55,6 +55,7 @@ void ParkTask(TAppTask *ptTask, const char *szOp)
     } else if (MoveToIdleList(ptTask)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for idle\n", szOp);
     } else {
+        app::LockGuard taskGuard(ptTask->hLock);
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_UNINIT);
         app::BeginLeaving(ptTask->ptTaskMgr);
     }
@@ -75,24 +76,26 @@ void TellStop(TAppTask *ptTask)
 
 uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *, void *)
 {
-    app::LockGuard guard(hTask->hLock);
-    const uint32_t dwState = app::Peek(hTask->dwState);
-    if ((dwState != APP_TASK_STATE_IDLE && dwState != APP_TASK_STATE_PROCESSING) ||
-        dwEventType != APP_TASK_EVENT_STOP) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid call. task %p state %s event type %d\n",
-               __func__, app::Ptr(hTask), _AppGetTaskStateString(dwState),
-               static_cast<int>(dwEventType));
-        return APP_INVALID_STATE;
-    }
-    // Before the timers end: a handler that sets its timer anew whatever it is told would
-    // otherwise be told again and again.
-    SetState(hTask, APP_TASK_STATE_IDLE, __func__);
-    app::CancelTimers(hTask->ptTimerMgr, true);
     {
-        app::WithoutLock unlocked(hTask->hLock);
-        app::DropEvents(hTask);
+        app::LockGuard guard(hTask->hLock);
+        const uint32_t dwState = app::Peek(hTask->dwState);
+        if ((dwState != APP_TASK_STATE_IDLE && dwState != APP_TASK_STATE_PROCESSING) ||
+            dwEventType != APP_TASK_EVENT_STOP) {
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid call. task %p state %s event type %d\n",
+                   __func__, app::Ptr(hTask), _AppGetTaskStateString(dwState),
+                   static_cast<int>(dwEventType));
+            return APP_INVALID_STATE;
+        }
+        // Before the timers end: a handler that sets its timer anew whatever it is told would
+        // otherwise be told again and again.
+        SetState(hTask, APP_TASK_STATE_IDLE, __func__);
+        app::CancelTimers(hTask->ptTimerMgr, true);
+        {
+            app::WithoutLock unlocked(hTask->hLock);
+            app::DropEvents(hTask);
+        }
+        TellStop(hTask);
     }
-    TellStop(hTask);
     ParkTask(hTask, __func__);
     return APP_OK;
 }

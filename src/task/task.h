@@ -3,9 +3,7 @@
 // The task manager's records and its internal operations.
 //
 // Locks.  The manager's lock guards both task lists, bQuit and dwLeaving.  A task's lock guards
-// what is marked (task) below.  Order: the manager's lock, then a task's; the go-idle handler alone
-// takes the manager's lock while it holds its own task's, which is safe because whoever holds the
-// manager's lock and waits for a task's does so only for a task that has been through that handler.
+// what is marked (task) below.  Order: the manager's lock, then a task's.
 // No lock is held while a handler runs.
 //
 // Who may touch a record last, and who waits for whom, is told in leaving.cpp.
