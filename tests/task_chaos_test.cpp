@@ -52,7 +52,7 @@ public:
         });
         m_manager.Destroy();
         m_ledger.ExpectBalance();
-        EXPECT_GT(m_nStops.load(), 0u); // how many is chance // there was a coming and going
+        EXPECT_GT(m_nStops.load(), 0u); // how many is chance
     }
 
 private:
