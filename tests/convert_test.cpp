@@ -15,7 +15,8 @@
 using test::LogCapture;
 using test::Text;
 
-namespace {
+namespace
+{
 
 constexpr uint32_t kUnset = 0xA5A5A5A5;
 
@@ -23,7 +24,8 @@ constexpr uint32_t kUnset = 0xA5A5A5A5;
 
 constexpr int64_t kErr = 77777777777; // the flag, and 0
 
-TEST(Number, Integers) {
+TEST(Number, Integers)
+{
     LogCapture log;
     struct {
         const char *szText;
@@ -66,40 +68,48 @@ TEST(Number, Integers) {
     log.ExpectNone();
 }
 
-TEST(Number, Reals) {
+TEST(Number, Reals)
+{
     const char *szNothing = "x", *szLarge = "-1e999";
     struct {
         const char *szText;
         double fValue;
         int nError;
-    } const rows[] = {{"-2.25e2V", -225, 0}, {nullptr, 0, 0}, {szNothing, 0, 0}, {szLarge, -HUGE_VAL, ERANGE}};
+    } const rows[] = {
+        {"-2.25e2V", -225, 0}, {nullptr, 0, 0}, {szNothing, 0, 0}, {szLarge, -HUGE_VAL, ERANGE}};
     for (const auto &row : rows)
         for (const bool bFloat : {true, false}) {
             LogCapture log;
             const bool bBad = row.szText == szNothing || row.nError != 0;
             uint32_t bErr = kUnset;
             errno = ERANGE; // an old error must not count
-            EXPECT_EQ(bFloat ? AppConvertStrtoFloat(row.szText, &bErr) : AppConvertStrtoDouble(row.szText, &bErr),
+            EXPECT_EQ(bFloat ? AppConvertStrtoFloat(row.szText, &bErr)
+                             : AppConvertStrtoDouble(row.szText, &bErr),
                       row.fValue);
             EXPECT_EQ(bErr, bBad);
             log.ExpectLines(std::vector<std::string>(
-                bBad, Text("[ERROR] AppConvertStrto%s: szStr %p, szEndPtr %p, errno %d, ERANGE 34\n",
-                           bFloat ? "Float" : "Double", row.szText, row.szText + (row.nError ? 6 : 0), row.nError)));
+                bBad,
+                Text("[ERROR] AppConvertStrto%s: szStr %p, szEndPtr %p, errno %d, ERANGE 34\n",
+                     bFloat ? "Float" : "Double", row.szText, row.szText + (row.nError ? 6 : 0),
+                     row.nError)));
         }
 }
 
 // ---- Addresses ------------------------------------------------------------------------------
 
-TAppNetAddr Ipv4(const char *szIp) {
+TAppNetAddr Ipv4(const char *szIp)
+{
     TAppNetAddr addr = {};
     EXPECT_EQ(inet_pton(AF_INET, szIp, &addr.dwIpv4), 1);
     return addr;
 }
 
-TEST(NetAddr, ReadsAndWritesIntoEverySize) {
+TEST(NetAddr, ReadsAndWritesIntoEverySize)
+{
     LogCapture log;
     std::vector<std::string> texts = {"fe80::1", "::", "::ffff:1.2.3.4", "2001:db8:1:2:3:4:5:6"};
-    for (int i = 0; i < 256; ++i) texts.push_back(Text("%d.%d.0.%d", i, 255 - i, i));
+    for (int i = 0; i < 256; ++i)
+        texts.push_back(Text("%d.%d.0.%d", i, 255 - i, i));
     texts.push_back("255.255.255.255");
     for (const std::string &text : texts) {
         const bool bIpv6 = text.find(':') != std::string::npos;
@@ -112,8 +122,11 @@ TEST(NetAddr, ReadsAndWritesIntoEverySize) {
             char achText[65];
             achText[nRoom] = '#';
             const bool bFits = nRoom > text.size();
-            EXPECT_CODE(bFits ? APP_OK : APP_FAILED, AppConvertNettoStr(&addr, achText, static_cast<uint32_t>(nRoom)));
-            if (bFits) { EXPECT_EQ(achText, text); }
+            EXPECT_CODE(bFits ? APP_OK : APP_FAILED,
+                        AppConvertNettoStr(&addr, achText, static_cast<uint32_t>(nRoom)));
+            if (bFits) {
+                EXPECT_EQ(achText, text);
+            }
             EXPECT_EQ(achText[nRoom], '#');
         }
         log.ExpectLines({Text("[ERROR] %s: inet_ntop %s failed %d %s\n", "_AppConvertNettoStr",
@@ -121,28 +134,31 @@ TEST(NetAddr, ReadsAndWritesIntoEverySize) {
     }
 }
 
-TEST(NetAddr, RefusesAndKeepsTheBytes) {
+TEST(NetAddr, RefusesAndKeepsTheBytes)
+{
     LogCapture log;
     const TAppNetAddr before = {7, {kUnset}};
-    for (const char *szIp : {"1.2.3", "1.2.3.", "1.2.3.256", "01.2.3.4", "1.2.3.4 ", " 1.2.3.4", "1.2.3.4.5", "1..3.4",
-                             "a.b.c.d", "1:2::z", "12345::", "1.2.3.4:80"}) {
+    for (const char *szIp : {"1.2.3", "1.2.3.", "1.2.3.256", "01.2.3.4", "1.2.3.4 ", " 1.2.3.4",
+                             "1.2.3.4.5", "1..3.4", "a.b.c.d", "1:2::z", "12345::", "1.2.3.4:80"}) {
         TAppNetAddr addr = before;
         errno = ENOENT;
         EXPECT_CODE(APP_FAILED, AppConvertStrtoNet(szIp, &addr));
         EXPECT_EQ(addr.dwType, strchr(szIp, ':') ? 1u : 0u);
         EXPECT_EQ(addr.dwIpv4, kUnset);
-        log.ExpectLines(
-            {Text("[ERROR] %s: inet_pton failed %s %d %s\n", "_AppConvertStrtoNet", szIp, ENOENT, strerror(ENOENT))});
+        log.ExpectLines({Text("[ERROR] %s: inet_pton failed %s %d %s\n", "_AppConvertStrtoNet",
+                              szIp, ENOENT, strerror(ENOENT))});
     }
     TAppNetAddr addr = before;
-    for (const char *szIp : {"localhost", ""}) EXPECT_CODE(APP_INVALID_ARG, AppConvertStrtoNet(szIp, &addr));
+    for (const char *szIp : {"localhost", ""})
+        EXPECT_CODE(APP_INVALID_ARG, AppConvertStrtoNet(szIp, &addr));
     EXPECT_EQ(addr.dwType, 7u);
     char achText[64];
     EXPECT_CODE(APP_INVALID_ARG, AppConvertNettoStr(&addr, achText, sizeof(achText)));
     log.ExpectNone();
 }
 
-TEST(NetAddr, Classes) {
+TEST(NetAddr, Classes)
+{
     for (unsigned i = 0; i < 256; ++i) {
         const EAppIpv4Class eWanted = i == 0     ? APP_IPV4_CLASS_INVALID
                                       : i == 127 ? APP_IPV4_CLASS_LOOPBACK
@@ -155,8 +171,10 @@ TEST(NetAddr, Classes) {
         EXPECT_EQ(AppCheckIpv4Class(&addr, nullptr), eWanted) << i;
         EXPECT_EQ(AppCheckIpv4Class(&addr, &mask), eWanted) << i;
     }
-    const TAppNetAddr none = Ipv4("0.0.0.0"), all = Ipv4("255.255.255.255"), mask = Ipv4("255.0.0.0");
-    const TAppNetAddr network = Ipv4("127.0.0.0"), host = Ipv4("9.8.7.6"), broadcast = Ipv4("10.255.255.255");
+    const TAppNetAddr none = Ipv4("0.0.0.0"), all = Ipv4("255.255.255.255"),
+                      mask = Ipv4("255.0.0.0");
+    const TAppNetAddr network = Ipv4("127.0.0.0"), host = Ipv4("9.8.7.6"),
+                      broadcast = Ipv4("10.255.255.255");
     const TAppNetAddr ipv6 = {APP_NET_ADDR_IPV6, {1}};
     EXPECT_EQ(AppCheckIpv4Class(&none, nullptr), APP_IPV4_CLASS_NETWORK);
     EXPECT_EQ(AppCheckIpv4Class(&network, &mask), APP_IPV4_CLASS_NETWORK);
@@ -168,7 +186,8 @@ TEST(NetAddr, Classes) {
     EXPECT_EQ(AppCheckIpv4Class(&host, &ipv6), APP_IPV4_CLASS_INVALID);
 }
 
-TEST(NetAddr, MasksAndPrefixes) {
+TEST(NetAddr, MasksAndPrefixes)
+{
     for (int32_t nLen = -1; nLen <= 34; ++nLen) {
         TAppNetAddr mask = {APP_NET_ADDR_IPV4, {kUnset}};
         AppConvertPrefixLengthtoSubnetMask(nLen, &mask);
@@ -191,15 +210,25 @@ TEST(NetAddr, MasksAndPrefixes) {
 // ---- Time -----------------------------------------------------------------------------------
 
 // timegm() on any word size, with the results beyond 32 bits marked as the library marks them.
-uint32_t Oracle(const TAppTime &time) {
-    struct tm tTime = {
-        time.bySecond, time.byMinute, time.byHour, time.byDay, time.byMonth - 1, time.wYear - 1900, 0, 0, 0, 0,
-        nullptr};
+uint32_t Oracle(const TAppTime &time)
+{
+    struct tm tTime = {time.bySecond,
+                       time.byMinute,
+                       time.byHour,
+                       time.byDay,
+                       time.byMonth - 1,
+                       time.wYear - 1900,
+                       0,
+                       0,
+                       0,
+                       0,
+                       nullptr};
     const time_t nTime = timegm(&tTime);
     return nTime < INT32_MIN || nTime > INT32_MAX ? UINT32_MAX : static_cast<uint32_t>(nTime);
 }
 
-TEST(Time, RecordsCarryOverAsTimegmDoes) {
+TEST(Time, RecordsCarryOverAsTimegmDoes)
+{
     const TAppTime cases[] = {{1970, 13, 1, 0, 0, 0, 999},   {2024, 2, 30, 25, 61, 61, 0},
                               {2024, 0, 0, 0, 0, 0, 0},      {2000, 255, 255, 255, 255, 255, 0},
                               {1901, 12, 13, 20, 45, 52, 0}, {1901, 12, 13, 20, 45, 51, 0},
@@ -210,7 +239,8 @@ TEST(Time, RecordsCarryOverAsTimegmDoes) {
 }
 
 // Number to record to number, and number to text to number, over the whole range.
-TEST(Time, RoundTrips) {
+TEST(Time, RoundTrips)
+{
     LogCapture log;
     const uint64_t qwStride = test::Scaled(60) > 3 ? 99991 : 1999993;
     for (uint64_t qwTime = 0; qwTime <= UINT32_MAX; qwTime += qwStride) {
@@ -224,7 +254,8 @@ TEST(Time, RoundTrips) {
         uint32_t dwRead, bZone, dwReadMs;
         int32_t nReadZone = 0;
         ASSERT_CODE(APP_OK, AppConvertU322XsdDatetime(dwTime, 1, &dwMs, &nZone, achText, 30));
-        ASSERT_CODE(APP_OK, AppConvertXsdDatetime2U32(achText, &dwRead, &bZone, &dwReadMs, &nReadZone));
+        ASSERT_CODE(APP_OK,
+                    AppConvertXsdDatetime2U32(achText, &dwRead, &bZone, &dwReadMs, &nReadZone));
         ASSERT_EQ(dwRead, dwTime) << achText;
         ASSERT_EQ(dwReadMs, dwMs) << achText;
         ASSERT_EQ(nReadZone, nZone) << achText;
@@ -233,47 +264,55 @@ TEST(Time, RoundTrips) {
     log.ExpectNone();
 }
 
-TEST(Time, ReadsDateTime) {
+TEST(Time, ReadsDateTime)
+{
     struct {
         const char *szRest;
         uint32_t bZone, dwMs;
         int32_t nZone; // 77: untouched
-    } const rows[] = {{"T14:07:09", 0, 0, 77},
-                      {"T14:07:09Z", 1, 0, 77},
-                      {"T14:07:09.25+01:00", 1, 250, 60},
-                      {"T14:07:09-05:30", 1, 0, -330},
-                      {"T14:07:09.05Z", 1, 50, 77},
-                      {"T14:07:09.1239", 0, 123, 77},
-                      {"T14:07:09.x12", 0, 0, 77},
-                      {"T 14:7: 9", 0, 0, 77},
-                      {"T14:07:09 12.7 Z-", 1, 700, 77},
-                      {"T14:07:09+1:5", 1, 0, 65},
-                      {"T14:07:09+99:99", 1, 0, 99 * 60 + 99},
-                      {"T14:07:09+01:00-02:00", 1, 0, -120},
-                      {"T14:07:09+-1:-1", 1, 0, -(60 + 255)}}; // the '-' wins; its offset has 8 bits
+    } const rows[] = {
+        {"T14:07:09", 0, 0, 77},
+        {"T14:07:09Z", 1, 0, 77},
+        {"T14:07:09.25+01:00", 1, 250, 60},
+        {"T14:07:09-05:30", 1, 0, -330},
+        {"T14:07:09.05Z", 1, 50, 77},
+        {"T14:07:09.1239", 0, 123, 77},
+        {"T14:07:09.x12", 0, 0, 77},
+        {"T 14:7: 9", 0, 0, 77},
+        {"T14:07:09 12.7 Z-", 1, 700, 77},
+        {"T14:07:09+1:5", 1, 0, 65},
+        {"T14:07:09+99:99", 1, 0, 99 * 60 + 99},
+        {"T14:07:09+01:00-02:00", 1, 0, -120},
+        {"T14:07:09+-1:-1", 1, 0, -(60 + 255)}}; // the '-' wins; its offset has 8 bits
     for (const auto &row : rows)
         for (const char *szDate : {"2024-03-05", " 2024- 3-5"}) {
             const std::string text = std::string(szDate) + row.szRest;
             SCOPED_TRACE(text);
             uint32_t dwTime = kUnset, bZone = kUnset, dwMs = kUnset;
             int32_t nZone = 77;
-            EXPECT_CODE(APP_OK, AppConvertXsdDatetime2U32(text.c_str(), &dwTime, &bZone, &dwMs, &nZone));
+            EXPECT_CODE(APP_OK,
+                        AppConvertXsdDatetime2U32(text.c_str(), &dwTime, &bZone, &dwMs, &nZone));
             EXPECT_EQ(dwTime, 1709647629u);
             EXPECT_EQ(bZone, row.bZone);
             EXPECT_EQ(dwMs, row.dwMs);
             EXPECT_EQ(nZone, row.nZone);
-            EXPECT_CODE(APP_OK, AppConvertXsdDatetime2U32(text.c_str(), nullptr, nullptr, nullptr, nullptr));
+            EXPECT_CODE(APP_OK, AppConvertXsdDatetime2U32(text.c_str(), nullptr, nullptr, nullptr,
+                                                          nullptr));
         }
-    for (const char *szText : {"", "2024", "2024-03-05", "2024-03-05 14:07:09", "2024-03-05T14:07",
-                               "20245-03-05T14:07:09", "2024-03-05T14:07:09+1", "2024-03-05T14:07:09-x"}) {
+    for (const char *szText :
+         {"", "2024", "2024-03-05", "2024-03-05 14:07:09", "2024-03-05T14:07",
+          "20245-03-05T14:07:09", "2024-03-05T14:07:09+1", "2024-03-05T14:07:09-x"}) {
         uint32_t dwOut = kUnset;
         int32_t nZone = 77;
-        EXPECT_CODE(APP_INVALID_ARG, AppConvertXsdDatetime2U32(szText, &dwOut, &dwOut, &dwOut, &nZone)) << szText;
+        EXPECT_CODE(APP_INVALID_ARG,
+                    AppConvertXsdDatetime2U32(szText, &dwOut, &dwOut, &dwOut, &nZone))
+            << szText;
         EXPECT_TRUE(dwOut == kUnset && nZone == 77);
     }
 }
 
-TEST(Time, WritesDateTimeIntoEverySize) {
+TEST(Time, WritesDateTimeIntoEverySize)
+{
     const uint32_t dwMs = 7, dwTooMany = 1000;
     const int32_t nZero = 0, nWest = -330, nEast = 60, nLeast = INT32_MIN;
     struct {
@@ -287,31 +326,39 @@ TEST(Time, WritesDateTimeIntoEverySize) {
                       {1, &dwTooMany, nullptr, nullptr}};
     for (const auto &row : rows)
         for (uint32_t dwSize = 0; dwSize <= 40; ++dwSize) {
-            const std::string wanted = std::string("1970-01-01T00:00:00") + (row.szRest ? row.szRest : "");
+            const std::string wanted =
+                std::string("1970-01-01T00:00:00") + (row.szRest ? row.szRest : "");
             char achText[41];
             memset(achText, '#', sizeof(achText));
             const uint32_t dwWanted = dwSize == 0               ? APP_INVALID_ARG
                                       : dwSize <= wanted.size() ? APP_BUFFER_TOO_SMALL
                                       : row.szRest              ? APP_OK
                                                                 : APP_INVALID_ARG;
-            EXPECT_CODE(dwWanted, AppConvertU322XsdDatetime(0, row.bHasZone, row.pdwMs, row.pnZone, achText, dwSize));
+            EXPECT_CODE(dwWanted, AppConvertU322XsdDatetime(0, row.bHasZone, row.pdwMs, row.pnZone,
+                                                            achText, dwSize));
             EXPECT_EQ(achText[dwSize], '#') << "written beyond " << dwSize;
-            if (dwWanted == APP_OK) { EXPECT_EQ(wanted, achText); }
+            if (dwWanted == APP_OK) {
+                EXPECT_EQ(wanted, achText);
+            }
         }
 }
 
 // ---- Encodings ------------------------------------------------------------------------------
 
 // Whether iconv knows an encoding: its tables are files, which an emulated system may lack.
-bool Knows(const char *szEncoding) {
+bool Knows(const char *szEncoding)
+{
     const iconv_t hConv = iconv_open(szEncoding, "UTF-8");
-    if (hConv == reinterpret_cast<iconv_t>(-1)) return false;
+    if (hConv == reinterpret_cast<iconv_t>(-1))
+        return false;
     iconv_close(hConv);
     return true;
 }
 
-TEST(Encoding, StandInsConvertGbkBothWays) {
-    if (!Knows("GBK") || !Knows("UTF-16LE")) GTEST_SKIP() << "not run: this system's iconv has no GBK";
+TEST(Encoding, StandInsConvertGbkBothWays)
+{
+    if (!Knows("GBK") || !Knows("UTF-16LE"))
+        GTEST_SKIP() << "not run: this system's iconv has no GBK";
     const uint16_t awText[] = {'A', 0x4F60, 0};
     char achBack[4];
     ASSERT_CODE(APP_OK, AppConvertUnicodetoGbk(awText, 2, achBack, 4));
@@ -323,8 +370,10 @@ TEST(Encoding, StandInsConvertGbkBothWays) {
     EXPECT_EQ(memcmp(awText, awBack, sizeof(awText)), 0);
 }
 
-TEST(Encoding, StandInsConvertBothWays) {
-    if (!Knows("UTF-16LE")) GTEST_SKIP() << "not run: this system's iconv has no UTF-16";
+TEST(Encoding, StandInsConvertBothWays)
+{
+    if (!Knows("UTF-16LE"))
+        GTEST_SKIP() << "not run: this system's iconv has no UTF-16";
     LogCapture log;
     const char *szUtf8 = "A\xE4\xBD\xA0\xF0\x9F\x93\xB7"; // 'A', one GBK character, one outside GBK
     uint16_t awText[8];
@@ -347,7 +396,8 @@ TEST(Encoding, StandInsConvertBothWays) {
     EXPECT_CODE(APP_FAILED, AppConvertUnicodetoGbk(u"\x4F60", 1, achBack, 2));
     std::vector<std::string> lines;
     for (const char *szName : {"Utf8toUnicode", "GbktoUnicode", "UnicodetoUtf8", "UnicodetoGbk"})
-        lines.push_back(Text("[ERROR] _AppUtilsUnicodeConvert%s: IpcConvConvert%s failed 0\n", szName, szName));
+        lines.push_back(
+            Text("[ERROR] _AppUtilsUnicodeConvert%s: IpcConvConvert%s failed 0\n", szName, szName));
     log.ExpectLines(lines);
     dwLen = 0;
     for (auto pfnConvert : {AppConvertUtf8toUnicode, AppConvertGbktoUnicode})

@@ -7,12 +7,14 @@
 using test::LogCapture;
 using test::Text;
 
-namespace {
+namespace
+{
 
 const TAppS32StrPair kDense[] = {{0, "NTSC"}, {1, "PAL"}};
 const TAppS32StrPair kSparse[] = {{5, "a"}, {3, "b"}, {5, "c"}, {-2, "d"}, {9, nullptr}};
 
-TEST(EnumStr, LooksUpBothWays) {
+TEST(EnumStr, LooksUpBothWays)
+{
     LogCapture log;
     EXPECT_STREQ(AppConvEnum2Str(kDense, 2, 1), "PAL");
     EXPECT_STREQ(AppConvEnum2Str(kSparse, 5, 5), "a");
@@ -37,8 +39,10 @@ TEST(EnumStr, LooksUpBothWays) {
 
 // The three builders differ in the flags' type and one DEBUG line.
 template <typename Flag>
-void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Flag *, int32_t, char *, uint32_t),
-                  const char *szOp) {
+void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Flag *, int32_t,
+                                      char *, uint32_t),
+                  const char *szOp)
+{
     LogCapture log;
     const Flag aFlags[] = {1, 2, 0, 0}, aBeyond[] = {0, 0, 1};
     char achText[17];
@@ -46,7 +50,10 @@ void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Fl
         for (const int32_t nLen : {-1, 1, 4}) {
             achText[dwSize] = '#';
             EXPECT_CODE(APP_OK, pfnMake(kDense, 2, aFlags, nLen, achText, dwSize));
-            EXPECT_EQ(achText, std::string(nLen < 0 ? "" : nLen == 1 ? "NTSC" : "NTSC,PAL").substr(0, dwSize - 1));
+            EXPECT_EQ(achText, std::string(nLen < 0    ? ""
+                                           : nLen == 1 ? "NTSC"
+                                                       : "NTSC,PAL")
+                                   .substr(0, dwSize - 1));
             EXPECT_EQ(achText[dwSize], '#');
         }
     EXPECT_CODE(APP_OK, pfnMake(kDense, 2, aBeyond, 2, achText, 16));
@@ -60,11 +67,13 @@ void CheckBuilder(uint32_t (*pfnMake)(const TAppS32StrPair *, uint32_t, const Fl
     EXPECT_CODE(APP_INVALID_ARG, pfnMake(kDense, 2, aFlags, 0, achText, 0));
     EXPECT_CODE(APP_INVALID_ARG, pfnMake(kDense, 2, aFlags, 3, achText, 0));
     EXPECT_EQ(achText[0], 'u');
-    log.ExpectLines({Text("[ERROR] %s: dwArrSize zero\n", szOp), Text("[ERROR] %s: nCapArrLen zero\n", szOp),
+    log.ExpectLines({Text("[ERROR] %s: dwArrSize zero\n", szOp),
+                     Text("[ERROR] %s: nCapArrLen zero\n", szOp),
                      Text("[ERROR] %s: dwDstBufSize zero\n", szOp)});
 }
 
-TEST(EnumStr, BuildsCapabilityStrings) {
+TEST(EnumStr, BuildsCapabilityStrings)
+{
     CheckBuilder<uint8_t>(AppMakeCapStr_u8, "AppMakeCapStr_u8");
     CheckBuilder<uint32_t>(AppMakeCapStr_u32, "AppMakeCapStr_u32");
     CheckBuilder<uint32_t>(AppMakeCapStr_Bool, "AppMakeCapStr_Bool");
@@ -72,7 +81,8 @@ TEST(EnumStr, BuildsCapabilityStrings) {
     const uint32_t adwFlags[] = {0, 1};
     char achText[16];
     EXPECT_CODE(APP_OK, AppMakeCapStr_u32(kDense, 2, adwFlags, 2, achText, 16));
-    log.ExpectLines({Text("[DEBUG] AppMakeCapStr_u32: szDstBuf{}, szStr %p, size 16\n", kDense[1].szStr)});
+    log.ExpectLines(
+        {Text("[DEBUG] AppMakeCapStr_u32: szDstBuf{}, szStr %p, size 16\n", kDense[1].szStr)});
 }
 
 } // namespace

@@ -25,18 +25,21 @@ using test::StdoutCapture;
 using test::Text;
 namespace fs = std::filesystem;
 
-namespace {
+namespace
+{
 
 constexpr uint8_t kChannel = 77;
 constexpr size_t kStampLen = sizeof("[2026/03/05 07:08:09 ] ") - 1;
 
-std::string ReadFile(const fs::path &path) {
+std::string ReadFile(const fs::path &path)
+{
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // The lines without their stamps; a torn line or a wrong stamp is an error.
-std::vector<std::string> ReadLines(const fs::path &path) {
+std::vector<std::string> ReadLines(const fs::path &path)
+{
     std::vector<std::string> lines;
     std::ifstream file(path, std::ios::binary);
     bool bWhole = true;
@@ -50,21 +53,25 @@ std::vector<std::string> ReadLines(const fs::path &path) {
     return lines;
 }
 
-class FileLog : public testing::Test {
+class FileLog : public testing::Test
+{
 protected:
-    FileLog() {
+    FileLog()
+    {
         char achDir[] = "/tmp/appcore-log-XXXXXX";
         m_dir = mkdtemp(achDir);
         m_path = m_dir / "channel.log";
         m_backup = m_dir / "channel.log1";
     }
-    ~FileLog() override {
+    ~FileLog() override
+    {
         AppCloseFileLog(kChannel);
         fs::remove_all(m_dir);
     }
 
     // The size printed on standard output when the file was opened, or -1.
-    long Open(uint32_t dwMaxSize) {
+    long Open(uint32_t dwMaxSize)
+    {
         StdoutCapture output;
         const uint32_t bOpen = AppSetFileLog(kChannel, m_path.c_str(), dwMaxSize);
         unsigned dwSize = 0;
@@ -72,7 +79,10 @@ protected:
         EXPECT_EQ(output.End(), bOpen ? Text("dwCurSize %u\n", dwSize) : "");
         return bOpen && nItems == 1 ? static_cast<long>(dwSize) : -1;
     }
-    static void Write(const std::string &text) { AppLogFile(kChannel, APP_LOG_ALWAYS, "%s\n", text.c_str()); }
+    static void Write(const std::string &text)
+    {
+        AppLogFile(kChannel, APP_LOG_ALWAYS, "%s\n", text.c_str());
+    }
     static FILE *Stream() { return g_atAppFileLogInfo[kChannel].ptFile.load(); }
 
     fs::path m_dir, m_path, m_backup;
@@ -80,16 +90,21 @@ protected:
 
 using Lines = std::vector<std::string>;
 
-std::string Lost(const char *szWhy) {
-    return Text("[ERROR] _AppFileLog: channel %d: lines are lost from here on, %s\n", kChannel, szWhy);
+std::string Lost(const char *szWhy)
+{
+    return Text("[ERROR] _AppFileLog: channel %d: lines are lost from here on, %s\n", kChannel,
+                szWhy);
 }
-std::string Again(size_t nLost) {
-    return Text("[INFO ] _AppFileLog: channel %d: written again, %zu lines were lost\n", kChannel, nLost);
+std::string Again(size_t nLost)
+{
+    return Text("[INFO ] _AppFileLog: channel %d: written again, %zu lines were lost\n", kChannel,
+                nLost);
 }
 
 } // namespace
 
-TEST_F(FileLog, OnlyLevelZeroReachesTheFile) {
+TEST_F(FileLog, OnlyLevelZeroReachesTheFile)
+{
     LogCapture log;
     AppSetLogLevel(kChannel, 255);
     EXPECT_EQ(Open(1000), 0);
@@ -104,7 +119,8 @@ TEST_F(FileLog, OnlyLevelZeroReachesTheFile) {
     AppSetLogLevel(kChannel, 0);
 }
 
-TEST_F(FileLog, PathsUpTo127CharactersAreTaken) {
+TEST_F(FileLog, PathsUpTo127CharactersAreTaken)
+{
     LogCapture log;
     m_path = m_dir / std::string(127 - m_dir.string().size() - 1, 'p');
     const std::string longest = m_path.string();
@@ -118,7 +134,8 @@ TEST_F(FileLog, PathsUpTo127CharactersAreTaken) {
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].achFilePath, longest);
 }
 
-TEST_F(FileLog, RotatesOnceTheLimitIsPassed) {
+TEST_F(FileLog, RotatesOnceTheLimitIsPassed)
+{
     std::ofstream(m_path) << std::string(999, '-') << '\n';
     std::ofstream(m_backup) << "older backup\n";
     EXPECT_EQ(Open(1000 + 2 * 40), 1000);
@@ -143,7 +160,8 @@ TEST_F(FileLog, RotatesOnceTheLimitIsPassed) {
     EXPECT_EQ(ReadFile(m_path), "");
 }
 
-TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone) {
+TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone)
+{
     ASSERT_EQ(Open(1000000), 0);
     for (const char *szZone : {"UTC0", "XXX-5:30", "UTC0"}) {
         setenv("TZ", szZone, 1);
@@ -156,7 +174,8 @@ TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone) {
             strftime(achStamp, sizeof(achStamp), "[%Y/%m/%d %H:%M:%S ] ", &tNow);
             Write("now");
             const std::string content = ReadFile(m_path);
-            return content.substr(content.size() - kStampLen - 4) == std::string(achStamp) + "now\n";
+            return content.substr(content.size() - kStampLen - 4) ==
+                   std::string(achStamp) + "now\n";
         })) << szZone;
     }
     unsetenv("TZ");
@@ -164,7 +183,8 @@ TEST_F(FileLog, StampIsTheLocalTimeAndFollowsTheZone) {
 }
 
 // A program may have closed its standard input, output or error.
-TEST_F(FileLog, DescriptorsAreCloseOnExecAndAboveStandard) {
+TEST_F(FileLog, DescriptorsAreCloseOnExecAndAboveStandard)
+{
     const int nStdin = dup(STDIN_FILENO);
     close(STDIN_FILENO);
     const long nDescriptors = fault::OpenDescriptors();
@@ -184,7 +204,8 @@ TEST_F(FileLog, DescriptorsAreCloseOnExecAndAboveStandard) {
     close(nStdin);
 }
 
-TEST_F(FileLog, DeletedFileIsOpenedAnew) {
+TEST_F(FileLog, DeletedFileIsOpenedAnew)
+{
     LogCapture log;
     const long nDescriptors = fault::OpenDescriptors();
     ASSERT_EQ(Open(1000000), 0);
@@ -223,7 +244,8 @@ TEST_F(FileLog, DeletedFileIsOpenedAnew) {
     EXPECT_EQ(fault::OpenDescriptors(), nDescriptors);
 }
 
-TEST_F(FileLog, RefusedRotationSaysSoOnce) {
+TEST_F(FileLog, RefusedRotationSaysSoOnce)
+{
     LogCapture log;
     const std::string noBackup =
         "[ERROR] _AppFileLog: channel 77: starts anew without a backup, Read-only file system\n";
@@ -246,7 +268,8 @@ TEST_F(FileLog, RefusedRotationSaysSoOnce) {
     Write("four");
     EXPECT_EQ(Stream(), nullptr);
     Write("goes nowhere");
-    log.ExpectLines({"[ERROR] _AppFileLog: channel 77: no file until it is set again, No space left on device\n"});
+    log.ExpectLines({"[ERROR] _AppFileLog: channel 77: no file until it is set again, No space "
+                     "left on device\n"});
     EXPECT_EQ(ReadLines(m_backup), Lines{"four"});
     ASSERT_EQ(Open(1000), 0);
     m_path = m_dir / "missing" / "file"; // silently, and the old file is closed
@@ -255,8 +278,10 @@ TEST_F(FileLog, RefusedRotationSaysSoOnce) {
     log.ExpectNone();
 }
 
-TEST_F(FileLog, FilesBeyondTheCountRotate) {
-    if (sizeof(off_t) < 8) GTEST_SKIP() << "files end at 2 GiB here";
+TEST_F(FileLog, FilesBeyondTheCountRotate)
+{
+    if (sizeof(off_t) < 8)
+        GTEST_SKIP() << "files end at 2 GiB here";
     std::ofstream(m_path).close();
     fs::resize_file(m_path, 5ull << 30);
     EXPECT_EQ(Open(UINT32_MAX - 1), UINT32_MAX);
@@ -266,7 +291,8 @@ TEST_F(FileLog, FilesBeyondTheCountRotate) {
 }
 
 // The disk is full in the middle of a line, and the piece may not be taken back at once, or never.
-TEST_F(FileLog, FullDiskLeavesWholeLinesAndTellsOnce) {
+TEST_F(FileLog, FullDiskLeavesWholeLinesAndTellsOnce)
+{
     const std::string line = "a line that does not fit any more, soon";
     signal(SIGXFSZ, SIG_IGN);
     for (const unsigned nUncut : {0u, 1u, 99u}) {
@@ -282,7 +308,8 @@ TEST_F(FileLog, FullDiskLeavesWholeLinesAndTellsOnce) {
             struct rlimit tSmall = tOld;
             tSmall.rlim_cur = 200; // after 30 bytes and twice 63
             setrlimit(RLIMIT_FSIZE, &tSmall);
-            for (int i = 0; i < 9; ++i) Write(line);
+            for (int i = 0; i < 9; ++i)
+                Write(line);
             setrlimit(RLIMIT_FSIZE, &tOld);
             Write("after");
         }
@@ -298,7 +325,8 @@ TEST_F(FileLog, FullDiskLeavesWholeLinesAndTellsOnce) {
     signal(SIGXFSZ, SIG_DFL);
 }
 
-TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal) {
+TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal)
+{
     LogCapture log;
     ASSERT_EQ(Open(1000), 0);
     fault::Fail fail(fault::Fn::writev, 2, EINTR, 2);
@@ -316,17 +344,21 @@ TEST_F(FileLog, EveryLineIsOneWriteThatGoesOnAfterASignal) {
 }
 
 // In a file system of 64 KiB, mounted where only a child sees it.
-TEST_F(FileLog, FillsARealDisk) {
+TEST_F(FileLog, FillsARealDisk)
+{
     const pid_t nChild = fork();
     if (nChild == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("none", m_dir.c_str(), "tmpfs", 0, "size=64k") != 0)
             _exit(77);
         LogCapture log;
         Open(1000000);
-        for (int i = 0; i < 4000; ++i) Write(std::to_string(i));
+        for (int i = 0; i < 4000; ++i)
+            Write(std::to_string(i));
         const Lines lines = ReadLines(m_path);
-        for (size_t i = 0; i < lines.size(); ++i) EXPECT_EQ(lines[i], std::to_string(i));
+        for (size_t i = 0; i < lines.size(); ++i)
+            EXPECT_EQ(lines[i], std::to_string(i));
         fs::resize_file(m_path, 0); // somebody makes room
         Write("room");
         EXPECT_EQ(ReadLines(m_path), Lines{"room"});
@@ -336,13 +368,15 @@ TEST_F(FileLog, FillsARealDisk) {
     }
     int nStatus = 0;
     waitpid(nChild, &nStatus, 0);
-    if (WEXITSTATUS(nStatus) == 77) GTEST_SKIP() << "only who may mount can fill a file system of his own";
+    if (WEXITSTATUS(nStatus) == 77)
+        GTEST_SKIP() << "only who may mount can fill a file system of his own";
     EXPECT_EQ(nStatus, 0);
 }
 
 // Every full file is read right before it becomes the backup: together with the last one they hold
 // each thread's lines, whole and in order.
-TEST_F(FileLog, EightWritersLoseNothingInRotations) {
+TEST_F(FileLog, EightWritersLoseNothingInRotations)
+{
     constexpr unsigned kThreads = 8;
     constexpr unsigned kLines = test::Scaled(1000000) / kThreads;
     constexpr uint32_t kLimit = 20000;
@@ -360,15 +394,18 @@ TEST_F(FileLog, EightWritersLoseNothingInRotations) {
     fault::Fail rotation(fault::Fn::rename, 1, 0, UINT_MAX, fault::kEveryThread);
     rotation.Action(CheckFile); // under the channel's mutex
     test::RunThreads(kThreads, [&](unsigned nThread) {
-        for (unsigned i = 0; i < kLines; ++i) AppLogFile(kChannel, APP_LOG_ALWAYS, "%u %u end\n", nThread, i);
+        for (unsigned i = 0; i < kLines; ++i)
+            AppLogFile(kChannel, APP_LOG_ALWAYS, "%u %u end\n", nThread, i);
     });
     CheckFile();
-    for (const unsigned nNext : anNext) EXPECT_EQ(nNext, kLines);
+    for (const unsigned nNext : anNext)
+        EXPECT_EQ(nNext, kLines);
     EXPECT_GE(rotation.Hits(), kThreads * kLines * (kStampLen + 8) / (kLimit + 40));
     EXPECT_EQ(g_atAppFileLogInfo[kChannel].dwCurSize, fs::file_size(m_path));
 }
 
-TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite) {
+TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite)
+{
     StdoutCapture output;
     test::RunThreads(4, [&](unsigned nThread) {
         for (unsigned i = 0; i < 3000; ++i)
@@ -380,5 +417,6 @@ TEST_F(FileLog, MayBeSetAndClosedWhileOthersWrite) {
                 AppSetFileLog(kChannel, m_path.c_str(), 1000);
     });
     for (const fs::path &path : {m_path, m_backup})
-        for (const std::string &line : ReadLines(path)) EXPECT_EQ(line, "line");
+        for (const std::string &line : ReadLines(path))
+            EXPECT_EQ(line, "line");
 }

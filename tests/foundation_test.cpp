@@ -15,7 +15,8 @@ using test::Text;
 
 // ---- Logging --------------------------------------------------------------------------------
 
-TEST(Log, ThresholdsDecideWhoSeesALine) {
+TEST(Log, ThresholdsDecideWhoSeesALine)
+{
     LogCapture log;
     for (const uint8_t byChannel : {0, 5})
         for (const uint8_t bySet : {0, 15, 16, 240, 254, 255})
@@ -24,14 +25,16 @@ TEST(Log, ThresholdsDecideWhoSeesALine) {
                 g_byAppLogLevel[byChannel].store(APP_LOG_INFO);
                 AppSetLogLevel(byChannel, bySet);
                 AppLog(byChannel, byLevel, "%s-%d", "text", 7);
-                const int nThreshold = byChannel == 0 && bySet < 16 ? int{APP_LOG_INFO} : int{bySet};
+                const int nThreshold =
+                    byChannel == 0 && bySet < 16 ? int{APP_LOG_INFO} : int{bySet};
                 log.ExpectLines(std::vector<std::string>(byLevel <= nThreshold, "text-7"));
             }
     AppLog(0, APP_LOG_ALWAYS, nullptr);
     log.ExpectNone();
 }
 
-TEST(Log, StandardOutputOnlyForExactlyOne) {
+TEST(Log, StandardOutputOnlyForExactlyOne)
+{
     LogCapture log;
     StdoutCapture output;
     for (const uint32_t bViaStdout : {0u, 1u, 2u}) {
@@ -44,7 +47,8 @@ TEST(Log, StandardOutputOnlyForExactlyOne) {
     log.ExpectLines({"switch 0\n", "switch 1\n", "switch 2\n"});
 }
 
-TEST(Log, LongMessagesAreCutButKeepTheirNewline) {
+TEST(Log, LongMessagesAreCutButKeepTheirNewline)
+{
     LogCapture log;
     for (const size_t nLen : {5118u, 5119u, 5120u, 5121u, 9000u}) {
         const std::string text(nLen, 'x');
@@ -53,7 +57,8 @@ TEST(Log, LongMessagesAreCutButKeepTheirNewline) {
     }
 }
 
-TEST(Log, GeneratedChannelsStartFresh) {
+TEST(Log, GeneratedChannelsStartFresh)
+{
     g_byAppLogNextChannel.store(1);
     for (int i = 1; i <= 255; ++i) {
         EXPECT_EQ(AppGenerateLogChannel(), i);
@@ -69,12 +74,15 @@ TEST(Log, GeneratedChannelsStartFresh) {
     std::atomic<unsigned> anTimes[256] = {};
     constexpr unsigned kRounds = test::Scaled(200);
     test::RunThreads(8, [&](unsigned) {
-        for (unsigned i = 0; i < 255 * kRounds; ++i) ++anTimes[AppGenerateLogChannel()];
+        for (unsigned i = 0; i < 255 * kRounds; ++i)
+            ++anTimes[AppGenerateLogChannel()];
     });
-    for (int i = 0; i < 256; ++i) EXPECT_EQ(anTimes[i].load(), i == 0 ? 0 : 8 * kRounds) << "channel " << i;
+    for (int i = 0; i < 256; ++i)
+        EXPECT_EQ(anTimes[i].load(), i == 0 ? 0 : 8 * kRounds) << "channel " << i;
 }
 
-TEST(Format, EveryTruncationIsMinusOne) {
+TEST(Format, EveryTruncationIsMinusOne)
+{
     char achText[8] = "####";
     for (uint32_t dwSize = 0; dwSize <= 5; ++dwSize) {
         EXPECT_EQ(AppSnprintf(achText, dwSize, "%s%c", "ab", 'c'), dwSize > 3 ? 3 : -1) << dwSize;
@@ -92,24 +100,33 @@ TEST(Format, EveryTruncationIsMinusOne) {
 
 // ---- Strings --------------------------------------------------------------------------------
 
-static int Sign(int32_t nValue) { return (nValue > 0) - (nValue < 0); }
+static int Sign(int32_t nValue)
+{
+    return (nValue > 0) - (nValue < 0);
+}
 
-TEST(String, ComparisonsTakeNullForEmpty) {
+TEST(String, ComparisonsTakeNullForEmpty)
+{
     const char *const aszText[] = {nullptr, "", "x", "abc", "abd", "ABc", "AB", "ab", "b", "\xFF"};
     for (const char *szFirst : aszText)
         for (const char *szSecond : aszText)
             for (const uint32_t dwCount : {0u, 1u, 2u, 9u}) {
                 const char *szLeft = szFirst ? szFirst : "", *szRight = szSecond ? szSecond : "";
-                const size_t nCount = !szFirst != !szSecond ? 9 : dwCount; // not looked at beside one null
+                const size_t nCount =
+                    !szFirst != !szSecond ? 9 : dwCount; // not looked at beside one null
                 SCOPED_TRACE(Text("'%s' '%s' %u", szLeft, szRight, dwCount));
                 EXPECT_EQ(Sign(AppStrcmp(szFirst, szSecond)), Sign(strcmp(szLeft, szRight)));
-                EXPECT_EQ(Sign(AppStrncmp(szFirst, szSecond, dwCount)), Sign(strncmp(szLeft, szRight, nCount)));
-                EXPECT_EQ(Sign(AppStrcasecmp(szFirst, szSecond)), Sign(strcasecmp(szLeft, szRight)));
-                EXPECT_EQ(Sign(AppStrncasecmp(szFirst, szSecond, dwCount)), Sign(strncasecmp(szLeft, szRight, nCount)));
+                EXPECT_EQ(Sign(AppStrncmp(szFirst, szSecond, dwCount)),
+                          Sign(strncmp(szLeft, szRight, nCount)));
+                EXPECT_EQ(Sign(AppStrcasecmp(szFirst, szSecond)),
+                          Sign(strcasecmp(szLeft, szRight)));
+                EXPECT_EQ(Sign(AppStrncasecmp(szFirst, szSecond, dwCount)),
+                          Sign(strncasecmp(szLeft, szRight, nCount)));
             }
 }
 
-TEST(String, WrappersTakeNullAndZero) {
+TEST(String, WrappersTakeNullAndZero)
+{
     const char *szText = "abc\xE9";
     EXPECT_EQ(AppStrlen(nullptr), 0u);
     EXPECT_EQ(AppStrlen(szText), 4u);
@@ -130,7 +147,8 @@ TEST(String, WrappersTakeNullAndZero) {
     EXPECT_STREQ(achBuf, "xyc");
 }
 
-TEST(String, CopiesAlwaysTerminateAndFill) {
+TEST(String, CopiesAlwaysTerminateAndFill)
+{
     for (const char *szSrc : {"", "ab", "1234567", "12345678", static_cast<const char *>(nullptr)})
         for (uint32_t dwSize = 0; dwSize <= 8; ++dwSize) {
             char achBuf[9] = "########";
@@ -147,13 +165,15 @@ TEST(String, CopiesAlwaysTerminateAndFill) {
 
 // The destination ends where its allocation ends, so that the address sanitizer sees a step too
 // far, reading or writing; a text as long as the size has no terminator inside it.
-TEST(String, AppendingNeverLeavesTheBuffer) {
+TEST(String, AppendingNeverLeavesTheBuffer)
+{
     const std::string digits = "12345678";
     for (uint32_t dwSize = 1; dwSize <= 8; ++dwSize)
         for (uint32_t dwLen = 0; dwLen <= dwSize; ++dwLen)
             for (const char *szSrc : {"", "x", "abcdefg"}) {
                 std::unique_ptr<char[]> buffer(new char[dwSize]);
-                memcpy(buffer.get(), (digits.substr(0, dwLen) + std::string(8, '\0')).data(), dwSize);
+                memcpy(buffer.get(), (digits.substr(0, dwLen) + std::string(8, '\0')).data(),
+                       dwSize);
                 EXPECT_EQ(AppStrncat(buffer.get(), szSrc, dwSize), buffer.get());
                 EXPECT_EQ(buffer.get(), (digits.substr(0, dwLen) + szSrc).substr(0, dwSize - 1));
             }
@@ -164,16 +184,19 @@ TEST(String, AppendingNeverLeavesTheBuffer) {
     EXPECT_EQ(AppStrncat(nullptr, "b", 4), nullptr);
 }
 
-TEST(String, HashIsTheAgreedOne) {
+TEST(String, HashIsTheAgreedOne)
+{
     EXPECT_EQ(AppStringHash(nullptr), 0u);
     EXPECT_EQ(AppStringHash(""), 0u);
     EXPECT_EQ(AppStringHash("Hello"), 360269938u);
-    EXPECT_EQ(AppStringHash("\x80\xC3"), (128u * (63689u * 378551u) + 0xC3) & 0x7FFFFFFF); // bytes are unsigned
+    EXPECT_EQ(AppStringHash("\x80\xC3"),
+              (128u * (63689u * 378551u) + 0xC3) & 0x7FFFFFFF); // bytes are unsigned
 }
 
 // ---- Dump -----------------------------------------------------------------------------------
 
-TEST(Dump, EndsAfterItsLastWholePieceAtEverySize) {
+TEST(Dump, EndsAfterItsLastWholePieceAtEverySize)
+{
     static const char s_achData[] = "0123456789ABCDEF \x7F!~\t"
                                     "abcdefghijklmnop";
     const auto pbyData = reinterpret_cast<const uint8_t *>(s_achData);
@@ -183,7 +206,8 @@ TEST(Dump, EndsAfterItsLastWholePieceAtEverySize) {
         Add(Text("ADDR:%p SIZE:%u(%xh)\n", static_cast<const void *>(pbyData), dwLen, dwLen));
         for (uint32_t dwRow = 0; dwRow < dwLen; dwRow += 16) {
             Add(Text("%8xh: ", dwRow));
-            for (uint32_t i = dwRow; i < dwRow + 16; ++i) Add(i < dwLen ? Text("%02X ", pbyData[i]) : "   ");
+            for (uint32_t i = dwRow; i < dwRow + 16; ++i)
+                Add(i < dwLen ? Text("%02X ", pbyData[i]) : "   ");
             Add(" | ");
             for (uint32_t i = dwRow; i < dwRow + 16 && i < dwLen; ++i)
                 Add(isgraph(pbyData[i]) ? std::string(1, s_achData[i]) : ".");
@@ -191,9 +215,11 @@ TEST(Dump, EndsAfterItsLastWholePieceAtEverySize) {
         }
         size_t nFits = 0;
         for (uint32_t dwSize = 1; dwSize < whole.back().size() + 5; ++dwSize) {
-            while (nFits + 1 < whole.size() && whole[nFits + 1].size() < dwSize) ++nFits;
+            while (nFits + 1 < whole.size() && whole[nFits + 1].size() < dwSize)
+                ++nFits;
             std::unique_ptr<char[]> buffer(new char[dwSize]); // guarded by the address sanitizer
-            ASSERT_EQ(AppDumpMem(pbyData, dwLen, buffer.get(), dwSize), static_cast<int32_t>(whole[nFits].size()));
+            ASSERT_EQ(AppDumpMem(pbyData, dwLen, buffer.get(), dwSize),
+                      static_cast<int32_t>(whole[nFits].size()));
             ASSERT_EQ(buffer.get(), whole[nFits]) << "size " << dwSize;
         }
     }

@@ -11,7 +11,8 @@
 using test::LogCapture;
 using test::Text;
 
-namespace {
+namespace
+{
 
 // The host of these tests.
 struct THost {
@@ -28,28 +29,37 @@ struct THost {
 THost g_host;
 
 template <typename Record>
-void ExpectZero(const Record *ptRecord) {
+void ExpectZero(const Record *ptRecord)
+{
     const Record zero = {};
     EXPECT_EQ(memcmp(ptRecord, &zero, sizeof(zero)), 0);
 }
 
-uint32_t Word(const char *szIp) { return inet_addr(szIp); }
+uint32_t Word(const char *szIp)
+{
+    return inet_addr(szIp);
+}
 
 const TAppNetAddr kRemote = {APP_NET_ADDR_IPV4, {inet_addr("127.9.9.9")}};
 const uint16_t kPort = htons(8080);
 
-class Nat : public testing::Test {
+class Nat : public testing::Test
+{
 protected:
-    Nat() {
+    Nat()
+    {
         g_host = THost();
         SetPair(0, 0, "127.0.0.1", "255.255.255.0"); // 127.9.9.9 is outside
         g_host.upnp.dwEnable = 1;
     }
-    static void SetPair(size_t nIf, uint32_t dwPair, const char *szAddr, const char *szMask) {
+    static void SetPair(size_t nIf, uint32_t dwPair, const char *szAddr, const char *szMask)
+    {
         g_host.eth[nIf].atAddr[dwPair] = {Word(szAddr), Word(szMask)};
-        if (g_host.eth[nIf].dwAddrNum <= dwPair) g_host.eth[nIf].dwAddrNum = dwPair + 1;
+        if (g_host.eth[nIf].dwAddrNum <= dwPair)
+            g_host.eth[nIf].dwAddrNum = dwPair + 1;
     }
-    static void SetMap(int i, uint32_t dwType, uint16_t wExtPort, const char *szExt) {
+    static void SetMap(int i, uint32_t dwType, uint16_t wExtPort, const char *szExt)
+    {
         TIpcUpupMap &map = g_host.upnp.atMap[i];
         map.dwMapType = dwType;
         map.wInPort = kPort;
@@ -59,7 +69,8 @@ protected:
         memset(map.achName, 'n', APP_HOST_UPNP_NAME_SIZE); // no terminator
     }
     // Runs the calculation for the remote and compares.
-    void Expect(const char *szIp, uint16_t wPort, uint32_t dwProtocol = APP_SOCKET_TCP) {
+    void Expect(const char *szIp, uint16_t wPort, uint32_t dwProtocol = APP_SOCKET_TCP)
+    {
         TAppNetAddr addr = kRemote; // one record for both
         uint16_t wGot = 0;
         EXPECT_CODE(APP_OK, AppSocketCalNATAddr(&addr, dwProtocol, kPort, &addr, &wGot));
@@ -71,7 +82,8 @@ protected:
     LogCapture log{APP_LOG_ERROR};
 };
 
-TEST_F(Nat, PeersOnTheSubnetNeedNoMapping) {
+TEST_F(Nat, PeersOnTheSubnetNeedNoMapping)
+{
     SetMap(0, 0, 80, "8.8.8.8");
     for (const char *szMask : {"255.0.0.0", "0.0.0.0"}) { // the second holds everything
         SetPair(0, 0, "127.0.0.1", szMask);
@@ -81,10 +93,12 @@ TEST_F(Nat, PeersOnTheSubnetNeedNoMapping) {
     SetPair(0, 0, "127.0.0.2", "255.255.255.0"); // not listed: counts as on the subnet
     Expect("127.0.0.1", 8080);
     EXPECT_EQ(g_host.nUpnpCalls, 0u);
-    log.ExpectLines({Text("[INFO ] AppSocketCalNATAddr: can't find addr %x in net param\n", Word("127.0.0.1"))});
+    log.ExpectLines({Text("[INFO ] AppSocketCalNATAddr: can't find addr %x in net param\n",
+                          Word("127.0.0.1"))});
 }
 
-TEST_F(Nat, MappingsMatchByKindPortAndActivity) {
+TEST_F(Nat, MappingsMatchByKindPortAndActivity)
+{
     Expect("127.0.0.1", 8080); // no mapping at all
     SetMap(0, 0, 80, "8.8.8.8");
     Expect("8.8.8.8", 80, APP_SOCKET_TCP);
@@ -107,7 +121,8 @@ TEST_F(Nat, MappingsMatchByKindPortAndActivity) {
     log.ExpectNone();
 }
 
-TEST_F(Nat, HostFailuresAreLoggedAndPassedOver) {
+TEST_F(Nat, HostFailuresAreLoggedAndPassedOver)
+{
     SetMap(0, 0, 80, "8.8.8.8");
     g_host.nHwStatus = -3; // no subnet test: the mappings decide
     SetPair(0, 0, "127.0.0.1", "255.0.0.0");
@@ -126,7 +141,8 @@ TEST_F(Nat, HostFailuresAreLoggedAndPassedOver) {
     log.ExpectLines({szNoEth, szNoEth, "[ERROR] AppSocketCalNATAddr: IpcGetUpupCfg failed 7\n"});
 }
 
-TEST_F(Nat, CountsOfTheHostAreBounded) {
+TEST_F(Nat, CountsOfTheHostAreBounded)
+{
     g_host.eth[0] = {};
     g_host.eth[0].dwAddrNum = 4294967295u;
     Expect("127.0.0.1", 8080);
@@ -139,7 +155,8 @@ TEST_F(Nat, CountsOfTheHostAreBounded) {
     EXPECT_EQ(g_host.nEthCalls, 256u);
 }
 
-TEST_F(Nat, Ipv6PeersGoStraightToTheMappings) {
+TEST_F(Nat, Ipv6PeersGoStraightToTheMappings)
+{
     TAppNetAddr addr = {APP_NET_ADDR_IPV6, {0}};
     addr.abyIpv6[15] = 1;
     SetMap(1, 0, 80, "8.8.8.8");
@@ -150,37 +167,43 @@ TEST_F(Nat, Ipv6PeersGoStraightToTheMappings) {
     EXPECT_EQ(g_host.nEthCalls, 0u);
 }
 
-TEST_F(Nat, TracesItsSteps) {
+TEST_F(Nat, TracesItsSteps)
+{
     AppSetLogLevel(0, APP_LOG_DEBUG);
     SetMap(2, 0, 80, "8.8.8.8");
     Expect("8.8.8.8", 80);
     const std::string name(APP_HOST_UPNP_NAME_SIZE, 'n'), op = "[DEBUG] AppSocketCalNATAddr: ";
     const std::string unused = " type 0 enable 0 inport:0 name \n";
     log.ExpectLines({op + Text("LocalAddr %x RemoteAddr %x\n", Word("127.0.0.1"), kRemote.dwIpv4),
-                     op + Text("subnet mask:%x\n", Word("255.255.255.0")), op + Text("Local Port %d\n", kPort),
-                     op + "UPnP[0]:" + unused, op + "UPnP[1]:" + unused,
+                     op + Text("subnet mask:%x\n", Word("255.255.255.0")),
+                     op + Text("Local Port %d\n", kPort), op + "UPnP[0]:" + unused,
+                     op + "UPnP[1]:" + unused,
                      op + Text("UPnP[2]: type 0 enable 0 inport:%d name %s\n", kPort, name.c_str()),
-                     op + Text("UPnP: addr:%x port:%u protocal:%s\n", Word("8.8.8.8"), htons(80), name.c_str())});
+                     op + Text("UPnP: addr:%x port:%u protocal:%s\n", Word("8.8.8.8"), htons(80),
+                               name.c_str())});
 }
 
 } // namespace
 
 // Records arrive zeroed, at every call.
-int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw) {
+int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw)
+{
     ExpectZero(ptHw);
     ptHw->byIfCount1 = g_host.byIfCount1;
     ptHw->byIfCount2 = g_host.byIfCount2;
     return g_host.nHwStatus;
 }
 
-int32_t IpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam *ptParam) {
+int32_t IpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam *ptParam)
+{
     ++g_host.nEthCalls;
     ExpectZero(ptParam);
     *ptParam = g_host.eth.at(byIndex);
     return g_host.ethStatus.at(byIndex);
 }
 
-int32_t IpcGetUpupCfg(TIpcUpupCfg *ptCfg) {
+int32_t IpcGetUpupCfg(TIpcUpupCfg *ptCfg)
+{
     ++g_host.nUpnpCalls;
     ExpectZero(ptCfg);
     *ptCfg = g_host.upnp;

@@ -22,26 +22,33 @@ using std::chrono::steady_clock;
 using test::LogCapture;
 using test::Text;
 
-namespace {
+namespace
+{
 
 const std::vector<Fn> s_timedLocks{Fn::pthread_mutex_clocklock, Fn::pthread_mutex_timedlock};
-const std::vector<Fn> s_waits{Fn::pthread_cond_timedwait, Fn::pthread_mutex_clocklock, Fn::pthread_mutex_timedlock};
+const std::vector<Fn> s_waits{Fn::pthread_cond_timedwait, Fn::pthread_mutex_clocklock,
+                              Fn::pthread_mutex_timedlock};
 
-HAppLock CreateLock(uint32_t dwMax, uint32_t dwInit, uint32_t dwType = APP_LOCK_TYPE_SEM) {
+HAppLock CreateLock(uint32_t dwMax, uint32_t dwInit, uint32_t dwType = APP_LOCK_TYPE_SEM)
+{
     HAppLock hLock = nullptr;
     EXPECT_CODE(APP_OK, AppLockCreate(nullptr, dwMax, dwInit, dwType, &hLock));
     return hLock;
 }
 
 // Units that can be had without waiting; they are given back.
-uint32_t CountUnits(HAppLock hLock) {
+uint32_t CountUnits(HAppLock hLock)
+{
     uint32_t dwUnits = 0;
-    while (AppLockTakeByTime(hLock, 1) == APP_OK) ++dwUnits;
-    for (uint32_t i = 0; i < dwUnits; ++i) EXPECT_CODE(APP_OK, AppLockGive(hLock));
+    while (AppLockTakeByTime(hLock, 1) == APP_OK)
+        ++dwUnits;
+    for (uint32_t i = 0; i < dwUnits; ++i)
+        EXPECT_CODE(APP_OK, AppLockGive(hLock));
     return dwUnits;
 }
 
-uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout) {
+uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout)
+{
     uint32_t dwResult = 0;
     std::thread([&] { dwResult = AppLockTakeByTime(hLock, dwTimeout); }).join();
     return dwResult;
@@ -49,17 +56,21 @@ uint32_t TakeInOtherThread(HAppLock hLock, uint32_t dwTimeout) {
 
 // A take in a thread of its own, which has gone to sleep when the constructor ends.  What it took
 // it gives back.
-class SleepingTaker {
+class SleepingTaker
+{
 public:
     SleepingTaker(HAppLock hLock, uint32_t dwTimeout)
         : m_waits(s_waits, 0, 0, 1, fault::kEveryThread), m_thread([=] {
               m_dwResult = AppLockTakeByTime(hLock, dwTimeout);
-              if (m_dwResult == APP_OK) AppLockGive(hLock);
+              if (m_dwResult == APP_OK)
+                  AppLockGive(hLock);
               m_bDone = true;
-          }) {
+          })
+    {
         EXPECT_TRUE(test::WaitUntil([&] { return m_waits.Calls() > 0 || m_bDone; }));
     }
-    uint32_t Join() {
+    uint32_t Join()
+    {
         m_thread.join();
         return m_dwResult;
     }
@@ -76,28 +87,35 @@ private:
 
 // ---- Locks ----------------------------------------------------------------------------------
 
-TEST(Lock, CountsStayBetweenZeroAndTheCeiling) {
+TEST(Lock, CountsStayBetweenZeroAndTheCeiling)
+{
     const auto hUntouched = reinterpret_cast<HAppLock>(16);
-    for (const uint32_t dwType : {uint32_t{APP_LOCK_TYPE_RECURSIVE}, uint32_t{APP_LOCK_TYPE_SEM}, 7u}) // any other type
+    for (const uint32_t dwType :
+         {uint32_t{APP_LOCK_TYPE_RECURSIVE}, uint32_t{APP_LOCK_TYPE_SEM}, 7u}) // any other type
         for (const uint32_t dwMax : {0u, 1u, 2u, 4294967295u})
             for (const uint32_t dwInit : {0u, 1u, 2u, 5u}) {
                 SCOPED_TRACE(Text("max %u init %u type %u", dwMax, dwInit, dwType));
                 HAppLock hLock = hUntouched;
                 const bool bGood = dwMax == 1 || (dwMax > 1 && dwType != APP_LOCK_TYPE_RECURSIVE);
-                EXPECT_CODE(bGood ? APP_OK : APP_INVALID_ARG, AppLockCreate(nullptr, dwMax, dwInit, dwType, &hLock));
+                EXPECT_CODE(bGood ? APP_OK : APP_INVALID_ARG,
+                            AppLockCreate(nullptr, dwMax, dwInit, dwType, &hLock));
                 EXPECT_EQ(hLock == hUntouched, !bGood);
                 if (bGood && dwType != APP_LOCK_TYPE_RECURSIVE) {
                     EXPECT_EQ(CountUnits(hLock), std::min(dwInit, dwMax));
-                    for (int i = 0; i < 5; ++i) EXPECT_CODE(APP_OK, AppLockGive(hLock)); // absorbed at the ceiling
+                    for (int i = 0; i < 5; ++i)
+                        EXPECT_CODE(APP_OK, AppLockGive(hLock)); // absorbed at the ceiling
                     EXPECT_EQ(CountUnits(hLock), std::min(std::min(dwInit, dwMax) + 5, dwMax));
                 }
-                if (bGood && dwType == APP_LOCK_TYPE_RECURSIVE && dwInit == 0) AppLockGive(hLock); // held at first
-                if (bGood) AppLockDestroy(hLock);
+                if (bGood && dwType == APP_LOCK_TYPE_RECURSIVE && dwInit == 0)
+                    AppLockGive(hLock); // held at first
+                if (bGood)
+                    AppLockDestroy(hLock);
             }
 }
 
 // 1200 ms is beyond the slice in which the library sleeps.
-TEST(Lock, TimeoutsAreNotEarlierThanAsked) {
+TEST(Lock, TimeoutsAreNotEarlierThanAsked)
+{
     HAppLock hEmpty = CreateLock(1, 0);
     HAppLock hHeld = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE);
     for (const uint32_t dwTimeout : {1u, 50u, 1200u}) {
@@ -113,7 +131,8 @@ TEST(Lock, TimeoutsAreNotEarlierThanAsked) {
     AppLockDestroy(hEmpty);
 }
 
-TEST(Lock, LongTimeoutsDoNotWrap) {
+TEST(Lock, LongTimeoutsDoNotWrap)
+{
     for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE})
         for (const uint32_t dwTimeout : {2147483u, 604800000u, 2147483648u, 4294967295u}) {
             SCOPED_TRACE(dwTimeout);
@@ -127,7 +146,8 @@ TEST(Lock, LongTimeoutsDoNotWrap) {
         }
 }
 
-TEST(Lock, RecursiveIsGivenAsOftenAsTaken) {
+TEST(Lock, RecursiveIsGivenAsOftenAsTaken)
+{
     HAppLock hLock = CreateLock(1, 0, APP_LOCK_TYPE_RECURSIVE); // starts held
     EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 0));
     EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 5));
@@ -146,7 +166,8 @@ TEST(Lock, RecursiveIsGivenAsOftenAsTaken) {
     AppLockDestroy(hLock);
 }
 
-TEST(Lock, RefusedSignalGivesNothing) {
+TEST(Lock, RefusedSignalGivesNothing)
+{
     HAppLock hLock = CreateLock(2, 0);
     SleepingTaker taker(hLock, 0);
     {
@@ -162,7 +183,8 @@ TEST(Lock, RefusedSignalGivesNothing) {
 
 // The second give of two, made before the first sleeper can have run, wakes the second sleeper; and
 // where there is room for one unit only, the first sleeper's own give does.
-TEST(Lock, EachOfTwoGivesSignals) {
+TEST(Lock, EachOfTwoGivesSignals)
+{
     for (const uint32_t dwMax : {2u, 1u}) {
         HAppLock hLock = CreateLock(dwMax, 0);
         SleepingTaker first(hLock, 0), second(hLock, 0);
@@ -181,7 +203,8 @@ TEST(Lock, EachOfTwoGivesSignals) {
 }
 
 // The giver's last touch of a record is its give: who takes may destroy and release at once.
-TEST(Lock, MayBeDestroyedRightAfterAHandOver) {
+TEST(Lock, MayBeDestroyedRightAfterAHandOver)
+{
     constexpr unsigned kRounds = test::Scaled(40000);
     std::atomic<HAppLock> hShared{nullptr};
     std::atomic<bool> bEnd{false};
@@ -206,7 +229,8 @@ TEST(Lock, MayBeDestroyedRightAfterAHandOver) {
     giver.join();
 }
 
-TEST(Lock, ExcludesEightThreads) {
+TEST(Lock, ExcludesEightThreads)
+{
     constexpr unsigned kThreads = 8;
     constexpr unsigned kTakes = test::Scaled(1000000) / kThreads;
     for (const uint32_t dwType : {APP_LOCK_TYPE_SEM, APP_LOCK_TYPE_RECURSIVE}) {
@@ -238,7 +262,8 @@ TEST(Lock, ExcludesEightThreads) {
 
 // ---- Ticks and delays -----------------------------------------------------------------------
 
-TEST(Tick, CountsTenMilliseconds) {
+TEST(Tick, CountsTenMilliseconds)
+{
     EXPECT_EQ(AppTickDiff(0xFFFFFFF0, 0x10), 32u);
     EXPECT_EQ(AppConvertTickToMS(0x1999999A), 4u);
     const auto before = steady_clock::now();
@@ -261,7 +286,8 @@ TEST(Tick, CountsTenMilliseconds) {
 
 // ---- Threads --------------------------------------------------------------------------------
 
-static void *NoteThread(void *pvArg) {
+static void *NoteThread(void *pvArg)
+{
     pthread_attr_t tAttr;
     int nDetached = -1;
     pthread_getattr_np(pthread_self(), &tAttr);
@@ -279,7 +305,8 @@ static void *NoteThread(void *pvArg) {
     return nullptr;
 }
 
-TEST(Thread, CreationFallsBackToInheritedScheduling) {
+TEST(Thread, CreationFallsBackToInheritedScheduling)
+{
     struct {
         int nCreateError;
         unsigned nCreateTimes;
@@ -297,16 +324,19 @@ TEST(Thread, CreationFallsBackToInheritedScheduling) {
     for (const auto &row : rows) {
         SCOPED_TRACE(row.szLines);
         std::atomic<int> nRan{0};
-        fault::Fail create(Fn::pthread_create, row.nCreateTimes ? 1 : 0, row.nCreateError, row.nCreateTimes);
-        fault::Fail inherit(Fn::pthread_attr_setinheritsched, row.nInheritNth, ENOTSUP, row.nInheritTimes);
+        fault::Fail create(Fn::pthread_create, row.nCreateTimes ? 1 : 0, row.nCreateError,
+                           row.nCreateTimes);
+        fault::Fail inherit(Fn::pthread_attr_setinheritsched, row.nInheritNth, ENOTSUP,
+                            row.nInheritTimes);
         // A stack size that is refused is not checked.
         EXPECT_CODE(row.dwResult, _AppThreadCreate(NoteThread, *row.szLines ? 65536 : 1, &nRan));
         std::vector<std::string> lines;
         for (const char *pch = row.szLines; *pch; ++pch)
-            lines.push_back(
-                *pch == 'c' ? Text("[ERROR] _AppThreadCreate: pthread_create ret %d, try with PTHREAD_INHERIT_SCHED\n",
-                                   row.nCreateError)
-                            : "[ERROR] _AppThreadCreate: pthread_attr_setinheritsched:Operation not supported\n");
+            lines.push_back(*pch == 'c' ? Text("[ERROR] _AppThreadCreate: pthread_create ret %d, "
+                                               "try with PTHREAD_INHERIT_SCHED\n",
+                                               row.nCreateError)
+                                        : "[ERROR] _AppThreadCreate: "
+                                          "pthread_attr_setinheritsched:Operation not supported\n");
         log.ExpectLines(lines);
         EXPECT_TRUE(test::WaitUntil([&] { return nRan == (row.dwResult == APP_OK); }));
     }

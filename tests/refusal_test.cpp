@@ -20,7 +20,8 @@
 using test::LogCapture;
 using test::Text;
 
-namespace {
+namespace
+{
 
 std::string s_covered;
 unsigned char s_abyOutput[256];
@@ -28,7 +29,8 @@ unsigned char s_abyOutput[256];
 // An argument that is not null: converts to every pointer and is found unchanged afterwards.
 struct TOutput {
     template <typename T>
-    operator T *() const {
+    operator T *() const
+    {
         return reinterpret_cast<T *>(s_abyOutput);
     }
 } const kOut;
@@ -36,7 +38,8 @@ struct TOutput {
 // A pointer that may be null.
 struct TOptional {
     template <typename T>
-    operator T *() const {
+    operator T *() const
+    {
         return reinterpret_cast<T *>(s_abyOutput);
     }
 } const kMay;
@@ -47,30 +50,37 @@ using Lines = std::function<std::string(const char *szOp, size_t nNull)>;
 const Lines kSilent = [](const char *, size_t) { return ""; };
 
 // "[ERROR] Op: ptFirst (nil), szSecond P", for the names "ptFirst szSecond".
-Lines Names(const char *szNames, const char *szOther = nullptr) {
+Lines Names(const char *szNames, const char *szOther = nullptr)
+{
     return [=](const char *szOp, size_t nNull) {
         std::istringstream names(szNames);
         std::string line = Text("[ERROR] %s:", szOther ? szOther : szOp), name;
-        for (size_t i = 0; names >> name; ++i) line += (i ? ", " : " ") + name + (i == nNull ? " (nil)" : " P");
+        for (size_t i = 0; names >> name; ++i)
+            line += (i ? ", " : " ") + name + (i == nNull ? " (nil)" : " P");
         return line + "\n";
     };
 }
 
 // The same text whatever is null.
-Lines Fixed(const char *szText) {
+Lines Fixed(const char *szText)
+{
     return [=](const char *szOp, size_t) { return Text("[ERROR] %s: %s\n", szOp, szText); };
 }
 
 // The same for one pointer, other lines for those before it.
-Lines Last(size_t nLast, const char *szText, const Lines &others) {
-    return [=](const char *szOp, size_t nNull) { return (nNull == nLast ? Fixed(szText) : others)(szOp, nNull); };
+Lines Last(size_t nLast, const char *szText, const Lines &others)
+{
+    return [=](const char *szOp, size_t nNull) {
+        return (nNull == nLast ? Fixed(szText) : others)(szOp, nNull);
+    };
 }
 
 // Passes arguments on, one of them as null.
 struct TNulling {
     size_t nNull, nNext = 0;
     template <typename P, typename A>
-    P Pass(const A &argument) {
+    P Pass(const A &argument)
+    {
         const bool bNull = nNext++ == nNull;
         if constexpr (std::is_pointer_v<P>)
             return bNull ? nullptr : static_cast<P>(argument);
@@ -80,12 +90,15 @@ struct TNulling {
 };
 
 template <typename Result, typename... P, typename Refused, typename... A>
-void Refuse(const char *szOp, Result (*pfn)(P...), Refused refused, const Lines &lines, A... args) {
-    if (*szOp != '_') s_covered += std::string(szOp) + " ";
+void Refuse(const char *szOp, Result (*pfn)(P...), Refused refused, const Lines &lines, A... args)
+{
+    if (*szOp != '_')
+        s_covered += std::string(szOp) + " ";
     constexpr bool abTaken[] = {std::is_pointer_v<P> && !std::is_same_v<A, TOptional>...};
     size_t nNull = 0;
     for (size_t i = 0; i < sizeof...(P); ++i) {
-        if (!abTaken[i]) continue;
+        if (!abTaken[i])
+            continue;
         SCOPED_TRACE(Text("%s: pointer %zu", szOp, nNull));
         LogCapture log;
         memset(s_abyOutput, 0xA5, sizeof(s_abyOutput));
@@ -96,16 +109,19 @@ void Refuse(const char *szOp, Result (*pfn)(P...), Refused refused, const Lines 
         else
             EXPECT_EQ(std::apply(pfn, arguments), static_cast<Result>(refused));
         std::string said;
-        for (const std::string &line : log.Lines()) said += test::Masked(line);
+        for (const std::string &line : log.Lines())
+            said += test::Masked(line);
         EXPECT_EQ(said, lines(szOp, nNull++));
-        for (const unsigned char by : s_abyOutput) ASSERT_EQ(by, 0xA5) << "written";
+        for (const unsigned char by : s_abyOutput)
+            ASSERT_EQ(by, 0xA5) << "written";
     }
     EXPECT_GT(nNull, 0u) << szOp;
 }
 
 #define REFUSES(name, ...) Refuse(#name, name, __VA_ARGS__)
 
-TEST(Refusals, EveryOperationRefusesNull) {
+TEST(Refusals, EveryOperationRefusesNull)
+{
     HAppDoubleList hList = nullptr;
     HAppDoubleListNode hNode = nullptr;
     HAppQueue hQueue = nullptr;
@@ -166,7 +182,8 @@ TEST(Refusals, EveryOperationRefusesNull) {
     EXPECT_EQ(g_hAppShareActionList.load(), nullptr) << "the refused registrations created nothing";
 
     const TAppNetAddr any = {APP_NET_ADDR_IPV4, {0}};
-    HAppSocket hUdp = AppSocketCreate(nullptr, APP_SOCKET_UDP, 0), hTcp = AppSocketCreate(nullptr, APP_SOCKET_TCP, 0);
+    HAppSocket hUdp = AppSocketCreate(nullptr, APP_SOCKET_UDP, 0),
+               hTcp = AppSocketCreate(nullptr, APP_SOCKET_TCP, 0);
     uint32_t dwLen = 1;
     REFUSES(AppSocketBind, bad, kSilent, hUdp, &any, 0, 0);
     REFUSES(AppSocketUDPRecv, -1, kSilent, hUdp, kOut, &dwLen, 1, kMay, kMay, kMay, kMay);
@@ -197,9 +214,12 @@ TEST(Refusals, EveryOperationRefusesNull) {
     REFUSES(AppSetFileLog, 0, kSilent, 9, "path", 1);
     REFUSES(AppDumpMem, 0, kSilent, kOut, 1, kOut, 100);
     const TAppS32StrPair row = {0, "a"};
-    REFUSES(AppMakeCapStr_u8, bad, Names("ptPairArr abyCapArr szDstBuf"), &row, 1, kOut, 1, kOut, 9);
-    REFUSES(AppMakeCapStr_u32, bad, Names("ptPairArr adwCapArr szDstBuf"), &row, 1, kOut, 1, kOut, 9);
-    REFUSES(AppMakeCapStr_Bool, bad, Names("ptPairArr abCapArr szDstBuf"), &row, 1, kOut, 1, kOut, 9);
+    REFUSES(AppMakeCapStr_u8, bad, Names("ptPairArr abyCapArr szDstBuf"), &row, 1, kOut, 1, kOut,
+            9);
+    REFUSES(AppMakeCapStr_u32, bad, Names("ptPairArr adwCapArr szDstBuf"), &row, 1, kOut, 1, kOut,
+            9);
+    REFUSES(AppMakeCapStr_Bool, bad, Names("ptPairArr abCapArr szDstBuf"), &row, 1, kOut, 1, kOut,
+            9);
 
     REFUSES(AppXmlLoad, bad, Names("szText pptTree"), "<a/>", 4, kOut);
     mxml_node_t *const pt = mxmlLoadString(nullptr, "<c v='1'><v>1</v></c>", AppXmlMxmlParseCB);
@@ -216,16 +236,19 @@ TEST(Refusals, EveryOperationRefusesNull) {
     REFUSES(AppXmlGetAttr_u32, bad, Names("ptNode szAttrName pdwValue"), pt, "v", kOut);
     REFUSES(AppXmlGetAttr_Bool, bad, Names("ptNode szAttrName pbValue"), pt, "v", kOut);
     REFUSES(AppXmlGetSonNodeValue_Str, bad, Names("ptParent szNodeName szText"), pt, "v", kOut);
-    REFUSES(AppXmlGetSonNodeValue_Str_Copy, bad, Names("ptParent szNodeName szBuf"), pt, "v", kOut, 8);
+    REFUSES(AppXmlGetSonNodeValue_Str_Copy, bad, Names("ptParent szNodeName szBuf"), pt, "v", kOut,
+            8);
     REFUSES(AppXmlGetSonNodeValue_CData, bad, Names("ptParent szNodeName pszText"), pt, "v", kOut);
     const char *szS32 = "AppXmlGetSonNodeValue_s32", *szNames = "ptParent szNodeName pnValue";
     REFUSES(AppXmlGetSonNodeValue_s32, bad, Names(szNames), pt, "v", kOut);
-    REFUSES(AppXmlGetSonNodeValue_u8, bad, Last(2, "pbyValue NULL", Names(szNames, szS32)), pt, "v", kOut);
-    REFUSES(AppXmlGetSonNodeValue_u16, bad, Last(2, "pwValue NULL", Names(szNames, szS32)), pt, "v", kOut);
+    REFUSES(AppXmlGetSonNodeValue_u8, bad, Last(2, "pbyValue NULL", Names(szNames, szS32)), pt, "v",
+            kOut);
+    REFUSES(AppXmlGetSonNodeValue_u16, bad, Last(2, "pwValue NULL", Names(szNames, szS32)), pt, "v",
+            kOut);
     REFUSES(AppXmlGetSonNodeValue_u32, bad, Names("ptParent szNodeName pdwValue"), pt, "v", kOut);
     REFUSES(AppXmlGetSonNodeValue_u64, bad, Names("ptParent szNodeName pqwValue"), pt, "v", kOut);
-    REFUSES(AppXmlGetSonNodeValue_Bool, bad, Names("ptParent szNodeName szText", "AppXmlGetSonNodeValue_Str"), pt, "v",
-            kMay);
+    REFUSES(AppXmlGetSonNodeValue_Bool, bad,
+            Names("ptParent szNodeName szText", "AppXmlGetSonNodeValue_Str"), pt, "v", kMay);
     REFUSES(AppXmlAddSonNode, bad, Names("ptFather szNodeName pptNewNode"), pt, "v", kOut);
     const Lines text = Names("ptFather szNodeName szValue", "AppXmlAddSonNode_Str");
     REFUSES(AppXmlAddSonNode_Str, bad, text, pt, "v", "1", kMay);
@@ -234,19 +257,22 @@ TEST(Refusals, EveryOperationRefusesNull) {
     REFUSES(AppXmlAddSonNode_u64, bad, text, pt, "v", 1, kMay);
     REFUSES(AppXmlAddSonNode_Double, bad, text, pt, "v", 1, kMay);
     REFUSES(AppXmlAddSonNode_Bool, bad, text, pt, "v", 1, kMay);
-    REFUSES(AppXmlAddSonNode_CDATA, bad, Last(3, "pptElem NULL", Names("ptFather szNodeName szData")), pt, "v", "1",
-            kOut);
+    REFUSES(AppXmlAddSonNode_CDATA, bad,
+            Last(3, "pptElem NULL", Names("ptFather szNodeName szData")), pt, "v", "1", kOut);
     REFUSES(AppXmlSetAttr_s32, bad, Names("ptNode szAttrName"), pt, "v", 1);
     REFUSES(AppXmlSetAttr_u32, bad, Names("ptNode szAttrName"), pt, "v", 1);
     mxmlDelete(pt);
 
     // What takes null for a value, or looks at no pointer.
-    s_covered += "AppLog AppLogFile AppSnprintf AppSscanf AppMem* AppStr* AppConvertStrto* AppRunShareAction "
-                 "AppShareActionShow AppRegCommand AppHostWalkCommands QorPrintf QorRegCommand Ipc* "
-                 "AppFindS32StrPair_* AppConvEnum2Str AppConvStr2Enum AppSocketCreate AppXmlMxmlParseCB";
+    s_covered +=
+        "AppLog AppLogFile AppSnprintf AppSscanf AppMem* AppStr* AppConvertStrto* "
+        "AppRunShareAction "
+        "AppShareActionShow AppRegCommand AppHostWalkCommands QorPrintf QorRegCommand Ipc* "
+        "AppFindS32StrPair_* AppConvEnum2Str AppConvStr2Enum AppSocketCreate AppXmlMxmlParseCB";
     std::set<std::string> names;
     for (const auto &[name, parameters] : test::Exported())
-        if (parameters.find('*') != std::string::npos || parameters.find("(H") != std::string::npos) names.insert(name);
+        if (parameters.find('*') != std::string::npos || parameters.find("(H") != std::string::npos)
+            names.insert(name);
     EXPECT_EQ(test::Unlisted(names, s_covered), "");
 }
 

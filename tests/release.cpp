@@ -7,11 +7,13 @@
 
 // Neither does the account wrap, which would refuse everything for good, nor does one block get two
 // owners.
-TEST(SecondRelease, HurtsNobody) {
+TEST(SecondRelease, HurtsNobody)
+{
     HAppMemPool hPool = nullptr;
     ASSERT_EQ(AppMemPoolCreate(1000, 1, 0, &hPool), APP_OK);
     void *pvFirst = AppMemPoolMalloc(hPool, 100), *pvOther = AppMemPoolMalloc(hPool, 100);
-    for (int i = 0; i < 5; ++i) AppMemPoolFree(pvFirst);
+    for (int i = 0; i < 5; ++i)
+        AppMemPoolFree(pvFirst);
     EXPECT_EQ(hPool->dwCurSize, 0u);
     AppMemPoolFree(pvOther);
     EXPECT_TRUE(app::PoolIsValid(hPool));

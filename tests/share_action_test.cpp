@@ -11,40 +11,55 @@
 using test::Text;
 using test::WaitUntil;
 
-namespace {
+namespace
+{
 
-void Collect(const char *szText, void *pvContext) {
+void Collect(const char *szText, void *pvContext)
+{
     static_cast<std::vector<std::string> *>(pvContext)->push_back(szText);
 }
 
-std::vector<std::string> Report() {
+std::vector<std::string> Report()
+{
     std::vector<std::string> texts;
     AppShareActionShow(Collect, &texts);
     return texts;
 }
 
-std::string LastCalled() {
+std::string LastCalled()
+{
     const std::string text = Report().at(0), tag = "Last called action: ";
     EXPECT_EQ(text.substr(0, tag.size()), tag);
     return text.substr(tag.size(), text.find('\n') - tag.size());
 }
 
-uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3) { return dwArg1 + dwArg2 + dwArg3; }
+uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
+{
+    return dwArg1 + dwArg2 + dwArg3;
+}
 
-uint32_t Five(uint32_t, uint32_t, uint32_t) { return 5; }
+uint32_t Five(uint32_t, uint32_t, uint32_t)
+{
+    return 5;
+}
 
 std::string s_seen;
-uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t) {
+uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t)
+{
     s_seen = LastCalled();
     EXPECT_CODE(APP_OK, AppRegisterShareAction("made inside", Five));
     uint32_t dwResult = 0;
-    if (dwDepth > 0) { EXPECT_CODE(APP_OK, AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult)); }
+    if (dwDepth > 0) {
+        EXPECT_CODE(APP_OK, AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult));
+    }
     return dwResult + 1;
 }
 
 // Each case is a process of its own under CTest: there the first one meets no registry.
-TEST(ShareAction, BeginsWithTheFirstRegistration) {
-    if (g_hAppShareActionList.load()) GTEST_SKIP() << "not run: the registry exists already in this process";
+TEST(ShareAction, BeginsWithTheFirstRegistration)
+{
+    if (g_hAppShareActionList.load())
+        GTEST_SKIP() << "not run: the registry exists already in this process";
     uint32_t dwResult = 77;
     EXPECT_CODE(APP_FAILED, AppRunShareAction("add", 1, 2, 3, &dwResult));
     EXPECT_CODE(APP_INVALID_ARG, AppShareActionLock());
@@ -57,7 +72,8 @@ TEST(ShareAction, BeginsWithTheFirstRegistration) {
     EXPECT_EQ(LastCalled(), " result 0");
 }
 
-TEST(ShareAction, RunsByKeyAndReports) {
+TEST(ShareAction, RunsByKeyAndReports)
+{
     const std::string longest(31, 'k');
     ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Five));
     ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Add)); // the first one stays
@@ -71,14 +87,17 @@ TEST(ShareAction, RunsByKeyAndReports) {
     EXPECT_EQ(LastCalled(), longest + " result 7");
     const auto nKeys = static_cast<int>(g_hAppShareActionList.load()->dwCurSize);
     const std::string text = Report().at(0), line = std::string(40, '=') + "\n";
-    EXPECT_NE(text.find("\n" + line + "[1/" + std::to_string(nKeys) + "] Hash "), std::string::npos);
-    EXPECT_NE(text.find(Text("/%d] Hash %u Key five Addr %p\n", nKeys, AppStringHash("five"), (void *)Five)),
+    EXPECT_NE(text.find("\n" + line + "[1/" + std::to_string(nKeys) + "] Hash "),
+              std::string::npos);
+    EXPECT_NE(text.find(Text("/%d] Hash %u Key five Addr %p\n", nKeys, AppStringHash("five"),
+                             (void *)Five)),
               std::string::npos);
     EXPECT_NE(text.find(Text("[%d/%d] Hash ", nKeys, nKeys)), std::string::npos);
     AppShareActionShow(nullptr, nullptr);
 }
 
-TEST(ShareAction, NestsAndShowsTheActionThatRuns) {
+TEST(ShareAction, NestsAndShowsTheActionThatRuns)
+{
     ASSERT_CODE(APP_OK, AppRegisterShareAction("nest", Nest));
     uint32_t dwResult = 0;
     ASSERT_CODE(APP_OK, AppShareActionLock());
@@ -91,16 +110,19 @@ TEST(ShareAction, NestsAndShowsTheActionThatRuns) {
 
 std::atomic<bool> s_bLet{false};
 std::atomic<int> s_nRunning{0};
-uint32_t WaitForOther(uint32_t, uint32_t, uint32_t) {
+uint32_t WaitForOther(uint32_t, uint32_t, uint32_t)
+{
     ++s_nRunning;
     return WaitUntil([] { return s_bLet.load(); });
 }
-uint32_t LetOther(uint32_t, uint32_t, uint32_t) {
+uint32_t LetOther(uint32_t, uint32_t, uint32_t)
+{
     s_bLet = true;
     return 1;
 }
 
-TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun) {
+TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun)
+{
     ASSERT_CODE(APP_OK, AppRegisterBlockShareAction("wait", WaitForOther));
     ASSERT_CODE(APP_OK, AppRegisterShareAction("let", LetOther));
     uint32_t adwResult[2] = {};
@@ -114,7 +136,8 @@ TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun) {
 }
 
 std::atomic<int> s_nInside{0};
-uint32_t Exclusive(uint32_t, uint32_t, uint32_t) {
+uint32_t Exclusive(uint32_t, uint32_t, uint32_t)
+{
     EXPECT_EQ(++s_nInside, 1);
     std::this_thread::yield();
     --s_nInside;
@@ -122,7 +145,8 @@ uint32_t Exclusive(uint32_t, uint32_t, uint32_t) {
 }
 
 // One registry, one entry a key, ordinary actions one at a time, and no torn key in a report.
-TEST(ShareAction, ServesManyThreads) {
+TEST(ShareAction, ServesManyThreads)
+{
     const std::string keys[] = {std::string(31, 'a'), std::string(31, 'b'), std::string(31, 'c')};
     std::atomic<uint32_t> dwRuns{0};
     constexpr uint32_t kRounds = 2000;
@@ -145,7 +169,8 @@ TEST(ShareAction, ServesManyThreads) {
     }
 }
 
-TEST(ShareAction, FindsEveryKeyOfMany) {
+TEST(ShareAction, FindsEveryKeyOfMany)
+{
     for (uint32_t i = 0; i < 1000; ++i)
         ASSERT_CODE(APP_OK, AppRegisterShareAction(Text("key %u", i).c_str(), i % 2 ? Add : Five));
     for (uint32_t i = 0; i < 1000; ++i) {
@@ -166,13 +191,15 @@ TEST(ShareAction, FindsEveryKeyOfMany) {
 
 int32_t s_nArgc;
 std::string s_lastWord;
-int32_t Command(int32_t nArgc, char **ppszArgv) {
+int32_t Command(int32_t nArgc, char **ppszArgv)
+{
     s_nArgc = nArgc;
     s_lastWord = ppszArgv[nArgc - 1];
     return 42;
 }
 
-TEST(RegCommand, StandInServesAShell) {
+TEST(RegCommand, StandInServesAShell)
+{
     AppRegCommand("motion", Command, "raise motion");
     AppRegCommand("motion", Command, "raise motion n times"); // replaces
     AppRegCommand(nullptr, Command, "");
@@ -186,9 +213,11 @@ TEST(RegCommand, StandInServesAShell) {
     EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(" \n", nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(std::string(256, 'x').c_str(), nullptr));
     std::vector<std::string> seen;
-    AppHostWalkCommands([](const char *szName, const char *szHelp,
-                           void *pv) { Collect((std::string(szName) + ": " + szHelp).c_str(), pv); },
-                        &seen);
+    AppHostWalkCommands(
+        [](const char *szName, const char *szHelp, void *pv) {
+            Collect((std::string(szName) + ": " + szHelp).c_str(), pv);
+        },
+        &seen);
     EXPECT_EQ(seen, std::vector<std::string>{"motion: raise motion n times"});
 }
 

@@ -1,15 +1,20 @@
 /* SPDX-License-Identifier: MIT */
 #include "appcore/appcore.h"
 
-int main(void) {
+int main(void)
+{
     HAppMemPool hMemPool = NULL;
     HAppQueue hQueue = NULL;
     int nElement = 42;
     void *pvTaken = NULL;
-    if (AppMemPoolCreate(4096, 1, 0, &hMemPool) != APP_OK) return 1;
-    if (AppQueueCreate(hMemPool, 4, 1, &hQueue) != APP_OK) return 2;
-    if (AppQueueIn(hQueue, &nElement, 0) != APP_OK) return 3;
-    if (AppQueueOut(hQueue, 0, &pvTaken) != APP_OK || pvTaken != &nElement) return 4;
+    if (AppMemPoolCreate(4096, 1, 0, &hMemPool) != APP_OK)
+        return 1;
+    if (AppQueueCreate(hMemPool, 4, 1, &hQueue) != APP_OK)
+        return 2;
+    if (AppQueueIn(hQueue, &nElement, 0) != APP_OK)
+        return 3;
+    if (AppQueueOut(hQueue, 0, &pvTaken) != APP_OK || pvTaken != &nElement)
+        return 4;
     AppQueueDestroy(hQueue, NULL, NULL);
     AppMemPoolDestroy(hMemPool);
     return 0;

@@ -7,12 +7,14 @@
 static std::atomic<int> g_nLines{0};
 
 // An application's definition takes the stand-in's place, in the shared library too.
-extern "C" int32_t QorPrintf(int32_t, int32_t, const char *, ...) {
+extern "C" int32_t QorPrintf(int32_t, int32_t, const char *, ...)
+{
     ++g_nLines;
     return 0;
 }
 
-int main() {
+int main()
+{
     AppLog(0, APP_LOG_ALWAYS, "one line\n");
     return g_nLines == 1 ? 0 : 1;
 }

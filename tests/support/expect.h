@@ -19,12 +19,14 @@
 #define EXPECT_CODE(expected, actual) EXPECT_PRED_FORMAT2(test::SameCode, expected, actual)
 #define ASSERT_CODE(expected, actual) ASSERT_PRED_FORMAT2(test::SameCode, expected, actual)
 
-namespace test {
+namespace test
+{
 
-inline std::string CodeName(uint32_t dwCode) {
+inline std::string CodeName(uint32_t dwCode)
+{
     switch (dwCode) {
-#define APP_CODE_NAME(name)                                                                                            \
-    case name:                                                                                                         \
+#define APP_CODE_NAME(name)                                                                        \
+    case name:                                                                                     \
         return #name;
         APP_CODE_NAME(APP_OK)
         APP_CODE_NAME(APP_FAILED)
@@ -43,42 +45,56 @@ inline std::string CodeName(uint32_t dwCode) {
     }
 }
 
-inline testing::AssertionResult SameCode(const char *, const char *szActual, uint32_t dwExpected, uint32_t dwActual) {
-    if (dwExpected == dwActual) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << szActual << " is " << CodeName(dwActual) << ", not " << CodeName(dwExpected);
+inline testing::AssertionResult SameCode(const char *, const char *szActual, uint32_t dwExpected,
+                                         uint32_t dwActual)
+{
+    if (dwExpected == dwActual)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << szActual << " is " << CodeName(dwActual) << ", not " << CodeName(dwExpected);
 }
 
 // Polls until the condition holds; false after a time that only a hang reaches.
 template <typename Condition>
-[[nodiscard]] bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(60)) {
+[[nodiscard]] bool WaitUntil(Condition condition,
+                             std::chrono::milliseconds limit = std::chrono::seconds(60))
+{
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) return false;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }
 
 // Milliseconds since an instant, for "not earlier than".
-inline int64_t ElapsedMs(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+inline int64_t ElapsedMs(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 start)
+        .count();
 }
 
 // Runs `work(index)` in `nThreads` threads that start together, and waits for all.
 template <typename Work>
-void RunThreads(unsigned nThreads, Work work) {
+void RunThreads(unsigned nThreads, Work work)
+{
     std::atomic<unsigned> nReady{0};
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < nThreads; ++i)
         threads.emplace_back([&, i] {
-            for (++nReady; nReady.load() < nThreads;) std::this_thread::yield();
+            for (++nReady; nReady.load() < nThreads;)
+                std::this_thread::yield();
             work(i);
         });
-    for (std::thread &thread : threads) thread.join();
+    for (std::thread &thread : threads)
+        thread.join();
 }
 
 // A number of operations: all of them natively, fewer where each costs many times more.
-constexpr unsigned Scaled(unsigned nOperations) {
+constexpr unsigned Scaled(unsigned nOperations)
+{
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
     return nOperations / 20;
 #else

@@ -8,7 +8,8 @@
 #include <set>
 #include <string>
 
-namespace test {
+namespace test
+{
 
 // Every exported operation with its parameters, as the public headers declare them.
 const std::map<std::string, std::string> &Exported();

@@ -25,7 +25,8 @@
 #include <initializer_list>
 #include <vector>
 
-namespace fault {
+namespace fault
+{
 
 enum class Fn {
 #define APP_FAULT_ROW(name, ...) name,
@@ -34,21 +35,26 @@ enum class Fn {
 };
 
 // Every function that allocates.
-constexpr std::initializer_list<Fn> kMemory = {Fn::malloc, Fn::calloc, Fn::realloc, Fn::strdup, Fn::vasprintf};
+constexpr std::initializer_list<Fn> kMemory = {Fn::malloc, Fn::calloc, Fn::realloc, Fn::strdup,
+                                               Fn::vasprintf};
 
 const char *Name(Fn fn);
 
 enum Scope { kThisThread, kEveryThread };
 
 // Armed from its construction to its end.
-class Fail {
+class Fail
+{
 public:
     // Fails calls number `nNth` to `nNth` + `nTimes` - 1, counted over all functions given; with
     // `nNth` 0 none, which still counts.
     explicit Fail(std::vector<Fn> fns, unsigned nNth = 1, int nError = ENOMEM, unsigned nTimes = 1,
                   Scope scope = kThisThread);
-    explicit Fail(Fn fn, unsigned nNth = 1, int nError = ENOMEM, unsigned nTimes = 1, Scope scope = kThisThread)
-        : Fail(std::vector<Fn>{fn}, nNth, nError, nTimes, scope) {}
+    explicit Fail(Fn fn, unsigned nNth = 1, int nError = ENOMEM, unsigned nTimes = 1,
+                  Scope scope = kThisThread)
+        : Fail(std::vector<Fn>{fn}, nNth, nError, nTimes, scope)
+    {
+    }
     ~Fail();
     Fail(const Fail &) = delete;
     Fail &operator=(const Fail &) = delete;

@@ -13,12 +13,14 @@
 #include "support/exported.h"
 #include "utils/log.h"
 
-namespace {
+namespace
+{
 
 std::shared_mutex s_mutex; // guards the pointer: a capture may end while another thread logs
 test::LogCapture *s_capture = nullptr;
 
-std::string Format(const char *szFormat, va_list args) {
+std::string Format(const char *szFormat, va_list args)
+{
     va_list again;
     va_copy(again, args);
     std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, szFormat, again)), '\0');
@@ -29,7 +31,8 @@ std::string Format(const char *szFormat, va_list args) {
 
 } // namespace
 
-int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...) {
+int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...)
+{
     EXPECT_EQ(nFlag1, 1);
     EXPECT_EQ(nFlag2, 0);
     EXPECT_STREQ(szFormat, "%s");
@@ -45,23 +48,29 @@ int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, ...) {
     return 0;
 }
 
-namespace test {
+namespace test
+{
 
 // A known tag, the name of one of the library's functions, one newline.
-static bool IsWellFormed(const std::string &line) {
+static bool IsWellFormed(const std::string &line)
+{
     const size_t nName = line.find("] ") + 2, nEnd = line.find(": ", nName);
     static const std::string tags = "[INFO [ERROR[DEBUG[MEMDBG-1[MEMDBG-2";
-    return line[0] == '[' && nEnd != std::string::npos && tags.find(line.substr(0, nName - 2)) != std::string::npos &&
+    return line[0] == '[' && nEnd != std::string::npos &&
+           tags.find(line.substr(0, nName - 2)) != std::string::npos &&
            IsFunction(line.substr(nName, nEnd - nName)) && line.find('\n') == line.size() - 1;
 }
 
-std::string Masked(std::string line) {
+std::string Masked(std::string line)
+{
     for (size_t n = 0; (n = line.find("0x", n)) != std::string::npos; ++n)
-        if (const size_t nDigits = strspn(&line[n + 2], "0123456789abcdef")) line.replace(n, 2 + nDigits, "P");
+        if (const size_t nDigits = strspn(&line[n + 2], "0123456789abcdef"))
+            line.replace(n, 2 + nDigits, "P");
     return line;
 }
 
-std::string Text(const char *szFormat, ...) {
+std::string Text(const char *szFormat, ...)
+{
     va_list args;
     va_start(args, szFormat);
     std::string text = Format(szFormat, args);
@@ -69,66 +78,82 @@ std::string Text(const char *szFormat, ...) {
     return text;
 }
 
-LogCapture::LogCapture(uint8_t byThreshold) : m_byThreshold(g_byAppLogLevel[0].load()) {
+LogCapture::LogCapture(uint8_t byThreshold) : m_byThreshold(g_byAppLogLevel[0].load())
+{
     std::lock_guard<std::shared_mutex> guard(s_mutex);
     EXPECT_EQ(s_capture, nullptr) << "one capture at a time";
     s_capture = this;
     g_byAppLogLevel[0].store(byThreshold);
 }
 
-LogCapture::~LogCapture() {
+LogCapture::~LogCapture()
+{
     std::lock_guard<std::shared_mutex> guard(s_mutex);
     s_capture = nullptr;
     g_byAppLogLevel[0].store(m_byThreshold);
 }
 
-void LogCapture::Name(const void *pv, const char *szName) {
+void LogCapture::Name(const void *pv, const char *szName)
+{
     std::lock_guard<std::mutex> guard(m_mutex);
     m_names.insert(m_names.begin(), {Text("%p", pv), szName}); // an address may be used again
 }
 
-std::vector<std::string> LogCapture::Lines() const {
+std::vector<std::string> LogCapture::Lines() const
+{
     std::lock_guard<std::mutex> guard(m_mutex);
     std::vector<std::string> lines = m_lines;
     for (std::string &line : lines)
         for (const auto &[address, name] : m_names)
-            for (size_t n; (n = line.find(address)) != std::string::npos;) line.replace(n, address.size(), name);
+            for (size_t n; (n = line.find(address)) != std::string::npos;)
+                line.replace(n, address.size(), name);
     return lines;
 }
 
-size_t LogCapture::Count(const std::string &line) const {
+size_t LogCapture::Count(const std::string &line) const
+{
     const std::vector<std::string> lines = Lines();
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
-void LogCapture::Clear() {
+void LogCapture::Clear()
+{
     std::lock_guard<std::mutex> guard(m_mutex);
     m_lines.clear();
 }
 
-void LogCapture::ExpectLines(const std::vector<std::string> &lines) {
+void LogCapture::ExpectLines(const std::vector<std::string> &lines)
+{
     EXPECT_EQ(Lines(), lines);
     Clear();
 }
 
-void LogCapture::OnLine(std::function<void(const std::string &line)> console) {
+void LogCapture::OnLine(std::function<void(const std::string &line)> console)
+{
     std::lock_guard<std::mutex> guard(m_mutex);
     m_console = std::move(console);
 }
 
-void LogCapture::Add(const std::string &line) {
+void LogCapture::Add(const std::string &line)
+{
     EXPECT_TRUE(line[0] != '[' || IsWellFormed(line)) << line;
     std::unique_lock<std::mutex> guard(m_mutex);
     m_lines.push_back(line);
     const auto console = m_console;
     guard.unlock();
-    if (console) console(line);
+    if (console)
+        console(line);
 }
 
-StdoutCapture::StdoutCapture() { testing::internal::CaptureStdout(); }
+StdoutCapture::StdoutCapture()
+{
+    testing::internal::CaptureStdout();
+}
 
-const std::string &StdoutCapture::End() {
-    if (m_bActive) m_text = testing::internal::GetCapturedStdout();
+const std::string &StdoutCapture::End()
+{
+    if (m_bActive)
+        m_text = testing::internal::GetCapturedStdout();
     m_bActive = false;
     return m_text;
 }

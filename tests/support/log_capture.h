@@ -19,7 +19,8 @@
 
 #include "appcore/foundation.h"
 
-namespace test {
+namespace test
+{
 
 // printf into a string.
 std::string Text(const char *szFormat, ...) APP_PRINTF(1, 2);
@@ -29,7 +30,8 @@ std::string Masked(std::string line);
 
 // One at a time.  Checks that each line with a tag has one that is known, the name of a function
 // and one newline.  Collects from every thread.
-class LogCapture {
+class LogCapture
+{
 public:
     // `byThreshold` becomes channel 0's threshold for the capture's life.
     explicit LogCapture(uint8_t byThreshold = APP_LOG_ERROR);
@@ -61,7 +63,8 @@ private:
 };
 
 // Takes the process's standard output over from its construction to End() or its end.
-class StdoutCapture {
+class StdoutCapture
+{
 public:
     StdoutCapture();
     ~StdoutCapture() { End(); }

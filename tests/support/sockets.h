@@ -9,13 +9,15 @@
 #include "cross_linux/socket.h"
 #include "support/expect.h"
 
-namespace test {
+namespace test
+{
 
 constexpr uint32_t kShort = 60; // a time-out that is meant to expire
 constexpr uint32_t kLong = 60000;
 const TAppNetAddr kLoopback = {APP_NET_ADDR_IPV4, {inet_addr("127.0.0.1")}};
 
-inline uint16_t PortOf(int nFd) {
+inline uint16_t PortOf(int nFd)
+{
     struct sockaddr_in tAddr = {};
     socklen_t nLen = sizeof(tAddr);
     EXPECT_EQ(getsockname(nFd, app::Generic(&tAddr), &nLen), 0);
@@ -25,20 +27,24 @@ inline uint16_t PortOf(int nFd) {
 // A bound UDP socket.
 struct TUdp {
     explicit TUdp(const TAppNetAddr &addr = kLoopback, uint16_t wPort = 0)
-        : hSocket(AppSocketCreate(nullptr, APP_SOCKET_UDP, 0)) {
+        : hSocket(AppSocketCreate(nullptr, APP_SOCKET_UDP, 0))
+    {
         EXPECT_CODE(APP_OK, AppSocketBind(hSocket, &addr, wPort, 1));
         wBound = PortOf(hSocket->nFd);
     }
     ~TUdp() { AppSocketDestroy(hSocket); }
     int32_t Send(const TUdp &to, const char *szText, uint32_t dwTimeout = 0,
-                 const TAppNetAddr &addr = kLoopback) const {
+                 const TAppNetAddr &addr = kLoopback) const
+    {
         return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &addr, to.wBound);
     }
 
-    int32_t Receive(uint32_t dwTimeout) const {
+    int32_t Receive(uint32_t dwTimeout) const
+    {
         char achBuf[8];
         uint32_t dwLen = sizeof(achBuf);
-        return AppSocketUDPRecv(hSocket, achBuf, &dwLen, dwTimeout, nullptr, nullptr, nullptr, nullptr);
+        return AppSocketUDPRecv(hSocket, achBuf, &dwLen, dwTimeout, nullptr, nullptr, nullptr,
+                                nullptr);
     }
 
     HAppSocket hSocket;
@@ -47,22 +53,28 @@ struct TUdp {
 
 // A listening TCP socket of the system's own, and the connections it takes.
 struct TListener {
-    TListener() : nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    TListener() : nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
         const struct sockaddr_in tAddr = app::ToSockaddr(kLoopback, 0);
         EXPECT_EQ(bind(nFd, app::Generic(&tAddr), sizeof(tAddr)), 0);
         EXPECT_EQ(listen(nFd, 64), 0);
         wPort = PortOf(nFd);
     }
-    ~TListener() {
+    ~TListener()
+    {
         close(nFd);
-        if (nPeer >= 0) close(nPeer);
+        if (nPeer >= 0)
+            close(nPeer);
     }
-    HAppSocket Connect(TAppNetAddr *ptPeer = nullptr) {
+    HAppSocket Connect(TAppNetAddr *ptPeer = nullptr)
+    {
         HAppSocket hSocket = AppSocketTCPConnect(nullptr, &kLoopback, wPort, kLong, ptPeer);
-        if (hSocket) nPeer = accept4(nFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (hSocket)
+            nPeer = accept4(nFd, nullptr, nullptr, SOCK_CLOEXEC);
         return hSocket;
     }
-    void ClosePeer() {
+    void ClosePeer()
+    {
         close(nPeer);
         nPeer = -1;
     }

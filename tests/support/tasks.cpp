@@ -3,95 +3,122 @@
 
 #include "cross_linux/cross_linux.h"
 
-namespace test {
+namespace test
+{
 
-namespace {
+namespace
+{
 
-std::string Word(const Diary::Call &call) {
+std::string Word(const Diary::Call &call)
+{
     static const char *const names[] = {"type 0", "user", "drop", "stop", "timeout", "cancel"};
-    const std::string name = call.dwType < 6 ? names[call.dwType] : "type " + std::to_string(call.dwType);
-    const bool bNumber = call.dwType <= APP_TASK_EVENT_DROP || (call.dwType == APP_TASK_EVENT_STOP && call.pvArg);
+    const std::string name =
+        call.dwType < 6 ? names[call.dwType] : "type " + std::to_string(call.dwType);
+    const bool bNumber =
+        call.dwType <= APP_TASK_EVENT_DROP || (call.dwType == APP_TASK_EVENT_STOP && call.pvArg);
     return bNumber ? name + " " + std::to_string(reinterpret_cast<uintptr_t>(call.pvArg)) : name;
 }
 
 } // namespace
 
-uint32_t Diary::Handle(HAppTask hTask, uint32_t dwType, void *pvArg, void *pvDiary) {
+uint32_t Diary::Handle(HAppTask hTask, uint32_t dwType, void *pvArg, void *pvDiary)
+{
     auto diary = static_cast<Diary *>(pvDiary);
     const Call call{hTask, dwType, pvArg, _AppThreadGetTID()};
     {
         std::lock_guard<std::mutex> lock(diary->m_mutex);
         diary->m_calls.push_back(call);
     }
-    if (diary->m_react) diary->m_react(call);
+    if (diary->m_react)
+        diary->m_react(call);
     return 0;
 }
 
-std::string Diary::Text() const {
+std::string Diary::Text() const
+{
     std::string text;
-    for (const Call &call : Calls()) text += (text.empty() ? "" : ", ") + Word(call);
+    for (const Call &call : Calls())
+        text += (text.empty() ? "" : ", ") + Word(call);
     return text;
 }
 
-Manager::Manager(uint32_t dwMaxTask, uint32_t dwIdleTaskTimeout, uint32_t dwPoolSize) {
-    if (dwPoolSize) { EXPECT_CODE(APP_OK, AppMemPoolCreate(dwPoolSize, 1, 0, &m_hPool)); }
+Manager::Manager(uint32_t dwMaxTask, uint32_t dwIdleTaskTimeout, uint32_t dwPoolSize)
+{
+    if (dwPoolSize) {
+        EXPECT_CODE(APP_OK, AppMemPoolCreate(dwPoolSize, 1, 0, &m_hPool));
+    }
     EXPECT_CODE(APP_OK, AppTaskMgrCreate(m_hPool, dwMaxTask, dwIdleTaskTimeout, &m_hTaskMgr));
 }
 
-HAppTask Manager::New(PFAppTaskHandler pfnHandler, void *pvContext, const Wanted &wanted) {
+HAppTask Manager::New(PFAppTaskHandler pfnHandler, void *pvContext, const Wanted &wanted)
+{
     HAppTask hTask = nullptr;
     EXPECT_CODE(APP_OK, AppTaskMgrNewTask(m_hTaskMgr, wanted.szName, wanted.dwMaxEvent, 256 * 1024,
-                                          wanted.dwMemPoolSize, wanted.dwIdleTimeout, pfnHandler, pvContext, &hTask));
+                                          wanted.dwMemPoolSize, wanted.dwIdleTimeout, pfnHandler,
+                                          pvContext, &hTask));
     return hTask;
 }
 
-void Manager::Destroy() {
+void Manager::Destroy()
+{
     AppTaskMgrDestroy(m_hTaskMgr);
     AppMemPoolDestroy(m_hPool);
     m_hTaskMgr = nullptr;
     m_hPool = nullptr;
 }
 
-uint32_t Manager::Idle() const {
+uint32_t Manager::Idle() const
+{
     app::LockGuard guard(m_hTaskMgr->hLock);
     return m_hTaskMgr->hIdleTaskList->dwCurSize;
 }
 
-void Manager::Park(HAppTask hTask) {
+void Manager::Park(HAppTask hTask)
+{
     const uint32_t dwIdle = Idle();
     EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
     EXPECT_TRUE(WaitUntil([&] { return Idle() > dwIdle; }));
 }
 
-static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvOnLook) {
+static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvOnLook)
+{
     auto pOnLook = static_cast<const std::function<void()> *>(pvOnLook);
-    if (pOnLook) (*pOnLook)();
-    if (dwType == APP_TASK_EVENT_TIMEOUT) LookOften(hTask, pOnLook);
+    if (pOnLook)
+        (*pOnLook)();
+    if (dwType == APP_TASK_EVENT_TIMEOUT)
+        LookOften(hTask, pOnLook);
     return 0;
 }
 
-void LookOften(HAppTask hTask, const std::function<void()> *pOnLook) {
+void LookOften(HAppTask hTask, const std::function<void()> *pOnLook)
+{
     app::LockGuard guard(hTask->hLock);
     HAppTimer hTimer = nullptr;
-    EXPECT_CODE(APP_OK, _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look, const_cast<std::function<void()> *>(pOnLook),
-                                             &hTimer));
+    EXPECT_CODE(APP_OK,
+                _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look,
+                                     const_cast<std::function<void()> *>(pOnLook), &hTimer));
 }
 
-uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger) {
+uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger)
+{
     EXPECT_LE(dwType - 1, 2u) << "not a user's event, a drop or a stop";
     EXPECT_EQ(pvEntry == nullptr, dwType == APP_TASK_EVENT_STOP);
-    if (pvEntry) ++static_cast<Entry *>(pvEntry)->dwTold;
-    if (const Reaction &react = static_cast<Ledger *>(pvLedger)->m_react) react(hTask, dwType);
+    if (pvEntry)
+        ++static_cast<Entry *>(pvEntry)->dwTold;
+    if (const Reaction &react = static_cast<Ledger *>(pvLedger)->m_react)
+        react(hTask, dwType);
     return 0;
 }
 
-uint32_t Ledger::HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry) {
+uint32_t Ledger::HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry)
+{
     EXPECT_LE(dwType - APP_TASK_EVENT_TIMEOUT, 1u) << "neither expired nor cancelled";
     ++static_cast<Entry *>(pvEntry)->dwTold;
     return 0;
 }
 
-bool Ledger::Send(HAppTask hTask, bool bAssign) {
+bool Ledger::Send(HAppTask hTask, bool bAssign)
+{
     Entry &entry = NewEntry();
     const auto send = bAssign ? AppTaskAssignEvent : AppTaskSendEvent;
     const uint32_t dwCode = send(hTask, &entry, nullptr, nullptr);
@@ -99,15 +126,18 @@ bool Ledger::Send(HAppTask hTask, bool bAssign) {
     return dwCode == APP_OK;
 }
 
-HAppTimer Ledger::Set(HAppTask hTask, uint32_t dwTimeout) {
+HAppTimer Ledger::Set(HAppTask hTask, uint32_t dwTimeout)
+{
     Entry &entry = NewEntry();
     HAppTimer hTimer = AppTaskSetTimer(hTask, dwTimeout, HandleTimer, &entry);
     entry.dwAccepted = hTimer != nullptr;
     return hTimer;
 }
 
-void Ledger::ExpectBalance() const {
-    for (size_t i = 0; i < m_nUsed; ++i) EXPECT_EQ(m_entries[i].dwTold, m_entries[i].dwAccepted) << "entry " << i;
+void Ledger::ExpectBalance() const
+{
+    for (size_t i = 0; i < m_nUsed; ++i)
+        EXPECT_EQ(m_entries[i].dwTold, m_entries[i].dwAccepted) << "entry " << i;
 }
 
 } // namespace test

@@ -18,20 +18,27 @@
 #include "task/task.h"
 #include "utils/lock_guard.h"
 
-namespace test {
+namespace test
+{
 
 // Arguments of events are small numbers.
-inline void *Arg(uintptr_t nValue) { return reinterpret_cast<void *>(nValue); }
+inline void *Arg(uintptr_t nValue)
+{
+    return reinterpret_cast<void *>(nValue);
+}
 
 // Closed at first.  Whoever passes waits until it is opened.  The end opens it and waits until all have passed.
-class Door {
+class Door
+{
 public:
-    ~Door() {
+    ~Door()
+    {
         Open();
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait(lock, [this] { return m_nInside == 0; });
     }
-    void Pass() {
+    void Pass()
+    {
         std::unique_lock<std::mutex> lock(m_mutex);
         ++m_nArrived;
         ++m_nInside;
@@ -40,11 +47,13 @@ public:
         --m_nInside;
         m_changed.notify_all();
     }
-    void AwaitVisitor(int nVisitors = 1) {
+    void AwaitVisitor(int nVisitors = 1)
+    {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_changed.wait(lock, [&] { return m_nArrived >= nVisitors; });
     }
-    void Open() {
+    void Open()
+    {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_bOpen = true;
         m_changed.notify_all();
@@ -59,7 +68,8 @@ private:
 
 // Writes down every call that a handler gets: "user 1", "drop 2", "stop", "timeout", "cancel".
 // Given as context together with Diary::Handle.
-class Diary {
+class Diary
+{
 public:
     struct Call {
         HAppTask hTask;
@@ -74,13 +84,15 @@ public:
 
     static uint32_t Handle(HAppTask hTask, uint32_t dwType, void *pvArg, void *pvDiary);
 
-    std::vector<Call> Calls() const {
+    std::vector<Call> Calls() const
+    {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_calls;
     }
     std::string Text() const;
     // Waits until the text is this one, and shows the difference when it never is.
-    void Await(const std::string &text) const {
+    void Await(const std::string &text) const
+    {
         (void)WaitUntil([&] { return Text() == text; }, std::chrono::seconds(20));
         EXPECT_EQ(Text(), text);
     }
@@ -92,12 +104,15 @@ private:
 };
 
 // Stops a thread in front of a system function's next call for which `when` holds.
-class Stall {
+class Stall
+{
 public:
     Stall(fault::Fn fn, const std::function<bool()> &when)
-        : m_when(when), m_fail(fn, 1, 0, 1u << 30, fault::kEveryThread) {
+        : m_when(when), m_fail(fn, 1, 0, 1u << 30, fault::kEveryThread)
+    {
         m_fail.Action([this] {
-            if (!m_bUsed && m_when() && !m_bUsed.exchange(true)) m_door.Pass();
+            if (!m_bUsed && m_when() && !m_bUsed.exchange(true))
+                m_door.Pass();
         });
     }
     ~Stall() { m_door.Open(); }
@@ -122,9 +137,11 @@ struct Wanted {
 // A manager for a scope.  `dwPoolSize` other than 0 gives it a created pool of that limit, which is
 // destroyed right after the manager: a thread that still touched it would be caught by the address
 // sanitizer.
-class Manager {
+class Manager
+{
 public:
-    explicit Manager(uint32_t dwMaxTask = 8, uint32_t dwIdleTaskTimeout = 0, uint32_t dwPoolSize = 0);
+    explicit Manager(uint32_t dwMaxTask = 8, uint32_t dwIdleTaskTimeout = 0,
+                     uint32_t dwPoolSize = 0);
     ~Manager() { Destroy(); }
     Manager(const Manager &) = delete;
     Manager &operator=(const Manager &) = delete;
@@ -132,7 +149,8 @@ public:
     HAppTask New(PFAppTaskHandler pfnHandler, void *pvContext, const Wanted &wanted = {});
     // For a diary or a ledger.
     template <typename Owner>
-    HAppTask New(Owner &owner, const Wanted &wanted = {}) {
+    HAppTask New(Owner &owner, const Wanted &wanted = {})
+    {
         return New(Owner::Handle, &owner, wanted);
     }
     void Destroy();
@@ -153,12 +171,16 @@ private:
 void LookOften(HAppTask hTask, const std::function<void()> *pOnLook = nullptr);
 
 // An account of events and timers: each one accepted is told exactly once, each one refused never.
-class Ledger {
+class Ledger
+{
 public:
     using Reaction = std::function<void(HAppTask hTask, uint32_t dwType)>;
 
     // For at most `nMost` entries; `react` runs for each call of the task's handler.
-    explicit Ledger(size_t nMost, const Reaction &react = nullptr) : m_entries(nMost), m_react(react) {}
+    explicit Ledger(size_t nMost, const Reaction &react = nullptr)
+        : m_entries(nMost), m_react(react)
+    {
+    }
     // The task's handler, with the ledger as context.
     static uint32_t Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pvLedger);
 
@@ -181,10 +203,12 @@ private:
 };
 
 // Destroys a manager in a thread of its own.
-class Destroyer {
+class Destroyer
+{
 public:
     // Returns when the destruction has begun.
-    explicit Destroyer(Manager &manager) {
+    explicit Destroyer(Manager &manager)
+    {
         HAppTaskMgr hTaskMgr = manager.Get();
         m_thread = std::thread([&] {
             manager.Destroy();
@@ -197,7 +221,8 @@ public:
     }
     ~Destroyer() { m_thread.join(); }
     // Gives a destruction that does not wait as it should the time to show it.
-    void ExpectWaits() const {
+    void ExpectWaits() const
+    {
         EXPECT_FALSE(WaitUntil([&] { return m_bDone.load(); }, std::chrono::milliseconds(100)));
     }
 
