@@ -60,7 +60,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
             static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
         if (!ptHead)
             return nullptr; // the engine has logged
-        app::Poke(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+        app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
         APP_TRACE(APP_LOG_MEMDBG1,
                   "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
                   app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
@@ -102,8 +102,8 @@ void AppMemPoolFree(void *pvData)
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
         app::LockGuard guard(hMemPool->hLock);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
-        app::Poke(hMemPool->dwCurSize,
-                  hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
+        app::SetCounter(hMemPool->dwCurSize,
+                        hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
         APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
                   app::Ptr(hMemPool), pvData, app::Ul(dwSize));
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);

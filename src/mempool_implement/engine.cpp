@@ -28,14 +28,14 @@ void *BehindHead(TAppMemBlockHead *ptHead)
 
 void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    app::Poke(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
-    app::Poke(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
+    app::SetCounter(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
+    app::SetCounter(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
 }
 
 // A header may be corrupt: the account ends at zero then.
 void Lower(uint32_t &dwField, uint32_t dwAmount)
 {
-    app::Poke(dwField, dwField > dwAmount ? dwField - dwAmount : 0);
+    app::SetCounter(dwField, dwField > dwAmount ? dwField - dwAmount : 0);
 }
 
 void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
@@ -75,7 +75,7 @@ void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
     *ptHead = {dwNeed, nullptr};
     if (ptImpl) {
         Count(ptImpl, dwNeed);
-        app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwNeed);
+        app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwNeed);
         TraceCounters(ptImpl, szOp);
     }
     return BehindHead(ptHead);
@@ -116,7 +116,7 @@ TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dw
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n",
               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
               app::Ptr(ptHead));
-    app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
+    app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
     return ptHead;
 }
 

@@ -3,9 +3,9 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
 static_assert(sizeof(TAppDoubleList) == 24 && offsetof(TAppDoubleList, dwCurSize) == 16);

@@ -5,8 +5,8 @@
 #define APPCORE_UTILS_DOUBLE_LIST_H
 
 #include "appcore/containers.h"
+#include "base/field.h"
 #include "utils/check.h"
-#include "utils/log.h"
 
 enum EAppAttachSide {
     APP_ATTACH_AFTER = 0,
@@ -31,7 +31,7 @@ inline void LinkNode(HAppDoubleList hList, HAppDoubleListNode hPrev, HAppDoubleL
     hNode->ptNext = hNext;
     (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
     (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
-    Poke(hList->dwCurSize, hList->dwCurSize + 1);
+    SetCounter(hList->dwCurSize, hList->dwCurSize + 1);
 }
 inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
 {
@@ -40,7 +40,7 @@ inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
     APP_CHECK(hBefore == hNode && hBehind == hNode, "the node is not in this list");
     hBefore = hNode->ptNext;
     hBehind = hNode->ptPrev;
-    Poke(hList->dwCurSize, hList->dwCurSize - 1);
+    SetCounter(hList->dwCurSize, hList->dwCurSize - 1);
 }
 // To the tail of another list.
 inline void MoveNode(HAppDoubleList hFrom, HAppDoubleList hTo, HAppDoubleListNode hNode)

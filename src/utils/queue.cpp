@@ -17,9 +17,9 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
 static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, aptFinger) == 32);
