@@ -41,9 +41,3 @@ void AppMemPoolShow(HAppMemPool hMemPool, PFAppShow pfnShow, void *pvContext)
     app::ReportWriter writer(pfnShow, pvContext);
     app::ShowPool(writer, hMemPool);
 }
-
-bool app::PoolIsValid(HAppMemPool hMemPool)
-{
-    LockGuard guard(hMemPool->hLock);
-    return EngineIsValid(hMemPool->ptImpl) && hMemPool->dwCurSize <= hMemPool->ptImpl->dwOnWorkSize;
-}

@@ -126,6 +126,7 @@ uint32_t AppDoubleListRemove(HAppDoubleList hList, HAppDoubleListNode hNode, voi
     return APP_OK;
 }
 
+#ifdef APPCORE_CHECKS
 bool app::ListIsValid(const TAppDoubleList *ptList)
 {
     uint32_t dwCount = 0;
@@ -137,3 +138,4 @@ bool app::ListIsValid(const TAppDoubleList *ptList)
     }
     return ptList->ptTail == ptPrev && dwCount == ptList->dwCurSize;
 }
+#endif

@@ -23,15 +23,22 @@ void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode);
 
 namespace app
 {
+// Links, tail and count agree.  Only in builds with checks; the caller holds the list's lock.
+bool ListIsValid(const TAppDoubleList *ptList);
+
 // The two moves in line, for the pools' engine.
 inline void LinkNode(HAppDoubleList hList, HAppDoubleListNode hPrev, HAppDoubleListNode hNode,
                      HAppDoubleListNode hNext)
 {
+    APP_CHECK((hPrev ? hPrev->ptNext : hList->ptHead) == hNext &&
+                  (hNext ? hNext->ptPrev : hList->ptTail) == hPrev,
+              "the anchor is not in this list");
     hNode->ptPrev = hPrev;
     hNode->ptNext = hNext;
     (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
     (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
     SetCounter(hList->dwCurSize, hList->dwCurSize + 1);
+    APP_CHECK_WHOLE(hList->dwCurSize, ListIsValid(hList), "the list is broken");
 }
 inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
 {
@@ -41,6 +48,7 @@ inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
     hBefore = hNode->ptNext;
     hBehind = hNode->ptPrev;
     SetCounter(hList->dwCurSize, hList->dwCurSize - 1);
+    APP_CHECK_WHOLE(hList->dwCurSize, ListIsValid(hList), "the list is broken");
 }
 // To the tail of another list.
 inline void MoveNode(HAppDoubleList hFrom, HAppDoubleList hTo, HAppDoubleListNode hNode)
@@ -48,9 +56,6 @@ inline void MoveNode(HAppDoubleList hFrom, HAppDoubleList hTo, HAppDoubleListNod
     UnlinkNode(hFrom, hNode);
     LinkNode(hTo, hTo->ptTail, hNode, nullptr);
 }
-
-// Links, tail and count agree.  For tests; the caller holds the list's lock.
-bool ListIsValid(const TAppDoubleList *ptList);
 } // namespace app
 
 #endif
