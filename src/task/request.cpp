@@ -83,7 +83,7 @@ uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *, 
             dwEventType != APP_TASK_EVENT_STOP) {
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid call. task %p state %s event type %d\n",
                    __func__, app::Ptr(hTask), _AppGetTaskStateString(dwState),
-                   static_cast<int>(dwEventType));
+                   app::Int(dwEventType));
             return APP_INVALID_STATE;
         }
         // Before the timers end: a handler that sets its timer anew whatever it is told would
@@ -110,7 +110,7 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
          dwState != APP_TASK_STATE_TERMINATE) ||
         dwEventType != APP_TASK_EVENT_STOP) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid call. task state %s event type %d\n",
-               __func__, _AppGetTaskStateString(dwState), static_cast<int>(dwEventType));
+               __func__, _AppGetTaskStateString(dwState), app::Int(dwEventType));
         return APP_INVALID_STATE;
     }
     SetState(hTask, APP_TASK_STATE_TERMINATE, __func__);

@@ -52,7 +52,7 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     if (dwResult != APP_OK) {
         AppMemPoolFree(ptTimer);
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
-               szOp, static_cast<int>(dwResult), app::Ptr(ptTimer));
+               szOp, app::Int(dwResult), app::Ptr(ptTimer));
         return APP_FAILED;
     }
     *pptTimer = ptTimer;
@@ -98,14 +98,14 @@ uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHan
     app::Rollback undo([&] { _AppTimerMgrDestroy(ptTimerMgr); });
     uint32_t dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hTimerList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n",
+                       __func__);
         return dwResult;
     }
     dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hIdleTimerList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
-               __func__, static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
+                       __func__);
         return dwResult;
     }
     ptTimerMgr->pfnHandler = pfnHandler;
