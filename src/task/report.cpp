@@ -2,6 +2,7 @@
 #include "appcore/platform.h"
 #include "mempool/mempool.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 #include "utils/queue.h"
