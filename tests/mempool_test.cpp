@@ -257,34 +257,6 @@ TEST_F(MemPool, TracesTellEveryStep)
     _AppFree(nullptr, _AppMalloc(nullptr, 10)); // an engine without a record
 }
 
-TEST_F(MemPool, DamageIsReportedAndSurvived)
-{
-    void *pvData = AppMemPoolMalloc(hPool, kSize);
-    log.Name(BlockOf(pvData) + 1, "HEAD");
-    hPool->dwCurSize = ptImpl->dwOnWorkSize = 1; // less than what is released now
-    AppMemPoolFree(pvData);
-    EXPECT_EQ(hPool->dwCurSize, 0u);
-    ExpectCounters(0, 0, 128); // no account wraps
-    log.ExpectLines(
-        {"[ERROR] _AppFree: WARING!!!! MEMPOOL ENGINE(OnWorkSize=1) is less than HEAD(size=128), "
-         "MEM LEAK may occured!!!!\n"});
-    EXPECT_EQ(AppMemPoolMalloc(hPool, kSize), pvData); // released all the same
-
-    // A listed block whose size fits no class is kept: the pool's destruction releases it, once.
-    BlockOf(pvData)->dwBlockSize = 5000000;
-    ptImpl->dwOnWorkSize = 6000000;
-    AppMemPoolFree(pvData);
-    log.ExpectLines({"[ERROR] _AppFree: WARING!!!!  HEAD(size=5000000) use MP ENGINE, SHOULD NOT "
-                     "BE IN THE ON LIST!!!!\n"});
-    EXPECT_EQ(ptImpl->dwOnWorkCount, 0u);
-    EXPECT_EQ(ptImpl->dwOnWorkSize, 1000000u);
-    EXPECT_EQ(ptImpl->dwTotalSize, 0u);
-    EXPECT_FALSE(app::PoolIsValid(hPool)); // the check sees it
-    BlockOf(pvData)->dwBlockSize = 128;
-    ptImpl->dwOnWorkCount = 1;
-    ptImpl->dwOnWorkSize = ptImpl->dwTotalSize = 128;
-}
-
 TEST(MemPoolChecks, FindASecondRelease)
 {
     HAppMemPool hPool = nullptr;

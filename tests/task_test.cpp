@@ -377,7 +377,7 @@ TEST_F(TaskTimers, ExpireInTheTasksThread)
 
     // The record serves again; without a handler the task's is told, with the task's context.
     EXPECT_TRUE(test::WaitUntil(
-        [&] { return app::Peek(hTask->ptTimerMgr->hIdleTimerList->dwCurSize) == 1; }));
+        [&] { return app::PeekCounter(hTask->ptTimerMgr->hIdleTimerList->dwCurSize) == 1; }));
     EXPECT_EQ(AppTaskSetTimer(hTask, 0, nullptr, &own), hTimer);
     Send(hTask, 2);
     diary.Await("user 1, user 2, timeout");

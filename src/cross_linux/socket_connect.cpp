@@ -3,9 +3,9 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 
+#include "base/rollback.h"
 #include "cross_linux/error_text.h"
 #include "cross_linux/socket.h"
-#include "utils/rollback.h"
 
 namespace
 {

@@ -5,9 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/error_text.h"
-#include "utils/rollback.h"
 
 namespace
 {

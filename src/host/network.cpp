@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "appcore/host.h"
-#include "utils/rollback.h"
+#include "base/rollback.h"
 
 namespace
 {

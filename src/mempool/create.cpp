@@ -2,10 +2,10 @@
 #include <stdlib.h>
 
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "mempool/mempool.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 static uint32_t FillPool(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
                          uint32_t dwReserved, const char *szOp)

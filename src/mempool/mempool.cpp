@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
@@ -60,7 +61,8 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
             static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
         if (!ptHead)
             return nullptr; // the engine has logged
-        app::Poke(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+        app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+        APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         APP_TRACE(APP_LOG_MEMDBG1,
                   "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
                   app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
@@ -102,11 +104,12 @@ void AppMemPoolFree(void *pvData)
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
         app::LockGuard guard(hMemPool->hLock);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
-        app::Poke(hMemPool->dwCurSize,
-                  hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
+        app::SetCounter(hMemPool->dwCurSize,
+                        hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
         APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
                   app::Ptr(hMemPool), pvData, app::Ul(dwSize));
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
+        APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         return;
     }
     APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL free %p with size %lu\n", __func__,

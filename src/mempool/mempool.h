@@ -42,8 +42,19 @@ class ReportWriter;
 
 // AppMemPoolShow() into a report that is already under way.
 void ShowPool(ReportWriter &writer, HAppMemPool hMemPool);
-// The engine's counters agree with its lists and blocks.  For tests; takes the pool's lock.
-bool PoolIsValid(HAppMemPool hMemPool);
+// What is in use fits, with its headers, into the engine's blocks.
+inline bool PoolAddsUp(const TAppMemPool *ptPool)
+{
+    constexpr uint32_t kHeads = sizeof(TAppMemPoolHead) + sizeof(TAppMemBlockHead);
+    const TAppMemPoolImpl *ptImpl = ptPool->ptImpl;
+    return ptPool->dwCurSize + ptImpl->dwOnWorkCount * kHeads <= ptImpl->dwOnWorkSize &&
+           (ptPool->dwCurSize == 0) == (ptImpl->dwOnWorkCount == 0);
+}
+// And its engine is valid.  Only in builds with checks; the caller holds the pool's lock.
+inline bool PoolIsValid(const TAppMemPool *ptPool)
+{
+    return PoolAddsUp(ptPool) && EngineIsValid(ptPool->ptImpl);
+}
 
 } // namespace app
 

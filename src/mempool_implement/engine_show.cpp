@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include "base/field.h"
+#include "base/print.h"
 #include "mempool_implement/engine.h"
-#include "utils/log.h"
 #include "utils/report_writer.h"
 
 app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
@@ -8,12 +9,12 @@ app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
     EngineFigures figures = {};
     figures.ptImpl = ptImpl;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        figures.adwOnCount[k] = Peek(ptImpl->hOnList[k]->dwCurSize);
-        figures.adwOffCount[k] = Peek(ptImpl->hOffList[k]->dwCurSize);
+        figures.adwOnCount[k] = PeekCounter(ptImpl->hOnList[k]->dwCurSize);
+        figures.adwOffCount[k] = PeekCounter(ptImpl->hOffList[k]->dwCurSize);
     }
-    figures.dwOnWorkCount = Peek(ptImpl->dwOnWorkCount);
-    figures.dwOnWorkSize = Peek(ptImpl->dwOnWorkSize);
-    figures.dwTotalSize = Peek(ptImpl->dwTotalSize);
+    figures.dwOnWorkCount = PeekCounter(ptImpl->dwOnWorkCount);
+    figures.dwOnWorkSize = PeekCounter(ptImpl->dwOnWorkSize);
+    figures.dwTotalSize = PeekCounter(ptImpl->dwTotalSize);
     return figures;
 }
 

@@ -26,11 +26,11 @@
 //
 // models/task.pml proves this for every interleaving of two tasks.
 #include "appcore/platform.h"
+#include "base/field.h"
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/check.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/queue.h"
 
 namespace

@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "appcore/platform.h"
+#include "base/field.h"
+#include "base/print.h"
 #include "mempool/mempool.h"
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/queue.h"
 #include "utils/report_writer.h"
 
 using app::Peek;
+using app::PeekCounter;
 using app::Ptr;
 using app::Ul;
 
@@ -73,7 +75,7 @@ uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
 void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
 {
     // No more lines than there are timers now: handlers may set timers faster than they are shown.
-    const uint32_t dwMost = Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+    const uint32_t dwMost = PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize);
     TTimerLine atLine[kLines];
     for (uint32_t dwShown = 0, dwLines; dwShown < dwMost; dwShown += dwLines) {
         dwLines = CopyTimers(ptTask, dwNowTick, dwShown == 0, atLine);
@@ -97,7 +99,7 @@ void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
                 Ul(AppQueueGetSize(ptTask->hEventQueue)),
                 Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
                 Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
-                static_cast<int>(Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
+                static_cast<int>(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
                 Ptr(Peek(ptTask->pfnLastHandler)), static_cast<int>(Peek(ptTask->dwLastEventType)),
                 Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
     ShowTimers(writer, ptTask, dwNowTick);

@@ -5,13 +5,13 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 #include "utils/queue.h"
-#include "utils/rollback.h"
 
 namespace
 {

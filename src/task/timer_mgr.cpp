@@ -4,13 +4,13 @@
 // ended timers, so that neither ending a timer nor setting one anew can fail for want of memory.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 namespace
 {

@@ -3,9 +3,9 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
 static_assert(sizeof(TAppDoubleList) == 24 && offsetof(TAppDoubleList, dwCurSize) == 16);
@@ -126,6 +126,7 @@ uint32_t AppDoubleListRemove(HAppDoubleList hList, HAppDoubleListNode hNode, voi
     return APP_OK;
 }
 
+#ifdef APPCORE_CHECKS
 bool app::ListIsValid(const TAppDoubleList *ptList)
 {
     uint32_t dwCount = 0;
@@ -137,3 +138,4 @@ bool app::ListIsValid(const TAppDoubleList *ptList)
     }
     return ptList->ptTail == ptPrev && dwCount == ptList->dwCurSize;
 }
+#endif

@@ -17,9 +17,10 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
+#include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
 static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, aptFinger) == 32);
@@ -43,6 +44,26 @@ uint32_t CreateLock(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCo
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
                static_cast<int>(dwResult));
     return dwResult;
+}
+
+#ifdef APPCORE_CHECKS
+// Sleepers sleep because every element there is promised, and no interrupt has been kept.
+bool CountsAgree(const TAppQueue *ptQueue)
+{
+    const uint32_t dwWaiting = ptQueue->dwSleepers + ptQueue->dwPromised + ptQueue->dwInterrupted;
+    if ((ptQueue->dwCurSize == 0) != !ptQueue->ptHead || (!ptQueue->hLock && dwWaiting != 0))
+        return false;
+    return ptQueue->dwSleepers > 0
+               ? ptQueue->dwPromised == ptQueue->dwCurSize && !ptQueue->bInterrupt
+               : ptQueue->dwPromised <= ptQueue->dwCurSize;
+}
+#endif
+
+// After each change, under hLock.
+void Verify([[maybe_unused]] const TAppQueue *ptQueue)
+{
+    APP_CHECK(CountsAgree(ptQueue), "the queue's counts do not agree");
+    APP_CHECK_WHOLE(ptQueue->dwCurSize, app::QueueIsValid(ptQueue), "the queue is broken");
 }
 
 // The fingers at priorities not below this one.
@@ -150,8 +171,10 @@ bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
         hQueue->bInterrupt = false;
     } else {
         ++hQueue->dwSleepers;
+        Verify(hQueue);
         return false;
     }
+    Verify(hQueue);
     return true;
 }
 
@@ -164,6 +187,7 @@ uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
         app::LockGuard guard(hQueue->hLock);
         if (hQueue->dwSleepers > 0) {
             --hQueue->dwSleepers;
+            Verify(hQueue);
             return dwResult;
         }
     }
@@ -177,12 +201,15 @@ TAppQueueNode *TakePromised(HAppQueue hQueue)
     app::LockGuard guard(hQueue->hLock);
     if (hQueue->hLock) {
         if (hQueue->dwPromised == 0) {
+            APP_CHECK(hQueue->dwInterrupted > 0, "a unit came for nobody");
             --hQueue->dwInterrupted;
             return nullptr;
         }
         --hQueue->dwPromised;
     }
-    return UnlinkHead(hQueue);
+    TAppQueueNode *ptNode = UnlinkHead(hQueue);
+    Verify(hQueue);
+    return ptNode;
 }
 
 uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwNull)
@@ -234,6 +261,8 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     // Waits for a producer that is still inside its insertion; never given back.
     app::LockGuard guard(hQueue->hLock);
     guard.Release();
+    APP_CHECK(hQueue->dwSleepers + hQueue->dwPromised + hQueue->dwInterrupted == 0,
+              "a consumer waits still");
     while (hQueue->ptHead) {
         TAppQueueNode *ptNode = UnlinkHead(hQueue);
         if (pfnDrop)
@@ -275,6 +304,7 @@ uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int3
     const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority, szOp);
     if (dwResult == APP_OK)
         *pbWake = Promise(hQueue);
+    Verify(hQueue);
     return dwResult;
 }
 
@@ -294,6 +324,7 @@ void app::QueueInterrupt(HAppQueue hQueue)
         }
         --hQueue->dwSleepers;
         ++hQueue->dwInterrupted;
+        Verify(hQueue);
     }
     QueueWake(hQueue);
 }
@@ -360,22 +391,24 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
     return APP_OK;
 }
 
-bool app::QueueIsValid(HAppQueue hQueue)
+#ifdef APPCORE_CHECKS
+bool app::QueueIsValid(const TAppQueue *ptQueue)
 {
-    LockGuard guard(hQueue->hLock);
     uint32_t dwCount = 0;
     uint32_t dwFingers = 0;
     const TAppQueueNode *ptLast = nullptr;
-    for (const TAppQueueNode *ptNode = hQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
-        if (++dwCount > hQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
+    for (const TAppQueueNode *ptNode = ptQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
+        if (++dwCount > ptQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
             return false;
-        if (dwFingers < APP_QUEUE_FINGER_NUM && ptNode == hQueue->aptFinger[dwFingers]) {
+        if (dwFingers < APP_QUEUE_FINGER_NUM && ptNode == ptQueue->aptFinger[dwFingers]) {
             if (!ptNode->ptNext || ptNode->ptNext->nPriority == ptNode->nPriority)
                 return false;
             ++dwFingers;
         }
         ptLast = ptNode;
     }
-    return dwCount == hQueue->dwCurSize && (!ptLast || ptLast == hQueue->ptTail) &&
-           (dwFingers == APP_QUEUE_FINGER_NUM || !hQueue->aptFinger[dwFingers]);
+    return CountsAgree(ptQueue) && dwCount == ptQueue->dwCurSize &&
+           (!ptLast || ptLast == ptQueue->ptTail) &&
+           (dwFingers == APP_QUEUE_FINGER_NUM || !ptQueue->aptFinger[dwFingers]);
 }
+#endif

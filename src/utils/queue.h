@@ -63,8 +63,9 @@ void QueueWake(HAppQueue hQueue);
 // consumer may destroy the queue as soon as it has returned.  Only for a queue with a lock.
 void QueueInterrupt(HAppQueue hQueue);
 
-// Order, count, tail and fingers agree.  For tests; takes the queue's lock.
-bool QueueIsValid(HAppQueue hQueue);
+// Order, tail, fingers and counts agree.  Only in builds with checks; the caller holds the queue's
+// lock.
+bool QueueIsValid(const TAppQueue *ptQueue);
 } // namespace app
 
 #endif

@@ -3,10 +3,11 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/field.h"
+#include "base/print.h"
+#include "base/rollback.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/report_writer.h"
-#include "utils/rollback.h"
 
 std::atomic<HAppDoubleList> g_hAppShareActionList;
 std::atomic<HAppLock> g_hAppShareActionRecursiveLock;
