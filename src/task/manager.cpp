@@ -2,6 +2,7 @@
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "task/task.h"
+#include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -20,6 +21,21 @@ struct TWanted {
     PFAppTaskHandler pfnHandler;
     void *pvContext;
 };
+
+// The lists have changed.
+void CheckLists([[maybe_unused]] const TAppTaskMgr *ptTaskMgr)
+{
+    APP_CHECK_WHOLE(ptTaskMgr->hTaskList->dwCurSize + ptTaskMgr->hIdleTaskList->dwCurSize,
+                    app::TaskMgrIsValid(ptTaskMgr), "the lists of tasks are broken");
+}
+
+// A task has come to the end of the list.
+void CheckTail([[maybe_unused]] const TAppTask *ptTask,
+               [[maybe_unused]] const TAppDoubleList *ptList)
+{
+    APP_CHECK(app::TaskIsValid(ptList, ptList->ptTail), "a task is on the wrong list");
+    CheckLists(ptTask->ptTaskMgr);
+}
 
 uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *szOp)
 {
@@ -65,15 +81,14 @@ uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed)
         _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwIdleTimeout,
                            wanted.pfnHandler, wanted.pvContext);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n",
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed
+",
                wanted.szOp, app::Int(dwResult), app::Ptr(ptTask));
-        AppDoubleListRemove(ptTaskMgr->hIdleTaskList, ptTask->hListNode, nullptr);
-        ptTask->hListNode = nullptr;
+        app::UnlistTask(ptTask, ptTaskMgr->hIdleTaskList);
         *pptFailed = ptTask;
         return dwResult;
     }
-    // The node itself moves, so that an exhausted pool cannot cost the task.
-    app::MoveNode(ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList, ptTask->hListNode);
+    app::MoveTask(ptTask, ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList);
     return APP_OK;
 }
 
@@ -117,6 +132,7 @@ uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTas
         *pptFailed = ptTask;
         return dwResult;
     }
+    CheckTail(ptTask, ptTaskMgr->hTaskList);
     *pptTask = ptTask;
     return APP_OK;
 }
@@ -162,6 +178,19 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
 }
 
 } // namespace
+
+void app::MoveTask(TAppTask *ptTask, HAppDoubleList hFrom, HAppDoubleList hTo)
+{
+    MoveNode(hFrom, hTo, ptTask->hListNode);
+    CheckTail(ptTask, hTo);
+}
+
+void app::UnlistTask(TAppTask *ptTask, HAppDoubleList hList)
+{
+    AppDoubleListRemove(hList, ptTask->hListNode, nullptr);
+    ptTask->hListNode = nullptr;
+    CheckLists(ptTask->ptTaskMgr);
+}
 
 uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask, uint32_t dwIdleTaskTimeout,
                           HAppTaskMgr *phTaskMgr)

@@ -4,6 +4,7 @@
 #include "base/print.h"
 #include "mempool/mempool.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/queue.h"
 #include "utils/report_writer.h"

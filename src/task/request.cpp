@@ -5,7 +5,7 @@
 // own decision, and need no memory.
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
-#include "utils/double_list.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
@@ -24,16 +24,15 @@ bool IsFull(const TAppDoubleList *ptList)
     return ptList->dwMaxSize != 0 && ptList->dwCurSize >= ptList->dwMaxSize;
 }
 
-// Under the manager's lock.  The node itself moves, so that an exhausted pool cannot cost the task.
+// Under the manager's lock.
 bool MoveToIdleList(TAppTask *ptTask)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
     if (IsFull(ptTaskMgr->hIdleTaskList)) {
-        AppDoubleListRemove(ptTaskMgr->hTaskList, ptTask->hListNode, nullptr);
-        ptTask->hListNode = nullptr;
+        app::UnlistTask(ptTask, ptTaskMgr->hTaskList);
         return false;
     }
-    app::MoveNode(ptTaskMgr->hTaskList, ptTaskMgr->hIdleTaskList, ptTask->hListNode);
+    app::MoveTask(ptTask, ptTaskMgr->hTaskList, ptTaskMgr->hIdleTaskList);
     return true;
 }
 
@@ -117,8 +116,7 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
     if (app::MustEnd(hTask)) {
         StayToLeave(ptTaskMgr, __func__);
     } else { // an idle task's own end
-        AppDoubleListRemove(ptTaskMgr->hIdleTaskList, hTask->hListNode, nullptr);
-        hTask->hListNode = nullptr;
+        app::UnlistTask(hTask, ptTaskMgr->hIdleTaskList);
         app::Poke<uint32_t>(hTask->dwState, APP_TASK_STATE_UNINIT);
         app::BeginLeaving(ptTaskMgr);
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for uninit\n", __func__);

@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
 // Creation, refreshing and destruction of a task record.
-#include "task/task.h"
 #include <new>
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
+#include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 #include "utils/queue.h"

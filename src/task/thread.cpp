@@ -5,6 +5,7 @@
 #include "appcore/platform.h"
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "task/timer.h"
 #include "appcore/platform.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"

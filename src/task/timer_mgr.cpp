@@ -6,6 +6,8 @@
 #include "appcore/platform.h"
 #include "base/rollback.h"
 #include "task/task.h"
+#include "task/timer.h"
+#include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -24,6 +26,15 @@ struct TNotice {
     PFAppTaskHandler pfnHandler;
     void *pvContext;
 };
+
+// A timer has come to the end of the list.
+void CheckTail([[maybe_unused]] const TAppTimerMgr *ptTimerMgr,
+               [[maybe_unused]] const TAppDoubleList *ptList)
+{
+    APP_CHECK(app::TimerIsValid(ptList, ptList->ptTail), "a timer is on the wrong list");
+    APP_CHECK_WHOLE(ptTimerMgr->hTimerList->dwCurSize + ptTimerMgr->hIdleTimerList->dwCurSize,
+                    app::TimerMgrIsValid(ptTimerMgr), "the timers are broken");
+}
 
 // The record that ended last, off its list.
 TAppTimer *ReuseRecord(TAppTimerMgr *ptTimerMgr, const char *szOp)
@@ -73,6 +84,7 @@ void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
     }
     ptTimer->hListNode = hNode;
     _AppDoubleListAttachNode(ptTimer->ptTimerMgr->hIdleTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    CheckTail(ptTimer->ptTimerMgr, ptTimer->ptTimerMgr->hIdleTimerList);
 }
 
 } // namespace
@@ -153,6 +165,7 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
               app::Ul(ptTimer->dwStartTick));
     ptTimer->dwState = 1;
     app::NoteTimeout(ptTimerMgr, ptTimer->dwStartTick, dwTimeout);
+    CheckTail(ptTimerMgr, ptTimerMgr->hTimerList);
     *phTimer = ptTimer;
     return APP_OK;
 }
