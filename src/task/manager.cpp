@@ -81,8 +81,7 @@ uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed)
         _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwIdleTimeout,
                            wanted.pfnHandler, wanted.pvContext);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed
-",
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n",
                wanted.szOp, app::Int(dwResult), app::Ptr(ptTask));
         app::UnlistTask(ptTask, ptTaskMgr->hIdleTaskList);
         *pptFailed = ptTask;
