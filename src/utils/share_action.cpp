@@ -194,8 +194,3 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
     }
     writer.HandOver();
 }
-
-void AppRegCommand(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
-{
-    QorRegCommand(szName, pfnCommand, szHelp);
-}

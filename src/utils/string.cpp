@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <string.h>
 
-#include "appcore/foundation.h"
+#include "appcore/mempool.h"
 #include "cross_linux/cross_linux.h"
 
 namespace
@@ -100,6 +100,14 @@ char *AppStrncat(char *szDst, const char *szSrc, uint32_t dwSize)
     memcpy(szDst + nUsed, szSrc, nLen);
     szDst[nUsed + nLen] = '\0';
     return szDst;
+}
+
+char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
+{
+    if (dwSize == 0 || !szSrc || !*szSrc)
+        return nullptr;
+    // AppStrncpy fills the rest of the block with zeros.
+    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
 }
 
 uint32_t AppStringHash(const char *szText)
