@@ -5,6 +5,7 @@
 #include <atomic>
 #include <thread>
 
+#include "appcore/host.h"
 #include "support/expect.h"
 #include "support/log_capture.h"
 

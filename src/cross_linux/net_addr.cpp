@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// Addresses from text and back.  The usual ones, dotted quads, are read and written here: the C
+// library goes by tables and formatted printing for them.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <string.h>
@@ -63,6 +66,8 @@ void WriteQuad(uint32_t dwIpv4, char *szBuf)
     szBuf[-1] = '\0';
 }
 
+// inet_pton() sets no errno for a text that is no address: the line then tells whatever failed last
+// in this thread.
 uint32_t ReadFailed(const char *szIp, const char *szOp)
 {
     APP_LOG_ERRNO(errno, "[ERROR] %s: inet_pton failed %s %d %s\n", szOp, szIp);
@@ -75,6 +80,7 @@ uint32_t _AppConvertStrtoNet(const char *szIp, TAppNetAddr *ptAddr)
 {
     if (strchr(szIp, ':')) {
         ptAddr->dwType = APP_NET_ADDR_IPV6;
+        // Read aside: of a text that is no address only the kind gets into the record.
         uint8_t abyIpv6[sizeof(ptAddr->abyIpv6)];
         if (inet_pton(AF_INET6, szIp, abyIpv6) != 1)
             return ReadFailed(szIp, __func__);
@@ -94,6 +100,7 @@ uint32_t _AppConvertStrtoNet(const char *szIp, TAppNetAddr *ptAddr)
 uint32_t _AppConvertNettoStr(const TAppNetAddr *ptAddr, char *szBuf, uint32_t dwBufSize)
 {
     if (ptAddr->dwType == APP_NET_ADDR_IPV4) {
+        // A smaller buffer may still hold a short address: inet_ntop() knows.
         if (dwBufSize >= INET_ADDRSTRLEN) {
             WriteQuad(ptAddr->dwIpv4, szBuf);
             return APP_OK;

@@ -13,6 +13,7 @@ namespace
 constexpr uint16_t kProbePort = 5690; // any: connecting a UDP socket sends nothing
 constexpr int kSocketFailed = 666;    // marks the line of a refused probe socket
 
+// Close-on-exec: the programs that a camera starts must not keep its ports.
 int OpenDescriptor(uint32_t dwSockType)
 {
     if (dwSockType == APP_SOCKET_UDP)
@@ -41,6 +42,8 @@ uint32_t CalLocalIpv4(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr,
     return APP_OK;
 }
 
+// A device without IPv6 is nothing unusual: what fails is told at INFO, and a refused socket not at
+// all.
 uint32_t CalLocalIpv6(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr, const char *szOp)
 {
     const app::OwnedFd probe(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
@@ -49,6 +52,7 @@ uint32_t CalLocalIpv6(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr,
     struct sockaddr_in6 tAddr = {};
     tAddr.sin6_family = AF_INET6;
     tAddr.sin6_port = htons(kProbePort);
+    // A link-local remote is refused without an interface.
     tAddr.sin6_scope_id = 1;
     AppMemcpy(&tAddr.sin6_addr, ptRemoteAddr->abyIpv6, sizeof(ptRemoteAddr->abyIpv6));
     socklen_t nLen = sizeof(tAddr);
@@ -86,6 +90,7 @@ HAppSocket _AppSocketCreate(HAppMemPool hMemPool, uint32_t dwSockType)
         AppMemPoolFree(hSocket);
         return nullptr;
     }
+    // A refused descriptor is found by the first operation, which tells it with its cause.
     *hSocket = {dwSockType, OpenDescriptor(dwSockType), 0};
     return hSocket;
 }
@@ -120,6 +125,7 @@ uint32_t _AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAddr, uint
         return APP_FAILED;
     }
     const struct sockaddr_in tAddr = app::ToSockaddr(*ptLocalAddr, wPort);
+    // What the receive reports, also when the system refuses the bind.
     hSocket->wPort = wPort;
     if (bind(hSocket->nFd, app::Generic(&tAddr), sizeof(tAddr)) != 0) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: bind nError %d %s\n", __func__);
@@ -136,6 +142,7 @@ uint32_t _AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNetAddr *
     struct ip_mreq tRequest = {};
     tRequest.imr_multiaddr.s_addr = ptGroupAddr->dwIpv4;
     tRequest.imr_interface.s_addr = ptIfAddr ? ptIfAddr->dwIpv4 : AppConvertHtonl(INADDR_ANY);
+    // Only sending depends on this one; the membership names its interface itself.
     if (ptIfAddr && setsockopt(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_IF, &ptIfAddr->dwIpv4,
                                sizeof(ptIfAddr->dwIpv4)) != 0) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_MULTICAST_IF failed %x %d %s\n", __func__,

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// A connect with a time-out: the socket does not block until it has a peer, and is an ordinary
+// blocking one from then on.
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -51,6 +54,7 @@ int FindPeer(int nFd, TAppNetAddr *ptPeerAddr)
 bool AwaitConnection(int nFd, uint32_t dwTimeout, const char *szOp)
 {
     const app::Deadline deadline(dwTimeout != 0 ? dwTimeout : kDefaultTimeoutMs);
+    // Writable means decided, not connected: see FindPeer().
     const app::WaitResult wait = app::WaitForSocket(nFd, EPOLLOUT, deadline, szOp);
     if (wait == app::WaitResult::Failed)
         APP_LOG_ERRNO(errno, "[ERROR] %s: epoll_wait failed %d %s\n", szOp);
@@ -98,7 +102,8 @@ bool ConnectInTime(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout,
     return true;
 }
 
-// Wanted, but a connection without them is a connection.
+// Small messages at once, and an end to connections whose peer has lost its power.  A connection
+// without them is a connection all the same.
 void SetOptions(int nFd, const char *szOp)
 {
     if (!app::SetOption(nFd, IPPROTO_TCP, TCP_NODELAY, 1)) {

@@ -17,6 +17,7 @@ constexpr uint32_t kLineSize = 256;
 
 struct TCommand {
     const char *szName;
+    // These two change when a name is registered again, while others run or list it.
     std::atomic<PFQorCommand> pfnCommand;
     std::atomic<const char *> szHelp;
 };
@@ -50,6 +51,7 @@ int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp
     }
     ptCommand->pfnCommand.store(pfnCommand);
     ptCommand->szHelp.store(szHelp ? szHelp : "");
+    // The count last: a reader that sees the entry sees it whole.
     if (bNew)
         s_dwCommands.store(dwCommands + 1, std::memory_order_release);
     return 1;
@@ -62,6 +64,7 @@ extern "C" __attribute__((weak)) int32_t QorRegCommand(const char *szName, PFQor
 {
     if (!szName || !pfnCommand)
         return 0;
+    // A lock would have to be made first, by whoever comes first; and registrations are rare.
     while (s_bRegistering.exchange(1, std::memory_order_acquire) != 0)
         AppDelay(1);
     const int32_t nResult = Register(szName, pfnCommand, szHelp, __func__);

@@ -133,11 +133,3 @@ void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
     AppMemPoolFree(pvData);
     return pvGrown;
 }
-
-char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
-{
-    if (dwSize == 0 || !szSrc || !*szSrc)
-        return nullptr;
-    // AppStrncpy fills the rest of the block with zeros.
-    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
-}

@@ -267,11 +267,11 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     const bool bIdle = IsIdle(ptHead);
     const uint32_t dwBlockSize = SizeOf(ptHead);
     if (ptImpl->dwOnWorkSize < dwBlockSize)
-        AppLog(0, APP_LOG_ERROR,
-               "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM "
-               "LEAK may occured!!!!\n",
-               __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
-               app::Ul(dwBlockSize));
+        AppLog(
+            0, APP_LOG_ERROR,
+            "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM LEAK may occured!!!!\n",
+            __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
+            app::Ul(dwBlockSize));
     if (!ptHead->hNode) {
         FreeLarge(ptImpl, ptHead, __func__);
         return;

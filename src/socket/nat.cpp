@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The address and port under which a peer reaches a service of this device: the local ones, unless
+// the peer is on another network and the router has a mapping.
 #include "appcore/host.h"
 #include "appcore/socket.h"
 #include "utils/log.h"
@@ -27,6 +30,7 @@ bool FindMask(const TIpcNetEthParam &param, uint32_t dwLocalAddr, uint32_t *pdwM
 uint32_t SearchMask(uint32_t dwLocalAddr, uint32_t dwInterfaces, const char *szOp)
 {
     for (uint32_t i = 0; i < dwInterfaces && i < kMostInterfaces; ++i) {
+        // Zeroed before each query: a host may fill less than it should.
         TIpcNetEthParam param = {};
         const int32_t nStatus = IpcGetNetEthParam(static_cast<uint8_t>(i), &param);
         if (nStatus != kHostSuccess) {
@@ -114,6 +118,7 @@ uint32_t AppSocketCalNATAddr(const TAppNetAddr *ptRemoteAddr, uint32_t dwProtoco
         return APP_FAILED;
     }
     uint16_t wPort = wLocalPort;
+    // Only IPv4 has a mask to compare with; for IPv6 a mapping is looked for at once.
     const bool bOnSubnet = ptNatAddr->dwType == APP_NET_ADDR_IPV4 &&
                            IsOnSubnet(remote.dwIpv4, ptNatAddr->dwIpv4, __func__);
     if (!bOnSubnet)

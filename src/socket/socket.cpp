@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The public fronts: missing arguments and other address families are refused here, a socket of the
+// wrong kind by the platform layer.
 #include "appcore/socket.h"
 
 #include "base/print.h"

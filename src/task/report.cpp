@@ -93,29 +93,27 @@ void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
 {
     const uint32_t dwNowTick = AppGetTick();
     const int32_t nThreadId = Peek(ptTask->nThreadId);
-    writer.Line("Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP "
-                "%lu) Timer(%d) LastHandler(%p Type:%d Arg:%p Context:%p)\n",
-                Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
-                _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
-                Ul(AppQueueGetSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
-                Int(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
-                Ptr(Peek(ptTask->pfnLastHandler)), Int(Peek(ptTask->dwLastEventType)),
-                Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
+    writer.Line(
+        "Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP %lu) Timer(%d) LastHandler(%p Type:%d Arg:%p Context:%p)\n",
+        Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
+        _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
+        Ul(AppQueueGetSize(ptTask->hEventQueue)), Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
+        Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
+        Int(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
+        Ptr(Peek(ptTask->pfnLastHandler)), Int(Peek(ptTask->dwLastEventType)),
+        Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
     ShowTimers(writer, ptTask, dwNowTick);
 }
 
 void ShowIdle(app::ReportWriter &writer, const TAppTask *ptTask)
 {
     const int32_t nThreadId = Peek(ptTask->nThreadId);
-    writer.Line("Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP "
-                "%lu)\n",
-                Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
-                _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
-                Ul(AppQueueGetSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)));
+    writer.Line(
+        "Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP %lu)\n",
+        Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
+        _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
+        Ul(AppQueueGetSize(ptTask->hEventQueue)), Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
+        Ul(_AppQueueGetTopSize(ptTask->hEventQueue)));
 }
 
 void ShowTables(app::ReportWriter &writer, HAppTaskMgr hTaskMgr)

@@ -3,8 +3,8 @@
 // The task manager's records and its internal operations.
 //
 // Locks.  The manager's lock guards both task lists, bQuit and dwLeaving.  A task's lock guards
-// what is marked (task) below.  Order: the manager's lock, then a task's.
-// No lock is held while a handler runs.
+// what is marked (task) below.  Order: the manager's lock, then a task's.  No lock is held while a
+// handler runs.
 //
 // Who may touch a record last, and who waits for whom, is told in leaving.cpp.
 #ifndef APPCORE_TASK_TASK_H

@@ -39,6 +39,7 @@ uint32_t CreateRegistry()
         AppLockDestroy(hLock);
         return dwResult;
     }
+    // The list last: whoever sees it finds the lock too.
     g_hAppShareActionRecursiveLock.store(hLock, std::memory_order_release);
     g_hAppShareActionList.store(hList, std::memory_order_release);
     return APP_OK;
@@ -149,6 +150,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
     AppShareActionLock();
     app::Rollback unlock([] { AppShareActionUnlock(); });
     uint32_t bBlock = 0;
+    // Entries are never removed, so what has been found stays good after the list's lock.
     PFAppShareAction pfnAction = BeginAction(hList, szKey, &bBlock);
     if (!pfnAction)
         return APP_INVALID_ARG;
@@ -159,6 +161,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
     const uint32_t dwResult = pfnAction(dwArg1, dwArg2, dwArg3);
     if (pdwResult)
         *pdwResult = dwResult;
+    // Of actions that run at once the last to return is told.
     app::Poke(g_eAppShareActionLastCalledResult, dwResult);
     return APP_OK;
 }
@@ -193,9 +196,4 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
         }
     }
     writer.HandOver();
-}
-
-void AppRegCommand(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
-{
-    QorRegCommand(szName, pfnCommand, szHelp);
 }

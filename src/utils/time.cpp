@@ -75,6 +75,7 @@ uint32_t ReadMs(const char *szText)
     uint32_t dwMs = 0;
     for (int i = 0; i < 3; ++i) {
         dwMs *= 10;
+        // Digits that are missing count as zero, those behind the third are dropped.
         if (IsDigit(*szDigit))
             dwMs += static_cast<uint32_t>(*szDigit++ - '0');
     }
@@ -108,6 +109,7 @@ bool ReadZone(const char *szText, TZone *ptZone)
         return true;
     }
     const char *szTime = AppStrchr(szText, ':'); // behind the date and its hyphens
+    // A minus wins over a plus, wherever they stand.
     const char *szMinus = AppStrchr(szTime, '-');
     const char *szSign = szMinus ? szMinus : AppStrchr(szTime, '+');
     if (!szSign)
@@ -199,6 +201,7 @@ uint32_t AppConvertXsdDatetime2U32(const char *szDatetime, uint32_t *pdwTime, ui
         *pbHasZone = zone.bHas;
     if (pdwMs)
         *pdwMs = ReadMs(szDatetime);
+    // "Z" leaves the caller's value alone.
     if (pnZoneMin && zone.bNumeric)
         *pnZoneMin = zone.nMinutes;
     return APP_OK;

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// What a conversion does is the host's affair; whatever it answers but success is a failure, logged
+// with the answer.
 #include "utils_unicode/unicode.h"
 
 #include "appcore/convert.h"

@@ -24,6 +24,7 @@ static auto SonText(mxml_node_t *ptParent, const char *szNodeName)
     };
 }
 
+// The wider reader tells what is missing or no number, in its own name.
 static auto SonNumber(mxml_node_t *ptParent, const char *szNodeName)
 {
     return
@@ -251,6 +252,7 @@ uint32_t AppXmlGetSonNodeValue_Bool(mxml_node_t *ptParent, const char *szNodeNam
                       app::Int(dwResult));
         return dwResult;
     };
+    // Also for a caller that wants to know only whether the text is one.
     uint32_t bUnwanted;
     return ReadTyped<const char *>(pbValue ? pbValue : &bUnwanted, Source, ParseBool,
                                    [szNodeName, szOp = __func__](const char *szText) {
