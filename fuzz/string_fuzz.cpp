@@ -14,8 +14,6 @@
 #include "appcore/mempool.h"
 #include "fuzz.h"
 
-APP_FUZZ_SILENT_CONSOLE
-
 namespace
 {
 
