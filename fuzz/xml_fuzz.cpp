@@ -232,13 +232,15 @@ void CheckTree(mxml_node_t *ptTop)
         CheckNode(pt);
 }
 
-// The input as the value of an element and of an attribute.
+// The input as the value of an element and of an attribute; beside it a value that no reader can use.
 void CheckAsValue(const char *szText)
 {
     mxml_node_t *ptTop = mxmlNewElement(nullptr, "top"), *ptNode = mxmlNewElement(ptTop, "v");
     mxmlNewOpaque(ptNode, szText);
     mxmlElementSetAttr(ptNode, "v", szText);
+    mxmlNewCustom(mxmlNewElement(ptTop, "custom"), ptTop, nullptr);
     CheckSon(ptTop, "v");
+    CheckSon(ptTop, "custom");
     CheckAttribute(ptNode, "v");
     CheckValue(ptNode);
     mxmlDelete(ptTop);

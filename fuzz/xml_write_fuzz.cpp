@@ -11,6 +11,8 @@
 namespace
 {
 
+Fence s_document;
+
 struct TWritten {
     mxml_node_t *ptNode;
     std::string name; // of its own
@@ -23,8 +25,9 @@ struct TWritten {
 std::string Plain(const std::string &text)
 {
     std::string plain;
-    for (const char ch : text)
-        plain += ch >= ' ' && ch != ']' ? ch : '&';
+    for (const unsigned char by : text)
+        plain += by >= 0x80 ? std::string("\xC3\xA4")
+                            : std::string(1, by < ' ' || by == ']' ? '&' : static_cast<char>(by));
     return plain;
 }
 
@@ -151,6 +154,11 @@ void CheckReadingBack(mxml_node_t *ptRoot, const TWritten &written)
     Require(AppXmlGetAttr_Str(ptNode, "a", &szText) == APP_OK && szText == written.attribute);
 }
 
+uint32_t Load(const std::string &text, mxml_node_t **pptTree)
+{
+    return AppXmlLoad(s_document.Place(text), static_cast<uint32_t>(text.size()), pptTree);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -162,17 +170,23 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
 {
     Parts parts(pbyData, nSize);
+    const size_t nCut = parts.Byte();
     const Writer writer(parts);
     mxml_node_t *const ptRoot = writer.Written()[0].ptNode;
     for (const TWritten &written : writer.Written())
         CheckReadingBack(ptRoot, written);
     char *szSaved = mxmlSaveAllocString(ptRoot, MXML_NO_CALLBACK);
-    mxml_node_t *ptLoaded = nullptr;
-    Require(AppXmlLoad(szSaved, static_cast<uint32_t>(strlen(szSaved)), &ptLoaded) == APP_OK);
+    const std::string saved = szSaved;
     free(szSaved);
+    mxml_node_t *ptLoaded = nullptr;
+    Require(Load(saved, &ptLoaded) == APP_OK);
     for (const TWritten &written : writer.Written())
         CheckReadingBack(ptLoaded, written);
     mxmlDelete(ptLoaded);
+    // Broken off before its last '>' it is no document; nor is it with another root behind it.
+    for (size_t nSize = nCut % saved.rfind('>'); nSize < saved.rfind('>'); nSize += 37)
+        Require(Load(saved.substr(0, nSize), &ptLoaded) == APP_BAD_VALUE && !ptLoaded);
+    Require(Load(saved + "<b/>", &ptLoaded) == APP_BAD_VALUE && !ptLoaded);
     Require(TakeLines() == 0);
     return 0;
 }
