@@ -31,13 +31,6 @@ std::string Plain(const std::string &text)
     return plain;
 }
 
-template <typename... Args>
-std::string Formatted(const char *szFormat, Args... args)
-{
-    char achText[400]; // any double
-    return {achText, static_cast<size_t>(snprintf(achText, sizeof(achText), szFormat, args...))};
-}
-
 class Writer
 {
 public:
@@ -107,7 +100,7 @@ private:
         case 5: {
             double dValue;
             memcpy(&dValue, &qw, sizeof(dValue));
-            made.text = Formatted("%f", dValue);
+            made.text = Printed("%f", dValue);
             return AppXmlAddSonNode_Double(m_ptFather, m_szName, dValue, m_pptNew);
         }
         default:
