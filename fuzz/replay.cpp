@@ -31,6 +31,8 @@ namespace
 
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr unsigned kRuns = 2000;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr unsigned kRuns = 5000;
 #else
 constexpr unsigned kRuns = 20000;
 #endif
