@@ -83,7 +83,7 @@ void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 
 void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
 {
-    LockGuard guard(ptTaskMgr->hLock);
+    LockGuard guard(ptTaskMgr);
     --ptTaskMgr->dwLeaving;
     if (ptTaskMgr->bQuit == 1)
         AppLockGive(ptTaskMgr->hLeftLock);
@@ -94,7 +94,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 {
     for (;;) {
         {
-            LockGuard guard(ptTaskMgr->hLock);
+            LockGuard guard(ptTaskMgr);
             if (ptTaskMgr->dwLeaving == 0)
                 return;
         }
@@ -105,7 +105,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 void app::TellRest(TAppTask *ptTask)
 {
     if (ptTask->ptTimerMgr) { // else the creation has failed before there could be anything to tell
-        LockGuard guard(ptTask->hLock);
+        LockGuard guard(ptTask);
         CancelTimers(ptTask->ptTimerMgr, false);
     }
     if (ptTask->hEventQueue)

@@ -87,7 +87,7 @@ uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **ppt
     HAppDoubleListNode hNode = ptTaskMgr->hIdleTaskList->ptTail;
     for (; hNode; hNode = hNode->ptPrev) {
         auto ptTask = static_cast<TAppTask *>(hNode->pvData);
-        app::LockGuard guard(ptTask->hLock);
+        app::LockGuard guard(ptTask);
         if (app::Peek(ptTask->dwState) != APP_TASK_STATE_IDLE)
             continue;
         const uint32_t dwResult = Reuse(ptTask, wanted, pptFailed, szOp);
@@ -152,7 +152,7 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
         const auto requestEnd = [](TAppTask *ptTask) {
             app::Request(ptTask, APP_TASK_REQUEST_END);
         };
-        app::LockGuard guard(ptTaskMgr->hLock);
+        app::LockGuard guard(ptTaskMgr);
         ptTaskMgr->bQuit = 1;
         app::ForEachTask(ptTaskMgr->hTaskList, requestEnd);
         app::ForEachTask(ptTaskMgr->hIdleTaskList, requestEnd);
@@ -225,7 +225,7 @@ uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_
     TAppTask *ptFailed = nullptr;
     uint32_t dwResult;
     {
-        app::LockGuard guard(hTaskMgr->hLock);
+        app::LockGuard guard(hTaskMgr);
         dwResult = Provide(hTaskMgr,
                            {szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize, dwIdleTimeout,
                             pfnHandler, pvContext},

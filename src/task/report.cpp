@@ -55,8 +55,8 @@ constexpr uint32_t kLines = 16; // copied at a time
 uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
                     TTimerLine (&atLine)[kLines])
 {
-    app::LockGuard guard(ptTask->hLock, kTaskLockWaitMs);
-    if (!guard)
+    app::TimedLockGuard guard(ptTask);
+    if (!guard.TakeByTime(kTaskLockWaitMs))
         return 0;
     HAppDoubleListNode &hNode = ptTask->ptTimerMgr->hShown;
     if (bFirst)
@@ -139,12 +139,13 @@ void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext)
 {
     if (!hTaskMgr)
         return;
-    app::LockGuard guard(hTaskMgr->hLock, kMgrLockWaitMs);
+    app::TimedLockGuard guard(hTaskMgr);
+    const bool bTaken = guard.TakeByTime(kMgrLockWaitMs);
     app::ReportWriter writer(pfnShow, pvContext);
     writer.Line("\n============================================\nTaskMgr(%p) MemPool(%p)",
                 Ptr(hTaskMgr), Ptr(hTaskMgr->hMemPool));
     writer.HandOver();
-    if (!guard) { // the lists may change: no walk
+    if (!bTaken) { // the lists may change: no walk
         writer.Line("\nTaskMgr(%p) is busy, no details\n", Ptr(hTaskMgr));
         writer.HandOver();
         return;

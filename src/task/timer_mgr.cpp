@@ -66,7 +66,7 @@ void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
     HAppDoubleListNode hNode = app::UnlistTimer(ptTimer);
     const TNotice notice(ptTimer); // before the lock is given: a new owner changes the default
     if (notice.pfnHandler) {
-        app::WithoutLock unlocked(ptTask->hLock);
+        app::WithoutLock unlocked(ptTask);
         if (bRecord)
             app::RecordEvent(ptTask, dwEventType, ptTimer, notice.pfnHandler, notice.pvContext);
         notice.pfnHandler(ptTask, dwEventType, ptTimer, notice.pvContext);

@@ -94,7 +94,7 @@ uint32_t AddEntry(HAppDoubleList hList, const char *szKey, PFAppShareAction pfnA
 // which the report holds too: a key is never seen half written.
 PFAppShareAction BeginAction(HAppDoubleList hList, const char *szKey, uint32_t *pbBlock)
 {
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     PFAppShareAction pfnAction = _AppFindShareAction(hList, szKey, pbBlock);
     if (pfnAction) {
         AppStrncpy(g_achAppShareActionLastCalledKey, szKey, APP_SHARE_ACTION_KEY_SIZE);
@@ -113,7 +113,7 @@ uint32_t _AppRegisterShareAction(const char *szKey, PFAppShareAction pfnAction, 
     if (dwResult != APP_OK)
         return dwResult;
     HAppDoubleList hList = Registry();
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     if (FindEntry(szKey))
         return APP_OK;
     return AddEntry(hList, szKey, pfnAction, bBlock);
@@ -181,7 +181,7 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
         return;
     app::ReportWriter writer(pfnShow, pvContext);
     {
-        app::LockGuard guard(hList->hLock);
+        app::LockGuard guard(hList);
         writer.Line("Last called action: %s result %d\n", g_achAppShareActionLastCalledKey,
                     static_cast<int>(app::Peek(g_eAppShareActionLastCalledResult)));
         writer.Line("========================================\n");
