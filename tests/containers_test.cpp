@@ -254,11 +254,10 @@ TEST(Queue, PromisedElementIsTakenAfterTheTimeout)
         LogCapture log;
         {
             fault::Fail fail(Fn::malloc); // a failed insertion promises nothing
-            EXPECT_CODE(APP_NO_RESOURCE,
-                        app::QueuePlace(hQueue, El('f'), 0, 0, "_AppQueueIn", &bWake));
+            EXPECT_CODE(APP_NO_RESOURCE, app::QueuePlace(hQueue, El('f'), 0, 0, &bWake));
             EXPECT_FALSE(bWake);
         }
-        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, "_AppQueueIn", &bWake));
+        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, &bWake));
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         if (bWake)
             app::QueueWake(hQueue);

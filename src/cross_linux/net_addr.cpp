@@ -65,9 +65,7 @@ void WriteQuad(uint32_t dwIpv4, char *szBuf)
 
 uint32_t ReadFailed(const char *szIp, const char *szOp)
 {
-    const int nError = errno;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: inet_pton failed %s %d %s\n", szOp, szIp, nError,
-           app::ErrorText(nError).Text());
+    APP_LOG_ERRNO(errno, "[ERROR] %s: inet_pton failed %s %d %s\n", szOp, szIp);
     return APP_FAILED;
 }
 
@@ -102,18 +100,14 @@ uint32_t _AppConvertNettoStr(const TAppNetAddr *ptAddr, char *szBuf, uint32_t dw
         }
         if (inet_ntop(AF_INET, &ptAddr->dwIpv4, szBuf, dwBufSize))
             return APP_OK;
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: inet_ntop AF_INET failed %d %s\n", __func__, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: inet_ntop AF_INET failed %d %s\n", __func__);
         return APP_FAILED;
     }
     if (ptAddr->dwType != APP_NET_ADDR_IPV6)
         return APP_INVALID_ARG;
     if (inet_ntop(AF_INET6, ptAddr->abyIpv6, szBuf, dwBufSize))
         return APP_OK;
-    const int nError = errno;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: inet_ntop AF_INET6 failed %d %s\n", __func__, nError,
-           app::ErrorText(nError).Text());
+    APP_LOG_ERRNO(errno, "[ERROR] %s: inet_ntop AF_INET6 failed %d %s\n", __func__);
     return APP_FAILED;
 }
 

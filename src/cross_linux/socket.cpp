@@ -6,7 +6,6 @@
 #include <netinet/tcp.h>
 
 #include "cross_linux/error_text.h"
-#include "utils/log.h"
 
 namespace
 {
@@ -25,23 +24,17 @@ uint32_t CalLocalIpv4(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr,
 {
     const app::OwnedFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
     if (probe.Get() < 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: [%d]socket failed  %d %s\n", szOp, kSocketFailed,
-               nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: [%d]socket failed  %d %s\n", szOp, kSocketFailed);
         return APP_FAILED;
     }
     struct sockaddr_in tAddr = app::ToSockaddr(*ptRemoteAddr, htons(kProbePort));
     socklen_t nLen = sizeof(tAddr);
     if (connect(probe.Get(), app::Generic(&tAddr), nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: connect failed %d %s\n", szOp);
         return APP_FAILED;
     }
     if (getsockname(probe.Get(), app::Generic(&tAddr), &nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: getsockname failed  %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: getsockname failed  %d %s\n", szOp);
         return APP_FAILED;
     }
     app::FromInAddr(tAddr.sin_addr, ptLocalAddr);
@@ -60,15 +53,15 @@ uint32_t CalLocalIpv6(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr,
     AppMemcpy(&tAddr.sin6_addr, ptRemoteAddr->abyIpv6, sizeof(ptRemoteAddr->abyIpv6));
     socklen_t nLen = sizeof(tAddr);
     if (connect(probe.Get(), app::Generic(&tAddr), nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_INFO, "[INFO ] %s: connect failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        const app::ErrorText error(errno);
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: connect failed %d %s\n", szOp, error.Number(),
+               error.Text());
         return APP_FAILED;
     }
     if (getsockname(probe.Get(), app::Generic(&tAddr), &nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_INFO, "[INFO ] %s: getsockname failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        const app::ErrorText error(errno);
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: getsockname failed %d %s\n", szOp, error.Number(),
+               error.Text());
         return APP_FAILED;
     }
     ptLocalAddr->dwType = APP_NET_ADDR_IPV6;
@@ -123,17 +116,13 @@ uint32_t _AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAddr, uint
     if (ptLocalAddr->dwType != APP_NET_ADDR_IPV4)
         return APP_FAILED;
     if (bReuse == 1 && !app::SetOption(hSocket->nFd, SOL_SOCKET, SO_REUSEADDR, 1)) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt  SO_REUSEADDR nError %d %s\n", __func__,
-               nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  SO_REUSEADDR nError %d %s\n", __func__);
         return APP_FAILED;
     }
     const struct sockaddr_in tAddr = app::ToSockaddr(*ptLocalAddr, wPort);
     hSocket->wPort = wPort;
     if (bind(hSocket->nFd, app::Generic(&tAddr), sizeof(tAddr)) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: bind nError %d %s\n", __func__, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: bind nError %d %s\n", __func__);
         return APP_FAILED;
     }
     return APP_OK;
@@ -149,21 +138,16 @@ uint32_t _AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNetAddr *
     tRequest.imr_interface.s_addr = ptIfAddr ? ptIfAddr->dwIpv4 : AppConvertHtonl(INADDR_ANY);
     if (ptIfAddr && setsockopt(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_IF, &ptIfAddr->dwIpv4,
                                sizeof(ptIfAddr->dwIpv4)) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_MULTICAST_IF failed %x %d %s\n",
-               __func__, ptIfAddr->dwIpv4, nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_MULTICAST_IF failed %x %d %s\n", __func__,
+                      ptIfAddr->dwIpv4);
     }
     if (setsockopt(hSocket->nFd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &tRequest, sizeof(tRequest)) != 0 &&
         errno != EADDRINUSE) { // else a member already
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n",
-               __func__, nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n", __func__);
         return APP_FAILED;
     }
     if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_LOOP, static_cast<int>(bLoop))) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_MULTICAST_LOOP failed %d %s\n",
-               __func__, nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_MULTICAST_LOOP failed %d %s\n", __func__);
         return APP_FAILED;
     }
     return APP_OK;

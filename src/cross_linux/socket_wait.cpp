@@ -9,9 +9,7 @@ app::WaitResult app::WaitForSocket(int nFd, uint32_t dwEvents, const Deadline &d
 {
     const OwnedFd epoll(epoll_create1(EPOLL_CLOEXEC));
     if (epoll.Get() < 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: epoll_create failed %d %s\n", szOp, nError,
-               ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: epoll_create failed %d %s\n", szOp);
         return WaitResult::NoEpoll;
     }
     struct epoll_event tEvent = {};

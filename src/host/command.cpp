@@ -7,7 +7,6 @@
 
 #include "appcore/host.h"
 #include "appcore/platform.h"
-#include "utils/log.h"
 
 namespace
 {
@@ -36,12 +35,12 @@ TCommand *FindCommand(const char *szName)
     return nullptr;
 }
 
-int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
+int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp, const char *szOp)
 {
     TCommand *ptCommand = FindCommand(szName);
     const uint32_t dwCommands = s_dwCommands.load();
     if (!ptCommand && dwCommands == kMostCommands) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no room for command %s\n", "QorRegCommand", szName);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no room for command %s\n", szOp, szName);
         return 0;
     }
     const bool bNew = !ptCommand;
@@ -65,7 +64,7 @@ extern "C" __attribute__((weak)) int32_t QorRegCommand(const char *szName, PFQor
         return 0;
     while (s_bRegistering.exchange(1, std::memory_order_acquire) != 0)
         AppDelay(1);
-    const int32_t nResult = Register(szName, pfnCommand, szHelp);
+    const int32_t nResult = Register(szName, pfnCommand, szHelp, __func__);
     s_bRegistering.store(0, std::memory_order_release);
     return nResult;
 }

@@ -166,15 +166,15 @@ bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         uint32_t dwResult;
         if (!CreateList(&ptImpl->hOnList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
+                           app::Ul(k));
             return false;
         }
         if (!CreateList(&ptImpl->hOffList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n",
+                           szOp, app::Ul(k));
             return false;
         }
     }
@@ -203,7 +203,7 @@ uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
     auto ptImpl = static_cast<TAppMemPoolImpl *>(malloc(sizeof(TAppMemPoolImpl)));
     if (!ptImpl) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc for %d failed\n", __func__,
-               static_cast<int>(sizeof(TAppMemPoolImpl)));
+               app::Int(sizeof(TAppMemPoolImpl)));
         _AppMemPoolDestroy(nullptr);
         return APP_FAILED;
     }

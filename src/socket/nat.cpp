@@ -30,7 +30,7 @@ uint32_t SearchMask(uint32_t dwLocalAddr, uint32_t dwInterfaces, const char *szO
         TIpcNetEthParam param = {};
         const int32_t nStatus = IpcGetNetEthParam(static_cast<uint8_t>(i), &param);
         if (nStatus != kHostSuccess) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcGetNetEthParam failed %d\n", szOp, nStatus);
+            APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcGetNetEthParam failed %d\n", szOp);
             continue;
         }
         uint32_t dwMask = 0;
@@ -52,7 +52,7 @@ bool IsOnSubnet(uint32_t dwRemoteAddr, uint32_t dwLocalAddr, const char *szOp)
     TIpcCapHwExternal hardware = {};
     const int32_t nStatus = IpcCapGetHwExternal(&hardware);
     if (nStatus != kHostSuccess) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcCapGetHwInternal failed %d\n", szOp, nStatus);
+        APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcCapGetHwInternal failed %d\n", szOp);
         return false;
     }
     const uint32_t dwInterfaces = uint32_t{hardware.byIfCount1} + hardware.byIfCount2;
@@ -77,7 +77,7 @@ void SearchMapping(uint32_t dwProtocol, uint16_t wLocalPort, TAppNetAddr *ptNatA
     TIpcUpupCfg config = {};
     const int32_t nStatus = IpcGetUpupCfg(&config);
     if (nStatus != kHostSuccess) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcGetUpupCfg failed %d\n", szOp, nStatus);
+        APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcGetUpupCfg failed %d\n", szOp);
         return;
     }
     if (config.dwEnable == 0) {
@@ -90,8 +90,7 @@ void SearchMapping(uint32_t dwProtocol, uint16_t wLocalPort, TAppNetAddr *ptNatA
         char achName[APP_HOST_UPNP_NAME_SIZE + 1]; // the host's name need not be terminated
         AppStrncpy(achName, map.achName, sizeof(achName));
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: UPnP[%d]: type %d enable %d inport:%d name %s\n",
-                  szOp, i, static_cast<int>(map.dwMapType), static_cast<int>(map.dwEnable),
-                  map.wInPort, achName);
+                  szOp, i, app::Int(map.dwMapType), app::Int(map.dwEnable), map.wInPort, achName);
         if (!Matches(map, dwProtocol, wLocalPort))
             continue;
         *pwPort = map.wExtPort;

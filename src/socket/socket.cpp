@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "appcore/socket.h"
 
+#include "base/print.h"
 #include "cross_linux/cross_linux.h"
 
 namespace
@@ -10,8 +11,7 @@ bool IsIpv4(uint32_t dwVersion, const char *szOp)
 {
     if (dwVersion == APP_NET_ADDR_IPV4)
         return true;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Socket version %d\n", szOp,
-           static_cast<int>(dwVersion));
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Socket version %d\n", szOp, app::Int(dwVersion));
     return false;
 }
 

@@ -77,13 +77,12 @@ uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32
     }
     *ptCopy = *ptEvent;
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", __func__,
-              app::Ptr(ptTask), static_cast<int>(ptEvent->dwEventType),
-              app::Ptr(ptEvent->pfnHandler), ptEvent->pvArg);
+              app::Ptr(ptTask), app::Int(ptEvent->dwEventType), app::Ptr(ptEvent->pfnHandler),
+              ptEvent->pvArg);
     const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                              static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
+                                              static_cast<int32_t>(bForce), pbWake);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueIn failed %d\n", __func__);
         AppMemPoolFree(ptCopy);
     }
     return dwResult;

@@ -28,6 +28,8 @@
 #include "appcore/platform.h"
 #include "base/field.h"
 #include "task/task.h"
+#include "task/timer.h"
+#include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/queue.h"
 
@@ -37,7 +39,9 @@ namespace
 // A user of the record leaves; true for the last one.  Any other must not touch it any more.
 bool DropUser(TAppTask *ptTask)
 {
-    return ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    const uint32_t dwUsers = ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel);
+    APP_CHECK(dwUsers != 0, "more users leave than have come");
+    return dwUsers == 1;
 }
 
 } // namespace
@@ -84,6 +88,7 @@ void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
 {
     LockGuard guard(ptTaskMgr);
+    APP_CHECK(ptTaskMgr->dwLeaving != 0, "more tasks have left than were leaving");
     --ptTaskMgr->dwLeaving;
     if (ptTaskMgr->bQuit == 1)
         AppLockGive(ptTaskMgr->hLeftLock);

@@ -4,10 +4,12 @@
 #include "base/print.h"
 #include "mempool/mempool.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/queue.h"
 #include "utils/report_writer.h"
 
+using app::Int;
 using app::Peek;
 using app::PeekCounter;
 using app::Ptr;
@@ -98,8 +100,8 @@ void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
                 Ul(AppQueueGetSize(ptTask->hEventQueue)),
                 Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
                 Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
-                static_cast<int>(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
-                Ptr(Peek(ptTask->pfnLastHandler)), static_cast<int>(Peek(ptTask->dwLastEventType)),
+                Int(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
+                Ptr(Peek(ptTask->pfnLastHandler)), Int(Peek(ptTask->dwLastEventType)),
                 Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
     ShowTimers(writer, ptTask, dwNowTick);
 }
@@ -127,8 +129,7 @@ void ShowTables(app::ReportWriter &writer, HAppTaskMgr hTaskMgr)
                 Ptr(hTaskMgr->hMemPool), Ul(hTaskMgr->dwIdleTaskTimeout));
     writer.Line("--- %lu ACTIVE TASKS ------------------------\n", Ul(ptActive->dwCurSize));
     app::ForEachTask(ptActive, [&](const TAppTask *ptTask) { ShowActive(writer, ptTask); });
-    writer.Line("--- %d INACTIVE TASKS ------------------------\n",
-                static_cast<int>(ptIdle->dwCurSize));
+    writer.Line("--- %d INACTIVE TASKS ------------------------\n", Int(ptIdle->dwCurSize));
     app::ForEachTask(ptIdle, [&](const TAppTask *ptTask) { ShowIdle(writer, ptTask); });
     writer.HandOver();
 }

@@ -5,7 +5,7 @@
 // own decision, and need no memory.
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
-#include "utils/double_list.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
@@ -24,16 +24,15 @@ bool IsFull(const TAppDoubleList *ptList)
     return ptList->dwMaxSize != 0 && ptList->dwCurSize >= ptList->dwMaxSize;
 }
 
-// Under the manager's lock.  The node itself moves, so that an exhausted pool cannot cost the task.
+// Under the manager's lock.
 bool MoveToIdleList(TAppTask *ptTask)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
     if (IsFull(ptTaskMgr->hIdleTaskList)) {
-        AppDoubleListRemove(ptTaskMgr->hTaskList, ptTask->hListNode, nullptr);
-        ptTask->hListNode = nullptr;
+        app::UnlistTask(ptTask, ptTaskMgr->hTaskList);
         return false;
     }
-    app::MoveNode(ptTaskMgr->hTaskList, ptTaskMgr->hIdleTaskList, ptTask->hListNode);
+    app::MoveTask(ptTask, ptTaskMgr->hTaskList, ptTaskMgr->hIdleTaskList);
     return true;
 }
 
@@ -83,7 +82,7 @@ uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *, 
             dwEventType != APP_TASK_EVENT_STOP) {
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid call. task %p state %s event type %d\n",
                    __func__, app::Ptr(hTask), _AppGetTaskStateString(dwState),
-                   static_cast<int>(dwEventType));
+                   app::Int(dwEventType));
             return APP_INVALID_STATE;
         }
         // Before the timers end: a handler that sets its timer anew whatever it is told would
@@ -110,15 +109,14 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
          dwState != APP_TASK_STATE_TERMINATE) ||
         dwEventType != APP_TASK_EVENT_STOP) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid call. task state %s event type %d\n",
-               __func__, _AppGetTaskStateString(dwState), static_cast<int>(dwEventType));
+               __func__, _AppGetTaskStateString(dwState), app::Int(dwEventType));
         return APP_INVALID_STATE;
     }
     SetState(hTask, APP_TASK_STATE_TERMINATE, __func__);
     if (app::MustEnd(hTask)) {
         StayToLeave(ptTaskMgr, __func__);
     } else { // an idle task's own end
-        AppDoubleListRemove(ptTaskMgr->hIdleTaskList, hTask->hListNode, nullptr);
-        hTask->hListNode = nullptr;
+        app::UnlistTask(hTask, ptTaskMgr->hIdleTaskList);
         app::Poke<uint32_t>(hTask->dwState, APP_TASK_STATE_UNINIT);
         app::BeginLeaving(ptTaskMgr);
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: go for uninit\n", __func__);

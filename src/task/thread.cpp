@@ -5,6 +5,7 @@
 #include "appcore/platform.h"
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
@@ -132,9 +133,8 @@ const TAppTaskEvent *NextRequest(TAppTask *ptTask)
 
 // One turn of the loop; false when the thread has to leave.  A request needs no place in the queue
 // and passes what is there.
-bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, const char *szOp)
+bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait)
 {
-    TraceWait(ptTask, *pdwWait, szOp);
     if (const TAppTaskEvent *ptRequest = NextRequest(ptTask))
         return ServeOne(ptTask, *ptRequest, pdwWait);
     void *pvEvent = nullptr;
@@ -160,8 +160,9 @@ void *AppTask(void *pvTask)
     if (ptTask) {
         Start(ptTask);
         uint32_t dwWait = kFirstWaitMs;
-        while (ServeNext(ptTask, &dwWait, __func__)) {
-        }
+        do
+            TraceWait(ptTask, dwWait, __func__);
+        while (ServeNext(ptTask, &dwWait));
         app::Leave(ptTask);
     }
     _AppThreadExit();

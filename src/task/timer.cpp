@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "task/timer.h"
 #include "appcore/platform.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -41,8 +42,7 @@ HAppTimer AppTaskSetTimer(HAppTask hTask, uint32_t dwTimeout, PFAppTaskHandler p
     const uint32_t dwResult =
         _AppTimerMgrNewTimer(hTask->ptTimerMgr, dwTimeout, pfnHandler, pvContext, &hTimer);
     if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__);
     return hTimer;
 }
 

@@ -6,6 +6,8 @@
 #include "appcore/platform.h"
 #include "base/rollback.h"
 #include "task/task.h"
+#include "task/timer.h"
+#include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -24,6 +26,15 @@ struct TNotice {
     PFAppTaskHandler pfnHandler;
     void *pvContext;
 };
+
+// A timer has come to the end of the list.
+void CheckTail([[maybe_unused]] const TAppTimerMgr *ptTimerMgr,
+               [[maybe_unused]] const TAppDoubleList *ptList)
+{
+    APP_CHECK(app::TimerIsValid(ptList, ptList->ptTail), "a timer is on the wrong list");
+    APP_CHECK_WHOLE(ptTimerMgr->hTimerList->dwCurSize + ptTimerMgr->hIdleTimerList->dwCurSize,
+                    app::TimerMgrIsValid(ptTimerMgr), "the timers are broken");
+}
 
 // The record that ended last, off its list.
 TAppTimer *ReuseRecord(TAppTimerMgr *ptTimerMgr, const char *szOp)
@@ -52,7 +63,7 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     if (dwResult != APP_OK) {
         AppMemPoolFree(ptTimer);
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
-               szOp, static_cast<int>(dwResult), app::Ptr(ptTimer));
+               szOp, app::Int(dwResult), app::Ptr(ptTimer));
         return APP_FAILED;
     }
     *pptTimer = ptTimer;
@@ -73,6 +84,7 @@ void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
     }
     ptTimer->hListNode = hNode;
     _AppDoubleListAttachNode(ptTimer->ptTimerMgr->hIdleTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    CheckTail(ptTimer->ptTimerMgr, ptTimer->ptTimerMgr->hIdleTimerList);
 }
 
 } // namespace
@@ -98,14 +110,14 @@ uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHan
     app::Rollback undo([&] { _AppTimerMgrDestroy(ptTimerMgr); });
     uint32_t dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hTimerList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n",
+                       __func__);
         return dwResult;
     }
     dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hIdleTimerList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
-               __func__, static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
+                       __func__);
         return dwResult;
     }
     ptTimerMgr->pfnHandler = pfnHandler;
@@ -153,6 +165,7 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
               app::Ul(ptTimer->dwStartTick));
     ptTimer->dwState = 1;
     app::NoteTimeout(ptTimerMgr, ptTimer->dwStartTick, dwTimeout);
+    CheckTail(ptTimerMgr, ptTimerMgr->hTimerList);
     *phTimer = ptTimer;
     return APP_OK;
 }

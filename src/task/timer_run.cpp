@@ -10,6 +10,7 @@
 // cancelling or resetting one leaves it too early, which costs a look and nothing else.
 #include "appcore/platform.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/double_list.h"
 #include "utils/log.h"
 

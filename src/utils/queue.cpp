@@ -34,17 +34,8 @@ namespace
 
 // More than the elements any queue can hold, forced insertions and raised maxima included.
 constexpr uint32_t kCountCeiling = 4294967295u;
-
-uint32_t CreateLock(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCount,
-                    HAppLock *phLock, const char *szOp)
-{
-    const uint32_t dwResult =
-        AppLockCreate(hMemPool, dwMaxCount, dwInitCount, APP_LOCK_TYPE_SEM, phLock);
-    if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
-    return dwResult;
-}
+// An insertion's messages name the one operation behind every way to insert.
+constexpr char kInsert[] = "_AppQueueIn";
 
 #ifdef APPCORE_CHECKS
 // Sleepers sleep because every element there is promised, and no interrupt has been kept.
@@ -246,11 +237,14 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
     hQueue->hMemPool = hMemPool;
     uint32_t dwResult = APP_OK;
     if (bLock == 1)
-        dwResult = CreateLock(hMemPool, 1, 1, &hQueue->hLock, __func__);
+        dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hQueue->hLock);
     if (dwResult == APP_OK)
-        dwResult = CreateLock(hMemPool, kCountCeiling, 0, &hQueue->hCountLock, __func__);
-    if (dwResult != APP_OK)
+        dwResult =
+            AppLockCreate(hMemPool, kCountCeiling, 0, APP_LOCK_TYPE_SEM, &hQueue->hCountLock);
+    if (dwResult != APP_OK) {
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", __func__);
         return dwResult;
+    }
     undo.Dismiss();
     *phQueue = hQueue;
     return APP_OK;
@@ -279,13 +273,13 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     AppMemPoolFree(hQueue);
 }
 
-static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, const char *szOp)
+static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
     APP_REQUIRES(hQueue->hLock)
 {
     auto ptNode =
         static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode)));
     if (!ptNode) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
         return APP_NO_RESOURCE;
     }
     *ptNode = {nullptr, pvData, nPriority};
@@ -296,15 +290,15 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, co
 }
 
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                         const char *szOp, bool *pbWake)
+                         bool *pbWake)
 {
     LockGuard guard(hQueue);
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", szOp,
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
                Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
         return APP_NO_RESOURCE;
     }
-    const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority, szOp);
+    const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority);
     if (dwResult == APP_OK)
         *pbWake = Promise(hQueue);
     Verify(hQueue);
@@ -337,7 +331,7 @@ uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t 
     if (!hQueue)
         return APP_INVALID_ARG;
     bool bWake = false;
-    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, __func__, &bWake);
+    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, &bWake);
     if (bWake)
         app::QueueWake(hQueue);
     return dwResult;

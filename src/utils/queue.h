@@ -54,9 +54,9 @@ namespace app
 {
 // _AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
 // element is placed, and QueueWake() wakes one consumer for it when `*pbWake` says so; otherwise
-// the queue must not be touched any more.  `szOp` stands in the messages.
+// the queue must not be touched any more.
 uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                    const char *szOp, bool *pbWake);
+                    bool *pbWake);
 void QueueWake(HAppQueue hQueue);
 
 // Ends the wait of one consumer, whose AppQueueOut() returns APP_TIMEOUT.  While none waits the

@@ -183,14 +183,13 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
     {
         app::LockGuard guard(hList);
         writer.Line("Last called action: %s result %d\n", g_achAppShareActionLastCalledKey,
-                    static_cast<int>(app::Peek(g_eAppShareActionLastCalledResult)));
+                    app::Int(app::Peek(g_eAppShareActionLastCalledResult)));
         writer.Line("========================================\n");
         int nEntry = 0;
         for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext) {
             auto ptEntry = static_cast<const TAppShareAction *>(hNode->pvData);
-            writer.Line("[%d/%d] Hash %u Key %s Addr %p\n", ++nEntry,
-                        static_cast<int>(hList->dwCurSize), ptEntry->dwHash, ptEntry->achKey,
-                        app::Ptr(ptEntry->pfnAction));
+            writer.Line("[%d/%d] Hash %u Key %s Addr %p\n", ++nEntry, app::Int(hList->dwCurSize),
+                        ptEntry->dwHash, ptEntry->achKey, app::Ptr(ptEntry->pfnAction));
         }
     }
     writer.HandOver();

@@ -212,8 +212,8 @@ uint32_t AppConvertU322XsdDatetime(uint32_t dwTime, uint32_t bHasZone, const uin
     TAppTime time;
     const uint32_t dwResult = AppConvertU32ToTime(dwTime, &time);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppConvertU32ToTime with %u failed (%d)\n", __func__,
-               dwTime, static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppConvertU32ToTime with %u failed (%d)\n", __func__,
+                       dwTime);
         return dwResult;
     }
     TextWriter writer(szBuf, dwBufSize);

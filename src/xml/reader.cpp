@@ -151,13 +151,13 @@ uint32_t AppXmlGetSonNodeValue_Str_Copy(mxml_node_t *ptParent, const char *szNod
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR,
                "[ERROR] %s: AppXmlGetSonNodeValue_Str() failed %d, szSonNodeName{%s}\n", __func__,
-               static_cast<int>(dwResult), szNodeName);
+               app::Int(dwResult), szNodeName);
         return dwResult;
     }
     const uint32_t dwLen = AppStrlen(szText);
     if (dwLen >= dwBufSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: buffer too small, len %d, dwBufSize %lu\n", __func__,
-               static_cast<int>(dwLen), app::Ul(dwBufSize));
+               app::Int(dwLen), app::Ul(dwBufSize));
         return APP_BUFFER_TOO_SMALL;
     }
     AppStrncpy(szBuf, szText, dwBufSize);

@@ -53,7 +53,7 @@ static uint32_t ReadNodeNumber(mxml_node_t *ptNode, uint32_t *pdwValue, const ch
         const uint32_t dwResult = AppXmlGetNodeValue_Str(ptNode, pszText);
         if (dwResult != APP_OK)
             APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: AppXmlGetNodeValue_Str() failed %d\n", szOp,
-                      static_cast<int>(dwResult));
+                      app::Int(dwResult));
         return dwResult;
     };
     return ReadTyped<const char *>(
@@ -248,7 +248,7 @@ uint32_t AppXmlGetSonNodeValue_Bool(mxml_node_t *ptParent, const char *szNodeNam
         const uint32_t dwResult = AppXmlGetSonNodeValue_Str(ptParent, szNodeName, pszText);
         if (dwResult != APP_OK)
             APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: AppXmlGetSonNodeValue_Str() failed %d\n", szOp,
-                      static_cast<int>(dwResult));
+                      app::Int(dwResult));
         return dwResult;
     };
     uint32_t bUnwanted;

@@ -16,6 +16,7 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 
 namespace test
