@@ -278,7 +278,7 @@ TEST_F(TaskEvents, AnEventBeatsTheIdleTimeOut)
     HAppTask hTask = manager.New(diary, {"task", 9, 100});
     EXPECT_TRUE(test::WaitUntil([&] { return StateOf(hTask) == APP_TASK_STATE_RUNNING; }));
     {
-        app::LockGuard guard(hTask->hLock);
+        app::LockGuard guard(hTask);
         AppDelay(500); // the first wait takes 300 ms
         SendUnchecked(hTask, {APP_TASK_EVENT_USER, Arg(1), nullptr, nullptr});
     }
@@ -352,7 +352,7 @@ TEST_F(TaskEvents, ASendGivesUpAfterASecond)
 {
     HAppTask hTask = manager.New(diary);
     {
-        app::LockGuard guard(hTask->hLock);
+        app::LockGuard guard(hTask);
         const auto start = std::chrono::steady_clock::now();
         EXPECT_CODE(APP_TIMEOUT, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
         EXPECT_GE(test::ElapsedMs(start), 990);
@@ -574,7 +574,7 @@ TEST_F(TaskReport, ShowsTasksTimersAndPools)
         EXPECT_NE(report.find(part), std::string::npos) << part << "\nis not in\n" << report;
     busy.Go();
     // Nobody may walk the lists without the lock.
-    app::LockGuard guard(manager.Get()->hLock);
+    app::LockGuard guard(manager.Get());
     EXPECT_EQ(Report(manager.Get()),
               "\n" + rule + "TaskMgr(P) MemPool((nil))\nTaskMgr(P) is busy, no details\n");
 }

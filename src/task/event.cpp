@@ -40,7 +40,9 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
 
 } // namespace
 
-void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType)
+// The task's handler changes while the task is idle, under its lock: not while it has events.
+void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
+                      uint32_t dwEventType) APP_NO_ANALYSIS
 {
     if (event.pfnHandler)
         event.pfnHandler(ptTask, dwEventType, event.pvArg, event.pvContext);

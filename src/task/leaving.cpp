@@ -82,6 +82,7 @@ void app::AwaitLeft(TAppTask *ptTask)
 
 void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 {
+    AssertHeld(ptTaskMgr);
     ++ptTaskMgr->dwLeaving;
 }
 

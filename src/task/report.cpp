@@ -52,6 +52,12 @@ struct TTimerLine {
 };
 constexpr uint32_t kLines = 16; // copied at a time
 
+// Without the lock: only the counter is read.
+uint32_t CountTimers(const TAppTask *ptTask) APP_NO_ANALYSIS
+{
+    return PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+}
+
 // Copies the lines from hShown on, which keeps its place while timers come and go.  None when the
 // task's lock is not to be had: a report is wanted most when something hangs.
 uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
@@ -60,6 +66,7 @@ uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
     app::TimedLockGuard guard(ptTask);
     if (!guard.TakeByTime(kTaskLockWaitMs))
         return 0;
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     HAppDoubleListNode &hNode = ptTask->ptTimerMgr->hShown;
     if (bFirst)
         hNode = ptTask->ptTimerMgr->hTimerList->ptHead;
@@ -76,7 +83,7 @@ uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
 void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
 {
     // No more lines than there are timers now: handlers may set timers faster than they are shown.
-    const uint32_t dwMost = PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+    const uint32_t dwMost = CountTimers(ptTask);
     TTimerLine atLine[kLines];
     for (uint32_t dwShown = 0, dwLines; dwShown < dwMost; dwShown += dwLines) {
         dwLines = CopyTimers(ptTask, dwNowTick, dwShown == 0, atLine);
@@ -99,8 +106,7 @@ void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
                 _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
                 Ul(AppQueueGetSize(ptTask->hEventQueue)),
                 Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
-                Int(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
+                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)), Int(CountTimers(ptTask)),
                 Ptr(Peek(ptTask->pfnLastHandler)), Int(Peek(ptTask->dwLastEventType)),
                 Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
     ShowTimers(writer, ptTask, dwNowTick);

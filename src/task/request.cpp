@@ -38,7 +38,7 @@ bool MoveToIdleList(TAppTask *ptTask)
 
 // Somebody waits for the thread to leave: the task stays where it is, in its list or, when its
 // creation has failed, in none.  Under the manager's lock.
-void StayToLeave(const TAppTaskMgr *ptTaskMgr, const char *szOp)
+void StayToLeave(const TAppTaskMgr *ptTaskMgr, const char *szOp) APP_REQUIRES(ptTaskMgr->hLock)
 {
     if (ptTaskMgr->bQuit == 1)
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: taskmgr quiting...\n", szOp);

@@ -95,7 +95,7 @@ bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
 
 // Under the task's lock, after a wait: is a time-out over?  The state is then changed, so that no
 // send is admitted and no owner found before the request has been served.
-const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask)
+const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock)
 {
     const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, AppGetTick());
     // What came since the wait ended counts: sends and reuse hold the lock held here.

@@ -30,7 +30,7 @@ protected:
         if (!hLock)
             return true;
 #ifdef APPCORE_CHECKS
-        m_held.Enter(hLock, dwRank);
+        m_held.Enter(hLock, dwRank, dwTimeout);
 #endif
         if (AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
             Forget();

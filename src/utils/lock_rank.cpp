@@ -6,9 +6,10 @@
 #ifdef APPCORE_CHECKS
 __thread app::HeldLock *app::HeldLock::t_ptLast;
 
-void app::HeldLock::Enter(HAppLock hLock, uint32_t dwRank)
+void app::HeldLock::Enter(HAppLock hLock, uint32_t dwRank, uint32_t dwTimeout)
 {
-    APP_CHECK(!t_ptLast || t_ptLast->m_dwRank < dwRank, "a lock is taken out of order");
+    APP_CHECK(dwTimeout != 0 || !t_ptLast || t_ptLast->m_dwRank < dwRank,
+              "a lock is taken out of order");
     m_ptOuter = t_ptLast;
     m_hLock = hLock;
     m_dwRank = dwRank;

@@ -48,8 +48,9 @@ public:
     HeldLock(const HeldLock &) = delete;
     HeldLock &operator=(const HeldLock &) = delete;
 
-    // To be called before the lock is waited for.
-    void Enter(HAppLock hLock, uint32_t dwRank);
+    // To be called before the lock is waited for.  Only a wait without limit has to keep the order:
+    // one that ends by itself cannot hang.
+    void Enter(HAppLock hLock, uint32_t dwRank, uint32_t dwTimeout);
     void Leave();
     static bool Holds(HAppLock hLock);
     static bool HoldsAny();

@@ -56,9 +56,10 @@ uint32_t EnsureRegistry()
     return dwResult;
 }
 
-// Under the list's lock.
+// Under the list's lock, which guards the index too.
 const TAppShareAction *FindEntry(const char *szKey)
 {
+    app::AssertHeld(Registry());
     const uint32_t dwHash = AppStringHash(szKey);
     const TAppShareAction *ptEntry = s_aptIndex[dwHash % kSlots];
     while (ptEntry && (ptEntry->dwHash != dwHash || AppStrcmp(ptEntry->achKey, szKey) != 0))
@@ -166,6 +167,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
 // The lock's operations refuse a null handle.
 uint32_t AppShareActionLock(void)
 {
+    APP_CHECK(!app::HeldLock::HoldsAny(), "the actions' lock is taken under another");
     return AppLockTakeByTime(g_hAppShareActionRecursiveLock.load(std::memory_order_acquire), 0);
 }
 
