@@ -62,7 +62,7 @@ HAppQueue CreateQueue(uint32_t dwMaxSize = 100, uint32_t bLock = 1)
 
 uint32_t Sleepers(HAppQueue hQueue)
 {
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     return hQueue->dwSleepers;
 }
 

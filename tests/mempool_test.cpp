@@ -292,8 +292,8 @@ TEST_F(MemPool, ReportShowsClassesAndTotals)
     _AppMemPoolShow(nullptr, Collect, nullptr);
     AppMemPoolShow(hPool, nullptr, nullptr);
     const auto UseThePool = [](const char *, void *pvContext) {
-        app::LockGuard guard(static_cast<HAppMemPool>(pvContext)->hLock, 1000);
-        EXPECT_TRUE(guard);
+        app::TimedLockGuard guard(static_cast<HAppMemPool>(pvContext));
+        EXPECT_TRUE(guard.TakeByTime(1000));
     };
     AppMemPoolShow(hPool, UseThePool, hPool);
 }

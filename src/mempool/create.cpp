@@ -48,7 +48,7 @@ void AppMemPoolDestroy(HAppMemPool hMemPool)
     if (!hMemPool)
         return;
     // Waits for a user that is still inside an operation; never given back.
-    app::LockGuard guard(hMemPool->hLock);
+    app::LockGuard guard(hMemPool);
     guard.Release();
     _AppMemPoolDestroy(hMemPool->ptImpl);
     AppLockDestroy(hMemPool->hLock);

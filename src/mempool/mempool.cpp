@@ -36,8 +36,8 @@ void *MallocFromHeap(uint32_t dwSize, const char *szOp)
     return Finish(ptHead, nullptr, dwSize);
 }
 
-// Under the pool's lock.  The sum must stay strictly below the limit.
-bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize)
+// The sum must stay strictly below the limit.
+bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLock)
 {
     if (dwSize > kLargest)
         return true;
@@ -49,7 +49,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 {
     TAppMemPoolHead *ptHead;
     {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         if (IsFull(hMemPool, dwSize)) {
             AppLog(0, APP_LOG_ERROR,
                    "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
@@ -102,7 +102,7 @@ void AppMemPoolFree(void *pvData)
         return;
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
         app::SetCounter(hMemPool->dwCurSize,
                         hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);

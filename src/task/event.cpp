@@ -21,8 +21,8 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
     uint32_t dwResult = APP_INVALID_ARG;
     bool bWake = false;
     {
-        app::LockGuard guard(hTask->hLock, dwTimeout);
-        if (!guard)
+        app::TimedLockGuard guard(hTask);
+        if (!guard.TakeByTime(dwTimeout))
             return APP_TIMEOUT;
         const uint32_t dwState = app::Peek(hTask->dwState);
         if (app::AdmitsWork(dwState))
@@ -40,7 +40,9 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
 
 } // namespace
 
-void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType)
+// The task's handler changes while the task is idle, under its lock: not while it has events.
+void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
+                      uint32_t dwEventType) APP_NO_ANALYSIS
 {
     if (event.pfnHandler)
         event.pfnHandler(ptTask, dwEventType, event.pvArg, event.pvContext);
@@ -112,7 +114,7 @@ uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvA
 {
     if (!hTask || !pdwEventType || !ppvArg || !ppfnHandler || !ppvContext)
         return APP_INVALID_ARG;
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     *pdwEventType = app::Peek(hTask->dwLastEventType);
     *ppvArg = app::Peek(hTask->pvLastArg);
     *ppfnHandler = app::Peek(hTask->pfnLastHandler);

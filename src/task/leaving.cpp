@@ -82,12 +82,13 @@ void app::AwaitLeft(TAppTask *ptTask)
 
 void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 {
+    AssertHeld(ptTaskMgr);
     ++ptTaskMgr->dwLeaving;
 }
 
 void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
 {
-    LockGuard guard(ptTaskMgr->hLock);
+    LockGuard guard(ptTaskMgr);
     APP_CHECK(ptTaskMgr->dwLeaving != 0, "more tasks have left than were leaving");
     --ptTaskMgr->dwLeaving;
     if (ptTaskMgr->bQuit == 1)
@@ -99,7 +100,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 {
     for (;;) {
         {
-            LockGuard guard(ptTaskMgr->hLock);
+            LockGuard guard(ptTaskMgr);
             if (ptTaskMgr->dwLeaving == 0)
                 return;
         }
@@ -110,7 +111,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 void app::TellRest(TAppTask *ptTask)
 {
     if (ptTask->ptTimerMgr) { // else the creation has failed before there could be anything to tell
-        LockGuard guard(ptTask->hLock);
+        LockGuard guard(ptTask);
         CancelTimers(ptTask->ptTimerMgr, false);
     }
     if (ptTask->hEventQueue)

@@ -23,18 +23,18 @@ struct TWanted {
 };
 
 // The lists have changed.
-void CheckLists([[maybe_unused]] const TAppTaskMgr *ptTaskMgr)
+void CheckLists([[maybe_unused]] const TAppTaskMgr *ptTaskMgr) APP_REQUIRES(ptTaskMgr->hLock)
 {
     APP_CHECK_WHOLE(ptTaskMgr->hTaskList->dwCurSize + ptTaskMgr->hIdleTaskList->dwCurSize,
                     app::TaskMgrIsValid(ptTaskMgr), "the lists of tasks are broken");
 }
 
 // A task has come to the end of the list.
-void CheckTail([[maybe_unused]] const TAppTask *ptTask,
-               [[maybe_unused]] const TAppDoubleList *ptList)
+void CheckTail(const TAppTaskMgr *ptTaskMgr, [[maybe_unused]] const TAppDoubleList *ptList)
+    APP_REQUIRES(ptTaskMgr->hLock)
 {
     APP_CHECK(app::TaskIsValid(ptList, ptList->ptTail), "a task is on the wrong list");
-    CheckLists(ptTask->ptTaskMgr);
+    CheckLists(ptTaskMgr);
 }
 
 uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *szOp)
@@ -59,6 +59,7 @@ uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *s
 }
 
 uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
+    APP_REQUIRES(ptTaskMgr->hLock)
 {
     if (ptTaskMgr->bQuit == 1) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: TaskMgr is being destroyed\n", szOp);
@@ -94,12 +95,12 @@ uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed)
 // Hands out the task that went idle last and has not chosen to end; *pptTask stays null when there
 // is none.
 uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                   TAppTask **pptFailed)
+                   TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
 {
     HAppDoubleListNode hNode = ptTaskMgr->hIdleTaskList->ptTail;
     for (; hNode; hNode = hNode->ptPrev) {
         auto ptTask = static_cast<TAppTask *>(hNode->pvData);
-        app::LockGuard guard(ptTask->hLock);
+        app::LockGuard guard(ptTask);
         if (app::Peek(ptTask->dwState) != APP_TASK_STATE_IDLE)
             continue;
         const uint32_t dwResult = Reuse(ptTask, wanted, pptFailed);
@@ -112,7 +113,7 @@ uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **ppt
 
 // *pptFailed receives a task whose thread runs, and that must be disposed of.
 uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                TAppTask **pptFailed)
+                TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
 {
     TAppTask *ptTask = nullptr;
     uint32_t dwResult = _AppTaskCreate(
@@ -131,14 +132,13 @@ uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTas
         *pptFailed = ptTask;
         return dwResult;
     }
-    CheckTail(ptTask, ptTaskMgr->hTaskList);
+    CheckTail(ptTaskMgr, ptTaskMgr->hTaskList);
     *pptTask = ptTask;
     return APP_OK;
 }
 
-// Under the manager's lock.
 uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                 TAppTask **pptFailed)
+                 TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
 {
     uint32_t dwResult = CheckAdmission(ptTaskMgr, wanted.szOp);
     if (dwResult == APP_OK)
@@ -164,12 +164,13 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
         const auto requestEnd = [](TAppTask *ptTask) {
             app::Request(ptTask, APP_TASK_REQUEST_END);
         };
-        app::LockGuard guard(ptTaskMgr->hLock);
+        app::LockGuard guard(ptTaskMgr);
         ptTaskMgr->bQuit = 1;
         app::ForEachTask(ptTaskMgr->hTaskList, requestEnd);
         app::ForEachTask(ptTaskMgr->hIdleTaskList, requestEnd);
     }
     app::AwaitLeaving(ptTaskMgr);
+    app::AssertAlone(ptTaskMgr);
     app::ForEachTask(ptTaskMgr->hIdleTaskList, app::AwaitLeft);
     app::ForEachTask(ptTaskMgr->hTaskList, app::AwaitLeft);
     app::ForEachTask(ptTaskMgr->hIdleTaskList, app::TellRest);
@@ -180,12 +181,14 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
 
 void app::MoveTask(TAppTask *ptTask, HAppDoubleList hFrom, HAppDoubleList hTo)
 {
+    AssertHeld(ptTask->ptTaskMgr);
     MoveNode(hFrom, hTo, ptTask->hListNode);
-    CheckTail(ptTask, hTo);
+    CheckTail(ptTask->ptTaskMgr, hTo);
 }
 
 void app::UnlistTask(TAppTask *ptTask, HAppDoubleList hList)
 {
+    AssertHeld(ptTask->ptTaskMgr);
     AppDoubleListRemove(hList, ptTask->hListNode, nullptr);
     ptTask->hListNode = nullptr;
     CheckLists(ptTask->ptTaskMgr);
@@ -250,7 +253,7 @@ uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_
     TAppTask *ptFailed = nullptr;
     uint32_t dwResult;
     {
-        app::LockGuard guard(hTaskMgr->hLock);
+        app::LockGuard guard(hTaskMgr);
         dwResult = Provide(hTaskMgr,
                            {__func__, szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize,
                             dwIdleTimeout, pfnHandler, pvContext},

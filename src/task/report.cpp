@@ -52,14 +52,21 @@ struct TTimerLine {
 };
 constexpr uint32_t kLines = 16; // copied at a time
 
+// Without the lock: only the counter is read.
+uint32_t CountTimers(const TAppTask *ptTask) APP_NO_ANALYSIS
+{
+    return PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+}
+
 // Copies the lines from hShown on, which keeps its place while timers come and go.  None when the
 // task's lock is not to be had: a report is wanted most when something hangs.
 uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
                     TTimerLine (&atLine)[kLines])
 {
-    app::LockGuard guard(ptTask->hLock, kTaskLockWaitMs);
-    if (!guard)
+    app::TimedLockGuard guard(ptTask);
+    if (!guard.TakeByTime(kTaskLockWaitMs))
         return 0;
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     HAppDoubleListNode &hNode = ptTask->ptTimerMgr->hShown;
     if (bFirst)
         hNode = ptTask->ptTimerMgr->hTimerList->ptHead;
@@ -76,7 +83,7 @@ uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
 void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
 {
     // No more lines than there are timers now: handlers may set timers faster than they are shown.
-    const uint32_t dwMost = PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+    const uint32_t dwMost = CountTimers(ptTask);
     TTimerLine atLine[kLines];
     for (uint32_t dwShown = 0, dwLines; dwShown < dwMost; dwShown += dwLines) {
         dwLines = CopyTimers(ptTask, dwNowTick, dwShown == 0, atLine);
@@ -98,8 +105,7 @@ void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
         Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
         _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
         Ul(AppQueueGetSize(ptTask->hEventQueue)), Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
-        Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
-        Int(PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
+        Ul(_AppQueueGetTopSize(ptTask->hEventQueue)), Int(CountTimers(ptTask)),
         Ptr(Peek(ptTask->pfnLastHandler)), Int(Peek(ptTask->dwLastEventType)),
         Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
     ShowTimers(writer, ptTask, dwNowTick);
@@ -138,12 +144,13 @@ void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext)
 {
     if (!hTaskMgr)
         return;
-    app::LockGuard guard(hTaskMgr->hLock, kMgrLockWaitMs);
+    app::TimedLockGuard guard(hTaskMgr);
+    const bool bTaken = guard.TakeByTime(kMgrLockWaitMs);
     app::ReportWriter writer(pfnShow, pvContext);
     writer.Line("\n============================================\nTaskMgr(%p) MemPool(%p)",
                 Ptr(hTaskMgr), Ptr(hTaskMgr->hMemPool));
     writer.HandOver();
-    if (!guard) { // the lists may change: no walk
+    if (!bTaken) { // the lists may change: no walk
         writer.Line("\nTaskMgr(%p) is busy, no details\n", Ptr(hTaskMgr));
         writer.HandOver();
         return;

@@ -43,6 +43,7 @@ uint32_t CreateMembers(TAppTask *ptTask, uint32_t dwMaxEvent, uint32_t dwMemPool
         APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueCreate failed %d\n", szOp);
         return dwResult;
     }
+    app::AssertAlone(ptTask);
     dwResult = _AppTimerMgrCreate(hMgrPool, ptTask, ptTask->pfnHandler, ptTask->pvContext,
                                   &ptTask->ptTimerMgr);
     if (dwResult != APP_OK)
@@ -63,6 +64,7 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     }
     app::Rollback undo([&] { _AppTaskDestroy(ptTask); });
     new (ptTask) TAppTask{};
+    app::AssertAlone(ptTask);
     ptTask->ptTaskMgr = ptTaskMgr;
     app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
     ptTask->pfnHandler = pfnHandler;
@@ -111,6 +113,8 @@ uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t d
     AppMemPoolFree(ptTask->szTaskName);
     ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
     app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
+    app::AssertHeld(ptTask);
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
     ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);

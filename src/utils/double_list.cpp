@@ -64,7 +64,7 @@ void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvConte
     if (!hList)
         return;
     // Waits for a user that is still inside an operation; never given back.
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     guard.Release();
     while (hList->dwCurSize != 0) {
         void *pvData = nullptr;

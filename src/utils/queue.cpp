@@ -39,7 +39,7 @@ constexpr char kInsert[] = "_AppQueueIn";
 
 #ifdef APPCORE_CHECKS
 // Sleepers sleep because every element there is promised, and no interrupt has been kept.
-bool CountsAgree(const TAppQueue *ptQueue)
+bool CountsAgree(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock)
 {
     const uint32_t dwWaiting = ptQueue->dwSleepers + ptQueue->dwPromised + ptQueue->dwInterrupted;
     if ((ptQueue->dwCurSize == 0) != !ptQueue->ptHead || (!ptQueue->hLock && dwWaiting != 0))
@@ -51,14 +51,14 @@ bool CountsAgree(const TAppQueue *ptQueue)
 #endif
 
 // After each change, under hLock.
-void Verify([[maybe_unused]] const TAppQueue *ptQueue)
+void Verify([[maybe_unused]] const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock)
 {
     APP_CHECK(CountsAgree(ptQueue), "the queue's counts do not agree");
     APP_CHECK_WHOLE(ptQueue->dwCurSize, app::QueueIsValid(ptQueue), "the queue is broken");
 }
 
 // The fingers at priorities not below this one.
-uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority)
+uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority) APP_REQUIRES(ptQueue->hLock)
 {
     uint32_t dwCount = 0;
     while (dwCount < APP_QUEUE_FINGER_NUM && ptQueue->aptFinger[dwCount] &&
@@ -67,7 +67,7 @@ uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority)
     return dwCount;
 }
 
-void DropFinger(HAppQueue hQueue, uint32_t dwFinger)
+void DropFinger(HAppQueue hQueue, uint32_t dwFinger) APP_REQUIRES(hQueue->hLock)
 {
     for (; dwFinger + 1 < APP_QUEUE_FINGER_NUM; ++dwFinger)
         hQueue->aptFinger[dwFinger] = hQueue->aptFinger[dwFinger + 1];
@@ -76,6 +76,7 @@ void DropFinger(HAppQueue hQueue, uint32_t dwFinger)
 
 // Behind the fingers in front of it, of which the last may be that of the same level.
 void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
+    APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode **pptFinger = hQueue->aptFinger;
     if (dwBefore > 0 && pptFinger[dwBefore - 1]->nPriority == ptNode->nPriority) {
@@ -92,7 +93,7 @@ void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
     pptFinger[dwBefore] = ptNode;
 }
 
-void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode)
+void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode *ptTail = hQueue->ptTail;
     if (ptTail->nPriority != ptNode->nPriority) // the old tail ends its level from now on
@@ -101,7 +102,7 @@ void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode)
     hQueue->ptTail = ptNode;
 }
 
-void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode)
+void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     const uint32_t dwBefore = CountFingers(hQueue, ptNode->nPriority);
     TAppQueueNode *ptBefore = dwBefore > 0 ? hQueue->aptFinger[dwBefore - 1] : hQueue->ptHead;
@@ -113,7 +114,7 @@ void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode)
 }
 
 // Behind all elements of equal or higher priority, before the first of lower priority.
-void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
+void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     if (hQueue->ptHead && hQueue->ptTail->nPriority >= ptNode->nPriority) {
         PlaceAtTail(hQueue, ptNode);
@@ -127,7 +128,7 @@ void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
     }
 }
 
-TAppQueueNode *UnlinkHead(HAppQueue hQueue)
+TAppQueueNode *UnlinkHead(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode *ptNode = hQueue->ptHead;
     if (hQueue->aptFinger[0] == ptNode)
@@ -137,8 +138,8 @@ TAppQueueNode *UnlinkHead(HAppQueue hQueue)
     return ptNode;
 }
 
-// Under hLock: true when a consumer has to be woken for the element just placed.
-bool Promise(HAppQueue hQueue)
+// True when a consumer has to be woken for the element just placed.
+bool Promise(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     if (!hQueue->hLock)
         return true;
@@ -155,7 +156,7 @@ bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
 {
     if (!hQueue->hLock)
         return false;
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     if (hQueue->dwCurSize > hQueue->dwPromised) {
         *pptNode = UnlinkHead(hQueue);
     } else if (hQueue->bInterrupt) {
@@ -175,7 +176,7 @@ uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
     if (dwResult == APP_OK || !hQueue->hLock)
         return dwResult;
     {
-        app::LockGuard guard(hQueue->hLock);
+        app::LockGuard guard(hQueue);
         if (hQueue->dwSleepers > 0) {
             --hQueue->dwSleepers;
             Verify(hQueue);
@@ -189,7 +190,7 @@ uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
 // With a unit in hand: a promised element, or null when that unit was an interrupt's.
 TAppQueueNode *TakePromised(HAppQueue hQueue)
 {
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     if (hQueue->hLock) {
         if (hQueue->dwPromised == 0) {
             APP_CHECK(hQueue->dwInterrupted > 0, "a unit came for nobody");
@@ -207,7 +208,7 @@ uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwN
 {
     if (!hQueue)
         return dwNull;
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     return hQueue->*pdwField;
 }
 
@@ -230,6 +231,7 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
         return APP_NO_RESOURCE;
     }
     app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); });
+    app::AssertAlone(hQueue);
     *hQueue = {};
     hQueue->dwMaxSize = dwMaxSize;
     hQueue->hMemPool = hMemPool;
@@ -253,8 +255,9 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     if (!hQueue)
         return;
     // Waits for a producer that is still inside its insertion; never given back.
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     guard.Release();
+    app::AssertAlone(hQueue);
     APP_CHECK(hQueue->dwSleepers + hQueue->dwPromised + hQueue->dwInterrupted == 0,
               "a consumer waits still");
     while (hQueue->ptHead) {
@@ -270,8 +273,8 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     AppMemPoolFree(hQueue);
 }
 
-// Under hLock.
 static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
+    APP_REQUIRES(hQueue->hLock)
 {
     auto ptNode =
         static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode)));
@@ -289,7 +292,7 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
                          bool *pbWake)
 {
-    LockGuard guard(hQueue->hLock);
+    LockGuard guard(hQueue);
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
                Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
@@ -311,7 +314,7 @@ void app::QueueWake(HAppQueue hQueue)
 void app::QueueInterrupt(HAppQueue hQueue)
 {
     {
-        LockGuard guard(hQueue->hLock);
+        LockGuard guard(hQueue);
         if (hQueue->dwSleepers == 0) {
             hQueue->bInterrupt = true;
             return;
@@ -377,7 +380,7 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     if (hQueue->dwCurSize > dwMaxSize)
         return APP_INVALID_ARG;
     hQueue->dwMaxSize = dwMaxSize;

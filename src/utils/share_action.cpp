@@ -57,9 +57,10 @@ uint32_t EnsureRegistry()
     return dwResult;
 }
 
-// Under the list's lock.
+// Under the list's lock, which guards the index too.
 const TAppShareAction *FindEntry(const char *szKey)
 {
+    app::AssertHeld(Registry());
     const uint32_t dwHash = AppStringHash(szKey);
     const TAppShareAction *ptEntry = s_aptIndex[dwHash % kSlots];
     while (ptEntry && (ptEntry->dwHash != dwHash || AppStrcmp(ptEntry->achKey, szKey) != 0))
@@ -95,7 +96,7 @@ uint32_t AddEntry(HAppDoubleList hList, const char *szKey, PFAppShareAction pfnA
 // which the report holds too: a key is never seen half written.
 PFAppShareAction BeginAction(HAppDoubleList hList, const char *szKey, uint32_t *pbBlock)
 {
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     PFAppShareAction pfnAction = _AppFindShareAction(hList, szKey, pbBlock);
     if (pfnAction) {
         AppStrncpy(g_achAppShareActionLastCalledKey, szKey, APP_SHARE_ACTION_KEY_SIZE);
@@ -114,7 +115,7 @@ uint32_t _AppRegisterShareAction(const char *szKey, PFAppShareAction pfnAction, 
     if (dwResult != APP_OK)
         return dwResult;
     HAppDoubleList hList = Registry();
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     if (FindEntry(szKey))
         return APP_OK;
     return AddEntry(hList, szKey, pfnAction, bBlock);
@@ -169,6 +170,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
 // The lock's operations refuse a null handle.
 uint32_t AppShareActionLock(void)
 {
+    APP_CHECK(!app::HeldLock::HoldsAny(), "the actions' lock is taken under another");
     return AppLockTakeByTime(g_hAppShareActionRecursiveLock.load(std::memory_order_acquire), 0);
 }
 
@@ -184,7 +186,7 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
         return;
     app::ReportWriter writer(pfnShow, pvContext);
     {
-        app::LockGuard guard(hList->hLock);
+        app::LockGuard guard(hList);
         writer.Line("Last called action: %s result %d\n", g_achAppShareActionLastCalledKey,
                     app::Int(app::Peek(g_eAppShareActionLastCalledResult)));
         writer.Line("========================================\n");
