@@ -11,8 +11,10 @@
 namespace
 {
 
+// The front counts what callers ask for; headers and rounding are the engine's account.
 constexpr uint32_t kHead = sizeof(TAppMemPoolHead);
-// With both headers a larger request would pass 32 bits.
+// With both headers a larger request would pass 32 bits.  The heap alone could serve more on 64-bit
+// machines, but the limit is the same everywhere.
 constexpr uint32_t kLargest = UINT32_MAX - kHead - sizeof(TAppMemBlockHead);
 
 void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
@@ -68,6 +70,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
                   app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
                   app::Ul(dwSize));
     }
+    // Nobody else knows the block yet: what is written into cold memory need not hold up the others.
     return Finish(ptHead, hMemPool, dwSize);
 }
 
@@ -100,6 +103,7 @@ void AppMemPoolFree(void *pvData)
     TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
     if (!ptHead)
         return;
+    // Copied: as soon as the engine has the block back, its next owner may write the header.
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
         app::LockGuard guard(hMemPool);
@@ -126,6 +130,8 @@ void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
         return nullptr;
     if (ptHead->dwSize >= dwSize)
         return pvData;
+    // Always a new block, also where the old one's class has room left: the pool given need not be
+    // the block's own, and the accounts know a block by the size that it was asked for.
     void *pvGrown = AppMemPoolMalloc(hMemPool, dwSize);
     if (!pvGrown)
         return nullptr;

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The list never takes its lock but to be destroyed: its users walk it through its fields, and what
+// they do is more than one operation (find and insert, walk and print), so they hold the lock.
 #include "utils/double_list.h"
 
 #include "appcore/mempool.h"
@@ -25,6 +28,7 @@ void _AppDoubleListAttachNode(HAppDoubleList hList, HAppDoubleListNode hAnchor,
         hPrev = hAnchor;
         hNext = hAnchor->ptNext;
     }
+    // Whatever the maximum: a move between two lists must not fail half-way.
     app::LinkNode(hList, hPrev, hNode, hNext);
 }
 
@@ -68,6 +72,7 @@ void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvConte
     guard.Release();
     while (hList->dwCurSize != 0) {
         void *pvData = nullptr;
+        // Out of the list before the callback, which may look at those that are left.
         AppDoubleListRemove(hList, hList->ptHead, &pvData);
         if (pfnFree)
             pfnFree(pvData, pvContext);

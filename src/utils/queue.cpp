@@ -74,7 +74,8 @@ void DropFinger(HAppQueue hQueue, uint32_t dwFinger) APP_REQUIRES(hQueue->hLock)
     hQueue->aptFinger[dwFinger] = nullptr;
 }
 
-// Behind the fingers in front of it, of which the last may be that of the same level.
+// Behind the fingers in front of it, of which the last may be that of the same level.  The finger
+// that makes room is the next in turn: to know the least used one would cost each insertion more.
 void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
     APP_REQUIRES(hQueue->hLock)
 {
@@ -105,6 +106,7 @@ void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->h
 void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     const uint32_t dwBefore = CountFingers(hQueue, ptNode->nPriority);
+    // Only the levels behind that finger which have none of their own are walked.
     TAppQueueNode *ptBefore = dwBefore > 0 ? hQueue->aptFinger[dwBefore - 1] : hQueue->ptHead;
     while (ptBefore->ptNext->nPriority >= ptNode->nPriority)
         ptBefore = ptBefore->ptNext;
@@ -131,6 +133,7 @@ void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLo
 TAppQueueNode *UnlinkHead(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode *ptNode = hQueue->ptHead;
+    // The last of its level takes its finger along, which is the first: none stands before the head.
     if (hQueue->aptFinger[0] == ptNode)
         DropFinger(hQueue, 0);
     hQueue->ptHead = ptNode->ptNext;
@@ -172,6 +175,7 @@ bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
 
 uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
 {
+    // The lock says that it is too late, not whether an insertion was earlier: the counts do.
     const uint32_t dwResult = AppLockTakeByTime(hQueue->hCountLock, dwTimeout);
     if (dwResult == APP_OK || !hQueue->hLock)
         return dwResult;
@@ -230,7 +234,7 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
         return APP_NO_RESOURCE;
     }
-    app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); });
+    app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); }); // takes half a queue
     app::AssertAlone(hQueue);
     *hQueue = {};
     hQueue->dwMaxSize = dwMaxSize;
@@ -273,6 +277,8 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     AppMemPoolFree(hQueue);
 }
 
+// The allocation is made under the lock too: a full queue asks for no memory, and nobody comes in
+// between.
 static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
     APP_REQUIRES(hQueue->hLock)
 {
