@@ -25,6 +25,7 @@
 // phase, when no handler runs any more.
 //
 // models/task.pml proves this for every interleaving of two tasks.
+#include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "base/field.h"
 #include "task/task.h"
@@ -116,4 +117,20 @@ void app::TellRest(TAppTask *ptTask)
     }
     if (ptTask->hEventQueue)
         DropEvents(ptTask);
+}
+
+void _AppTaskDestroy(TAppTask *ptTask)
+{
+    if (!ptTask)
+        return;
+    app::TellRest(ptTask); // the manager's destruction has done so before
+    _AppTimerMgrDestroy(ptTask->ptTimerMgr);
+    AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);
+    AppMemPoolDestroy(ptTask->hMemPool);
+    AppLockDestroy(ptTask->hExitLock);
+    ptTask->hExitLock = nullptr;
+    AppLockDestroy(ptTask->hLock);
+    ptTask->hLock = nullptr;
+    AppMemPoolFree(ptTask->szTaskName);
+    AppMemPoolFree(ptTask);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Creation, refreshing and destruction of a task record.
+// Creation of a task record, and its refreshing for a new owner.
 #include <new>
 
 #include "appcore/mempool.h"
@@ -82,22 +82,6 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     undo.Dismiss();
     *phTask = ptTask;
     return APP_OK;
-}
-
-void _AppTaskDestroy(TAppTask *ptTask)
-{
-    if (!ptTask)
-        return;
-    app::TellRest(ptTask); // the manager's destruction has done so before
-    _AppTimerMgrDestroy(ptTask->ptTimerMgr);
-    AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);
-    AppMemPoolDestroy(ptTask->hMemPool);
-    AppLockDestroy(ptTask->hExitLock);
-    ptTask->hExitLock = nullptr;
-    AppLockDestroy(ptTask->hLock);
-    ptTask->hLock = nullptr;
-    AppMemPoolFree(ptTask->szTaskName);
-    AppMemPoolFree(ptTask);
 }
 
 // With the task's lock.  The state is IDLE until the new owner's handler is in place.
