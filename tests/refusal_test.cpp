@@ -16,7 +16,7 @@
 #include "support/exported.h"
 #include "support/log_capture.h"
 #include "utils/queue.h"
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
 using test::LogCapture;
 using test::Text;

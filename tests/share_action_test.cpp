@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
 #include <string.h>
 
