@@ -52,8 +52,8 @@ protected:
     {
         const auto test = static_cast<MemPool *>(pvTest);
         test->texts.push_back(szText);
-        app::LockGuard guard(test->hPool->hLock, 1);
-        test->bLockFree = static_cast<bool>(guard);
+        app::TimedLockGuard guard(test->hPool);
+        test->bLockFree = guard.TakeByTime(1);
     }
 
     test::LogCapture log;
@@ -76,6 +76,8 @@ TEST_F(MemPool, KeepsItsAccountsAndReusesTheOldestBlock)
         AppSetLogLevel(0, dwMax == 100 ? APP_LOG_MEMDBG2 : APP_LOG_ERROR); // traces are lines, too
         TBlock atHeld[16];
         std::map<uint32_t, std::deque<void *>> idle; // by dwBlock
+        bool bRefused = false;
+        log.Clear();
         for (unsigned i = 0; i < test::Scaled(4000) && !HasFailure(); ++i) {
             uint32_t dwUsed = 0, dwWork = 0;
             for (const TBlock &block : atHeld) {
@@ -84,6 +86,8 @@ TEST_F(MemPool, KeepsItsAccountsAndReusesTheOldestBlock)
             }
             EXPECT_EQ(hPool->dwCurSize, dwUsed);
             EXPECT_EQ(hPool->ptImpl->dwOnWorkSize, dwWork);
+            EXPECT_TRUE(dwMax == 100 || log.Lines().empty() != std::exchange(bRefused, false));
+            log.Clear();
 
             TBlock &held = atHeld[random() % 16], got;
             const bool bPool = random() % 4, bFree = random() % 2;
@@ -107,6 +111,7 @@ TEST_F(MemPool, KeepsItsAccountsAndReusesTheOldestBlock)
                 EXPECT_TRUE(!got.pby || !held.pby || got.Holds(held));
                 EXPECT_TRUE(!bStays || got.pby == held.pby);
                 EXPECT_EQ(reinterpret_cast<uintptr_t>(got.pby) % kAlign, 0u);
+                bRefused = !got.pby && got.dwSize != 0;
                 if (bStays || !got.pby)
                     continue;
                 got.Fill();
@@ -139,11 +144,12 @@ TEST_F(MemPool, ForeignPointersAreLeftAlone)
     _AppFree(hPool->ptImpl, _AppMalloc(hPool->ptImpl, 0));
 }
 
+// With the pool's lock, or after a second without it.
 TEST_F(MemPool, ReportShowsClassesAndTotals)
 {
-    void *const apvData[] = {AppMemPoolMalloc(hPool, 5000000 - kHeads),
-                             AppMemPoolMalloc(hPool, 128 - kHeads),
-                             AppMemPoolMalloc(hPool, 4000000)};
+    void *pvLarge = AppMemPoolMalloc(hPool, 5000000 - kHeads);
+    AppMemPoolMalloc(hPool, 128 - kHeads);
+    AppMemPoolMalloc(hPool, 4000000);
     AppMemPoolFree(AppMemPoolMalloc(hPool, 4000000));
     Report();
     EXPECT_TRUE(bLockFree);
@@ -159,14 +165,9 @@ TEST_F(MemPool, ReportShowsClassesAndTotals)
              "[malloc/free]count=1 size=5000000\n"
              "MEMPOOL %p OnWorkCount=3 OnWorkSize=9194432 TotalSize=13388736 IdleSize=4194304\n",
              (void *)hPool->ptImpl));
-    for (void *pvData : apvData)
-        AppMemPoolFree(pvData);
     _AppMemPoolShow(nullptr, Collect, this);
     EXPECT_EQ(texts.size(), 2u);
-}
 
-TEST_F(MemPool, ReportComesWhileTheLockIsHeldElsewhere)
-{
     AppLockTakeByTime(hPool->hLock, 0);
     std::atomic<bool> bEnd{false};
     std::thread user([&] {
@@ -181,6 +182,7 @@ TEST_F(MemPool, ReportComesWhileTheLockIsHeldElsewhere)
     bEnd = true;
     user.join();
     AppLockGive(hPool->hLock);
+    AppMemPoolFree(pvLarge);
 }
 
 // Each finds its blocks as it has filled them.
