@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "appcore/appcore.h"
+#include "appcore/host.h"
 #include "support/expect.h"
 #include "support/exported.h"
 #include "support/log_capture.h"

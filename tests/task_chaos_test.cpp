@@ -40,7 +40,7 @@ public:
                    [this](HAppTask hTask, uint32_t dwType) { React(hTask, dwType); }),
           m_manager(kSlots, 30, 64 << 20)
     {
-        app::LockGuard guard(m_manager.Get()->hLock);
+        app::LockGuard guard(m_manager.Get());
         m_manager.Get()->hIdleTaskList->dwMaxSize = 8; // further ones end at once
     }
     void Run()

@@ -47,7 +47,7 @@ HAppTask NewWithoutRoom(Manager &manager, Diary &diary)
     HAppTask hParked = manager.New(diary);
     HAppTask hTask = manager.New(diary);
     manager.Park(hParked);
-    app::LockGuard guard(manager.Get()->hLock);
+    app::LockGuard guard(manager.Get());
     manager.Get()->hIdleTaskList->dwMaxSize = 1;
     return hTask;
 }
@@ -287,7 +287,7 @@ TEST_F(TaskShutdown, ASendOnItsWayKeepsTheRecord)
     Manager manager;
     HAppTask hTask = manager.New(diary);
     EXPECT_TRUE(test::WaitUntil([&] {
-        app::LockGuard guard(hTask->hEventQueue->hLock);
+        app::LockGuard guard(hTask->hEventQueue);
         return hTask->hEventQueue->dwSleepers == 1;
     }));
     std::atomic<std::thread::id> sender;
@@ -437,7 +437,7 @@ const Pairing kPairings[] = {
     {"SelfEndAndReuse",
      [](Round &round) {
          {
-             app::LockGuard guard(round.manager.Get()->hLock);
+             app::LockGuard guard(round.manager.Get());
              round.manager.Get()->hIdleTaskList->dwMaxSize = 1; // further ones end
          }
          for (int i = 0; i < 4; ++i) {

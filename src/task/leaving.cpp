@@ -26,9 +26,11 @@
 //
 // models/task.pml proves this for every interleaving of two tasks.
 #include "appcore/platform.h"
+#include "base/field.h"
 #include "task/task.h"
+#include "task/timer.h"
+#include "utils/check.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/queue.h"
 
 namespace
@@ -37,7 +39,9 @@ namespace
 // A user of the record leaves; true for the last one.  Any other must not touch it any more.
 bool DropUser(TAppTask *ptTask)
 {
-    return ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    const uint32_t dwUsers = ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel);
+    APP_CHECK(dwUsers != 0, "more users leave than have come");
+    return dwUsers == 1;
 }
 
 } // namespace
@@ -78,12 +82,14 @@ void app::AwaitLeft(TAppTask *ptTask)
 
 void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 {
+    AssertHeld(ptTaskMgr);
     ++ptTaskMgr->dwLeaving;
 }
 
 void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
 {
-    LockGuard guard(ptTaskMgr->hLock);
+    LockGuard guard(ptTaskMgr);
+    APP_CHECK(ptTaskMgr->dwLeaving != 0, "more tasks have left than were leaving");
     --ptTaskMgr->dwLeaving;
     if (ptTaskMgr->bQuit == 1)
         AppLockGive(ptTaskMgr->hLeftLock);
@@ -94,7 +100,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 {
     for (;;) {
         {
-            LockGuard guard(ptTaskMgr->hLock);
+            LockGuard guard(ptTaskMgr);
             if (ptTaskMgr->dwLeaving == 0)
                 return;
         }
@@ -105,7 +111,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 void app::TellRest(TAppTask *ptTask)
 {
     if (ptTask->ptTimerMgr) { // else the creation has failed before there could be anything to tell
-        LockGuard guard(ptTask->hLock);
+        LockGuard guard(ptTask);
         CancelTimers(ptTask->ptTimerMgr, false);
     }
     if (ptTask->hEventQueue)

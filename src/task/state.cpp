@@ -2,8 +2,8 @@
 //
 // The states' names and what they admit; the task's last event.
 #include "appcore/platform.h"
+#include "base/field.h"
 #include "task/task.h"
-#include "utils/log.h"
 
 namespace
 {

@@ -16,6 +16,7 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 
 namespace test
@@ -215,7 +216,7 @@ public:
             m_bDone = true;
         });
         EXPECT_TRUE(WaitUntil([&] {
-            app::LockGuard guard(hTaskMgr->hLock);
+            app::LockGuard guard(hTaskMgr);
             return hTaskMgr->bQuit == 1;
         }));
     }
