@@ -15,7 +15,6 @@
 #include "support/sockets.h"
 
 using fault::Fn;
-using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using test::kLong;
 using test::kLoopback;
@@ -138,18 +137,15 @@ TEST_P(Transfer, WaitsAreKept)
     setitimer(ITIMER_REAL, &tEvery, nullptr);
     expires(kShort, receive);
     setitimer(ITIMER_REAL, &tOff, nullptr);
-    const auto later = [&](uint32_t dwMs) {
-        std::this_thread::sleep_for(milliseconds(dwMs));
-        line.PeerSends("x");
-    };
+    const auto arrive = [&] { line.PeerSends("x"); };
     { // Readiness seen, but nothing is there any more by the time of the transfer.
+        fault::Fail waits(Fn::epoll_wait, 1, 0);
         fault::Fail thief(line.bUdp ? Fn::recvmsg : Fn::recv, 2, 0);
         char chTaken;
+        waits.Action(arrive);
         thief.Action([&] { EXPECT_EQ(recv(line.hSocket->nFd, &chTaken, 1, 0), 1); });
-        std::thread late(later, kShort / 3);
-        expires(kShort * 2, receive);
+        expires(kShort, receive);
         EXPECT_EQ(thief.Hits(), 1u);
-        late.join();
     }
     line.PeerSends("x");
     for (const Fn fn : {Fn::recvmsg, Fn::recv, Fn::sendto, Fn::send}) {
@@ -162,10 +158,11 @@ TEST_P(Transfer, WaitsAreKept)
         EXPECT_LE(starved.Calls(), kShort + 3) << "a pause from the second round on";
     }
     EXPECT_EQ(line.Receive(kShort), 1);
-    for (const uint32_t dwTimeout : {0x80000000u, 0xFFFFFFFFu, 0u}) {
-        std::thread late(later, 5);
+    for (const uint32_t dwTimeout : {0x80000000u, 0xFFFFFFFFu}) { // no wait for ever
+        fault::Fail waits(Fn::epoll_wait, 1, 0);
+        waits.Action(arrive);
         EXPECT_EQ(line.Receive(dwTimeout), 1);
-        late.join();
+        EXPECT_GT(s_nAskedMs, 2000000000);
     }
     // A peer that never reads: each send ends in time, whatever it was given.
     const std::string large(line.bUdp ? 1 : 8 << 20, 'x');
