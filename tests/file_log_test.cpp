@@ -219,8 +219,10 @@ TEST_F(FileLog, IsAsItsModel)
     // What the first line after an opening sees.
     const auto vanish = [&](bool bMoved) {
         const int nRefused = std::exchange(model.refused[Fn::fopen], 0);
-        open(UINT32_MAX);
+        open(bMoved ? UINT32_MAX : 0);
         bMoved ? fs::rename(m_path, m_away) : (void)fs::remove(m_path);
+        if (random() % 2)
+            std::ofstream(m_path).close(); // another in its place
         model.refused[Fn::fopen] = nRefused;
         if (!nRefused) {
             model.file = "";
