@@ -157,6 +157,19 @@ TEST(Nat, Ipv6PeersGoStraightToTheMappings)
     EXPECT_EQ(g_host.nEthCalls, 0u);
 }
 
+TEST(Nat, ANameOfTheHostNeedsNoTerminator)
+{
+    LogCapture log(APP_LOG_DEBUG);
+    Reset();
+    TAppNetAddr addr;
+    EXPECT_CODE(APP_OK, AppSocketCalNATAddr(&kRemote, APP_SOCKET_TCP, kPort, &addr, nullptr));
+    const std::string name(APP_HOST_UPNP_NAME_SIZE, 'n');
+    EXPECT_EQ(log.Count(Text("[DEBUG] AppSocketCalNATAddr: UPnP: addr:%x port:%u protocal:%s\n",
+                             addr.dwIpv4, htons(80), name.c_str())),
+              1u);
+    EXPECT_EQ(log.Lines().size(), 7u) << "one of each of three mappings";
+}
+
 // Records arrive zeroed, at every call.
 template <typename Record>
 int32_t Fill(Record *ptRecord, const Record &record, int32_t nStatus)
