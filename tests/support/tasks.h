@@ -104,29 +104,6 @@ private:
     Reaction m_react;
 };
 
-// Stops a thread in front of a system function's next call for which `when` holds.
-class Stall
-{
-public:
-    Stall(fault::Fn fn, const std::function<bool()> &when)
-        : m_when(when), m_fail(fn, 1, 0, 1u << 30, fault::kEveryThread)
-    {
-        m_fail.Action([this] {
-            if (!m_bUsed && m_when() && !m_bUsed.exchange(true))
-                m_door.Pass();
-        });
-    }
-    ~Stall() { m_door.Open(); }
-    void AwaitVisitor() { m_door.AwaitVisitor(); }
-    void Open() { m_door.Open(); }
-
-private:
-    std::function<bool()> m_when;
-    std::atomic<bool> m_bUsed{false};
-    Door m_door;
-    fault::Fail m_fail;
-};
-
 // What a task is made of; the defaults serve most cases.
 struct Wanted {
     const char *szName = "task";
