@@ -70,7 +70,8 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     return APP_OK;
 }
 
-// Under the task's lock, which is given for the handler's call.
+// Under the task's lock, which is given for the handler's call.  Meanwhile the timer is on no list: a
+// second end finds it ended, and nobody is handed its record before the handler has returned.
 void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
 {
     TAppTask *ptTask = ptTimer->ptTimerMgr->ptTask;
@@ -91,6 +92,7 @@ void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
 
 void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
 {
+    // From the head each time: a handler may cancel any of them.
     while (HAppDoubleListNode hNode = ptTimerMgr->hTimerList->ptHead)
         EndRunning(static_cast<TAppTimer *>(hNode->pvData), APP_TASK_EVENT_TIMER_CANCEL, bRecord);
 }
@@ -174,6 +176,7 @@ uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
 {
     if (ptTimer->dwState != 1)
         return APP_NOT_FOUND;
+    // It can only become due later: the next look stays where it is, too early at worst.
     ptTimer->dwStartTick = AppGetTick();
     return APP_OK;
 }
