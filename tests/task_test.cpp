@@ -89,15 +89,10 @@ protected:
     Diary own, diary;
     Manager manager;
 };
-using TaskManager = TaskTest;
-using TaskEvents = TaskTest;
-using TaskTimers = TaskTest;
-using TaskReport = TaskTest;
-using TaskFaults = TaskTest;
 
 // ---- Manager ----------------------------------------------------------------------------------
 
-TEST_F(TaskManager, ReusesTheTaskThatWasParkedLast)
+TEST_F(TaskTest, ReusesTheTaskThatWasParkedLast)
 {
     Diary second, third;
     Manager two(2);
@@ -126,7 +121,7 @@ TEST_F(TaskManager, ReusesTheTaskThatWasParkedLast)
 }
 
 // Idle by its own time-out, handed out, idle again, and gone when nobody takes it.
-TEST_F(TaskManager, TimeOutsEndEveryLifeOfATask)
+TEST_F(TaskTest, TimeOutsEndEveryLifeOfATask)
 {
     std::atomic<int> nLives{0};
     Diary lives([&](const Diary::Call &call) {
@@ -147,7 +142,7 @@ TEST_F(TaskManager, TimeOutsEndEveryLifeOfATask)
 // ---- Events -----------------------------------------------------------------------------------
 
 // A sender that cannot have the task's lock neither looks at the state nor queues.
-TEST_F(TaskEvents, ReachTheirHandlersInOrder)
+TEST_F(TaskTest, ReachTheirHandlersInOrder)
 {
     HAppTask hTask = manager.New(diary);
     {
@@ -166,7 +161,7 @@ TEST_F(TaskEvents, ReachTheirHandlersInOrder)
     EXPECT_TRUE(LastIs(hTask, APP_TASK_EVENT_USER, Arg(4), Diary::Handle, &own));
 }
 
-TEST_F(TaskEvents, ATerminatedTaskTellsAllAndForgets)
+TEST_F(TaskTest, ATerminatedTaskTellsAllAndForgets)
 {
     Diary notices([](const Diary::Call &call) { // nothing is admitted any more
         EXPECT_CODE(APP_INVALID_ARG, AppTaskSendEvent(call.hTask, nullptr, nullptr, nullptr));
@@ -193,7 +188,7 @@ TEST_F(TaskEvents, ATerminatedTaskTellsAllAndForgets)
     EXPECT_EQ(AppTaskTimerGetRemainTime(hTimer), 0u);
 }
 
-TEST_F(TaskEvents, InternalOperationsRefuseWhatIsNotTheirs)
+TEST_F(TaskTest, InternalOperationsRefuseWhatIsNotTheirs)
 {
     HAppTask hTask = manager.New(diary);
     manager.Park(hTask);
@@ -221,7 +216,7 @@ TEST_F(TaskEvents, InternalOperationsRefuseWhatIsNotTheirs)
 }
 
 // The wait has expired, and an event comes before the thread looks at the time-out.
-TEST_F(TaskEvents, AnEventBeatsTheIdleTimeOut)
+TEST_F(TaskTest, AnEventBeatsTheIdleTimeOut)
 {
     HAppTask hTask = manager.New(diary, {"task", 9, 100});
     EXPECT_TRUE(test::WaitUntil([&] { return StateOf(hTask) == APP_TASK_STATE_RUNNING; }));
@@ -236,7 +231,7 @@ TEST_F(TaskEvents, AnEventBeatsTheIdleTimeOut)
 
 // A console may be slow, and may call the library: no line is printed while a lock is held.  This
 // one takes every lock of the manager at each line, and allocates from its pool.
-TEST_F(TaskEvents, LinesArePrintedAfterTheLocks)
+TEST_F(TaskTest, LinesArePrintedAfterTheLocks)
 {
     test::Watchdog watchdog;
     g_byAppLogLevel[0] = APP_LOG_DEBUG;
@@ -280,12 +275,11 @@ TEST_F(TaskEvents, LinesArePrintedAfterTheLocks)
 
 // They expire in the task's thread, which looks at them after each event; and one that its handler
 // sets anew for ever leaves the events their turns.
-TEST_F(TaskTimers, GiveTheEventsTheirTurns)
+TEST_F(TaskTest, TimersLeaveTheEventsTheirTurns)
 {
     test::Watchdog watchdog;
-    std::atomic<int> nExpiries{0};
-    Diary endless([&](const Diary::Call &call) {
-        if (call.dwType == APP_TASK_EVENT_TIMEOUT && ++nExpiries)
+    Diary endless([](const Diary::Call &call) {
+        if (call.dwType == APP_TASK_EVENT_TIMEOUT)
             AppTaskSetTimer(call.hTask, 0, nullptr, nullptr);
     });
     Manager one;
@@ -298,10 +292,10 @@ TEST_F(TaskTimers, GiveTheEventsTheirTurns)
     EXPECT_EQ(own.Calls()[0].nThreadId, hTask->nThreadId);
     AppTaskSetTimer(hTask, 0, nullptr, nullptr);
     for (const char *szTold : {"timeout, user 2", "timeout, user 2, user 2"}) {
-        const int nBefore = nExpiries;
+        const size_t nBefore = endless.Calls().size();
         EXPECT_CODE(APP_OK, AppTaskAssignEvent(hTask, Arg(2), Diary::Handle, &own));
         own.Await(szTold);
-        EXPECT_TRUE(test::WaitUntil([&] { return nExpiries > nBefore; }));
+        EXPECT_TRUE(test::WaitUntil([&] { return endless.Calls().size() > nBefore; }));
     }
     one.Park(hTask);
 }
@@ -326,8 +320,8 @@ private:
 };
 
 // The timers of a task whose thread is busy, run by the test's thread at the test's time, beside a
-// model: a list, in the order of setting, of which the first that is due expires.  Handlers and a
-// report's callback do to the timers whatever the test may do.
+// model: a list, in the order of setting, of which the first that is due expires.  Handlers do to
+// the timers whatever the test may do.
 class TimerModel
 {
 public:
@@ -342,8 +336,6 @@ public:
         const unsigned n = Pick(40);
         if (n == 0)
             Settle();
-        else if (n == 1)
-            Report();
         else if (n < 10)
             Run();
         else
@@ -369,7 +361,6 @@ private:
     struct Timed {
         uint32_t dwStart, dwTimeout, dwRun; // of which run, or 0
         bool bOwn;
-        unsigned nLife;
     };
     unsigned Pick(unsigned nBelow) { return m_random() % nBelow; }
     uint32_t Elapsed(uint32_t dwStart) const { return (m_clock.Now() - dwStart) * 10; }
@@ -461,7 +452,7 @@ private:
             m_known.push_back(hTimer);
         }
         m_running.push_back(hTimer);
-        m_all[hTimer] = {m_clock.Now(), dwTimeout, m_bRuns ? m_dwRun : 0, bOwn, ++m_nLives};
+        m_all[hTimer] = {m_clock.Now(), dwTimeout, m_bRuns ? m_dwRun : 0, bOwn};
     }
     void Use(HAppTimer hTimer, unsigned nHow)
     {
@@ -501,30 +492,6 @@ private:
             dwWait = Run();
         }
     }
-    // A slow callback holds up nobody who works on the timers shown.  Those that run all the while
-    // are shown in their order.
-    void Report()
-    {
-        std::map<HAppTimer, Timed> all = m_all;
-        std::vector<HAppTimer> running = m_running;
-        m_shown = "";
-        AppTaskMgrShow(
-            m_manager.Get(),
-            [](const char *szText, void *pvModel) {
-                auto pModel = static_cast<TimerModel *>(pvModel);
-                pModel->m_shown += szText;
-                if (strstr(szText, " Timer("))
-                    pModel->MayAct();
-            },
-            this);
-        size_t nAt = 0;
-        for (HAppTimer hTimer : running)
-            if (Runs(hTimer) && m_all[hTimer].nLife == all[hTimer].nLife) {
-                nAt = m_shown.find(Text(" Timer(%p) ", Ptr(hTimer)), nAt);
-                ASSERT_NE(nAt, std::string::npos) << Ptr(hTimer) << " is not in\n" << m_shown;
-            }
-    }
-
     std::minstd_rand m_random;
     TimerModel *m_own = this, *m_default = this; // contexts
     std::map<HAppTimer, Timed> m_all;
@@ -532,8 +499,7 @@ private:
     HAppTimer m_hCancelled = nullptr;
     bool m_bRuns = false, m_bEnds = false;
     uint32_t m_dwRun = 0, m_dwRunStart = 0;
-    unsigned m_nActs = 0, m_nLives = 0;
-    std::string m_shown;
+    unsigned m_nActs = 0;
     std::function<void()> m_onExpiry;
     Manager m_manager;
     Busy m_busy{m_manager.New(Handle, &m_default)};
@@ -541,10 +507,10 @@ private:
     std::optional<test::Destroyer> m_destroyer;
 };
 
-TEST(TaskTimerModel, TimersFollowTheModel)
+TEST_F(TaskTest, TimersFollowTheirModel)
 {
     test::Watchdog watchdog;
-    LogCapture log(APP_LOG_ALWAYS);
+    g_byAppLogLevel[0] = APP_LOG_ALWAYS;
     for (unsigned nSeed = 1; nSeed <= 60; ++nSeed) {
         SCOPED_TRACE(nSeed);
         TimerModel model(nSeed);
@@ -559,19 +525,19 @@ TEST(TaskTimerModel, TimersFollowTheModel)
 
 using Pieces = std::vector<std::string>;
 
+void Add(const char *szText, void *pvPieces)
+{
+    static_cast<Pieces *>(pvPieces)->push_back(szText);
+}
+
 Pieces Report(HAppTaskMgr hTaskMgr)
 {
     Pieces pieces;
-    AppTaskMgrShow(
-        hTaskMgr,
-        [](const char *szText, void *pvPieces) {
-            static_cast<Pieces *>(pvPieces)->push_back(szText);
-        },
-        &pieces);
+    AppTaskMgrShow(hTaskMgr, Add, &pieces);
     return pieces;
 }
 
-TEST_F(TaskReport, ShowsTasksTimersAndPools)
+TEST_F(TaskTest, ShowsTasksTimersAndPools)
 {
     Manager shown(8, 70000, 1 << 20);
     Busy busy(shown.New(diary, {"busy", 7, 5000}), Arg(77));
@@ -622,10 +588,40 @@ TEST_F(TaskReport, ShowsTasksTimersAndPools)
     EXPECT_EQ(pieces[1], Text("\nTaskMgr(%p) is busy, no details\n", Ptr(shown.Get())));
 }
 
+// A slow callback holds up nobody who sends to the task whose timers it shows, nor who cancels them,
+// be it those where it goes on.
+TEST_F(TaskTest, AReportsCallbackRunsWithoutATasksLock)
+{
+    Busy busy(manager.New(diary));
+    std::vector<HAppTimer> timers;
+    for (int i = 0; i < 100; ++i)
+        timers.push_back(AppTaskSetTimer(busy.hTask, 99999, nullptr, nullptr));
+    std::string report;
+    log.Clear();
+    Diary callback([&](const Diary::Call &call) {
+        EXPECT_CODE(APP_OK, AppTaskSendEvent(busy.hTask, nullptr, nullptr, nullptr));
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: its own line\n", "AppTask"); // printed at once
+        EXPECT_EQ(log.Lines().size(), callback.Calls().size());
+        const char *szText = static_cast<const char *>(call.pvArg);
+        if (report.find("Timer(0x") == std::string::npos && strstr(szText, "Timer(0x"))
+            std::for_each(timers.begin() + 30, timers.end(), AppTaskCancelTimer);
+        report += szText;
+    });
+    AppTaskMgrShow(
+        manager.Get(),
+        [](const char *szText, void *pv) {
+            Diary::Handle(nullptr, 0, const_cast<char *>(szText), pv);
+        },
+        &callback);
+    for (size_t i : {0u, 29u, 40u})
+        EXPECT_EQ(report.find(Text(" Timer(%p)", Ptr(timers[i]))) != std::string::npos, i < 30);
+    busy.Go();
+}
+
 // ---- Faults -----------------------------------------------------------------------------------
 
 // A reused task whose queue still holds more than the new owner allows is ended, not handed out.
-TEST_F(TaskFaults, RefusedRefresh)
+TEST_F(TaskTest, RefusedRefresh)
 {
     Door door;
     Diary stopper([&](const Diary::Call &call) {

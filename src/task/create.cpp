@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
 // Creation of a task record, and its refreshing for a new owner.
+//
+// All of it comes from the manager's pool but the task's own pool, which has no lock: only handlers
+// of this task use it, one after the other, in its thread.
 #include <new>
 
 #include "appcore/mempool.h"
@@ -74,12 +77,13 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     uint32_t dwResult = CreateMembers(ptTask, dwMaxEvent, dwMemPoolSize, __func__);
     if (dwResult != APP_OK)
         return dwResult;
+    // Last, since a thread cannot be taken back.
     dwResult = _AppThreadCreate(AppTask, dwStackSize, ptTask);
     if (dwResult != APP_OK) {
         APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppThreadCreate failed %d\n", __func__);
         return dwResult;
     }
-    undo.Dismiss();
+    undo.Dismiss(); // the thread runs: the record ends by way of it only
     *phTask = ptTask;
     return APP_OK;
 }
@@ -88,6 +92,7 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext)
 {
+    // First, since it is the one step that may be refused.
     const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,

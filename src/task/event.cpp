@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // Sending an event, dropping it, and the last one.
+//
+// The queue holds copies of the manager's own, so that a sender's record may be gone when its event
+// is served; the argument stays the sender's affair.  A send that is refused has told nobody, and
+// one that is accepted is told once, as what it is or as dropped.
 #include "appcore/mempool.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -10,6 +14,8 @@
 namespace
 {
 
+// A task's lock is held for moments only.  Who does not get it within this time is told so instead
+// of being lost with whatever has gone wrong.
 constexpr uint32_t kSendWaitMs = 1000;
 
 // What the public sends share: a copy of the event is queued while the task admits work.
@@ -50,6 +56,8 @@ void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
         ptTask->pfnHandler(ptTask, dwEventType, event.pvArg, ptTask->pvContext);
 }
 
+// One by one: the queue's destruction holds its lock while it tells, and a handler may ask for a
+// report.
 void app::DropEvents(TAppTask *ptTask)
 {
     while (AppQueueGetSize(ptTask->hEventQueue) != 0) {
@@ -96,6 +104,7 @@ uint32_t AppTaskSendEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandl
                 0, kSendWaitMs, __func__);
 }
 
+// For what must not be lost to a full queue or a lock that is not to be had in time.
 uint32_t AppTaskAssignEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandler,
                             void *pvContext)
 {
@@ -109,6 +118,7 @@ uint32_t AppTaskTerminate(HAppTask hTask)
                 APP_TASK_PRIORITY_REQUEST, 1, 0, __func__);
 }
 
+// A timer's end is recorded without the lock: what is read meanwhile may belong to two.
 uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvArg,
                              PFAppTaskHandler *ppfnHandler, void **ppvContext)
 {

@@ -1,4 +1,11 @@
 // SPDX-License-Identifier: MIT
+//
+// The manager and its two lists.  A new task is the idle one that was parked last, whose stack and
+// pool are the likeliest to be warm, or else a new thread.
+//
+// Nobody waits for a thread under the manager's lock, which that thread needs to leave its place.
+// So a task whose creation or reuse has failed is taken from the lists under the lock, and ended and
+// released after it; whoever is handed a task meanwhile cannot get this one.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "task/task.h"
@@ -58,6 +65,7 @@ uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *s
     return dwResult;
 }
 
+// Equality is the test, so that a manager made for 0 tasks refuses every one.
 uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
     APP_REQUIRES(ptTaskMgr->hLock)
 {
@@ -209,7 +217,7 @@ uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask, uint32_t dwI
     hTaskMgr->dwIdleTaskTimeout = dwIdleTaskTimeout;
     hTaskMgr->hMemPool = hMemPool;
     const uint32_t dwResult = CreateMembers(hTaskMgr, dwMaxTask, __func__);
-    if (dwResult != APP_OK) {
+    if (dwResult != APP_OK) { // what is half built has no tasks, and lists that may be null
         AppTaskMgrDestroy(hTaskMgr);
         return dwResult;
     }
@@ -223,6 +231,7 @@ void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr)
         return;
     if (hTaskMgr->hIdleTaskList) // else a creation has failed, and there are no tasks
         EndTasks(hTaskMgr);
+    // No handler runs any more: from here on the records go.
     AppDoubleListDestroy(hTaskMgr->hIdleTaskList, __AppFreeTaskCB, nullptr);
     AppDoubleListDestroy(hTaskMgr->hTaskList, __AppFreeTaskCB, nullptr);
     AppLockDestroy(hTaskMgr->hLeftLock);
@@ -258,7 +267,7 @@ uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_
                            {__func__, szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize,
                             dwIdleTimeout, pfnHandler, pvContext},
                            phTask, &ptFailed);
-        if (ptFailed) {
+        if (ptFailed) { // counted before the lock is given: a destruction waits for the disposal
             app::BeginLeaving(hTaskMgr);
             app::Request(ptFailed, APP_TASK_REQUEST_END);
         }

@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+//
+// The report, wanted most when something hangs: so neither the manager's lock nor a task's is waited
+// for without an end.  The manager's guards the lists and the names, which change only under it too;
+// everything else about a task but its timers is read without its lock, and may be of two moments.
 #include "appcore/platform.h"
 #include "base/field.h"
 #include "base/print.h"
@@ -85,6 +89,7 @@ void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNo
     // No more lines than there are timers now: handlers may set timers faster than they are shown.
     const uint32_t dwMost = CountTimers(ptTask);
     TTimerLine atLine[kLines];
+    // The task's lock is taken anew for each group, so that senders come in between.
     for (uint32_t dwShown = 0, dwLines; dwShown < dwMost; dwShown += dwLines) {
         dwLines = CopyTimers(ptTask, dwNowTick, dwShown == 0, atLine);
         if (dwLines == 0)
@@ -150,7 +155,7 @@ void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext)
     writer.Line("\n============================================\nTaskMgr(%p) MemPool(%p)",
                 Ptr(hTaskMgr), Ptr(hTaskMgr->hMemPool));
     writer.HandOver();
-    if (!bTaken) { // the lists may change: no walk
+    if (!bTaken) { // a callback that blocks, somewhere; the lists may change: no walk
         writer.Line("\nTaskMgr(%p) is busy, no details\n", Ptr(hTaskMgr));
         writer.HandOver();
         return;

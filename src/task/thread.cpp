@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
-// The task's thread.
+// The task's thread.  Its turns: a request of the manager's, or else an event, or else, when a wait
+// has brought neither, a look at the time-outs; after each the timers that are due.
+//
+// The state says what callers may do, the requests what the thread must do: the thread alone takes
+// a task out of the states that admit work, and only a new owner takes it back into them.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "cross_linux/cross_linux.h"
@@ -12,6 +16,7 @@
 namespace
 {
 
+// Short, since a timer that is set before the thread has come to its first wait wakes nobody.
 constexpr uint32_t kFirstWaitMs = 300;
 
 constexpr TAppTaskEvent kRefresh = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
@@ -80,6 +85,7 @@ bool IsRefreshed(const TAppTask *ptTask)
     return (ptTask->dwRequests.load() & APP_TASK_REQUEST_REFRESH) != 0;
 }
 
+// Only this thread clears the bit, and no owner follows another without it.
 bool TakeRefresh(TAppTask *ptTask)
 {
     if (!IsRefreshed(ptTask))

@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+//
+// The public operations of timers.  Setting one wakes nobody: the thread sees it when its wait ends,
+// five seconds later at most.  An ended timer's handle may name a later timer of the same task, so
+// that a late use reaches a live record, if the wrong one, as long as the task lives.
 #include "task/timer.h"
 #include "appcore/platform.h"
 #include "task/task.h"

@@ -72,7 +72,8 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     return APP_OK;
 }
 
-// The task's lock is given for the handler's call.
+// The task's lock is given for the handler's call.  Meanwhile the timer is on no list: a second end
+// finds it ended, and nobody is handed its record before the handler has returned.
 void EndRunning(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
@@ -95,6 +96,7 @@ void EndRunning(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwEventTy
 void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
 {
     AssertHeld(ptTimerMgr->ptTask);
+    // From the head each time: a handler may cancel any of them.
     while (HAppDoubleListNode hNode = ptTimerMgr->hTimerList->ptHead)
         EndRunning(ptTimerMgr, static_cast<TAppTimer *>(hNode->pvData), APP_TASK_EVENT_TIMER_CANCEL,
                    bRecord);
@@ -181,6 +183,7 @@ uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
 {
     if (ptTimer->dwState != 1)
         return APP_NOT_FOUND;
+    // It can only become due later: the next look stays where it is, too early at worst.
     ptTimer->dwStartTick = AppGetTick();
     return APP_OK;
 }

@@ -18,6 +18,7 @@
 namespace
 {
 
+// After this long the thread looks at its time-outs, and at timers that nobody has woken it for.
 constexpr uint32_t kLongestWaitMs = 5000;
 constexpr uint32_t kNever = 0xFFFFFFFF;
 // How long timers that were set during the run may hold back the task's events.  A count of
@@ -125,7 +126,7 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
     if (ptTimerMgr->hTimerList->dwCurSize == 0)
         return kLongestWaitMs;
     const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
-    if (dwLeft == 0)
+    if (dwLeft == 0) // 0 would be a wait without end
         return 1;
     return dwLeft < kLongestWaitMs ? dwLeft : kLongestWaitMs;
 }
