@@ -83,20 +83,17 @@ std::string OracleText(uint32_t dwTime, uint32_t bHasZone, const uint32_t *pdwMs
     const time_t nTime = static_cast<int32_t>(dwTime);
     struct tm tTime;
     gmtime_r(&nTime, &tTime);
-    char achText[80];
-    size_t nLength = strftime(achText, sizeof(achText), "%Y-%m-%dT%H:%M:%S", &tTime);
-    const auto Add = [&](const char *szFormat, auto... args) {
-        nLength += static_cast<size_t>(
-            snprintf(achText + nLength, sizeof(achText) - nLength, szFormat, args...));
-    };
+    char achText[32];
+    std::string text(achText, strftime(achText, sizeof(achText), "%Y-%m-%dT%H:%M:%S", &tTime));
     if (pdwMs)
-        Add(".%03d", static_cast<int>(*pdwMs));
+        text += Printed(".%03d", static_cast<int>(*pdwMs));
     const long long qnZone = pnZoneMin ? *pnZoneMin : 0;
     if (bHasZone && qnZone == 0)
-        Add("Z");
+        text += "Z";
     else if (bHasZone)
-        Add("%c%02lld:%02lld", qnZone < 0 ? '-' : '+', llabs(qnZone) / 60, llabs(qnZone) % 60);
-    return achText;
+        text += Printed("%c%02lld:%02lld", qnZone < 0 ? '-' : '+', llabs(qnZone) / 60,
+                        llabs(qnZone) % 60);
+    return text;
 }
 
 void CheckReadingBack(const std::string &text, uint32_t dwTime, uint32_t bHasZone, uint32_t dwMs,

@@ -29,6 +29,17 @@ inline void Require(bool bHolds, const char *szFile = __builtin_FILE(),
     abort();
 }
 
+// printf() into a string.
+APP_PRINTF(1, 2) inline std::string Printed(const char *szFormat, ...)
+{
+    char achText[400]; // any double
+    va_list args;
+    va_start(args, szFormat);
+    const int nLength = vsnprintf(achText, sizeof(achText), szFormat, args);
+    va_end(args);
+    return {achText, static_cast<size_t>(nLength)};
+}
+
 // The input as a text; a NUL inside ends it, as it would in a document.
 inline std::string AsText(const uint8_t *pbyData, size_t nSize)
 {

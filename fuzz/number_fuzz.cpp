@@ -36,10 +36,10 @@ static void CheckReal(const char *szOp, T (*pfnRead)(const char *, uint32_t *),
     const T value = pfnRead(szText, &bErr);
     Require(bErr == (bFails ? 1u : 0u) && (value == oracle || (isnan(value) && isnan(oracle))));
     Require(TakeLines() == bErr);
-    char achLine[128];
-    snprintf(achLine, sizeof(achLine), "[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE 34\n",
-             szOp, static_cast<const void *>(szText), static_cast<void *>(szEnd), nError);
-    Require(!bFails || g_line == achLine);
+    const std::string line =
+        Printed("[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE 34\n", szOp,
+                static_cast<const void *>(szText), static_cast<void *>(szEnd), nError);
+    Require(!bFails || g_line == line);
     bErr = 7;
     Require(pfnRead(nullptr, &bErr) == 0 && bErr == 0 && TakeLines() == 0);
 }

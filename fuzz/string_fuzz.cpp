@@ -145,16 +145,6 @@ void CheckFormats(const std::string &text, uint32_t dwNumber, uint32_t dwSize)
     Require(AppSscanf(nullptr, "%d", &nRead) == 0 && AppSscanf(text.c_str(), nullptr) == 0);
 }
 
-std::string Printed(const char *szFormat, ...)
-{
-    char achText[64];
-    va_list args;
-    va_start(args, szFormat);
-    vsnprintf(achText, sizeof(achText), szFormat, args);
-    va_end(args);
-    return achText;
-}
-
 // What a dump may end with: the text up to each of its pieces.
 std::vector<std::string> DumpPieces(const char *pch, uint32_t dwLength)
 {

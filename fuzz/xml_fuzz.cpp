@@ -232,13 +232,15 @@ void CheckTree(mxml_node_t *ptTop)
         CheckNode(pt);
 }
 
-// The input as the value of an element and of an attribute.
+// The input as the value of an element and of an attribute; beside it a value that no reader can use.
 void CheckAsValue(const char *szText)
 {
     mxml_node_t *ptTop = mxmlNewElement(nullptr, "top"), *ptNode = mxmlNewElement(ptTop, "v");
     mxmlNewOpaque(ptNode, szText);
     mxmlElementSetAttr(ptNode, "v", szText);
+    mxmlNewCustom(mxmlNewElement(ptTop, "custom"), ptTop, nullptr);
     CheckSon(ptTop, "v");
+    CheckSon(ptTop, "custom");
     CheckAttribute(ptNode, "v");
     CheckValue(ptNode);
     mxmlDelete(ptTop);
@@ -294,14 +296,12 @@ mxml_node_t *Load(const std::string &text)
         AppXmlLoad(s_document.Place(text), static_cast<uint32_t>(text.size()), &ptTree);
     RequireLines(0, !ptTree);
     Require(ptTree ? dwCode == APP_OK && nReadable == text.size() : dwCode == APP_BAD_VALUE);
-    char achLine[96];
-    if (nReadable < text.size())
-        snprintf(achLine, sizeof(achLine),
-                 "[DEBUG] AppXmlLoad: no character of XML at %zu of %zu\n", nReadable, text.size());
-    else
-        snprintf(achLine, sizeof(achLine),
-                 "[DEBUG] AppXmlLoad: not one whole document, %zu bytes\n", text.size());
-    Require(ptTree || !s_bDebug || g_line == achLine);
+    const std::string line =
+        nReadable < text.size()
+            ? Printed("[DEBUG] AppXmlLoad: no character of XML at %zu of %zu\n", nReadable,
+                      text.size())
+            : Printed("[DEBUG] AppXmlLoad: not one whole document, %zu bytes\n", text.size());
+    Require(ptTree || !s_bDebug || g_line == line);
     return ptTree;
 }
 

@@ -11,6 +11,8 @@
 namespace
 {
 
+Fence s_document;
+
 struct TWritten {
     mxml_node_t *ptNode;
     std::string name; // of its own
@@ -23,16 +25,10 @@ struct TWritten {
 std::string Plain(const std::string &text)
 {
     std::string plain;
-    for (const char ch : text)
-        plain += ch >= ' ' && ch != ']' ? ch : '&';
+    for (const unsigned char by : text)
+        plain += by >= 0x80 ? std::string("\xC3\xA4")
+                            : std::string(1, by < ' ' || by == ']' ? '&' : static_cast<char>(by));
     return plain;
-}
-
-template <typename... Args>
-std::string Formatted(const char *szFormat, Args... args)
-{
-    char achText[400]; // any double
-    return {achText, static_cast<size_t>(snprintf(achText, sizeof(achText), szFormat, args...))};
 }
 
 class Writer
@@ -104,7 +100,7 @@ private:
         case 5: {
             double dValue;
             memcpy(&dValue, &qw, sizeof(dValue));
-            made.text = Formatted("%f", dValue);
+            made.text = Printed("%f", dValue);
             return AppXmlAddSonNode_Double(m_ptFather, m_szName, dValue, m_pptNew);
         }
         default:
@@ -151,6 +147,11 @@ void CheckReadingBack(mxml_node_t *ptRoot, const TWritten &written)
     Require(AppXmlGetAttr_Str(ptNode, "a", &szText) == APP_OK && szText == written.attribute);
 }
 
+uint32_t Load(const std::string &text, mxml_node_t **pptTree)
+{
+    return AppXmlLoad(s_document.Place(text), static_cast<uint32_t>(text.size()), pptTree);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -162,17 +163,23 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
 {
     Parts parts(pbyData, nSize);
+    const size_t nCut = parts.Byte();
     const Writer writer(parts);
     mxml_node_t *const ptRoot = writer.Written()[0].ptNode;
     for (const TWritten &written : writer.Written())
         CheckReadingBack(ptRoot, written);
     char *szSaved = mxmlSaveAllocString(ptRoot, MXML_NO_CALLBACK);
-    mxml_node_t *ptLoaded = nullptr;
-    Require(AppXmlLoad(szSaved, static_cast<uint32_t>(strlen(szSaved)), &ptLoaded) == APP_OK);
+    const std::string saved = szSaved;
     free(szSaved);
+    mxml_node_t *ptLoaded = nullptr;
+    Require(Load(saved, &ptLoaded) == APP_OK);
     for (const TWritten &written : writer.Written())
         CheckReadingBack(ptLoaded, written);
     mxmlDelete(ptLoaded);
+    // Broken off before its last '>' it is no document; nor is it with another root behind it.
+    for (size_t nSize = nCut % saved.rfind('>'); nSize < saved.rfind('>'); nSize += 37)
+        Require(Load(saved.substr(0, nSize), &ptLoaded) == APP_BAD_VALUE && !ptLoaded);
+    Require(Load(saved + "<b/>", &ptLoaded) == APP_BAD_VALUE && !ptLoaded);
     Require(TakeLines() == 0);
     return 0;
 }

@@ -153,7 +153,7 @@ TEST(Queue, PromisedElementIsTakenAfterTheTimeout)
     fault::Fail late(Fn::pthread_cond_timedwait, 1, ETIMEDOUT);
     late.Action([&] {
         bool bWake = false;
-        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, "_AppQueueIn", &bWake));
+        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, &bWake));
         EXPECT_TRUE(bWake);
         producer = std::thread([&] { app::QueueWake(hQueue); });
         std::this_thread::sleep_for(std::chrono::milliseconds(5)); // beyond the consumer's time

@@ -52,8 +52,8 @@ protected:
     {
         const auto test = static_cast<MemPool *>(pvTest);
         test->texts.push_back(szText);
-        app::LockGuard guard(test->hPool->hLock, 1);
-        test->bLockFree = static_cast<bool>(guard);
+        app::TimedLockGuard guard(test->hPool);
+        test->bLockFree = guard.TakeByTime(1);
     }
 
     test::LogCapture log;

@@ -3,13 +3,18 @@
 // What devices do where builds with checks end the process: the pools' sources without checks.
 #include "mempool/mempool.h"
 #include "support/expect.h"
-#include "support/log_capture.h"
+
+static int s_nLines;
+
+extern "C" int32_t QorPrintf(int32_t, int32_t, const char *, ...)
+{
+    return ++s_nLines;
+}
 
 // No account wraps, which would refuse everything for good, no block gets two owners, and a listed
 // block whose size fits no class is kept: the pool's destruction releases it, once.
 TEST(Release, SurvivesSecondReleasesAndDamage)
 {
-    test::LogCapture log;
     HAppMemPool hPool = nullptr;
     ASSERT_CODE(APP_OK, AppMemPoolCreate(1000, 1, 0, &hPool));
     void *pvFirst = AppMemPoolMalloc(hPool, 100), *pvOther = AppMemPoolMalloc(hPool, 100);
@@ -20,12 +25,12 @@ TEST(Release, SurvivesSecondReleasesAndDamage)
     void *pvThird = AppMemPoolMalloc(hPool, 100), *pvFourth = AppMemPoolMalloc(hPool, 100);
     EXPECT_TRUE(pvThird && pvFourth && pvThird != pvFourth);
     EXPECT_EQ(hPool->dwCurSize, 200u);
-    EXPECT_TRUE(app::PoolIsValid(hPool));
 
     const auto ptHead = static_cast<TAppMemPoolHead *>(pvThird) - 1;
     reinterpret_cast<TAppMemBlockHead *>(ptHead)[-1].dwBlockSize = 5000000;
+    const int nBefore = s_nLines;
     AppMemPoolFree(pvThird);
-    EXPECT_EQ(log.Lines().size(), 2u); // more than is in use, and of no class
+    EXPECT_EQ(s_nLines - nBefore, 2); // more than is in use, and of no class
     EXPECT_EQ(hPool->ptImpl->dwOnWorkCount, 1u);
     EXPECT_EQ(hPool->ptImpl->dwOnWorkSize, 0u);
     EXPECT_EQ(hPool->ptImpl->dwTotalSize, 0u);

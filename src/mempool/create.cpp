@@ -14,15 +14,13 @@ static uint32_t FillPool(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLoc
     if (bLock == 1) {
         const uint32_t dwResult = AppLockCreate(nullptr, 1, 1, APP_LOCK_TYPE_SEM, &hMemPool->hLock);
         if (dwResult != APP_OK) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
-                   static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", szOp);
             return dwResult;
         }
     }
     const uint32_t dwResult = _AppMemPoolCreate(dwMaxSize, dwReserved, &hMemPool->ptImpl);
     if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppMemPoolCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppMemPoolCreate failed %d\n", szOp);
     return dwResult;
 }
 
@@ -51,7 +49,7 @@ void AppMemPoolDestroy(HAppMemPool hMemPool)
     if (!hMemPool)
         return;
     // Waits for a user that is still inside an operation; never given back.
-    app::LockGuard guard(hMemPool->hLock);
+    app::LockGuard guard(hMemPool);
     guard.Release();
     _AppMemPoolDestroy(hMemPool->ptImpl);
     AppLockDestroy(hMemPool->hLock);

@@ -173,15 +173,15 @@ bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         uint32_t dwResult;
         if (!CreateList(&ptImpl->hOnList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
+                           app::Ul(k));
             return false;
         }
         if (!CreateList(&ptImpl->hOffList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n",
+                           szOp, app::Ul(k));
             return false;
         }
     }
@@ -210,7 +210,7 @@ uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
     auto ptImpl = static_cast<TAppMemPoolImpl *>(malloc(sizeof(TAppMemPoolImpl)));
     if (!ptImpl) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc for %d failed\n", __func__,
-               static_cast<int>(sizeof(TAppMemPoolImpl)));
+               app::Int(sizeof(TAppMemPoolImpl)));
         _AppMemPoolDestroy(nullptr);
         return APP_FAILED;
     }
@@ -276,11 +276,11 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     // Less in use than is released now: a header or the account is corrupt.  It goes on all the same,
     // since a camera that stops releasing stops soon.
     if (ptImpl->dwOnWorkSize < dwBlockSize)
-        AppLog(0, APP_LOG_ERROR,
-               "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM "
-               "LEAK may occured!!!!\n",
-               __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
-               app::Ul(dwBlockSize));
+        AppLog(
+            0, APP_LOG_ERROR,
+            "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM LEAK may occured!!!!\n",
+            __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
+            app::Ul(dwBlockSize));
     if (!ptHead->hNode) {
         FreeLarge(ptImpl, ptHead, __func__);
         return;

@@ -54,8 +54,7 @@ uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t 
     if (bLock == 1) {
         const uint32_t dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hList->hLock);
         if (dwResult != APP_OK) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", __func__,
-                   static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", __func__);
             AppMemPoolFree(hList);
             return dwResult;
         }
@@ -69,7 +68,7 @@ void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvConte
     if (!hList)
         return;
     // Waits for a user that is still inside an operation; never given back.
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     guard.Release();
     while (hList->dwCurSize != 0) {
         void *pvData = nullptr;

@@ -38,8 +38,8 @@ void *MallocFromHeap(uint32_t dwSize, const char *szOp)
     return Finish(ptHead, nullptr, dwSize);
 }
 
-// Under the pool's lock.  The sum must stay strictly below the limit.
-bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize)
+// The sum must stay strictly below the limit.
+bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLock)
 {
     if (dwSize > kLargest)
         return true;
@@ -51,7 +51,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 {
     TAppMemPoolHead *ptHead;
     {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         if (IsFull(hMemPool, dwSize)) {
             AppLog(0, APP_LOG_ERROR,
                    "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
@@ -106,7 +106,7 @@ void AppMemPoolFree(void *pvData)
     // Copied: as soon as the engine has the block back, its next owner may write the header.
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
         app::SetCounter(hMemPool->dwCurSize,
                         hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
@@ -138,12 +138,4 @@ void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
     AppMemcpy(pvGrown, pvData, ptHead->dwSize);
     AppMemPoolFree(pvData);
     return pvGrown;
-}
-
-char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
-{
-    if (dwSize == 0 || !szSrc || !*szSrc)
-        return nullptr;
-    // AppStrncpy fills the rest of the block with zeros.
-    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
 }
