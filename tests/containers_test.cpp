@@ -88,7 +88,9 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
     std::mt19937 random(7);
     for (const uint32_t dwLevels : {1u, 3u, 9u, 40u}) {
         SCOPED_TRACE(dwLevels);
+        log.Clear();
         HAppQueue hQueue = CreateQueue(dwLevels == 9 ? 0 : 5, dwLevels % 4);
+        EXPECT_EQ(log.Lines().empty(), dwLevels != 9); // says that it takes the default maximum
         uint32_t dwMax = dwLevels == 9 ? APP_QUEUE_DEFAULT_MAX : 5, dwTop = 0;
         bool bInterrupted = false;
         std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
