@@ -45,13 +45,14 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
     test::LogCapture log;
     std::minstd_rand random(3);
     HAppDoubleList hList = nullptr;
-    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 0, 2, &hList));
+    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 5, 2, &hList));
     EXPECT_EQ(hList->hLock, nullptr); // only 1 asks for a lock
     EXPECT_CODE(APP_INVALID_ARG,
                 AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
     std::string text;
     for (unsigned i = 0; i < 2000; ++i) {
-        hList->dwMaxSize = i / 500 % 2 ? 5 : 0;
+        if (i == 1000)
+            hList->dwMaxSize = 0;
         const size_t nOp = random() % 4, nAt = random() % (text.size() + 1);
         const char ch = static_cast<char>('a' + i % 26);
         HAppDoubleListNode hAt = hList->ptHead, hNew = hAt; // null behind the last one
