@@ -45,13 +45,14 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
     test::LogCapture log;
     std::minstd_rand random(3);
     HAppDoubleList hList = nullptr;
-    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 0, 2, &hList));
+    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 5, 2, &hList));
     EXPECT_EQ(hList->hLock, nullptr); // only 1 asks for a lock
     EXPECT_CODE(APP_INVALID_ARG,
                 AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
     std::string text;
     for (unsigned i = 0; i < 2000; ++i) {
-        hList->dwMaxSize = i / 500 % 2 ? 5 : 0;
+        if (i == 1000)
+            hList->dwMaxSize = 0;
         const size_t nOp = random() % 4, nAt = random() % (text.size() + 1);
         const char ch = static_cast<char>('a' + i % 26);
         HAppDoubleListNode hAt = hList->ptHead, hNew = hAt; // null behind the last one
@@ -59,7 +60,7 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
             hAt = hAt->ptNext;
         void *pvData = nullptr;
         if (nOp < 2) {
-            const bool bFull = hList->dwMaxSize && text.size() >= hList->dwMaxSize;
+            const bool bFull = i < 1000 && text.size() >= 5;
             const auto pfnInsert = nOp ? AppDoubleListInsertAfter : AppDoubleListInsertBefore;
             fault::Fail fail(Fn::malloc, random() % 8 == 0);
             const uint32_t dwCode = pfnInsert(hList, hAt, El(ch), &hNew);
@@ -88,7 +89,9 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
     std::mt19937 random(7);
     for (const uint32_t dwLevels : {1u, 3u, 9u, 40u}) {
         SCOPED_TRACE(dwLevels);
+        log.Clear();
         HAppQueue hQueue = CreateQueue(dwLevels == 9 ? 0 : 5, dwLevels % 4);
+        EXPECT_EQ(log.Lines().empty(), dwLevels != 9); // says that it takes the default maximum
         uint32_t dwMax = dwLevels == 9 ? APP_QUEUE_DEFAULT_MAX : 5, dwTop = 0;
         bool bInterrupted = false;
         std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion

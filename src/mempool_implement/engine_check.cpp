@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// What must hold of an engine.  Apart from the engine, so that a test can judge with it what the
-// release build's engine has done.
+// What must hold of an engine; empty in the release build.
 #include "mempool_implement/engine.h"
 #include "utils/double_list.h"
 
