@@ -16,42 +16,19 @@
 #include "appcore/foundation.h"
 
 // Compare result codes; a difference is shown with the codes' names.
-#define EXPECT_CODE(expected, actual) EXPECT_PRED_FORMAT2(test::SameCode, expected, actual)
-#define ASSERT_CODE(expected, actual) ASSERT_PRED_FORMAT2(test::SameCode, expected, actual)
+#define EXPECT_CODE(expected, actual) EXPECT_EQ(test::Code(expected), test::Code(actual))
+#define ASSERT_CODE(expected, actual) ASSERT_EQ(test::Code(expected), test::Code(actual))
 
 namespace test
 {
 
-inline std::string CodeName(uint32_t dwCode)
+inline std::string Code(uint32_t dwCode)
 {
-    switch (dwCode) {
-#define APP_CODE_NAME(name)                                                                        \
-    case name:                                                                                     \
-        return #name;
-        APP_CODE_NAME(APP_OK)
-        APP_CODE_NAME(APP_FAILED)
-        APP_CODE_NAME(APP_INVALID_ARG)
-        APP_CODE_NAME(APP_NO_RESOURCE)
-        APP_CODE_NAME(APP_INVALID_STATE)
-        APP_CODE_NAME(APP_TIMEOUT)
-        APP_CODE_NAME(APP_BUFFER_TOO_SMALL)
-        APP_CODE_NAME(APP_NOT_FOUND)
-        APP_CODE_NAME(APP_XML_NODE_INVALID)
-        APP_CODE_NAME(APP_BAD_VALUE)
-        APP_CODE_NAME(APP_IN_PROGRESS)
-#undef APP_CODE_NAME
-    default:
-        return "code " + std::to_string(dwCode);
-    }
-}
-
-inline testing::AssertionResult SameCode(const char *, const char *szActual, uint32_t dwExpected,
-                                         uint32_t dwActual)
-{
-    if (dwExpected == dwActual)
-        return testing::AssertionSuccess();
-    return testing::AssertionFailure()
-           << szActual << " is " << CodeName(dwActual) << ", not " << CodeName(dwExpected);
+    static const char *const s_aszName[] = {
+        "APP_FAILED",        "102",         "APP_INVALID_ARG",      "APP_NO_RESOURCE",
+        "APP_INVALID_STATE", "APP_TIMEOUT", "APP_BUFFER_TOO_SMALL", "APP_NOT_FOUND"};
+    return dwCode >= APP_FAILED && dwCode <= APP_NOT_FOUND ? s_aszName[dwCode - APP_FAILED]
+                                                           : std::to_string(dwCode);
 }
 
 // Polls until the condition holds; false after a time that only a hang reaches.

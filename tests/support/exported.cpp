@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "support/exported.h"
 
+#include <ctype.h>
+
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <utility>
 
 namespace test
 {
@@ -12,6 +14,18 @@ static std::string ReadAll(const std::filesystem::path &path)
 {
     std::ifstream file(path);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+static std::set<std::string> Words(const std::string &text)
+{
+    std::set<std::string> words;
+    std::string word;
+    for (const char ch : text + " ")
+        if (isalnum(ch) || ch == '_' || ch == '*')
+            word += ch;
+        else
+            words.insert(std::exchange(word, ""));
+    return words;
 }
 
 const std::map<std::string, std::string> &Exported()
@@ -34,34 +48,20 @@ const std::map<std::string, std::string> &Exported()
 
 bool IsFunction(const std::string &name)
 {
-    static const auto s_functions = [] {
-        std::istringstream lines(ReadAll(APPCORE_TEST_SYMBOLS)); // of nm: the name comes first
-        std::set<std::string> functions;
-        for (std::string line; std::getline(lines, line);)
-            functions.insert(line.substr(0, line.find(' ')));
-        return functions;
-    }();
-    return s_functions.count(name) != 0;
+    static const auto s_words = Words(ReadAll(APPCORE_TEST_SYMBOLS));
+    return s_words.count(name) != 0;
 }
 
-std::string Unlisted(const std::set<std::string> &names, const std::string &list)
+std::string Unlisted(const std::set<std::string> &names, const std::string &text)
 {
-    std::set<std::string> left = names;
+    const std::set<std::string> words = Words(text);
     std::string result;
-    std::istringstream words(list);
-    for (std::string word; words >> word;) {
-        bool bKnown = false;
-        for (const std::string &name : names)
-            if (name == word || (word.back() == '*' &&
-                                 name.compare(0, word.size() - 1, word, 0, word.size() - 1) == 0)) {
-                left.erase(name);
-                bKnown = true;
-            }
-        if (!bKnown)
-            result += word + "? ";
+    for (const std::string &name : names) {
+        bool bListed = words.count(name) != 0;
+        for (size_t n = name.size(); n > 0 && !bListed; --n)
+            bListed = words.count(name.substr(0, n) + "*") != 0;
+        result += bListed ? "" : name + " ";
     }
-    for (const std::string &name : left)
-        result += name + " ";
     return result;
 }
 

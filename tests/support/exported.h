@@ -15,9 +15,8 @@ namespace test
 const std::map<std::string, std::string> &Exported();
 // Whether the library has a function of this name.
 bool IsFunction(const std::string &name);
-// The names that the list lacks, and its words, with a question mark, that name nothing.  A word
-// may end in an asterisk.
-std::string Unlisted(const std::set<std::string> &names, const std::string &list);
+// The names that are no word of the text.  There a word may end in an asterisk.
+std::string Unlisted(const std::set<std::string> &names, const std::string &text);
 
 } // namespace test
 

@@ -9,9 +9,10 @@
 #ifndef APPCORE_TESTS_SUPPORT_LOG_CAPTURE_H
 #define APPCORE_TESTS_SUPPORT_LOG_CAPTURE_H
 
-#include <stdint.h>
+#include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -36,8 +37,6 @@ public:
     // `byThreshold` becomes channel 0's threshold for the capture's life.
     explicit LogCapture(uint8_t byThreshold = APP_LOG_ERROR);
     ~LogCapture();
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
 
     // From here on a line shows `szName` for the address.
     void Name(const void *pv, const char *szName);
@@ -46,7 +45,11 @@ public:
     void Clear();
     // Exactly these lines came, in this order; then starts again, so that one capture serves a row
     // of steps.
-    void ExpectLines(const std::vector<std::string> &lines);
+    void ExpectLines(const std::vector<std::string> &lines)
+    {
+        EXPECT_EQ(Lines(), lines);
+        Clear();
+    }
     void ExpectNone() { ExpectLines({}); }
 
     // A console that does something of its own: runs in front of each line, in the thread that logs.
@@ -58,7 +61,7 @@ private:
     std::function<void(const std::string &line)> m_console;
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
-    std::vector<std::pair<std::string, std::string>> m_names;
+    std::map<std::string, std::string> m_names;
     uint8_t m_byThreshold;
 };
 
@@ -66,13 +69,15 @@ private:
 class StdoutCapture
 {
 public:
-    StdoutCapture();
+    StdoutCapture() { testing::internal::CaptureStdout(); }
     ~StdoutCapture() { End(); }
-    StdoutCapture(const StdoutCapture &) = delete;
-    StdoutCapture &operator=(const StdoutCapture &) = delete;
-
     // What was printed; a second call gives it again.
-    const std::string &End();
+    const std::string &End()
+    {
+        if (std::exchange(m_bActive, false))
+            m_text = testing::internal::GetCapturedStdout();
+        return m_text;
+    }
 
 private:
     bool m_bActive = true;
