@@ -72,9 +72,10 @@ TEST_F(TaskShutdown, GoingIdleKeepsTheRequest)
     }
 }
 
-// An idle task whose thread has decided to end, but has not come to carry it out, is not handed out
-// any more; and it is waited for like any other.
-TEST_F(TaskShutdown, ATaskThatHasChosenToEnd)
+// A task goes idle by its own time-out, is handed out, goes idle again, and ends when nobody takes it.
+// From when its thread has decided so, but has not come to carry it out, it is not handed out any
+// more; and it is waited for like any other.
+TEST_F(TaskShutdown, TimeOutsEndEveryLifeOfATask)
 {
     Door door;
     HAppTask hEnding = nullptr;
@@ -82,13 +83,21 @@ TEST_F(TaskShutdown, ATaskThatHasChosenToEnd)
         if (StateOf(hEnding) == APP_TASK_STATE_TERMINATE)
             door.Pass();
     };
-    Diary diary, last([&](const Diary::Call &call) { test::LookOften(call.hTask, &stall); });
+    Diary diary, lives([&](const Diary::Call &call) {
+        if (call.pvArg == Arg(1)) // lets it look at its time-out
+            AppTaskSetTimer(call.hTask, 10, Diary::Handle, &diary);
+        else if (lives.Calls().size() > 1)
+            test::LookOften(call.hTask, &stall);
+    });
     Manager manager(8, 10);
+    hEnding = manager.New(lives, {"t", 9, 1});
+    EXPECT_TRUE(test::WaitUntil([&] { return manager.Idle() == 1; }));
+    EXPECT_EQ(manager.New(lives, {"t", 9, 1}), hEnding);
     HAppTask hParked = manager.New(diary);
-    hEnding = manager.New(last);
     manager.Park(hParked);
-    EXPECT_CODE(APP_OK, AppTaskTerminate(hEnding));
+    EXPECT_CODE(APP_OK, AppTaskSendEvent(hEnding, Arg(1), nullptr, nullptr));
     door.AwaitVisitor();
+    EXPECT_EQ(lives.Text(), "stop, user 1, stop");
     EXPECT_EQ(hEnding->hListNode, manager.Get()->hIdleTaskList->ptTail);
     EXPECT_EQ(manager.New(diary), hParked);
     EXPECT_NE(manager.New(diary), hEnding);
@@ -207,27 +216,6 @@ TEST_F(TaskShutdown, ASendOnItsWayKeepsTheRecord)
     DestroyBeside(door, manager);
     sender.join();
     EXPECT_EQ(diary.Text(), "user 1");
-}
-
-// The report, slow as its callback may be, comes to a task that is going idle and needs the manager's
-// lock: neither do the two meet, nor are those who send to that task kept waiting.
-TEST_F(TaskShutdown, AReportPassesATaskThatGoesIdle)
-{
-    Diary diary;
-    Manager manager;
-    HAppTask hTask = manager.New(diary);
-    Diary callback([&](const Diary::Call &) {
-        if (diary.Text() != "")
-            return;
-        EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
-        diary.Await("stop");
-        AppDelay(20); // until it has come to the lock
-        EXPECT_CODE(APP_INVALID_ARG, AppTaskSendEvent(hTask, nullptr, nullptr, nullptr));
-    });
-    AppTaskMgrShow(
-        manager.Get(), [](const char *, void *pv) { Diary::Handle(nullptr, 0, nullptr, pv); },
-        &callback);
-    EXPECT_TRUE(test::WaitUntil([&] { return manager.Idle() == 1; }));
 }
 
 // ---- Many rounds ------------------------------------------------------------------------------
