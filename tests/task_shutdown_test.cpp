@@ -13,7 +13,6 @@
 #include "utils/log.h"
 #include "utils/queue.h"
 
-using fault::Fn;
 using test::Arg;
 using test::Destroyer;
 using test::Diary;
@@ -46,31 +45,6 @@ uint32_t StateOf(HAppTask hTask)
 }
 
 // ---- Forced windows ---------------------------------------------------------------------------
-
-// The destruction begins while the go-idle handler is in one of its notices.
-TEST_F(TaskShutdown, GoingIdleKeepsTheRequest)
-{
-    for (const uint32_t dwNotice :
-         {APP_TASK_EVENT_TIMER_CANCEL, APP_TASK_EVENT_DROP, APP_TASK_EVENT_STOP}) {
-        SCOPED_TRACE(dwNotice);
-        Door start, door;
-        Diary first([&](const Diary::Call &) { start.Pass(); });
-        Diary diary([&](const Diary::Call &call) {
-            if (call.dwType == dwNotice)
-                door.Pass();
-        });
-        Manager manager;
-        HAppTask hTask = manager.New(diary);
-        AppTaskSetTimer(hTask, 99999, nullptr, nullptr);
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, nullptr, Diary::Handle, &first));
-        start.AwaitVisitor();
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
-        EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
-        start.Open();
-        DestroyBeside(door, manager);
-        EXPECT_EQ(diary.Text(), "cancel, drop 1, stop");
-    }
-}
 
 // A task goes idle by its own time-out, is handed out, goes idle again, and ends when nobody takes it.
 // From when its thread has decided so, but has not come to carry it out, it is not handed out any
@@ -208,13 +182,16 @@ TEST_F(TaskShutdown, ASendOnItsWayKeepsTheRecord)
         return hTask->hEventQueue->dwSleepers == 1;
     }));
     Door door;
-    std::thread sender([&] {
-        fault::Fail stall(Fn::pthread_cond_signal, 1, 0);
-        stall.Action([&] { door.Pass(); });
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
+    g_byAppLogLevel[0] = APP_LOG_DEBUG;
+    log.OnLine([&](const std::string &line) { // printed when the task's lock has been given
+        if (line.find("_AppTaskSendEvent: task") != std::string::npos)
+            door.Pass();
     });
+    std::thread sender(
+        [&] { EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr)); });
     DestroyBeside(door, manager);
     sender.join();
+    log.OnLine(nullptr);
     EXPECT_EQ(diary.Text(), "user 1");
 }
 
