@@ -15,6 +15,9 @@
 
 #include <optional>
 #include <string>
+#include <utility>
+
+#include "appcore/host.h"
 
 // Ends the run, with a report, when an answer is wrong.
 inline void Require(bool bHolds, const char *szFile = __builtin_FILE(),
@@ -24,6 +27,17 @@ inline void Require(bool bHolds, const char *szFile = __builtin_FILE(),
         return;
     fprintf(stderr, "%s:%d: wrong answer\n", szFile, nLine);
     abort();
+}
+
+// printf() into a string.
+APP_PRINTF(1, 2) inline std::string Printed(const char *szFormat, ...)
+{
+    char achText[400]; // any double
+    va_list args;
+    va_start(args, szFormat);
+    const int nLength = vsnprintf(achText, sizeof(achText), szFormat, args);
+    va_end(args);
+    return {achText, static_cast<size_t>(nLength)};
 }
 
 // The input as a text; a NUL inside ends it, as it would in a document.
@@ -116,11 +130,24 @@ private:
     size_t m_nRoom;
 };
 
-// The console stays silent: refused inputs are the rule here.
-#define APP_FUZZ_SILENT_CONSOLE                                                                    \
-    extern "C" int32_t QorPrintf(int32_t, int32_t, const char *, ...)                              \
-    {                                                                                              \
-        return 0;                                                                                  \
-    }
+// The console of a target: refused inputs are the rule, so it keeps the last line only.
+inline std::string g_line;
+inline unsigned g_nLines = 0;
+
+extern "C" int32_t QorPrintf(int32_t, int32_t, const char *szFormat, ...)
+{
+    va_list args;
+    va_start(args, szFormat);
+    g_line = va_arg(args, const char *); // the format is "%s"
+    va_end(args);
+    ++g_nLines;
+    return 0;
+}
+
+// The lines logged since the last call.
+inline unsigned TakeLines()
+{
+    return std::exchange(g_nLines, 0u);
+}
 
 #endif

@@ -31,6 +31,8 @@ namespace
 
 #if defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr unsigned kRuns = 2000;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr unsigned kRuns = 5000;
 #else
 constexpr unsigned kRuns = 20000;
 #endif
@@ -43,11 +45,12 @@ std::string Read(const std::filesystem::path &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::vector<std::string> ReadCorpus()
+std::vector<std::string> ReadCorpus(const std::string &target)
 {
+    const std::filesystem::path folder = APPCORE_FUZZ_SOURCE "/corpus/" + target;
     std::vector<std::string> inputs;
-    if (std::filesystem::is_directory(APPCORE_FUZZ_CORPUS))
-        for (const auto &entry : std::filesystem::directory_iterator(APPCORE_FUZZ_CORPUS))
+    if (std::filesystem::is_directory(folder))
+        for (const auto &entry : std::filesystem::directory_iterator(folder))
             inputs.push_back(Read(entry.path()));
     std::sort(inputs.begin(), inputs.end()); // a directory has no order
     return inputs;
@@ -68,10 +71,10 @@ std::string Unquote(const std::string &line)
     return word;
 }
 
-std::vector<std::string> ReadWords()
+std::vector<std::string> ReadWords(const std::string &target)
 {
     std::vector<std::string> words;
-    std::ifstream file(APPCORE_FUZZ_DICT);
+    std::ifstream file(APPCORE_FUZZ_SOURCE "/dict/" + target);
     for (std::string line; std::getline(file, line);)
         if (line[0] == '"')
             words.push_back(Unquote(line));
@@ -81,10 +84,12 @@ std::vector<std::string> ReadWords()
 class Inputs
 {
 public:
-    explicit Inputs(unsigned nSeed) : m_random(nSeed), m_corpus(ReadCorpus()), m_words(ReadWords())
+    Inputs(const std::string &target, unsigned nSeed)
+        : m_random(nSeed), m_corpus(ReadCorpus(target)), m_words(ReadWords(target))
     {
     }
     const std::vector<std::string> &Corpus() const { return m_corpus; }
+    size_t Words() const { return m_words.size(); }
 
     // An entry of the corpus, changed, or words in a row.
     std::string Next()
@@ -184,9 +189,11 @@ int main(int nArgs, char **aszArg)
     }
     const auto nSeed = nArgs == 3 ? static_cast<unsigned>(strtoul(aszArg[1], nullptr, 10)) : kSeed;
     const unsigned long nRuns = nArgs == 3 ? strtoul(aszArg[2], nullptr, 10) : kRuns;
-    Inputs inputs(nSeed);
-    printf("%zu inputs of the corpus, %lu random ones, seed %u\n", inputs.Corpus().size(), nRuns,
-           nSeed);
+    // The program is called like its target.
+    const std::string program = std::filesystem::path(aszArg[0]).filename();
+    Inputs inputs(program.substr(0, program.rfind("_replay")), nSeed);
+    printf("%zu inputs of the corpus, %lu random ones of %zu words, seed %u\n",
+           inputs.Corpus().size(), nRuns, inputs.Words(), nSeed);
     fflush(stdout);
     runner.Run("");
     for (const std::string &input : inputs.Corpus())

@@ -14,8 +14,6 @@
 #include "appcore/mempool.h"
 #include "fuzz.h"
 
-APP_FUZZ_SILENT_CONSOLE
-
 namespace
 {
 
@@ -145,16 +143,6 @@ void CheckFormats(const std::string &text, uint32_t dwNumber, uint32_t dwSize)
     Require(AppSscanf(Placed(s_first, text), "%3d %3s", &nRead, achRead) == nOracle);
     Require(nRead == nWanted && strcmp(achRead, achWanted) == 0);
     Require(AppSscanf(nullptr, "%d", &nRead) == 0 && AppSscanf(text.c_str(), nullptr) == 0);
-}
-
-std::string Printed(const char *szFormat, ...)
-{
-    char achText[64];
-    va_list args;
-    va_start(args, szFormat);
-    vsnprintf(achText, sizeof(achText), szFormat, args);
-    va_end(args);
-    return achText;
 }
 
 // What a dump may end with: the text up to each of its pieces.

@@ -18,7 +18,7 @@
 #include "support/tasks.h"
 #include "utils/double_list.h"
 #include "utils/queue.h"
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
 using fault::Fn;
 using test::Arg;

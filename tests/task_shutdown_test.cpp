@@ -178,7 +178,7 @@ TEST_F(TaskShutdown, ASendOnItsWayKeepsTheRecord)
     Manager manager;
     HAppTask hTask = manager.New(diary);
     EXPECT_TRUE(test::WaitUntil([&] {
-        app::LockGuard guard(hTask->hEventQueue->hLock);
+        app::LockGuard guard(hTask->hEventQueue);
         return hTask->hEventQueue->dwSleepers == 1;
     }));
     Door door;
@@ -208,7 +208,7 @@ public:
           m_ledger(m_nEvents * 60 + 100,
                    [this](HAppTask hTask, uint32_t dwType) { React(hTask, dwType); })
     {
-        app::LockGuard guard(m_manager.Get()->hLock);
+        app::LockGuard guard(m_manager.Get());
         m_manager.Get()->hIdleTaskList->dwMaxSize = 4; // further ones end at once
     }
     void Run()

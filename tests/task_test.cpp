@@ -128,7 +128,7 @@ TEST_F(TaskTest, ReachTheirHandlersInOrder)
 {
     HAppTask hTask = manager.New(diary);
     {
-        app::LockGuard guard(hTask->hLock);
+        app::LockGuard guard(hTask);
         const auto start = std::chrono::steady_clock::now();
         EXPECT_CODE(APP_TIMEOUT, AppTaskSendEvent(hTask, Arg(9), nullptr, nullptr));
         EXPECT_GE(test::ElapsedMs(start), 990);
@@ -203,7 +203,7 @@ TEST_F(TaskTest, AnEventBeatsTheIdleTimeOut)
     HAppTask hTask = manager.New(diary, {"task", 9, 100});
     EXPECT_TRUE(test::WaitUntil([&] { return StateOf(hTask) == APP_TASK_STATE_RUNNING; }));
     {
-        app::LockGuard guard(hTask->hLock);
+        app::LockGuard guard(hTask);
         AppDelay(500); // the first wait takes 300 ms
         SendUnchecked(hTask, {APP_TASK_EVENT_USER, Arg(1), nullptr, nullptr});
     }
@@ -459,7 +459,7 @@ private:
     {
         ++m_dwRun;
         m_dwRunStart = m_clock.Now();
-        app::LockGuard guard(m_busy.hTask->hLock);
+        app::LockGuard guard(m_busy.hTask);
         m_bRuns = true;
         const uint32_t dwWait = _AppTimerMgrRun(m_busy.hTask->ptTimerMgr);
         EXPECT_EQ(Next(), nullptr);
@@ -565,10 +565,10 @@ TEST_F(TaskTest, ShowsTasksTimersAndPools)
     }
     clock.reset();
     { // nobody looks at the timers without their lock,
-        app::LockGuard guard(hBusy->hLock);
+        app::LockGuard guard(hBusy);
         EXPECT_EQ(Report(shown.Get()).back(), "\n\n" + head + tables + idle);
     } // nor walks the lists
-    app::LockGuard guard(shown.Get()->hLock);
+    app::LockGuard guard(shown.Get());
     pieces = Report(shown.Get());
     ASSERT_EQ(pieces.size(), 2u);
     EXPECT_EQ(pieces[1], Text("\nTaskMgr(%p) is busy, no details\n", Ptr(shown.Get())));

@@ -25,6 +25,12 @@ constexpr unsigned long long Ull(uint64_t qwValue)
     return qwValue;
 }
 
+// For %d: codes and counts that are printed as signed.
+constexpr int Int(uint32_t dwValue)
+{
+    return static_cast<int>(dwValue);
+}
+
 // For %p: object and function pointers alike.
 template <typename T>
 const void *Ptr(T *pt)

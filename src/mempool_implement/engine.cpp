@@ -1,4 +1,9 @@
 // SPDX-License-Identifier: MIT
+//
+// Every block is as large as its class and goes back to the list of its class alone: nothing is
+// split, merged or searched for, so that both operations take the same short time after months of
+// use, and a pool holds what its busiest moment needed.  The block that has been idle for longest is
+// reused first: whoever still writes to what it has released harms nobody for a while.
 #include "mempool_implement/engine.h"
 
 #include <stdlib.h>
@@ -25,6 +30,7 @@ void *BehindHead(TAppMemBlockHead *ptHead)
     return ptHead + 1;
 }
 
+// Poked, like every counter here: a report that does not get the pool's lock reads them all the same.
 void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
     app::SetCounter(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
@@ -43,6 +49,7 @@ void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
     Lower(ptImpl->dwOnWorkSize, dwBlockSize);
 }
 
+// A large block's need may be odd; it has no node.
 bool IsIdle(const TAppMemBlockHead *ptHead)
 {
     return (ptHead->dwBlockSize & kIdle) && ptHead->hNode &&
@@ -166,15 +173,15 @@ bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         uint32_t dwResult;
         if (!CreateList(&ptImpl->hOnList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
+                           app::Ul(k));
             return false;
         }
         if (!CreateList(&ptImpl->hOffList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n",
+                           szOp, app::Ul(k));
             return false;
         }
     }
@@ -191,9 +198,9 @@ void DestroyList(HAppDoubleList *phList, TAppMemPoolImpl *ptImpl)
 
 uint32_t __AppMemGetOffset(uint32_t dwSize)
 {
-    const uint32_t dwUnits = (dwSize - 1) >> kSmallestShift;
+    const uint32_t dwUnits = (dwSize - 1) >> kSmallestShift; // of 0 more than any class has
     if (dwUnits == 0)
-        return 0;
+        return 0; // the instruction below knows no 0
     const auto dwClass = static_cast<uint32_t>(32 - __builtin_clz(dwUnits));
     return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
 }
@@ -203,13 +210,13 @@ uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
     auto ptImpl = static_cast<TAppMemPoolImpl *>(malloc(sizeof(TAppMemPoolImpl)));
     if (!ptImpl) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc for %d failed\n", __func__,
-               static_cast<int>(sizeof(TAppMemPoolImpl)));
+               app::Int(sizeof(TAppMemPoolImpl)));
         _AppMemPoolDestroy(nullptr);
         return APP_FAILED;
     }
     *ptImpl = {};
     if (!CreateLists(ptImpl, __func__)) {
-        _AppMemPoolDestroy(ptImpl);
+        _AppMemPoolDestroy(ptImpl); // lists that are not there yet are null
         return APP_FAILED;
     }
     *pptImpl = ptImpl;
@@ -266,12 +273,14 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     }
     const bool bIdle = IsIdle(ptHead);
     const uint32_t dwBlockSize = SizeOf(ptHead);
+    // Less in use than is released now: a header or the account is corrupt.  It goes on all the same,
+    // since a camera that stops releasing stops soon.
     if (ptImpl->dwOnWorkSize < dwBlockSize)
-        AppLog(0, APP_LOG_ERROR,
-               "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM "
-               "LEAK may occured!!!!\n",
-               __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
-               app::Ul(dwBlockSize));
+        AppLog(
+            0, APP_LOG_ERROR,
+            "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM LEAK may occured!!!!\n",
+            __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
+            app::Ul(dwBlockSize));
     if (!ptHead->hNode) {
         FreeLarge(ptImpl, ptHead, __func__);
         return;

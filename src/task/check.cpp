@@ -7,6 +7,7 @@
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/double_list.h"
+#include "utils/lock_guard.h"
 
 namespace
 {
@@ -30,6 +31,7 @@ bool KeepsItsLimit(const TAppDoubleList *ptList)
 
 // A place kept in the list of running timers: a node of that list, or none.
 bool IsPlace(const TAppTimerMgr *ptTimerMgr, const TAppDoubleListNode *ptPlace)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     const TAppDoubleListNode *ptNode = ptTimerMgr->hTimerList->ptHead;
     while (ptNode && ptNode != ptPlace)
@@ -43,20 +45,23 @@ const TAppTimer *TimerOf(const TAppDoubleListNode *ptNode)
 }
 
 // In the order in which they were set, which alone says in which run.
-bool IsInOrder(const TAppDoubleListNode *ptNode)
+bool IsInOrder(const TAppTimerMgr *ptTimerMgr, const TAppDoubleListNode *ptNode)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     const TAppTimer *ptTimer = TimerOf(ptNode);
-    const uint32_t dwNextRun =
-        ptNode->ptNext ? TimerOf(ptNode->ptNext)->dwRun : ptTimer->ptTimerMgr->dwRun;
+    const uint32_t dwNextRun = ptNode->ptNext ? TimerOf(ptNode->ptNext)->dwRun : ptTimerMgr->dwRun;
     return static_cast<int32_t>(dwNextRun - ptTimer->dwRun) >= 0;
 }
 
 } // namespace
 
 // The states change under the task's lock alone, but never to one that the list does not allow.
-bool app::TaskIsValid(const TAppDoubleList *ptList, const TAppDoubleListNode *ptNode)
+// Nor does the handler change while the task is among the idle ones.
+bool app::TaskIsValid(const TAppDoubleList *ptList,
+                      const TAppDoubleListNode *ptNode) APP_NO_ANALYSIS
 {
     auto ptTask = static_cast<const TAppTask *>(ptNode->pvData);
+    AssertHeld(ptTask->ptTaskMgr);
     const uint32_t dwState = Peek(ptTask->dwState);
     if (ptTask->hListNode != ptNode || dwState == APP_TASK_STATE_UNINIT)
         return false;
@@ -83,9 +88,11 @@ bool app::TimerIsValid(const TAppDoubleList *ptList, const TAppDoubleListNode *p
 
 bool app::TimerMgrIsValid(const TAppTimerMgr *ptTimerMgr)
 {
+    AssertHeld(ptTimerMgr->ptTask);
     const bool bRuns = ptTimerMgr->dwRun % 2 == 1;
     const auto isValid = [&](const TAppDoubleList *ptList, const TAppDoubleListNode *ptNode) {
-        return TimerIsValid(ptList, ptNode) && IsInOrder(ptNode);
+        AssertHeld(ptTimerMgr->ptTask);
+        return TimerIsValid(ptList, ptNode) && IsInOrder(ptTimerMgr, ptNode);
     };
     return AllAreValid(ptTimerMgr->hTimerList, isValid) &&
            AllAreValid(ptTimerMgr->hIdleTimerList, TimerIsValid) &&

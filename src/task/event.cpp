@@ -27,8 +27,8 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
     uint32_t dwResult = APP_INVALID_ARG;
     bool bWake = false;
     {
-        app::LockGuard guard(hTask->hLock, dwTimeout);
-        if (!guard)
+        app::TimedLockGuard guard(hTask);
+        if (!guard.TakeByTime(dwTimeout))
             return APP_TIMEOUT;
         const uint32_t dwState = app::Peek(hTask->dwState);
         if (app::AdmitsWork(dwState))
@@ -46,7 +46,9 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
 
 } // namespace
 
-void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType)
+// The task's handler changes while the task is idle, under its lock: not while it has events.
+void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
+                      uint32_t dwEventType) APP_NO_ANALYSIS
 {
     if (event.pfnHandler)
         event.pfnHandler(ptTask, dwEventType, event.pvArg, event.pvContext);
@@ -85,13 +87,12 @@ uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32
     }
     *ptCopy = *ptEvent;
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", __func__,
-              app::Ptr(ptTask), static_cast<int>(ptEvent->dwEventType),
-              app::Ptr(ptEvent->pfnHandler), ptEvent->pvArg);
+              app::Ptr(ptTask), app::Int(ptEvent->dwEventType), app::Ptr(ptEvent->pfnHandler),
+              ptEvent->pvArg);
     const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                              static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
+                                              static_cast<int32_t>(bForce), pbWake);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueIn failed %d\n", __func__);
         AppMemPoolFree(ptCopy);
     }
     return dwResult;
@@ -123,7 +124,7 @@ uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvA
 {
     if (!hTask || !pdwEventType || !ppvArg || !ppfnHandler || !ppvContext)
         return APP_INVALID_ARG;
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     *pdwEventType = app::Peek(hTask->dwLastEventType);
     *ppvArg = app::Peek(hTask->pvLastArg);
     *ppfnHandler = app::Peek(hTask->pfnLastHandler);

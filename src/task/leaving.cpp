@@ -25,6 +25,7 @@
 // phase, when no handler runs any more.
 //
 // models/task.pml proves this for every interleaving of two tasks.
+#include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "base/field.h"
 #include "task/task.h"
@@ -82,12 +83,13 @@ void app::AwaitLeft(TAppTask *ptTask)
 
 void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 {
+    AssertHeld(ptTaskMgr);
     ++ptTaskMgr->dwLeaving;
 }
 
 void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
 {
-    LockGuard guard(ptTaskMgr->hLock);
+    LockGuard guard(ptTaskMgr);
     APP_CHECK(ptTaskMgr->dwLeaving != 0, "more tasks have left than were leaving");
     --ptTaskMgr->dwLeaving;
     if (ptTaskMgr->bQuit == 1)
@@ -99,7 +101,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 {
     for (;;) {
         {
-            LockGuard guard(ptTaskMgr->hLock);
+            LockGuard guard(ptTaskMgr);
             if (ptTaskMgr->dwLeaving == 0)
                 return;
         }
@@ -110,9 +112,25 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 void app::TellRest(TAppTask *ptTask)
 {
     if (ptTask->ptTimerMgr) { // else the creation has failed before there could be anything to tell
-        LockGuard guard(ptTask->hLock);
+        LockGuard guard(ptTask);
         CancelTimers(ptTask->ptTimerMgr, false);
     }
     if (ptTask->hEventQueue)
         DropEvents(ptTask);
+}
+
+void _AppTaskDestroy(TAppTask *ptTask)
+{
+    if (!ptTask)
+        return;
+    app::TellRest(ptTask); // the manager's destruction has done so before
+    _AppTimerMgrDestroy(ptTask->ptTimerMgr);
+    AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);
+    AppMemPoolDestroy(ptTask->hMemPool);
+    AppLockDestroy(ptTask->hExitLock);
+    ptTask->hExitLock = nullptr;
+    AppLockDestroy(ptTask->hLock);
+    ptTask->hLock = nullptr;
+    AppMemPoolFree(ptTask->szTaskName);
+    AppMemPoolFree(ptTask);
 }

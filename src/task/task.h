@@ -2,9 +2,8 @@
 //
 // The task manager's records and its internal operations.
 //
-// Locks.  The manager's lock guards both task lists, bQuit and dwLeaving.  A task's lock guards
-// what is marked (task) below.  Order: the manager's lock, then a task's.
-// No lock is held while a handler runs.
+// Locks.  What a record's own lock guards is marked.  Order: the manager's lock, then a task's.  No
+// lock is held while a handler runs.
 //
 // Who may touch a record last, and who waits for whom, is told in leaving.cpp.
 #ifndef APPCORE_TASK_TASK_H
@@ -16,16 +15,19 @@
 
 #include "appcore/containers.h"
 #include "appcore/task.h"
+#include "base/thread_safety.h"
 
 struct TAppTaskMgr {
     uint32_t dwIdleTaskTimeout; // ms; 0: idle tasks never end by themselves
     HAppLock hLock;
-    HAppDoubleList hTaskList;     // active tasks, oldest first
-    HAppDoubleList hIdleTaskList; // in the order in which they went idle
-    HAppMemPool hMemPool;         // pool of every record
-    uint32_t bQuit;               // the destruction has begun
+    // Active tasks, oldest first; idle ones in the order in which they went idle.  Once bQuit is
+    // set, the lists do not change any more.
+    HAppDoubleList hTaskList APP_PT_GUARDED_BY(hLock);
+    HAppDoubleList hIdleTaskList APP_PT_GUARDED_BY(hLock);
+    HAppMemPool hMemPool;                 // pool of every record
+    uint32_t bQuit APP_GUARDED_BY(hLock); // the destruction has begun
 
-    uint32_t dwLeaving; // threads that still destroy a task that is on no list
+    uint32_t dwLeaving APP_GUARDED_BY(hLock); // threads that still destroy a task on no list
     HAppLock hLeftLock; // given for each of them that is done once bQuit is set
 };
 
@@ -37,12 +39,14 @@ struct TAppTask {
     HAppLock hLock;
     HAppLock hExitLock; // given by the last user of the record, see leaving.cpp
     HAppQueue hEventQueue;
-    std::atomic<uint32_t> dwState;       // (task); atomic only because reports peek at it
-    std::atomic<uint32_t> dwIdleTimeout; // (task); likewise
-    PFAppTaskHandler pfnHandler;         // (task); null once the task has gone idle
-    void *pvContext;                     // (task)
-    HAppDoubleListNode hListNode;        // in one of the manager's lists; under the manager's lock
-    char *szTaskName;                    // (task), and replaced under the manager's lock too
+    // Written under hLock; atomic only because reports peek at them.
+    std::atomic<uint32_t> dwState;
+    std::atomic<uint32_t> dwIdleTimeout;
+    PFAppTaskHandler pfnHandler APP_GUARDED_BY(hLock); // null once the task has gone idle
+    void *pvContext APP_GUARDED_BY(hLock);
+    // In one of the manager's lists.
+    HAppDoubleListNode hListNode APP_GUARDED_BY(ptTaskMgr->hLock);
+    char *szTaskName; // replaced under both locks, so that either is enough to read it
     std::atomic<int32_t> nThreadId;
     TAppTimerMgr *ptTimerMgr;
 
@@ -52,7 +56,7 @@ struct TAppTask {
     std::atomic<PFAppTaskHandler> pfnLastHandler;
     std::atomic<void *> pvLastContext;
 
-    uint32_t dwLastEventTick;         // (task) when the last event came
+    uint32_t dwLastEventTick APP_GUARDED_BY(hLock); // when the last event came
     std::atomic<uint32_t> dwUsers;    // see leaving.cpp; grows only under the task's lock
     std::atomic<uint32_t> dwRequests; // EAppTaskRequest
 };

@@ -39,15 +39,14 @@ HAppTimer AppTaskSetTimer(HAppTask hTask, uint32_t dwTimeout, PFAppTaskHandler p
 {
     if (!hTask)
         return nullptr;
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     if (!AdmitsTimers(hTask, __func__))
         return nullptr;
     HAppTimer hTimer = nullptr;
     const uint32_t dwResult =
         _AppTimerMgrNewTimer(hTask->ptTimerMgr, dwTimeout, pfnHandler, pvContext, &hTimer);
     if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__);
     return hTimer;
 }
 
@@ -56,7 +55,7 @@ uint32_t AppTaskResetTimer(HAppTimer hTimer)
     TAppTask *ptTask = FindTask(hTimer, __func__);
     if (!ptTask)
         return APP_INVALID_ARG;
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     if (!AdmitsTimers(ptTask, __func__))
         return APP_INVALID_STATE;
     return _AppTaskResetTimer(hTimer);
@@ -70,7 +69,7 @@ void AppTaskCancelTimer(HAppTimer hTimer)
     if (!ptTask)
         return;
     {
-        app::LockGuard guard(ptTask->hLock);
+        app::LockGuard guard(ptTask);
         if (!AdmitsTimers(ptTask, __func__))
             return;
         // The handler runs without the lock: meanwhile the task may go idle and end, and its
@@ -86,7 +85,7 @@ uint32_t AppTaskTimerGetRemainTime(HAppTimer hTimer)
     TAppTask *ptTask = FindTask(hTimer, __func__);
     if (!ptTask)
         return 0;
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     if (!AdmitsTimers(ptTask, __func__))
         return 0;
     const uint32_t dwPassed = app::ElapsedMs(hTimer->dwStartTick, AppGetTick());

@@ -9,27 +9,33 @@
 
 #include "appcore/containers.h"
 #include "appcore/task.h"
+#include "task/task.h"
 
 struct TAppTimerMgr {
-    HAppDoubleList hTimerList;     // running, in the order in which they were set
-    HAppDoubleList hIdleTimerList; // ended, in the order in which they ended
-    PFAppTaskHandler pfnHandler;   // for timers without their own
-    void *pvContext;
+    // Running, in the order in which they were set; ended, in the order in which they ended.
+    HAppDoubleList hTimerList APP_PT_GUARDED_BY(ptTask->hLock);
+    HAppDoubleList hIdleTimerList APP_PT_GUARDED_BY(ptTask->hLock);
+    PFAppTaskHandler pfnHandler APP_GUARDED_BY(ptTask->hLock); // for timers without their own
+    void *pvContext APP_GUARDED_BY(ptTask->hLock);
     TAppTask *ptTask;
     HAppMemPool hMemPool;
 
     // Of the run: see timer_run.cpp.
-    HAppDoubleListNode hNext; // where the walk goes on; moved when its node leaves the list
-    uint32_t dwRun;           // odd during a run
-    uint32_t dwRunTick;       // when the run began
-    uint32_t dwCheckTick;     // no timer is due before dwCheckWait ms after this tick
-    uint32_t dwCheckWait;
+    // Where the walk goes on; moved when its node leaves the list.
+    HAppDoubleListNode hNext APP_GUARDED_BY(ptTask->hLock);
+    uint32_t dwRun APP_GUARDED_BY(ptTask->hLock);     // odd during a run
+    uint32_t dwRunTick APP_GUARDED_BY(ptTask->hLock); // when the run began
+    // No timer is due before dwCheckWait ms after this tick.
+    uint32_t dwCheckTick APP_GUARDED_BY(ptTask->hLock);
+    uint32_t dwCheckWait APP_GUARDED_BY(ptTask->hLock);
 
-    HAppDoubleListNode hShown; // where a report goes on; moved like hNext
+    // Where a report goes on; moved like hNext.
+    HAppDoubleListNode hShown APP_GUARDED_BY(ptTask->hLock);
 };
 
 struct TAppTimer {
-    TAppTimerMgr *ptTimerMgr;     // for the record's life: a late cancel reads it without a lock
+    TAppTimerMgr *ptTimerMgr; // for the record's life: a late cancel reads it without a lock
+    // The rest is under the lock of the timer's task.
     HAppDoubleListNode hListNode; // null while in neither list
     PFAppTaskHandler pfnHandler;
     void *pvContext;
@@ -69,7 +75,8 @@ namespace app
 // of a handler.  `bRecord`: each becomes the task's last event.
 void CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord);
 // A timer has been set; see timer_run.cpp.
-void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout);
+void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock);
 // Takes a timer out of the running ones, its node kept.
 HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);
 

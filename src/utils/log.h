@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the library itself needs for its log lines: the threshold test in front of a call, and with
-// base/print.h the casts of their arguments.  The one header of this folder that the platform layer
-// below includes.
+// What the library itself needs for its log lines: the threshold test in front of a call, the line
+// of a result code, and with base/print.h the casts of the arguments.
 #ifndef APPCORE_UTILS_LOG_H
 #define APPCORE_UTILS_LOG_H
 
@@ -27,5 +26,9 @@ extern std::atomic<uint8_t> g_byAppLogNextChannel;
         if ((byLevel) <= app::Peek(g_byAppLogLevel[0]))                                            \
             AppLog(0, (byLevel), __VA_ARGS__);                                                     \
     } while (0)
+
+// Logs the failure of another operation: the format and its arguments, of which the last one, the
+// result code (%d), is added here.
+#define APP_LOG_RESULT(dwResult, ...) AppLog(0, APP_LOG_ERROR, __VA_ARGS__, app::Int(dwResult))
 
 #endif

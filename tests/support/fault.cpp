@@ -1,157 +1,103 @@
 // SPDX-License-Identifier: MIT
 #include "support/fault.h"
 
-#include <dirent.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <iconv.h>
 #include <ifaddrs.h>
 #include <mxml.h>
-#include <pthread.h>
-#include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <filesystem>
 #include <mutex>
+#include <string_view>
+#include <tuple>
+
+#include "cross_linux/cross_linux.h"
 
 namespace fault
 {
 
-struct Gate {
-    std::vector<Fn> fns;
-    unsigned nNth;
-    int nError;
-    unsigned nTimes;
-    Scope scope;
-    pthread_t tOwner;
-    std::function<void()> action;
-    unsigned nCalls = 0;
-    unsigned nHits = 0;
-    Fn last = Fn::malloc;
-};
-
-namespace
-{
-
-std::mutex s_mutex; // guards the gates
-std::vector<Gate *> s_gates;
-std::atomic<int> s_nGates{0}; // lets an unarmed call pass without the mutex
-std::atomic<long> s_nLiveBlocks{0};
-thread_local bool s_bInside = false; // the gates' own calls, and those of an action, pass
-
-bool Chooses(Gate &gate, Fn fn)
-{
-    if (std::find(gate.fns.begin(), gate.fns.end(), fn) == gate.fns.end() ||
-        (gate.scope == kThisThread && !pthread_equal(gate.tOwner, pthread_self())))
-        return false;
-    ++gate.nCalls;
-    const bool bChosen =
-        gate.nNth != 0 && gate.nCalls >= gate.nNth && gate.nCalls - gate.nNth < gate.nTimes;
-    gate.nHits += bChosen;
-    if (bChosen)
-        gate.last = fn;
-    return bChosen;
-}
-
-// 0: the call goes on.
-int PassGates(Fn fn)
-{
-    std::function<void()> action;
-    int nError = 0;
-    {
-        std::lock_guard<std::mutex> guard(s_mutex);
-        for (Gate *gate : s_gates)
-            if (Chooses(*gate, fn)) {
-                action = gate->action;
-                nError = gate->nError;
-            }
-    }
-    if (action)
-        action();
-    return nError;
-}
-
-int Hit(Fn fn)
-{
-    if (s_nGates.load(std::memory_order_relaxed) == 0 || s_bInside)
-        return 0;
-    const int nErrno = errno;
-    s_bInside = true;
-    const int nError = PassGates(fn);
-    s_bInside = false;
-    errno = nErrno;
-    return nError;
-}
-
-template <typename T>
-T WithErrno(int nError, T result)
-{
-    errno = nError;
-    return result;
-}
-
-template <typename T>
-T *CountBlock(T *pvBlock)
-{
-    if (pvBlock)
-        s_nLiveBlocks.fetch_add(1, std::memory_order_relaxed);
-    return pvBlock;
-}
-
-} // namespace
+static std::mutex s_mutex; // guards the gates
+static std::vector<Fail *> s_armed;
+static std::atomic<int> s_nArmed{0}; // lets an unarmed call pass without the mutex
+static std::atomic<long> s_nLiveBlocks{0};
+static thread_local bool s_bInside = false; // the gates' own calls, and those of an action, pass
 
 Fail::Fail(std::vector<Fn> fns, unsigned nNth, int nError, unsigned nTimes, Scope scope)
-    : m_gate(new Gate{std::move(fns), nNth, nError, nTimes, scope, pthread_self(), nullptr})
+    : m_fns(std::move(fns)), m_nNth(nNth), m_nTimes(nTimes), m_nError(nError), m_scope(scope),
+      m_tOwner(pthread_self())
 {
     std::lock_guard<std::mutex> guard(s_mutex);
-    s_gates.push_back(m_gate);
-    ++s_nGates;
+    s_armed.push_back(this);
+    ++s_nArmed;
 }
 
 Fail::~Fail()
 {
-    {
-        std::lock_guard<std::mutex> guard(s_mutex);
-        s_gates.erase(std::find(s_gates.begin(), s_gates.end(), m_gate));
-        --s_nGates;
-    }
-    delete m_gate;
+    std::lock_guard<std::mutex> guard(s_mutex);
+    s_armed.erase(std::find(s_armed.begin(), s_armed.end(), this));
+    --s_nArmed;
 }
 
 void Fail::Action(std::function<void()> action)
 {
     std::lock_guard<std::mutex> guard(s_mutex);
-    m_gate->action = std::move(action);
+    m_action = std::move(action);
 }
 
-unsigned Fail::Calls() const
+bool Fail::Chooses(Fn fn)
 {
-    std::lock_guard<std::mutex> guard(s_mutex);
-    return m_gate->nCalls;
+    if (std::find(m_fns.begin(), m_fns.end(), fn) == m_fns.end() ||
+        (m_scope == kThisThread && !pthread_equal(m_tOwner, pthread_self())))
+        return false;
+    const unsigned nCall = ++m_nCalls;
+    if (m_nNth == 0 || nCall < m_nNth || nCall - m_nNth >= m_nTimes)
+        return false;
+    ++m_nHits;
+    m_last = fn;
+    return true;
 }
 
-unsigned Fail::Hits() const
+// The error number; 0: the call goes on.
+int Hit(Fn fn)
 {
-    std::lock_guard<std::mutex> guard(s_mutex);
-    return m_gate->nHits;
+    if (s_nArmed.load(std::memory_order_relaxed) == 0 || s_bInside)
+        return 0;
+    const int nErrno = errno;
+    s_bInside = true;
+    std::function<void()> action;
+    int nError = 0;
+    std::unique_lock<std::mutex> lock(s_mutex);
+    for (Fail *fail : s_armed)
+        if (fail->Chooses(fn)) {
+            action = fail->m_action;
+            nError = fail->m_nError;
+        }
+    lock.unlock();
+    if (action)
+        action();
+    s_bInside = false;
+    errno = nErrno;
+    return nError;
 }
 
-Fn Fail::Last() const
-{
-    std::lock_guard<std::mutex> guard(s_mutex);
-    return m_gate->last;
-}
+static constexpr std::string_view kNames[] = {
+#define GATE(name, ...) #name,
+#include "support/fault_gates.h"
+#undef GATE
+};
 
 const char *Name(Fn fn)
 {
-#define APP_FAULT_ROW(name, ...) #name,
-    static const char *const s_aszName[] = {
-#include "support/fault_names.h"
-    };
-    return s_aszName[static_cast<size_t>(fn)];
+    return kNames[static_cast<size_t>(fn)].data();
 }
 
 long LiveBlocks()
@@ -161,96 +107,71 @@ long LiveBlocks()
 
 long OpenDescriptors()
 {
-    long nCount = 0;
-    DIR *ptDir = opendir("/proc/self/fd");
-    while (ptDir && readdir(ptDir))
-        ++nCount;
-    closedir(ptDir);
-    return nCount;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
+
+template <Fn fn, typename Real, typename First, typename... Rest>
+static auto Pass(Real pfnReal, First first, Rest... rest)
+{
+    constexpr bool bFresh = fn == Fn::malloc || fn == Fn::calloc || fn == Fn::strdup;
+    const int nError = Hit(fn);
+    if constexpr (fn == Fn::free) {
+        s_nLiveBlocks.fetch_sub(first != nullptr, std::memory_order_relaxed);
+        pfnReal(first);
+    } else if constexpr (kNames[static_cast<size_t>(fn)].substr(0, 8) == "pthread_") {
+        return nError ? nError : pfnReal(first, rest...);
+    } else {
+        using Result = decltype(pfnReal(first, rest...));
+        const auto failure =
+            Result(intptr_t{std::is_pointer_v<Result> && fn != Fn::iconv_open ? 0 : -1});
+        const Result result = nError ? failure : pfnReal(first, rest...);
+        if (nError)
+            errno = bFresh || fn == Fn::realloc || fn == Fn::vasprintf ? ENOMEM : nError;
+        if (result != failure && (bFresh || (fn == Fn::realloc && !first) || fn == Fn::vasprintf))
+            s_nLiveBlocks.fetch_add(1, std::memory_order_relaxed);
+        return result;
+    }
+}
+
+// What a function's type is made of.
+template <typename F>
+struct TSignature;
+template <typename R, typename... P>
+struct TSignature<R(P...)> {
+    using Result = R;
+    template <size_t n>
+    using Parameter = std::tuple_element_t<n, std::tuple<P...>>;
+};
+template <typename R, typename... P>
+struct TSignature<R(P...) noexcept> : TSignature<R(P...)> {
+};
+template <>
+struct TSignature<decltype(fcntl)> : TSignature<int(int, int, long)> {
+}; // the argument is at most one word
 
 } // namespace fault
 
-using fault::CountBlock;
-using fault::Fn;
-using fault::Hit;
-using fault::WithErrno;
-
-#define WRAP(type, name, params, args, failure)                                                    \
-    type __real_##name params;                                                                     \
-    type __wrap_##name params                                                                      \
+#define PARAMETER(name, n) fault::TSignature<decltype(name)>::Parameter<n> arg##n
+#define PARAMETERS_1(name) PARAMETER(name, 0)
+#define PARAMETERS_2(name) PARAMETERS_1(name), PARAMETER(name, 1)
+#define PARAMETERS_3(name) PARAMETERS_2(name), PARAMETER(name, 2)
+#define PARAMETERS_4(name) PARAMETERS_3(name), PARAMETER(name, 3)
+#define PARAMETERS_5(name) PARAMETERS_4(name), PARAMETER(name, 4)
+#define PARAMETERS_6(name) PARAMETERS_5(name), PARAMETER(name, 5)
+#define ARGUMENTS_1 arg0
+#define ARGUMENTS_2 ARGUMENTS_1, arg1
+#define ARGUMENTS_3 ARGUMENTS_2, arg2
+#define ARGUMENTS_4 ARGUMENTS_3, arg3
+#define ARGUMENTS_5 ARGUMENTS_4, arg4
+#define ARGUMENTS_6 ARGUMENTS_5, arg5
+#define GATE(name, n)                                                                              \
+    decltype(name) __real_##name;                                                                  \
+    fault::TSignature<decltype(name)>::Result __wrap_##name(PARAMETERS_##n(name))                  \
     {                                                                                              \
-        if (const int nError = Hit(Fn::name))                                                      \
-            return failure;                                                                        \
-        return __real_##name args;                                                                 \
+        return fault::Pass<fault::Fn::name>(__real_##name, ARGUMENTS_##n);                         \
     }
-#define OWN(name)
-#define ANY(name, type, params, args, failure) WRAP(type, name, params, args, failure)
-#define INT(name, params, args) WRAP(int, name, params, args, WithErrno(nError, -1))
-#define LEN(name, params, args) WRAP(ssize_t, name, params, args, WithErrno<ssize_t>(nError, -1))
-#define CODE(name, params, args) WRAP(int, name, params, args, nError)
-#define PTR(name, type, params, args)                                                              \
-    WRAP(type *, name, params, args, WithErrno<type *>(nError, nullptr))
 
+#pragma GCC diagnostic ignored "-Wignored-attributes" // a template's argument keeps none
 extern "C" {
-
-void *__real_malloc(size_t nSize);
-void *__wrap_malloc(size_t nSize)
-{
-    const int nError = Hit(Fn::malloc);
-    return nError ? WithErrno<void *>(ENOMEM, nullptr) : CountBlock(__real_malloc(nSize));
+#include "support/fault_gates.h"
 }
-
-void *__real_calloc(size_t nCount, size_t nSize);
-void *__wrap_calloc(size_t nCount, size_t nSize)
-{
-    const int nError = Hit(Fn::calloc);
-    return nError ? WithErrno<void *>(ENOMEM, nullptr) : CountBlock(__real_calloc(nCount, nSize));
-}
-
-void *__real_realloc(void *pvOld, size_t nSize);
-void *__wrap_realloc(void *pvOld, size_t nSize)
-{
-    if (Hit(Fn::realloc))
-        return WithErrno<void *>(ENOMEM, nullptr);
-    void *pvNew = __real_realloc(pvOld, nSize);
-    return pvOld ? pvNew : CountBlock(pvNew);
-}
-
-void __real_free(void *pvBlock);
-void __wrap_free(void *pvBlock)
-{
-    Hit(Fn::free);
-    if (pvBlock)
-        fault::s_nLiveBlocks.fetch_sub(1, std::memory_order_relaxed);
-    __real_free(pvBlock);
-}
-
-char *__real_strdup(const char *szText);
-char *__wrap_strdup(const char *szText)
-{
-    const int nError = Hit(Fn::strdup);
-    return nError ? WithErrno<char *>(ENOMEM, nullptr) : CountBlock(__real_strdup(szText));
-}
-
-int __real_vasprintf(char **pszText, const char *szFormat, va_list args);
-int __wrap_vasprintf(char **pszText, const char *szFormat, va_list args)
-{
-    if (Hit(Fn::vasprintf))
-        return WithErrno(ENOMEM, -1);
-    const int nLength = __real_vasprintf(pszText, szFormat, args);
-    if (nLength >= 0)
-        CountBlock(*pszText);
-    return nLength;
-}
-
-int __real_fcntl(int nFd, int nCommand, ...);
-int __wrap_fcntl(int nFd, int nCommand, long nArg) // the argument is at most one word
-{
-    const int nError = Hit(Fn::fcntl);
-    return nError ? WithErrno(nError, -1) : __real_fcntl(nFd, nCommand, nArg);
-}
-
-#include "support/fault_rows.h"
-
-} // extern "C"

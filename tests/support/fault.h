@@ -1,26 +1,28 @@
 // SPDX-License-Identifier: MIT
 //
-// Fault injection: the linker's --wrap puts a gate in front of the system functions of
-// fault_rows.h, for every call from the library and from the tests.  A gate does nothing until it is armed:
+// Fault injection: the linker's --wrap puts a gate in front of the functions that wrap.cmake lists,
+// for every call from the library and from the tests.  A gate does nothing until it is armed:
 //
 //   fault::Fail fail(fault::Fn::epoll_ctl, 1, EPERM);    // the first call of this thread fails
 //   … operation under test …
 //   EXPECT_EQ(fail.Hits(), 1u);                          // it ended here; disarmed at scope end
 //
 //   // A race, on order: `action` runs in front of the n-th call; with error 0 the call then goes
-//   on. fault::Fail race(fault::Fn::recvmsg, 1, 0); race.Action([&] { … });
+//   // on.
+//   fault::Fail race(fault::Fn::recvmsg, 1, 0); race.Action([&] { … });
 //
 // A failing call sets errno (or returns the error number, as the pthread functions do) and gives
 // the function's failure value: -1 or null; an allocation always gives ENOMEM.  Only the thread that
-// armed the gate is hit, unless fault::kEveryThread is given.  To add a function: a row in
-// fault_rows.h, and a pair in wrap.cmake when it has a variant for 64-bit times or file sizes.
+// armed the gate is hit, unless fault::kEveryThread is given.
 //
 // What Mini-XML allocates itself passes the gates of fault::kMemory too (mxml_memory.cpp).
 #ifndef APPCORE_TESTS_SUPPORT_FAULT_H
 #define APPCORE_TESTS_SUPPORT_FAULT_H
 
 #include <errno.h>
+#include <pthread.h>
 
+#include <atomic>
 #include <functional>
 #include <initializer_list>
 #include <vector>
@@ -29,8 +31,9 @@ namespace fault
 {
 
 enum class Fn {
-#define APP_FAULT_ROW(name, ...) name,
-#include "support/fault_names.h"
+#define GATE(name, ...) name,
+#include "support/fault_gates.h"
+#undef GATE
     kCount
 };
 
@@ -61,12 +64,22 @@ public:
 
     // Runs in front of each chosen call, in the calling thread and with the gates open.
     void Action(std::function<void()> action);
-    unsigned Calls() const; // calls seen
-    unsigned Hits() const;  // calls chosen
-    Fn Last() const;        // the function chosen last
+    unsigned Calls() const { return m_nCalls; } // calls seen
+    unsigned Hits() const { return m_nHits; }   // calls chosen
+    Fn Last() const { return m_last; }          // the function chosen last
 
 private:
-    struct Gate *m_gate;
+    friend int Hit(Fn fn);
+    bool Chooses(Fn fn);
+
+    const std::vector<Fn> m_fns;
+    const unsigned m_nNth, m_nTimes;
+    const int m_nError;
+    const Scope m_scope;
+    const pthread_t m_tOwner;
+    std::function<void()> m_action;
+    std::atomic<unsigned> m_nCalls{0}, m_nHits{0};
+    std::atomic<Fn> m_last{Fn::malloc};
 };
 
 // Blocks allocated and not freed by the library and the tests' own C calls.

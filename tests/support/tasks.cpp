@@ -67,7 +67,7 @@ void Manager::Destroy()
 
 uint32_t Manager::Idle() const
 {
-    app::LockGuard guard(m_hTaskMgr->hLock);
+    app::LockGuard guard(m_hTaskMgr);
     return m_hTaskMgr->hIdleTaskList->dwCurSize;
 }
 
@@ -90,7 +90,7 @@ static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvOnLook)
 
 void LookOften(HAppTask hTask, const std::function<void()> *pOnLook)
 {
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     HAppTimer hTimer = nullptr;
     EXPECT_CODE(APP_OK,
                 _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look,

@@ -188,7 +188,7 @@ public:
             m_bDone = true;
         });
         EXPECT_TRUE(WaitUntil([&] {
-            app::LockGuard guard(hTaskMgr->hLock);
+            app::LockGuard guard(hTaskMgr);
             return hTaskMgr->bQuit == 1;
         }));
     }

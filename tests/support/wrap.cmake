@@ -1,27 +1,28 @@
-# The functions that fault injection replaces: the rows of support/fault_rows.h.
-set(fault_rows_header ${CMAKE_CURRENT_LIST_DIR}/fault_rows.h)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${fault_rows_header})
-file(READ ${fault_rows_header} fault_rows)
-string(REGEX MATCHALL "\n[A-Z]+\\([a-zA-Z0-9_]+" APPCORE_WRAPPED "${fault_rows}")
-list(TRANSFORM APPCORE_WRAPPED REPLACE "\n[A-Z]+\\(" "")
-
-# On 32-bit machines the library calls some of them by the name of their variant for 64-bit times or
-# file sizes: the gate stands in front of that one.
-if(APPCORE_WIDE_DEFINITIONS)
-    set(fault_wide
-        pthread_mutex_timedlock:__pthread_mutex_timedlock64
-        pthread_mutex_clocklock:__pthread_mutex_clocklock64
-        pthread_cond_timedwait:__pthread_cond_timedwait64
-        clock_gettime:__clock_gettime64 gmtime_r:__gmtime64_r timegm:__timegm64
-        fopen:fopen64 ftruncate:ftruncate64 fcntl:__fcntl_time64
-        getsockopt:__getsockopt64 setsockopt:__setsockopt64
-        recvmsg:__recvmsg64)
-    foreach(pair ${fault_wide})
-        string(REGEX MATCH "(.+):(.+)" _ ${pair})
-        set(name ${CMAKE_MATCH_1})
-        set(wide ${CMAKE_MATCH_2})
-        list(TRANSFORM APPCORE_WRAPPED REPLACE "^${name}$" ${wide})
+# The functions that fault injection replaces: name, number of parameters, and the variant
+# for 64-bit times or file sizes that 32-bit machines call instead.
+set(fault_gates
+    free/1 fcntl/3/__fcntl_time64 malloc/1 calloc/2 realloc/2 strdup/1 vasprintf/3
+    pthread_create/4 pthread_attr_init/1 pthread_attr_setinheritsched/2
+    pthread_mutexattr_init/1 pthread_mutexattr_settype/2 pthread_mutex_init/2
+    pthread_mutex_timedlock/2/__pthread_mutex_timedlock64
+    pthread_mutex_clocklock/3/__pthread_mutex_clocklock64
+    pthread_condattr_init/1 pthread_condattr_setclock/2 pthread_cond_init/2 pthread_cond_signal/1
+    pthread_cond_timedwait/3/__pthread_cond_timedwait64
+    clock_gettime/2/__clock_gettime64 gmtime_r/2/__gmtime64_r timegm/1/__timegm64
+    fopen/2/fopen64 fdopen/2 writev/3 ftruncate/2/ftruncate64 rename/2
+    socket/3 bind/3 connect/3 setsockopt/5/__setsockopt64 getsockname/3 getpeername/3
+    epoll_create1/1 epoll_ctl/4 epoll_wait/4 recv/4 recvmsg/3/__recvmsg64 send/4 sendto/6
+    inet_pton/3 inet_ntop/4 getifaddrs/1 iconv_open/2 iconv/5
+    mxmlGetOpaque/1 mxmlGetCDATA/1 _AppVsnprintf/4)
+foreach(gate ${fault_gates})
+    string(REPLACE "/" ";" gate ${gate})
+    list(POP_FRONT gate name parameters wide)
+    string(APPEND gates_text "GATE(${name}, ${parameters})\n")
+    if(wide AND APPCORE_WIDE_DEFINITIONS)
         list(APPEND fault_names __real_${name}=__real_${wide} __wrap_${name}=__wrap_${wide})
-    endforeach()
-    set_source_files_properties(support/fault.cpp PROPERTIES COMPILE_DEFINITIONS "${fault_names}")
-endif()
+        set(name ${wide})
+    endif()
+    list(APPEND APPCORE_WRAPPED -Wl,--wrap=${name})
+endforeach()
+file(CONFIGURE OUTPUT support/fault_gates.h CONTENT "${gates_text}" @ONLY)
+set_source_files_properties(support/fault.cpp PROPERTIES COMPILE_DEFINITIONS "${fault_names}")

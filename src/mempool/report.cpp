@@ -15,9 +15,10 @@ struct PoolFigures {
 };
 
 // Without the lock the figures may not fit together, but only counters are read: still safe.
-PoolFigures ReadPool(HAppMemPool hMemPool)
+PoolFigures ReadPool(HAppMemPool hMemPool) APP_NO_ANALYSIS
 {
-    app::LockGuard guard(hMemPool->hLock, kLockWaitMs);
+    app::TimedLockGuard guard(hMemPool);
+    guard.TakeByTime(kLockWaitMs);
     return {app::PeekCounter(hMemPool->dwCurSize), app::ReadEngine(hMemPool->ptImpl)};
 }
 } // namespace

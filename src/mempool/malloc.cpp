@@ -11,8 +11,10 @@
 namespace
 {
 
+// The front counts what callers ask for; headers and rounding are the engine's account.
 constexpr uint32_t kHead = sizeof(TAppMemPoolHead);
-// With both headers a larger request would pass 32 bits.
+// With both headers a larger request would pass 32 bits.  The heap alone could serve more on 64-bit
+// machines, but the limit is the same everywhere.
 constexpr uint32_t kLargest = UINT32_MAX - kHead - sizeof(TAppMemBlockHead);
 
 void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
@@ -36,8 +38,8 @@ void *MallocFromHeap(uint32_t dwSize, const char *szOp)
     return Finish(ptHead, nullptr, dwSize);
 }
 
-// Under the pool's lock.  The sum must stay strictly below the limit.
-bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize)
+// The sum must stay strictly below the limit.
+bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLock)
 {
     if (dwSize > kLargest)
         return true;
@@ -49,7 +51,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 {
     TAppMemPoolHead *ptHead;
     {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         if (IsFull(hMemPool, dwSize)) {
             AppLog(0, APP_LOG_ERROR,
                    "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
@@ -68,6 +70,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
                   app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
                   app::Ul(dwSize));
     }
+    // Nobody else knows the block yet: what is written into cold memory need not hold up the others.
     return Finish(ptHead, hMemPool, dwSize);
 }
 
@@ -100,9 +103,10 @@ void AppMemPoolFree(void *pvData)
     TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
     if (!ptHead)
         return;
+    // Copied: as soon as the engine has the block back, its next owner may write the header.
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
         app::SetCounter(hMemPool->dwCurSize,
                         hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
@@ -126,18 +130,12 @@ void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
         return nullptr;
     if (ptHead->dwSize >= dwSize)
         return pvData;
+    // Always a new block, also where the old one's class has room left: the pool given need not be
+    // the block's own, and the accounts know a block by the size that it was asked for.
     void *pvGrown = AppMemPoolMalloc(hMemPool, dwSize);
     if (!pvGrown)
         return nullptr;
     AppMemcpy(pvGrown, pvData, ptHead->dwSize);
     AppMemPoolFree(pvData);
     return pvGrown;
-}
-
-char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
-{
-    if (dwSize == 0 || !szSrc || !*szSrc)
-        return nullptr;
-    // AppStrncpy fills the rest of the block with zeros.
-    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
 }

@@ -37,6 +37,7 @@ void app::ShowEngine(ReportWriter &writer, const EngineFigures &figures)
             writer.Line("[%2lu] OffList count=%lu blocksize=%lu size=%lu\n", Ul(k), Ul(dwOff),
                         Ul(dwBlockSize), Ul(dwOff * dwBlockSize));
     }
+    // What the lists do not account for.  May wrap in a report that did not get the pool's lock.
     writer.Line("[malloc/free]count=%lu size=%lu\n", Ul(figures.dwOnWorkCount - dwOnCount),
                 Ul(figures.dwOnWorkSize - dwOnSize));
     writer.Line("MEMPOOL %p OnWorkCount=%lu OnWorkSize=%lu TotalSize=%lu IdleSize=%lu\n",
