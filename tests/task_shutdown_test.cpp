@@ -13,7 +13,6 @@
 #include "utils/log.h"
 #include "utils/queue.h"
 
-using fault::Fn;
 using test::Arg;
 using test::Destroyer;
 using test::Diary;
@@ -47,34 +46,10 @@ uint32_t StateOf(HAppTask hTask)
 
 // ---- Forced windows ---------------------------------------------------------------------------
 
-// The destruction begins while the go-idle handler is in one of its notices.
-TEST_F(TaskShutdown, GoingIdleKeepsTheRequest)
-{
-    for (const uint32_t dwNotice :
-         {APP_TASK_EVENT_TIMER_CANCEL, APP_TASK_EVENT_DROP, APP_TASK_EVENT_STOP}) {
-        SCOPED_TRACE(dwNotice);
-        Door start, door;
-        Diary first([&](const Diary::Call &) { start.Pass(); });
-        Diary diary([&](const Diary::Call &call) {
-            if (call.dwType == dwNotice)
-                door.Pass();
-        });
-        Manager manager;
-        HAppTask hTask = manager.New(diary);
-        AppTaskSetTimer(hTask, 99999, nullptr, nullptr);
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, nullptr, Diary::Handle, &first));
-        start.AwaitVisitor();
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
-        EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
-        start.Open();
-        DestroyBeside(door, manager);
-        EXPECT_EQ(diary.Text(), "cancel, drop 1, stop");
-    }
-}
-
-// An idle task whose thread has decided to end, but has not come to carry it out, is not handed out
-// any more; and it is waited for like any other.
-TEST_F(TaskShutdown, ATaskThatHasChosenToEnd)
+// A task goes idle by its own time-out, is handed out, goes idle again, and ends when nobody takes it.
+// From when its thread has decided so, but has not come to carry it out, it is not handed out any
+// more; and it is waited for like any other.
+TEST_F(TaskShutdown, TimeOutsEndEveryLifeOfATask)
 {
     Door door;
     HAppTask hEnding = nullptr;
@@ -82,13 +57,21 @@ TEST_F(TaskShutdown, ATaskThatHasChosenToEnd)
         if (StateOf(hEnding) == APP_TASK_STATE_TERMINATE)
             door.Pass();
     };
-    Diary diary, last([&](const Diary::Call &call) { test::LookOften(call.hTask, &stall); });
+    Diary diary, lives([&](const Diary::Call &call) {
+        if (call.pvArg == Arg(1)) // lets it look at its time-out
+            AppTaskSetTimer(call.hTask, 10, Diary::Handle, &diary);
+        else if (lives.Calls().size() > 1)
+            test::LookOften(call.hTask, &stall);
+    });
     Manager manager(8, 10);
+    hEnding = manager.New(lives, {"t", 9, 1});
+    EXPECT_TRUE(test::WaitUntil([&] { return manager.Idle() == 1; }));
+    EXPECT_EQ(manager.New(lives, {"t", 9, 1}), hEnding);
     HAppTask hParked = manager.New(diary);
-    hEnding = manager.New(last);
     manager.Park(hParked);
-    EXPECT_CODE(APP_OK, AppTaskTerminate(hEnding));
+    EXPECT_CODE(APP_OK, AppTaskSendEvent(hEnding, Arg(1), nullptr, nullptr));
     door.AwaitVisitor();
+    EXPECT_EQ(lives.Text(), "stop, user 1, stop");
     EXPECT_EQ(hEnding->hListNode, manager.Get()->hIdleTaskList->ptTail);
     EXPECT_EQ(manager.New(diary), hParked);
     EXPECT_NE(manager.New(diary), hEnding);
@@ -199,35 +182,17 @@ TEST_F(TaskShutdown, ASendOnItsWayKeepsTheRecord)
         return hTask->hEventQueue->dwSleepers == 1;
     }));
     Door door;
-    std::thread sender([&] {
-        fault::Fail stall(Fn::pthread_cond_signal, 1, 0);
-        stall.Action([&] { door.Pass(); });
-        EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
+    g_byAppLogLevel[0] = APP_LOG_DEBUG;
+    log.OnLine([&](const std::string &line) { // printed when the task's lock has been given
+        if (line.find("_AppTaskSendEvent: task") != std::string::npos)
+            door.Pass();
     });
+    std::thread sender(
+        [&] { EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr)); });
     DestroyBeside(door, manager);
     sender.join();
+    log.OnLine(nullptr);
     EXPECT_EQ(diary.Text(), "user 1");
-}
-
-// The report, slow as its callback may be, comes to a task that is going idle and needs the manager's
-// lock: neither do the two meet, nor are those who send to that task kept waiting.
-TEST_F(TaskShutdown, AReportPassesATaskThatGoesIdle)
-{
-    Diary diary;
-    Manager manager;
-    HAppTask hTask = manager.New(diary);
-    Diary callback([&](const Diary::Call &) {
-        if (diary.Text() != "")
-            return;
-        EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
-        diary.Await("stop");
-        AppDelay(20); // until it has come to the lock
-        EXPECT_CODE(APP_INVALID_ARG, AppTaskSendEvent(hTask, nullptr, nullptr, nullptr));
-    });
-    AppTaskMgrShow(
-        manager.Get(), [](const char *, void *pv) { Diary::Handle(nullptr, 0, nullptr, pv); },
-        &callback);
-    EXPECT_TRUE(test::WaitUntil([&] { return manager.Idle() == 1; }));
 }
 
 // ---- Many rounds ------------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <random>
 
@@ -120,25 +121,6 @@ TEST_F(TaskTest, ReusesTheTaskThatWasParkedLast)
     EXPECT_EQ(hFirst->szTaskName, nullptr);
 }
 
-// Idle by its own time-out, handed out, idle again, and gone when nobody takes it.
-TEST_F(TaskTest, TimeOutsEndEveryLifeOfATask)
-{
-    std::atomic<int> nLives{0};
-    Diary lives([&](const Diary::Call &call) {
-        if (call.dwType == APP_TASK_EVENT_USER) // lets it look at its time-out
-            AppTaskSetTimer(call.hTask, 10, Diary::Handle, &own);
-        if (call.dwType == APP_TASK_EVENT_STOP && ++nLives == 2)
-            test::LookOften(call.hTask);
-    });
-    Manager hasty(4, 10);
-    HAppTask hTask = hasty.New(lives, {"t", 9, 1});
-    EXPECT_TRUE(test::WaitUntil([&] { return hasty.Idle() == 1; }));
-    EXPECT_EQ(hasty.New(lives, {"t", 9, 1}), hTask);
-    Send(hTask, 2);
-    lives.Await("stop, user 2, stop");
-    EXPECT_TRUE(test::WaitUntil([&] { return hasty.Idle() == 0; }));
-}
-
 // ---- Events -----------------------------------------------------------------------------------
 
 // A sender that cannot have the task's lock neither looks at the state nor queues.
@@ -235,7 +217,11 @@ TEST_F(TaskTest, LinesArePrintedAfterTheLocks)
 {
     test::Watchdog watchdog;
     g_byAppLogLevel[0] = APP_LOG_DEBUG;
-    Diary logs;
+    Diary logs([&](const Diary::Call &call) { // a handler's line follows those before its call
+        const std::string line =
+            Text("[DEBUG] _AppTaskGoForIdleHandler: task %p go on state IDLE\n", Ptr(call.hTask));
+        EXPECT_EQ(log.Count(line), call.dwType == APP_TASK_EVENT_STOP ? 1u : 0u);
+    });
     Manager full(3, 0, 1 << 20);
     Busy busy(full.New(logs, {"busy", 1}));
     HAppTask hParked = full.New(logs);
@@ -311,9 +297,9 @@ public:
 private:
     void Set(uint32_t dwTick)
     {
+        m_dwTick = dwTick == 0xFFFFFFFF ? 0 : dwTick; // for which there is no errno
         m_fail.reset();
-        m_fail.emplace(Fn::clock_gettime, 1, static_cast<int>(~dwTick), 1u << 30);
-        m_dwTick = dwTick;
+        m_fail.emplace(Fn::clock_gettime, 1, static_cast<int>(~m_dwTick), 1u << 30);
     }
     uint32_t m_dwTick = 0;
     std::optional<fault::Fail> m_fail;
@@ -325,7 +311,7 @@ private:
 class TimerModel
 {
 public:
-    explicit TimerModel(unsigned nSeed) : m_random(nSeed), m_clock(AppGetTick() - 1000000)
+    explicit TimerModel(unsigned nSeed) : m_random(nSeed), m_clock(0xFFFFFFFF - nSeed * 20)
     {
         for (unsigned n = Pick(50); n > 0; --n)
             Set(99999);
@@ -543,7 +529,7 @@ TEST_F(TaskTest, ShowsTasksTimersAndPools)
     Busy busy(shown.New(diary, {"busy", 7, 5000}), Arg(77));
     HAppTask hBusy = busy.hTask, hIdle = shown.New(diary, {"idle"});
     shown.Park(hIdle);
-    std::optional<Clock> clock(AppGetTick() - 1000);
+    std::optional<Clock> clock(1000);
     HAppTimer hTimer = AppTaskSetTimer(hBusy, 50, nullptr, nullptr);
     clock->Pass(70);
     Send(hBusy, 1);
@@ -588,24 +574,30 @@ TEST_F(TaskTest, ShowsTasksTimersAndPools)
     EXPECT_EQ(pieces[1], Text("\nTaskMgr(%p) is busy, no details\n", Ptr(shown.Get())));
 }
 
-// A slow callback holds up nobody who sends to the task whose timers it shows, nor who cancels them,
-// be it those where it goes on.
+// A slow callback holds up nobody: not those who send to the task whose timers it shows, nor who
+// cancel them, be it those where it goes on; nor those who send to a task that is going idle and
+// waits for the manager's lock.
 TEST_F(TaskTest, AReportsCallbackRunsWithoutATasksLock)
 {
     Busy busy(manager.New(diary));
+    HAppTask hTask = manager.New(own);
     std::vector<HAppTimer> timers;
     for (int i = 0; i < 100; ++i)
         timers.push_back(AppTaskSetTimer(busy.hTask, 99999, nullptr, nullptr));
-    std::string report;
-    log.Clear();
+    Pieces pieces;
     Diary callback([&](const Diary::Call &call) {
         EXPECT_CODE(APP_OK, AppTaskSendEvent(busy.hTask, nullptr, nullptr, nullptr));
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: its own line\n", "AppTask"); // printed at once
-        EXPECT_EQ(log.Lines().size(), callback.Calls().size());
-        const char *szText = static_cast<const char *>(call.pvArg);
-        if (report.find("Timer(0x") == std::string::npos && strstr(szText, "Timer(0x"))
+        pieces.push_back(static_cast<const char *>(call.pvArg));
+        EXPECT_EQ(log.Count("[ERROR] AppTask: its own line\n"), pieces.size());
+        if (pieces.size() == 1) {
+            EXPECT_CODE(APP_OK, AppTaskTerminate(hTask));
+            own.Await("stop");
+            AppDelay(20); // until it has come to the lock
+            EXPECT_NE(APP_OK, AppTaskSendEvent(hTask, nullptr, nullptr, nullptr));
+        } else if (strstr(pieces.back().c_str(), " Timer(0x")) {
             std::for_each(timers.begin() + 30, timers.end(), AppTaskCancelTimer);
-        report += szText;
+        }
     });
     AppTaskMgrShow(
         manager.Get(),
@@ -613,9 +605,12 @@ TEST_F(TaskTest, AReportsCallbackRunsWithoutATasksLock)
             Diary::Handle(nullptr, 0, const_cast<char *>(szText), pv);
         },
         &callback);
+    const std::string report = std::accumulate(pieces.begin(), pieces.end(), std::string());
     for (size_t i : {0u, 29u, 40u})
         EXPECT_EQ(report.find(Text(" Timer(%p)", Ptr(timers[i]))) != std::string::npos, i < 30);
+    EXPECT_NE(report.find(" IDLE Timeout(0ms)"), std::string::npos);
     busy.Go();
+    EXPECT_TRUE(test::WaitUntil([&] { return manager.Idle() == 1; }));
 }
 
 // ---- Faults -----------------------------------------------------------------------------------
