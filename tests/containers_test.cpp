@@ -264,6 +264,12 @@ TEST(Checks, FindWhatIsBroken)
     void *pvData = AppMemPoolMalloc(hPool, 1);
     AppMemPoolFree(pvData);
     EXPECT_DEATH(AppMemPoolFree(pvData), "_AppFree: the block has been released before");
+    {
+        app::LockGuard inner(hPool);
+        queue.hLock = list.hLock = reinterpret_cast<HAppLock>(&node); // never looked at
+        EXPECT_DEATH(app::LockGuard outer(&queue), "a lock is taken out of order");
+        EXPECT_DEATH(app::AssertHeld(&list), "the lock is not held");
+    }
     ++hPool->ptImpl->dwTotalSize;
     EXPECT_DEATH(AppMemPoolMalloc(hPool, 1), "the engine's totals do not add up");
     AppMemPoolDestroy(hPool);
