@@ -4,6 +4,8 @@ target_compile_options(appcore_flags INTERFACE
     -Wall -Wextra -Wformat=2 -Wconversion -Wshadow $<$<BOOL:${APPCORE_WERROR}>:-Werror>
     # GCC's -Wconversion leaves signs alone in C++; so does ours with clang.
     $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
+    # Which lock guards what: src/base/thread_safety.h.
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     -fno-semantic-interposition -fstack-protector-strong
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
 # A log line's buffer is larger than the guard page below a thread's stack: without this a stack

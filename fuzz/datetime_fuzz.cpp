@@ -7,10 +7,7 @@
 #include <time.h>
 
 #include "appcore/convert.h"
-#include "appcore/host.h"
 #include "fuzz.h"
-
-APP_FUZZ_SILENT_CONSOLE
 
 namespace
 {
@@ -24,6 +21,7 @@ struct TRead {
 };
 
 constexpr int32_t kUntouched = 123456;
+Fence s_text;
 
 uint32_t OracleTime(const int (&anField)[6])
 {
@@ -78,22 +76,79 @@ TRead Oracle(const char *szText)
     return read;
 }
 
-void CheckWriter(const TRead &read, uint32_t dwSize)
+// The text by the definition; empty for a fraction that is none.
+std::string OracleText(uint32_t dwTime, uint32_t bHasZone, const uint32_t *pdwMs,
+                       const int32_t *pnZoneMin)
 {
-    const int32_t nZoneMin = read.nZoneMin == kUntouched ? 0 : read.nZoneMin;
-    char achText[64];
-    memset(achText, '#', sizeof(achText));
-    const uint32_t dwResult = AppConvertU322XsdDatetime(read.dwTime, read.bHasZone, &read.dwMs,
-                                                        &nZoneMin, achText, dwSize);
-    Require(achText[dwSize] == '#');
-    // Offsets of 100 hours and more are written, but their hours are read as two digits.
-    if (dwResult != APP_OK || abs(nZoneMin) >= 6000)
-        return;
+    const time_t nTime = static_cast<int32_t>(dwTime);
+    struct tm tTime;
+    gmtime_r(&nTime, &tTime);
+    char achText[32];
+    std::string text(achText, strftime(achText, sizeof(achText), "%Y-%m-%dT%H:%M:%S", &tTime));
+    if (pdwMs)
+        text += Printed(".%03d", static_cast<int>(*pdwMs));
+    const long long qnZone = pnZoneMin ? *pnZoneMin : 0;
+    if (bHasZone && qnZone == 0)
+        text += "Z";
+    else if (bHasZone)
+        text += Printed("%c%02lld:%02lld", qnZone < 0 ? '-' : '+', llabs(qnZone) / 60,
+                        llabs(qnZone) % 60);
+    return text;
+}
+
+void CheckReadingBack(const std::string &text, uint32_t dwTime, uint32_t bHasZone, uint32_t dwMs,
+                      int32_t nZoneMin)
+{
     TRead again = {true, 0, 0, 0, 0};
-    Require(AppConvertXsdDatetime2U32(achText, &again.dwTime, &again.bHasZone, &again.dwMs,
+    Require(AppConvertXsdDatetime2U32(text.c_str(), &again.dwTime, &again.bHasZone, &again.dwMs,
                                       &again.nZoneMin) == APP_OK);
-    Require(again.dwTime == read.dwTime && again.dwMs == read.dwMs &&
-            again.bHasZone == read.bHasZone && (!read.bHasZone || again.nZoneMin == nZoneMin));
+    Require(again.dwTime == dwTime && again.dwMs == dwMs && again.bHasZone == bHasZone);
+    Require(again.nZoneMin == (bHasZone ? nZoneMin : 0));
+}
+
+// Any of the optional values may be missing.
+void CheckWriter(uint32_t dwTime, uint32_t bHasZone, const uint32_t *pdwMs,
+                 const int32_t *pnZoneMin, uint32_t dwSize)
+{
+    const std::string wanted = OracleText(dwTime, bHasZone, pdwMs, pnZoneMin);
+    char *szText = s_text.Place(dwSize);
+    const uint32_t dwResult =
+        AppConvertU322XsdDatetime(dwTime, bHasZone, pdwMs, pnZoneMin, szText, dwSize);
+    const bool bBadMs = pdwMs && *pdwMs >= 1000 && dwSize > 19; // date and time come first
+    if (dwSize == 0 || bBadMs)
+        Require(dwResult == APP_INVALID_ARG);
+    else
+        Require(dwResult == (wanted.size() < dwSize ? APP_OK : APP_BUFFER_TOO_SMALL));
+    if (dwResult != APP_OK)
+        return;
+    Require(szText == wanted);
+    const int32_t nZoneMin = pnZoneMin ? *pnZoneMin : 0;
+    // Offsets of 100 hours and more are written, but their hours are read as two digits.
+    if (nZoneMin > -6000 && nZoneMin < 6000)
+        CheckReadingBack(wanted, dwTime, bHasZone ? 1 : 0, pdwMs ? *pdwMs : 0, nZoneMin);
+}
+
+void CheckEveryWriter(uint32_t dwTime, uint32_t bHasZone, uint32_t dwMs, int32_t nZoneMin,
+                      uint32_t dwSize)
+{
+    for (const uint32_t *pdwMs : {&dwMs, static_cast<uint32_t *>(nullptr)})
+        for (const int32_t *pnZoneMin : {&nZoneMin, static_cast<int32_t *>(nullptr)})
+            CheckWriter(dwTime, bHasZone, pdwMs, pnZoneMin, dwSize);
+}
+
+// A record of any fields, and the record of any time.
+void CheckRecords(Parts parts)
+{
+    const auto wYear = static_cast<uint16_t>(parts.Byte() % 4 ? 1900 + parts.Byte() : parts.Word());
+    const TAppTime time = {wYear,        parts.Byte(), parts.Byte(), parts.Byte(),
+                           parts.Byte(), parts.Byte(), parts.Word()};
+    Require(AppConvertTimeToU32(&time) == OracleTime({time.wYear, time.byMonth, time.byDay,
+                                                      time.byHour, time.byMinute, time.bySecond}));
+    const uint32_t dwTime = parts.Number();
+    TAppTime again;
+    memset(&again, 0xA5, sizeof(again));
+    Require(AppConvertU32ToTime(dwTime, &again) == APP_OK && again.dwMs == 0);
+    Require(AppConvertTimeToU32(&again) == dwTime);
 }
 
 } // namespace
@@ -102,15 +157,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
 {
     const std::string text = AsText(pbyData, nSize);
     const TRead wanted = Oracle(text.c_str());
-    TRead read = {true, 0, 0, 0, kUntouched};
+    TRead read = {true, kUntouched, kUntouched, kUntouched, kUntouched};
     const uint32_t dwResult = AppConvertXsdDatetime2U32(text.c_str(), &read.dwTime, &read.bHasZone,
                                                         &read.dwMs, &read.nZoneMin);
     Require(dwResult == (wanted.bValid ? APP_OK : APP_INVALID_ARG));
-    if (!wanted.bValid)
-        return 0;
-    Require(read.dwTime == wanted.dwTime && read.bHasZone == wanted.bHasZone &&
-            read.dwMs == wanted.dwMs && read.nZoneMin == wanted.nZoneMin);
-    CheckWriter(read, 60);
-    CheckWriter(read, static_cast<uint32_t>(nSize % 40));
+    Require(dwResult ==
+            AppConvertXsdDatetime2U32(text.c_str(), nullptr, nullptr, nullptr, nullptr));
+    const TRead kept = {true, kUntouched, kUntouched, kUntouched, kUntouched};
+    const TRead &told = wanted.bValid ? wanted : kept;
+    Require(read.dwTime == told.dwTime && read.bHasZone == told.bHasZone &&
+            read.dwMs == told.dwMs && read.nZoneMin == told.nZoneMin);
+    if (wanted.bValid)
+        CheckEveryWriter(read.dwTime, read.bHasZone, read.dwMs, read.nZoneMin, 60);
+    Parts parts(pbyData, nSize);
+    const uint32_t dwTime = parts.Number(), bHasZone = parts.Byte() % 3, dwMs = parts.Number();
+    const auto nZoneMin = static_cast<int32_t>(parts.Number());
+    CheckEveryWriter(dwTime, bHasZone, dwMs % 1024, nZoneMin % 6000, 60);
+    CheckEveryWriter(dwTime, bHasZone, dwMs % 1024, nZoneMin, parts.Byte() % 45);
+    CheckRecords(parts);
+    Require(TakeLines() == 0);
     return 0;
 }

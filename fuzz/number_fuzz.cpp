@@ -4,56 +4,53 @@
 // failure exactly where the library's own rules ask for one.
 #include <errno.h>
 #include <math.h>
-#include <string.h>
 
 #include "appcore/convert.h"
-#include "appcore/host.h"
 #include "fuzz.h"
+#include "number_oracle.h"
 
-APP_FUZZ_SILENT_CONSOLE
-
-static void CheckS32(const std::string &text)
+template <typename T>
+static void CheckInteger(T (*pfnRead)(const char *, uint32_t *), const std::string &text,
+                         std::optional<T> wanted)
 {
     uint32_t bErr = 7;
-    const int32_t nValue = AppConvertStrtoS32(text.c_str(), &bErr);
-    const long long qnOracle = strtoll(text.c_str(), nullptr, 10);
-    const bool bInside = qnOracle > INT32_MIN && qnOracle < INT32_MAX;
-    if (bInside || text == "2147483647" || text == "-2147483648")
-        Require(bErr == 0 && nValue == qnOracle);
-    else
-        Require(bErr == 1 && nValue == 0);
+    Require(pfnRead(text.c_str(), &bErr) == wanted.value_or(0) && bErr == (wanted ? 0u : 1u));
+    Require(pfnRead(text.c_str(), nullptr) == wanted.value_or(0));
+    bErr = 7;
+    Require(pfnRead(nullptr, &bErr) == 0 && bErr == 0);
+    Require(TakeLines() == 0);
 }
 
-static void CheckUnsigned(const std::string &text)
-{
-    errno = 0;
-    const unsigned long long qwOracle = strtoull(text.c_str(), nullptr, 10);
-    const bool bRange = errno == ERANGE;
-    const bool bMinus = text.find('-') != std::string::npos;
-    uint32_t bErr = 7;
-    const uint32_t dwValue = AppConvertStrtoU32(text.c_str(), &bErr);
-    const bool bRefused = bMinus || (qwOracle >= UINT32_MAX && text != "4294967295");
-    Require(bErr == (bRefused ? 1u : 0u) && dwValue == (bRefused ? 0 : qwOracle));
-    const uint64_t qwValue = AppConvertStrtoU64(text.c_str(), &bErr);
-    Require(bErr == (bMinus || bRange ? 1u : 0u) && qwValue == (bErr ? 0 : qwOracle));
-}
-
-static void CheckDouble(const std::string &text)
+// A failure keeps the value and logs where the number ended and why it is none.
+template <typename T>
+static void CheckReal(const char *szOp, T (*pfnRead)(const char *, uint32_t *),
+                      T (*pfnOracle)(const char *, char **), const char *szText)
 {
     char *szEnd = nullptr;
     errno = 0;
-    const double dOracle = strtod(text.c_str(), &szEnd);
-    const bool bFails = szEnd == text.c_str() || errno == ERANGE;
+    const T oracle = pfnOracle(szText, &szEnd);
+    const int nError = errno;
+    const bool bFails = szEnd == szText || nError == ERANGE;
     uint32_t bErr = 7;
-    const double dValue = AppConvertStrtoDouble(text.c_str(), &bErr);
-    Require(bErr == (bFails ? 1u : 0u) && (dValue == dOracle || (isnan(dValue) && isnan(dOracle))));
+    errno = ERANGE; // an old error must not count
+    const T value = pfnRead(szText, &bErr);
+    Require(bErr == (bFails ? 1u : 0u) && (value == oracle || (isnan(value) && isnan(oracle))));
+    Require(TakeLines() == bErr);
+    const std::string line =
+        Printed("[ERROR] %s: szStr %p, szEndPtr %p, errno %d, ERANGE 34\n", szOp,
+                static_cast<const void *>(szText), static_cast<void *>(szEnd), nError);
+    Require(!bFails || g_line == line);
+    bErr = 7;
+    Require(pfnRead(nullptr, &bErr) == 0 && bErr == 0 && TakeLines() == 0);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
 {
     const std::string text = AsText(pbyData, nSize);
-    CheckS32(text);
-    CheckUnsigned(text);
-    CheckDouble(text);
+    CheckInteger(AppConvertStrtoS32, text, OracleS32(text));
+    CheckInteger(AppConvertStrtoU32, text, OracleU32(text));
+    CheckInteger(AppConvertStrtoU64, text, OracleU64(text));
+    CheckReal("AppConvertStrtoFloat", AppConvertStrtoFloat, strtof, text.c_str());
+    CheckReal("AppConvertStrtoDouble", AppConvertStrtoDouble, strtod, text.c_str());
     return 0;
 }

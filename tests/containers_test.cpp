@@ -3,10 +3,9 @@
 #include <array>
 #include <map>
 #include <random>
-#include <thread>
-#include <utility>
 
 #include "appcore/appcore.h"
+#include "mempool/mempool.h"
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
@@ -15,257 +14,157 @@
 #include "utils/queue.h"
 
 using fault::Fn;
-using test::LogCapture;
-using test::Text;
-
-namespace
-{
 
 // Elements are letters.
-void *El(int ch)
+static void *El(int ch)
 {
     return reinterpret_cast<void *>(static_cast<uintptr_t>(ch));
 }
 
-char Letter(const void *pvData)
+static char Letter(const void *pvData)
 {
     return static_cast<char>(reinterpret_cast<uintptr_t>(pvData));
 }
 
-void Note(void *pvData, void *pvContext)
+static void Note(void *pvData, void *pvContext)
 {
     *static_cast<std::string *>(pvContext) += Letter(pvData);
 }
 
-std::string Walk(HAppDoubleList hList)
-{
-    EXPECT_TRUE(app::ListIsValid(hList));
-    std::string text;
-    for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext)
-        text += Letter(hNode->pvData);
-    return text;
-}
-
-HAppDoubleList CreateList(uint32_t dwMaxSize = 0, uint32_t bLock = 0)
-{
-    HAppDoubleList hList = nullptr;
-    EXPECT_CODE(APP_OK, AppDoubleListCreate(nullptr, dwMaxSize, bLock, &hList));
-    return hList;
-}
-
-HAppQueue CreateQueue(uint32_t dwMaxSize = 100, uint32_t bLock = 1)
+static HAppQueue CreateQueue(uint32_t dwMaxSize = 100, uint32_t bLock = 1)
 {
     HAppQueue hQueue = nullptr;
     EXPECT_CODE(APP_OK, AppQueueCreate(nullptr, dwMaxSize, bLock, &hQueue));
+    EXPECT_EQ(hQueue->hLock != nullptr, bLock == 1);
     return hQueue;
 }
 
-uint32_t Sleepers(HAppQueue hQueue)
-{
-    app::LockGuard guard(hQueue->hLock);
-    return hQueue->dwSleepers;
-}
-
-// Size, maximum, top mark.
-void ExpectMarks(HAppQueue hQueue, uint32_t dwSize, uint32_t dwMax, uint32_t dwTop)
-{
-    EXPECT_EQ(AppQueueGetSize(hQueue), dwSize);
-    EXPECT_EQ(_AppQueueGetMaxSize(hQueue), dwMax);
-    EXPECT_EQ(_AppQueueGetTopSize(hQueue), dwTop);
-    EXPECT_TRUE(app::QueueIsValid(hQueue));
-}
-
-} // namespace
-
-// ---- Double list ----------------------------------------------------------------------------
-
-// Beside texts: two lists, the second with a maximum, and nodes that move between them.
+// Beside a text, with and without a maximum.
 TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
 {
-    LogCapture log;
+    test::LogCapture log;
     std::minstd_rand random(3);
-    HAppDoubleList ahList[] = {CreateList(), CreateList(5, 2)}; // only 1 asks for a lock
-    std::string texts[2];
-    EXPECT_EQ(ahList[1]->hLock, nullptr);
+    HAppDoubleList hList = nullptr;
+    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 5, 2, &hList));
+    EXPECT_EQ(hList->hLock, nullptr); // only 1 asks for a lock
     EXPECT_CODE(APP_INVALID_ARG,
-                AppDoubleListRemove(ahList[0], reinterpret_cast<HAppDoubleListNode>(16), nullptr));
+                AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
+    std::string text;
     for (unsigned i = 0; i < 2000; ++i) {
-        const size_t nList = random() % 2, nOp = random() % 5,
-                     nAt = random() % (texts[nList].size() + 1);
-        HAppDoubleList hList = ahList[nList];
-        std::string &text = texts[nList];
-        HAppDoubleListNode hAt = hList->ptHead; // null behind the last one
+        if (i == 1000)
+            hList->dwMaxSize = 0;
+        const size_t nOp = random() % 4, nAt = random() % (text.size() + 1);
+        const char ch = static_cast<char>('a' + i % 26);
+        HAppDoubleListNode hAt = hList->ptHead, hNew = hAt; // null behind the last one
         for (size_t j = 0; j < nAt; ++j)
             hAt = hAt->ptNext;
+        void *pvData = nullptr;
         if (nOp < 2) {
-            const bool bFits = nList == 0 || text.size() < 5;
-            const char ch = static_cast<char>('a' + i % 26), *szOp = nOp ? "After" : "Before";
-            HAppDoubleListNode hNew = hAt;
-            EXPECT_CODE(bFits ? APP_OK : APP_NO_RESOURCE,
-                        (nOp ? AppDoubleListInsertAfter
-                             : AppDoubleListInsertBefore)(hList, hAt, El(ch), &hNew));
-            EXPECT_EQ(hNew && Letter(hNew->pvData) == ch, bFits);
-            if (bFits)
-                text.insert(hAt ? nAt + nOp : nAt, 1, ch);
-            const std::string full =
-                Text("[ERROR] AppDoubleListInsert%s: List full. cur size: %zu max size: 5\n", szOp,
-                     text.size());
-            log.ExpectLines(std::vector<std::string>(!bFits, full));
-        } else if (hAt && nOp == 2) {
-            _AppDoubleListDetachNode(hList, hAt);
-            _AppDoubleListAttachNode(ahList[1 - nList], nullptr, hAt,
-                                     APP_ATTACH_BEFORE); // the engine's way
-            texts[1 - nList] += text[nAt];
-            text.erase(nAt, 1);
+            const bool bFull = i < 1000 && text.size() >= 5;
+            const auto pfnInsert = nOp ? AppDoubleListInsertAfter : AppDoubleListInsertBefore;
+            fault::Fail fail(Fn::malloc, random() % 8 == 0);
+            const uint32_t dwCode = pfnInsert(hList, hAt, El(ch), &hNew);
+            EXPECT_CODE(bFull || fail.Hits() ? APP_NO_RESOURCE : APP_OK, dwCode);
+            EXPECT_EQ(hNew && Letter(hNew->pvData) == ch, dwCode == APP_OK);
+            text.insert(hAt ? nAt + nOp : nAt, dwCode == APP_OK, ch);
         } else if (hAt) {
-            void *pvData = nullptr;
             EXPECT_CODE(APP_OK, AppDoubleListRemove(hList, hAt, &pvData));
             EXPECT_EQ(Letter(pvData), text[nAt]);
             text.erase(nAt, 1);
         }
-        ASSERT_EQ(Walk(ahList[0]) + "-" + Walk(ahList[1]), texts[0] + "-" + texts[1]);
+        std::string walked;
+        for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext)
+            Note(hNode->pvData, &walked);
+        ASSERT_EQ(walked, text);
     }
     std::string freed;
-    AppDoubleListDestroy(ahList[0], Note, &freed);
-    EXPECT_EQ(freed, texts[0]);
-    AppDoubleListDestroy(ahList[1], nullptr, nullptr);
-}
-
-TEST(DoubleList, DestroyWaitsForAUserInside)
-{
-    HAppDoubleList hList = CreateList(0, 1);
-    AppLockTakeByTime(hList->hLock, 0);
-    std::thread user([&] {
-        for (int i = 0; i < 100; ++i, std::this_thread::yield())
-            AppDoubleListInsertAfter(hList, nullptr, El('x'), nullptr);
-        AppLockGive(hList->hLock);
-    });
-    std::string freed;
     AppDoubleListDestroy(hList, Note, &freed);
-    EXPECT_EQ(freed, std::string(100, 'x'));
-    user.join();
+    EXPECT_EQ(freed, text);
 }
-
-// ---- Queue ----------------------------------------------------------------------------------
 
 // Beside a sorted model: few levels and more than the queue has fingers, with and without a limit.
 TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
 {
-    LogCapture log;
+    test::LogCapture log;
     std::mt19937 random(7);
-    for (const uint32_t bLock : {1u, 0u, 2u})
-        for (const unsigned nLevels : {1u, 3u, 9u, 40u}) {
-            SCOPED_TRACE(nLevels);
-            uint32_t dwMax = 5, dwTop = 0;
-            HAppQueue hQueue = CreateQueue(dwMax, bLock);
-            EXPECT_EQ(hQueue->hLock != nullptr, bLock == 1);
-            std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
-            for (unsigned i = 0; i < test::Scaled(4000); ++i) {
-                const auto dwSize = static_cast<uint32_t>(model.size());
-                if (random() % 50 == 0) {
-                    const uint32_t dwNew =
-                        std::array{0u, 20u, dwSize - 1, dwSize, UINT32_MAX}[random() % 5];
-                    const bool bFits = dwSize <= dwNew;
-                    EXPECT_CODE(bFits ? APP_OK : APP_INVALID_ARG,
-                                _AppQueueChangeMaxSize(hQueue, dwNew));
-                    dwMax = bFits ? dwNew : dwMax;
-                    dwTop = bFits ? 0 : dwTop;
-                } else if (random() % 100 < (i / 100 % 2 ? 30u : 70u)) {
-                    const int nLevel =
-                        static_cast<int>(random() % nLevels) - static_cast<int>(nLevels / 2);
-                    const int32_t nPriority = nLevel == -1  ? INT32_MIN
-                                              : nLevel == 1 ? INT32_MAX
-                                                            : nLevel;
-                    const char ch = static_cast<char>('!' + i % 90);
-                    const int32_t bForce = static_cast<int32_t>(random() % 4) - 2; // 0 is a quarter
-                    const bool bFits = dwMax == 0 || bForce != 0 || dwSize < dwMax;
-                    ASSERT_CODE(bFits ? APP_OK : APP_NO_RESOURCE,
-                                _AppQueueIn(hQueue, El(ch), nPriority, bForce));
-                    if (bFits)
-                        model.emplace(-int64_t{nPriority}, ch);
-                    if (bFits)
-                        dwTop = std::max(dwTop, dwSize + 1);
-                    log.ExpectLines(std::vector<std::string>(
-                        !bFits, Text("[ERROR] _AppQueueIn: Queue full. cur size: %u max size: %u\n",
-                                     dwSize, dwMax)));
-                } else if (!model.empty()) {
-                    void *pvData = nullptr;
-                    ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 0, &pvData));
-                    ASSERT_EQ(Letter(pvData), model.begin()->second);
-                    model.erase(model.begin());
+    for (const uint32_t dwLevels : {1u, 3u, 9u, 40u}) {
+        SCOPED_TRACE(dwLevels);
+        log.Clear();
+        HAppQueue hQueue = CreateQueue(dwLevels == 9 ? 0 : 5, dwLevels % 4);
+        EXPECT_EQ(log.Lines().empty(), dwLevels != 9); // says that it takes the default maximum
+        uint32_t dwMax = dwLevels == 9 ? APP_QUEUE_DEFAULT_MAX : 5, dwTop = 0;
+        bool bInterrupted = false;
+        std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
+        for (unsigned i = 0; i < test::Scaled(10000); ++i) {
+            const auto dwSize = static_cast<uint32_t>(model.size());
+            const auto dwOp = static_cast<uint32_t>(random() % 100);
+            void *pvData = El('u');
+            if (dwOp < 2) {
+                const uint32_t dwNew =
+                    std::array{0u, 20u, dwSize - 1, dwSize, UINT32_MAX}[random() % 5];
+                const bool bFits = dwSize <= dwNew;
+                ASSERT_CODE(bFits ? APP_OK : APP_INVALID_ARG,
+                            _AppQueueChangeMaxSize(hQueue, dwNew));
+                dwMax = bFits ? dwNew : dwMax;
+                dwTop = bFits ? 0 : dwTop;
+            } else if (dwOp < 4 && hQueue->hLock) {
+                app::QueueInterrupt(hQueue);
+                bInterrupted = true; // one at most is kept
+            } else if (dwOp < (i / 100 % 2 ? 30u : 70u)) {
+                const auto nLevel = static_cast<int32_t>(random() % dwLevels) - 4;
+                const int32_t nPriority = nLevel == -3  ? INT32_MIN
+                                          : nLevel == 3 ? INT32_MAX
+                                                        : nLevel;
+                const int32_t bForce = static_cast<int32_t>(random() % 4) - 2; // 0 is a quarter
+                const char ch = static_cast<char>('!' + i % 90);
+                fault::Fail fail(Fn::malloc, random() % 16 == 0);
+                const uint32_t dwCode = _AppQueueIn(hQueue, El(ch), nPriority, bForce);
+                const bool bFull = dwMax != 0 && bForce == 0 && dwSize >= dwMax;
+                ASSERT_CODE(bFull || fail.Hits() != 0 ? APP_NO_RESOURCE : APP_OK, dwCode);
+                if (dwCode == APP_OK) {
+                    model.emplace(-int64_t{nPriority}, ch);
+                    dwTop = std::max(dwTop, dwSize + 1);
                 }
-                ExpectMarks(hQueue, static_cast<uint32_t>(model.size()), dwMax, dwTop);
+            } else if (!model.empty()) {
+                ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 0, &pvData));
+                ASSERT_EQ(Letter(pvData), model.begin()->second);
+                model.erase(model.begin());
+            } else if (bInterrupted || dwOp > 97) {
+                const auto start = std::chrono::steady_clock::now();
+                const uint32_t dwTimeout = std::exchange(bInterrupted, false) ? 0 : 2;
+                ASSERT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, dwTimeout, &pvData));
+                ASSERT_GE(test::ElapsedMs(start), dwTimeout);
+                ASSERT_EQ(Letter(pvData), 'u');
             }
-            std::string dropped, expected;
-            for (const auto &[nKey, ch] : model)
-                expected += ch;
-            AppQueueDestroy(hQueue, Note, &dropped);
-            EXPECT_EQ(dropped, expected);
+            ASSERT_EQ(AppQueueGetSize(hQueue), model.size());
+            ASSERT_EQ(_AppQueueGetMaxSize(hQueue), dwMax);
+            ASSERT_EQ(_AppQueueGetTopSize(hQueue), dwTop);
         }
-}
-
-TEST(Queue, InterruptEndsOneWaitOrIsKeptForTheNext)
-{
-    LogCapture log;
-    HAppQueue hQueue = CreateQueue(0);
-    log.ExpectLines({"[ERROR] AppQueueCreate: change dwMaxSize(0) ==> 1048576\n"});
-    app::QueueInterrupt(hQueue);
-    app::QueueInterrupt(hQueue); // no second one is kept
-    void *pvData = El('u');
-    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, nullptr, 0));
-    EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 0, &pvData)); // an element goes first
-    EXPECT_EQ(std::exchange(pvData, El('u')), nullptr);
-    ExpectMarks(hQueue, 0, APP_QUEUE_DEFAULT_MAX, 1);
-    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 0, &pvData));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, 20, &pvData));
-    EXPECT_GE(test::ElapsedMs(start), 20);
-    EXPECT_EQ(Letter(pvData), 'u'); // untouched
-    uint32_t dwResults[3];
-    std::thread consumers[3];
-    for (int i = 0; i < 3; ++i)
-        consumers[i] = std::thread([&, i] { dwResults[i] = AppQueueOut(hQueue, 0, nullptr); });
-    EXPECT_TRUE(test::WaitUntil([&] { return Sleepers(hQueue) == 3; }));
-    fault::Fail fail(Fn::malloc, 2); // one for the element
-    app::QueueInterrupt(hQueue);
-    EXPECT_CODE(APP_OK, AppQueueIn(hQueue, El('b'), 0));
-    app::QueueInterrupt(hQueue);
-    for (std::thread &consumer : consumers)
-        consumer.join();
-    EXPECT_EQ(std::count(dwResults, dwResults + 3, APP_OK), 1);
-    EXPECT_EQ(std::count(dwResults, dwResults + 3, APP_TIMEOUT), 2);
-    ExpectMarks(hQueue, 0, APP_QUEUE_DEFAULT_MAX, 1);
-    AppQueueDestroy(hQueue, nullptr, nullptr);
+        std::string dropped, expected;
+        for (const auto &[nKey, ch] : model)
+            expected += ch;
+        AppQueueDestroy(hQueue, Note, &dropped);
+        EXPECT_EQ(dropped, expected);
+    }
 }
 
 // A consumer whose time runs out between the insertion and its wake-up takes the element.
 TEST(Queue, PromisedElementIsTakenAfterTheTimeout)
 {
     HAppQueue hQueue = CreateQueue();
-    bool bWake = false;
-    while (!bWake) { // unless this thread was too slow
-        uint32_t dwResult = APP_FAILED;
-        std::atomic<bool> bDone{false};
-        std::thread consumer([&] {
-            dwResult = AppQueueOut(hQueue, 100, nullptr);
-            bDone = true;
-        });
-        EXPECT_TRUE(test::WaitUntil([&] { return Sleepers(hQueue) == 1 || bDone; }));
-        LogCapture log;
-        {
-            fault::Fail fail(Fn::malloc); // a failed insertion promises nothing
-            EXPECT_CODE(APP_NO_RESOURCE,
-                        app::QueuePlace(hQueue, El('f'), 0, 0, "_AppQueueIn", &bWake));
-            EXPECT_FALSE(bWake);
-        }
-        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, "_AppQueueIn", &bWake));
-        std::this_thread::sleep_for(std::chrono::milliseconds(150));
-        if (bWake)
-            app::QueueWake(hQueue);
-        consumer.join();
-        EXPECT_CODE(bWake ? APP_OK : APP_TIMEOUT, dwResult);
-        EXPECT_CODE(bWake ? APP_TIMEOUT : APP_OK, AppQueueOut(hQueue, 1, nullptr));
-    }
+    std::thread producer;
+    fault::Fail late(Fn::pthread_cond_timedwait, 1, ETIMEDOUT);
+    late.Action([&] {
+        bool bWake = false;
+        EXPECT_CODE(APP_OK, app::QueuePlace(hQueue, El('p'), 0, 0, &bWake));
+        EXPECT_TRUE(bWake);
+        producer = std::thread([&] { app::QueueWake(hQueue); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(5)); // beyond the consumer's time
+    });
+    void *pvData = nullptr;
+    EXPECT_CODE(APP_OK, AppQueueOut(hQueue, 1, &pvData));
+    EXPECT_EQ(Letter(pvData), 'p');
+    producer.join();
     AppQueueDestroy(hQueue, nullptr, nullptr);
 }
 
@@ -294,44 +193,84 @@ TEST(Queue, MayBeDestroyedRightAfterItsLastElement)
     producer.join();
 }
 
-// Elements are producer and number.  Each consumer sees a producer's elements of one priority in
-// the order of their insertion, and every element comes out once, also while time-outs expire.
+// Every element comes out once, also while time-outs expire and interrupts come.
 TEST(Queue, FourProducersAndFourConsumersLoseNothing)
 {
     constexpr unsigned kProducers = 4, kElements = test::Scaled(120000);
     HAppQueue hQueue = CreateQueue(16);
     std::atomic<uint64_t> qwSum{0};
-    const auto Produce = [&](unsigned nThread) {
-        for (uint32_t i = 1; i <= kElements; ++i) {
+    test::RunThreads(2 * kProducers, [&](unsigned nThread) {
+        for (uint32_t i = 1; nThread < kProducers && i <= kElements; ++i) {
             while (AppQueueGetSize(hQueue) > 300)
                 std::this_thread::yield();  // far beyond its maximum
             if (i % (kElements / 100) == 0) // lets the consumers fall asleep
                 std::this_thread::sleep_for(std::chrono::microseconds(900 + i % 400));
             if (i % 7 == 0)
                 app::QueueInterrupt(hQueue);
-            const auto nPriority = static_cast<int32_t>(i % 3) - 1;
-            ASSERT_CODE(APP_OK,
-                        _AppQueueIn(hQueue, El(static_cast<int>(nThread << 24 | i)), nPriority, 1));
+            ASSERT_CODE(APP_OK, _AppQueueIn(hQueue, El(static_cast<int>(i)), i % 3, 1));
         }
-    };
-    const auto Consume = [&] {
-        std::map<std::pair<unsigned, unsigned>, unsigned> last;
-        for (uint32_t i = 0; i < kElements; ++i) {
+        for (uint32_t i = 0; nThread >= kProducers && i < kElements; ++i) {
             void *pvData = nullptr;
             while (AppQueueOut(hQueue, i % 4, &pvData) == APP_TIMEOUT) {
             }
-            const auto dwElement = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pvData));
-            const uint32_t dwNumber = dwElement & 0xFFFFFF;
-            ASSERT_LT(std::exchange(last[{dwElement >> 24, dwNumber % 3}], dwNumber), dwNumber);
-            qwSum += dwNumber;
+            qwSum += reinterpret_cast<uintptr_t>(pvData);
         }
-    };
-    test::RunThreads(2 * kProducers, [&](unsigned nThread) {
-        nThread < kProducers ? Produce(nThread) : Consume();
     });
-    ASSERT_TRUE(app::QueueIsValid(hQueue));
-    EXPECT_EQ(hQueue->dwSleepers + hQueue->dwPromised + hQueue->dwInterrupted + hQueue->dwCurSize,
-              0u);
     EXPECT_EQ(qwSum, uint64_t{kProducers} * kElements * (kElements + 1) / 2);
-    AppQueueDestroy(hQueue, nullptr, nullptr);
+    EXPECT_EQ(AppQueueGetSize(hQueue), 0u);
+    AppQueueDestroy(hQueue, nullptr, nullptr); // the checks see a consumer that is left behind
+}
+
+// A user that holds the lock is inside an operation.
+TEST(Destroy, WaitsForAUserInside)
+{
+    HAppDoubleList hList = nullptr;
+    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 0, 1, &hList));
+    HAppQueue hQueue = CreateQueue();
+    HAppMemPool hPool = nullptr;
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 1, 0, &hPool));
+    const std::pair<HAppLock, std::function<void()>> rows[] = {
+        {hList->hLock, [&] { AppDoubleListDestroy(hList, nullptr, nullptr); }},
+        {hQueue->hLock, [&] { AppQueueDestroy(hQueue, nullptr, nullptr); }},
+        {hPool->hLock, [&] { AppMemPoolDestroy(hPool); }}};
+    for (const auto &[hLock, destroy] : rows) {
+        AppLockTakeByTime(hLock, 0);
+        std::atomic<bool> bGone{false};
+        fault::Fail sleeps(Fn::pthread_cond_timedwait, 0, 0, 0, fault::kEveryThread);
+        std::thread destroyer([&bGone, destroy = destroy] {
+            destroy();
+            bGone = true;
+        });
+        EXPECT_TRUE(test::WaitUntil([&] { return sleeps.Calls() > 0 || bGone; }));
+        ASSERT_FALSE(bGone);
+        AppLockGive(hLock);
+        destroyer.join();
+    }
+}
+
+// Where something is broken the process ends, not where that shows.
+TEST(Checks, FindWhatIsBroken)
+{
+    TAppDoubleListNode node = {};
+    TAppDoubleList list = {};
+    list.dwCurSize = 1;
+    EXPECT_DEATH(_AppDoubleListAttachNode(&list, nullptr, &node, 0), "the list is broken");
+    TAppQueue queue = {};
+    queue.dwSleepers = 1;
+    EXPECT_DEATH(AppQueueIn(&queue, nullptr, 0), "the queue's counts do not agree");
+    EXPECT_DEATH(AppQueueDestroy(&queue, nullptr, nullptr), "a consumer waits still");
+    HAppMemPool hPool = nullptr;
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 1, 0, &hPool));
+    void *pvData = AppMemPoolMalloc(hPool, 1);
+    AppMemPoolFree(pvData);
+    EXPECT_DEATH(AppMemPoolFree(pvData), "_AppFree: the block has been released before");
+    {
+        app::LockGuard inner(hPool);
+        queue.hLock = list.hLock = reinterpret_cast<HAppLock>(&node); // never looked at
+        EXPECT_DEATH(app::LockGuard outer(&queue), "a lock is taken out of order");
+        EXPECT_DEATH(app::AssertHeld(&list), "the lock is not held");
+    }
+    ++hPool->ptImpl->dwTotalSize;
+    EXPECT_DEATH(AppMemPoolMalloc(hPool, 1), "the engine's totals do not add up");
+    AppMemPoolDestroy(hPool);
 }

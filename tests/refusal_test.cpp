@@ -9,11 +9,12 @@
 #include <tuple>
 
 #include "appcore/appcore.h"
+#include "appcore/host.h"
 #include "support/expect.h"
 #include "support/exported.h"
 #include "support/log_capture.h"
 #include "utils/queue.h"
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
 namespace
 {

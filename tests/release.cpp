@@ -1,25 +1,38 @@
 // SPDX-License-Identifier: MIT
 //
 // What devices do where builds with checks end the process: the pools' sources without checks.
-#include <gtest/gtest.h>
-
 #include "mempool/mempool.h"
+#include "support/expect.h"
 
-// Neither does the account wrap, which would refuse everything for good, nor does one block get two
-// owners.
-TEST(SecondRelease, HurtsNobody)
+static int s_nLines;
+
+extern "C" int32_t QorPrintf(int32_t, int32_t, const char *, ...)
+{
+    return ++s_nLines;
+}
+
+// No account wraps, which would refuse everything for good, no block gets two owners, and a listed
+// block whose size fits no class is kept: the pool's destruction releases it, once.
+TEST(Release, SurvivesSecondReleasesAndDamage)
 {
     HAppMemPool hPool = nullptr;
-    ASSERT_EQ(AppMemPoolCreate(1000, 1, 0, &hPool), APP_OK);
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(1000, 1, 0, &hPool));
     void *pvFirst = AppMemPoolMalloc(hPool, 100), *pvOther = AppMemPoolMalloc(hPool, 100);
     for (int i = 0; i < 5; ++i)
         AppMemPoolFree(pvFirst);
     EXPECT_EQ(hPool->dwCurSize, 0u);
     AppMemPoolFree(pvOther);
-    EXPECT_TRUE(app::PoolIsValid(hPool));
     void *pvThird = AppMemPoolMalloc(hPool, 100), *pvFourth = AppMemPoolMalloc(hPool, 100);
     EXPECT_TRUE(pvThird && pvFourth && pvThird != pvFourth);
     EXPECT_EQ(hPool->dwCurSize, 200u);
-    EXPECT_TRUE(app::PoolIsValid(hPool));
+
+    const auto ptHead = static_cast<TAppMemPoolHead *>(pvThird) - 1;
+    reinterpret_cast<TAppMemBlockHead *>(ptHead)[-1].dwBlockSize = 5000000;
+    const int nBefore = s_nLines;
+    AppMemPoolFree(pvThird);
+    EXPECT_EQ(s_nLines - nBefore, 2); // more than is in use, and of no class
+    EXPECT_EQ(hPool->ptImpl->dwOnWorkCount, 1u);
+    EXPECT_EQ(hPool->ptImpl->dwOnWorkSize, 0u);
+    EXPECT_EQ(hPool->ptImpl->dwTotalSize, 0u);
     AppMemPoolDestroy(hPool);
 }

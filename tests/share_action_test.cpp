@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
-#include <algorithm>
-#include <atomic>
-#include <thread>
+#include <string.h>
 
+#include "appcore/host.h"
 #include "support/expect.h"
+#include "support/fault.h"
 #include "support/log_capture.h"
 
 using test::Text;
@@ -14,23 +14,17 @@ using test::WaitUntil;
 namespace
 {
 
-void Collect(const char *szText, void *pvContext)
+void Append(const char *szText, void *pv)
 {
-    static_cast<std::vector<std::string> *>(pvContext)->push_back(szText);
+    EXPECT_LE(strlen(szText), 3071u);
+    static_cast<std::string *>(pv)->append(szText);
 }
 
-std::vector<std::string> Report()
+std::string Report()
 {
-    std::vector<std::string> texts;
-    AppShareActionShow(Collect, &texts);
-    return texts;
-}
-
-std::string LastCalled()
-{
-    const std::string text = Report().at(0), tag = "Last called action: ";
-    EXPECT_EQ(text.substr(0, tag.size()), tag);
-    return text.substr(tag.size(), text.find('\n') - tag.size());
+    std::string all;
+    AppShareActionShow(Append, &all);
+    return all;
 }
 
 uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
@@ -38,187 +32,147 @@ uint32_t Add(uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
     return dwArg1 + dwArg2 + dwArg3;
 }
 
-uint32_t Five(uint32_t, uint32_t, uint32_t)
-{
-    return 5;
-}
-
-std::string s_seen;
-uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t)
-{
-    s_seen = LastCalled();
-    EXPECT_CODE(APP_OK, AppRegisterShareAction("made inside", Five));
-    uint32_t dwResult = 0;
-    if (dwDepth > 0) {
-        EXPECT_CODE(APP_OK, AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult));
-    }
-    return dwResult + 1;
-}
-
 // Each case is a process of its own under CTest: there the first one meets no registry.
 TEST(ShareAction, BeginsWithTheFirstRegistration)
 {
     if (g_hAppShareActionList.load())
         GTEST_SKIP() << "not run: the registry exists already in this process";
-    uint32_t dwResult = 77;
-    EXPECT_CODE(APP_FAILED, AppRunShareAction("add", 1, 2, 3, &dwResult));
     EXPECT_CODE(APP_INVALID_ARG, AppShareActionLock());
     EXPECT_CODE(APP_INVALID_ARG, AppShareActionUnlock());
-    EXPECT_CODE(APP_INVALID_ARG, AppRegisterShareAction("12345678901234567890123456789012", Add));
-    EXPECT_TRUE(Report().empty());
-    EXPECT_EQ(g_hAppShareActionList.load(), nullptr);
-
-    ASSERT_CODE(APP_OK, AppRegisterShareAction("add", Add));
-    EXPECT_EQ(LastCalled(), " result 0");
+    EXPECT_CODE(APP_INVALID_ARG, AppRegisterShareAction(std::string(32, 'k').c_str(), Add));
+    EXPECT_CODE(APP_FAILED, AppRunShareAction("1", 1, 2, 3, nullptr));
+    EXPECT_EQ(Report(), "");
+    std::atomic<bool> bCreating{false};
+    test::RunThreads(4, [&](unsigned nThread) {
+        fault::Fail window(fault::Fn::malloc, nThread == 0, 0);
+        window.Action([&] { // somebody else may want to create it, too
+            bCreating = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        });
+        EXPECT_TRUE(WaitUntil([&] { return nThread != 1 || bCreating; }));
+        if (nThread < 2)
+            EXPECT_CODE(APP_OK, AppRegisterShareAction(nThread ? "1" : "0", Add));
+        else // the others see nothing, or all of it
+            EXPECT_TRUE(WaitUntil([&] {
+                return nThread == 2 ? Report() != "" : !AppRunShareAction("1", 0, 0, 0, nullptr);
+            }));
+    });
+    EXPECT_EQ(g_hAppShareActionList.load()->dwCurSize, 2u);
 }
 
-TEST(ShareAction, RunsByKeyAndReports)
+unsigned s_nInside = 0; // guarded by the registry
+uint32_t Exclusive(uint32_t, uint32_t, uint32_t)
 {
-    const std::string longest(31, 'k');
-    ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Five));
-    ASSERT_CODE(APP_OK, AppRegisterShareAction("five", Add)); // the first one stays
-    ASSERT_CODE(APP_OK, AppRegisterBlockShareAction(longest.c_str(), Add));
-    uint32_t dwResult = 77;
-    ASSERT_CODE(APP_OK, AppRunShareAction("five", 1, 1, 1, &dwResult));
-    EXPECT_EQ(dwResult, 5u);
-    EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("Five", 0, 0, 0, &dwResult));
-    EXPECT_EQ(LastCalled(), "five result 5");
-    EXPECT_CODE(APP_OK, AppRunShareAction(longest.c_str(), 7, 0, 0, nullptr));
-    EXPECT_EQ(LastCalled(), longest + " result 7");
-    const auto nKeys = static_cast<int>(g_hAppShareActionList.load()->dwCurSize);
-    const std::string text = Report().at(0), line = std::string(40, '=') + "\n";
-    EXPECT_NE(text.find("\n" + line + "[1/" + std::to_string(nKeys) + "] Hash "),
-              std::string::npos);
-    EXPECT_NE(text.find(Text("/%d] Hash %u Key five Addr %p\n", nKeys, AppStringHash("five"),
-                             (void *)Five)),
-              std::string::npos);
-    EXPECT_NE(text.find(Text("[%d/%d] Hash ", nKeys, nKeys)), std::string::npos);
+    EXPECT_EQ(++s_nInside, 1u);
+    std::this_thread::yield();
+    --s_nInside;
+    return 5;
+}
+
+// Registrations beside runs and reports: one entry a key, ordinary actions one at a time.
+TEST(ShareAction, ServesManyThreads)
+{
+    std::vector<std::string> keys{"key 20100", "key 413285"}; // of the same hash
+    for (unsigned i = 0; i < test::Scaled(2000); ++i)
+        keys.push_back(Text("%015u %015u", i, i));
+    const auto nKeys = static_cast<unsigned>(keys.size());
+    test::RunThreads(8, [&](unsigned nThread) {
+        for (unsigned i = 0; i < nKeys; ++i) {
+            const char *szKey = keys[i].c_str();
+            EXPECT_CODE(APP_OK, i % 2 ? AppRegisterShareAction(szKey, Exclusive)
+                                      : AppRegisterBlockShareAction(szKey, Add));
+            uint32_t dwResult = 0;
+            EXPECT_CODE(APP_OK, AppRunShareAction(szKey, i, 1, 1, &dwResult));
+            ASSERT_EQ(dwResult, i % 2 ? 5 : i + 2);
+            const std::string text = i % 32 == nThread ? Report() : "";
+            EXPECT_TRUE(text == "" || text[20] == 'k' ||
+                        text.substr(20, 15) == text.substr(36, 15));
+        }
+    });
+    EXPECT_CODE(APP_OK, AppRegisterShareAction(keys[1].c_str(), Add)); // the first one stays
+    EXPECT_CODE(APP_OK, AppRunShareAction(keys[1].c_str(), 0, 0, 0, nullptr));
+    EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("Key 20100", 0, 0, 0, nullptr));
+    const uint32_t dwAll = g_hAppShareActionList.load()->dwCurSize;
+    std::string lines;
+    for (unsigned i = 0; i < nKeys; ++i)
+        lines += Text("[%u/%u] Hash %u Key %s Addr %p\n", dwAll - nKeys + i + 1, dwAll,
+                      AppStringHash(keys[i].c_str()), keys[i].c_str(),
+                      reinterpret_cast<void *>(i % 2 ? Exclusive : Add));
+    const std::string report = Report(), head = "Last called action: key 413285 result 5\n";
+    EXPECT_EQ(report.find(head + std::string(40, '=') + Text("\n[1/%u] Hash ", dwAll)), 0u);
+    EXPECT_EQ(report.substr(report.size() - lines.size()), lines);
     AppShareActionShow(nullptr, nullptr);
 }
 
-TEST(ShareAction, NestsAndShowsTheActionThatRuns)
+std::atomic<int> s_nWaiting{0};
+uint32_t Wait(uint32_t, uint32_t, uint32_t)
 {
-    ASSERT_CODE(APP_OK, AppRegisterShareAction("nest", Nest));
+    ++s_nWaiting;
+    return WaitUntil([] { return s_nWaiting == 3; });
+}
+
+uint32_t Nest(uint32_t dwDepth, uint32_t, uint32_t)
+{
+    EXPECT_NE(Report().find(Text("nest result %d\n", APP_IN_PROGRESS)), std::string::npos);
+    EXPECT_CODE(APP_OK, AppRegisterShareAction("made inside", Add));
     uint32_t dwResult = 0;
-    ASSERT_CODE(APP_OK, AppShareActionLock());
-    ASSERT_CODE(APP_OK, AppRunShareAction("nest", 3, 0, 0, &dwResult));
-    EXPECT_EQ(dwResult, 4u);
-    EXPECT_EQ(s_seen, Text("nest result %d", APP_IN_PROGRESS));
-    ASSERT_CODE(APP_OK, AppRunShareAction("made inside", 0, 0, 0, nullptr));
-    ASSERT_CODE(APP_OK, AppShareActionUnlock());
+    return dwDepth == 0 ? 1
+                        : AppRunShareAction("nest", dwDepth - 1, 0, 0, &dwResult) + dwResult + 1;
 }
 
-std::atomic<bool> s_bLet{false};
-std::atomic<int> s_nRunning{0};
-uint32_t WaitForOther(uint32_t, uint32_t, uint32_t)
+TEST(ShareAction, NestsAndRunsBesideBlockingOnes)
 {
-    ++s_nRunning;
-    return WaitUntil([] { return s_bLet.load(); });
-}
-uint32_t LetOther(uint32_t, uint32_t, uint32_t)
-{
-    s_bLet = true;
-    return 1;
-}
-
-TEST(ShareAction, BlockingActionsLetOrdinaryOnesRun)
-{
-    ASSERT_CODE(APP_OK, AppRegisterBlockShareAction("wait", WaitForOther));
-    ASSERT_CODE(APP_OK, AppRegisterShareAction("let", LetOther));
-    uint32_t adwResult[2] = {};
-    std::thread first([&] { AppRunShareAction("wait", 0, 0, 0, &adwResult[0]); });
-    std::thread second([&] { AppRunShareAction("wait", 0, 0, 0, &adwResult[1]); });
-    EXPECT_TRUE(WaitUntil([] { return s_nRunning == 2; }));
-    EXPECT_CODE(APP_OK, AppRunShareAction("let", 0, 0, 0, nullptr));
-    first.join();
-    second.join();
-    EXPECT_EQ(adwResult[0] + adwResult[1], 2u);
-}
-
-std::atomic<int> s_nInside{0};
-uint32_t Exclusive(uint32_t, uint32_t, uint32_t)
-{
-    EXPECT_EQ(++s_nInside, 1);
-    std::this_thread::yield();
-    --s_nInside;
-    return 1;
-}
-
-// One registry, one entry a key, ordinary actions one at a time, and no torn key in a report.
-TEST(ShareAction, ServesManyThreads)
-{
-    const std::string keys[] = {std::string(31, 'a'), std::string(31, 'b'), std::string(31, 'c')};
-    std::atomic<uint32_t> dwRuns{0};
-    constexpr uint32_t kRounds = 2000;
-    test::RunThreads(8, [&](unsigned nThread) {
-        for (uint32_t i = 0; i < test::Scaled(kRounds); ++i) {
-            const char *szKey = keys[(nThread + i) % 3].c_str();
-            EXPECT_CODE(APP_OK, AppRegisterShareAction(szKey, Exclusive));
-            uint32_t dwResult = 0;
-            EXPECT_CODE(APP_OK, AppRunShareAction(szKey, 0, 0, 0, &dwResult));
-            dwRuns += dwResult;
-            const std::string key = i % 16 ? "aa" : LastCalled();
-            EXPECT_EQ(key.find_first_not_of(key[0]), i % 16 ? std::string::npos : 31);
-        }
-    });
-    EXPECT_EQ(dwRuns, 8 * test::Scaled(kRounds));
-    const std::string report = Report()[0];
-    for (const std::string &key : keys) {
-        EXPECT_NE(report.find("Key " + key), std::string::npos);
-        EXPECT_EQ(report.find("Key " + key), report.rfind("Key " + key)) << "one entry";
-    }
-}
-
-TEST(ShareAction, FindsEveryKeyOfMany)
-{
-    for (uint32_t i = 0; i < 1000; ++i)
-        ASSERT_CODE(APP_OK, AppRegisterShareAction(Text("key %u", i).c_str(), i % 2 ? Add : Five));
-    for (uint32_t i = 0; i < 1000; ++i) {
+    EXPECT_CODE(APP_OK, AppRegisterShareAction("nest", Nest));
+    EXPECT_CODE(APP_OK, AppRegisterBlockShareAction("wait", Wait));
+    test::RunThreads(3, [](unsigned nThread) {
+        EXPECT_TRUE(WaitUntil([&] { return nThread > 0 || s_nWaiting == 2; }));
+        EXPECT_TRUE(nThread > 0 || AppShareActionLock() == APP_OK);
         uint32_t dwResult = 0;
-        ASSERT_CODE(APP_OK, AppRunShareAction(Text("key %u", i).c_str(), i, 1, 1, &dwResult));
-        EXPECT_EQ(dwResult, i % 2 ? i + 2 : 5);
-    }
-    const auto texts = Report(); // in pieces, each line once
-    size_t nLines = 0;
-    for (const std::string &text : texts) {
-        EXPECT_LE(text.size(), 3071u);
-        nLines += static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-    }
-    EXPECT_EQ(nLines, 2u + g_hAppShareActionList.load()->dwCurSize);
+        EXPECT_CODE(APP_OK, AppRunShareAction(nThread ? "wait" : "nest", 3, 0, 0, &dwResult));
+        EXPECT_EQ(dwResult, nThread ? 1u : 4u);
+        EXPECT_TRUE(nThread > 0 || AppShareActionUnlock() == APP_OK);
+        s_nWaiting += nThread == 0;
+    });
 }
 
-// ---- Debug-shell commands -------------------------------------------------------------------
-
-int32_t s_nArgc;
-std::string s_lastWord;
-int32_t Command(int32_t nArgc, char **ppszArgv)
-{
-    s_nArgc = nArgc;
-    s_lastWord = ppszArgv[nArgc - 1];
-    return 42;
-}
-
+// Registered by two threads, and run by a third as soon as it is found.
 TEST(RegCommand, StandInServesAShell)
 {
-    AppRegCommand("motion", Command, "raise motion");
-    AppRegCommand("motion", Command, "raise motion n times"); // replaces
-    AppRegCommand(nullptr, Command, "");
+    static std::string s_words;
+    const PFQorCommand pfnCommand = [](int32_t nArgc, char **ppszArgv) {
+        s_words = Text("%d %s", nArgc, ppszArgv[nArgc - 1]);
+        return 42;
+    };
+    static char s_aachName[64][4]; // kept by reference
+    std::string all, seen;
+    for (int i = 0; i < 64; ++i)
+        all += Text("%s: help\n", strcpy(s_aachName[i], Text("c%d", i).c_str()));
+    AppRegCommand(nullptr, pfnCommand, "");
     AppRegCommand("none", nullptr, "");
     int32_t nResult = 0;
-    EXPECT_CODE(APP_OK, AppHostRunCommand("  motion 3\tlast\n", &nResult));
+    test::RunThreads(3, [&](unsigned nThread) {
+        for (const char *szName : s_aachName)
+            if (nThread > 0)
+                AppRegCommand(szName, pfnCommand, nullptr);
+            else
+                while (AppHostRunCommand(szName, &nResult) == APP_NOT_FOUND)
+                    std::this_thread::yield();
+    });
     EXPECT_EQ(nResult, 42);
-    EXPECT_EQ(s_nArgc, 3);
-    EXPECT_EQ(s_lastWord, "last");
+    for (const char *szName : s_aachName)
+        AppRegCommand(szName, pfnCommand, "help"); // replaces
+    AppRegCommand("none", pfnCommand, "no room");
+    AppHostWalkCommands([](const char *szName, const char *szHelp,
+                           void *pv) { Append(Text("%s: %s\n", szName, szHelp).c_str(), pv); },
+                        &seen);
+    EXPECT_EQ(seen, all);
     EXPECT_CODE(APP_NOT_FOUND, AppHostRunCommand("none", nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(" \n", nullptr));
-    EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(std::string(256, 'x').c_str(), nullptr));
-    std::vector<std::string> seen;
-    AppHostWalkCommands(
-        [](const char *szName, const char *szHelp, void *pv) {
-            Collect((std::string(szName) + ": " + szHelp).c_str(), pv);
-        },
-        &seen);
-    EXPECT_EQ(seen, std::vector<std::string>{"motion: raise motion n times"});
+    std::string line = " c0 2\t3 4 5 6 7 8 9 10 11 12 13 14 15 16 17\n"; // the rest is dropped
+    line.resize(255, ' ');
+    EXPECT_CODE(APP_OK, AppHostRunCommand(line.c_str(), nullptr));
+    EXPECT_EQ(s_words, "15 15");
+    EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand((line + " ").c_str(), nullptr));
 }
 
 } // namespace

@@ -17,7 +17,7 @@
 #include "support/sockets.h"
 #include "support/tasks.h"
 #include "utils/queue.h"
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
 using fault::Fn;
 using test::Arg;

@@ -36,12 +36,7 @@ APP_API int32_t QorPrintf(int32_t nFlag1, int32_t nFlag2, const char *szFormat, 
 /** @name Debug shell
  * @{ */
 
-/**
- * A command of the debug shell.
- * @param nArgc    number of words, the command's name included
- * @param ppszArgv the words
- * @return 0 for success
- */
+/** A command of the debug shell, as ::PFAppCommand. */
 typedef int32_t (*PFQorCommand)(int32_t nArgc, char **ppszArgv);
 
 /**

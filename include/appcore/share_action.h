@@ -12,7 +12,6 @@
 #define APPCORE_SHARE_ACTION_H
 
 #include "appcore/foundation.h"
-#include "appcore/host.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -69,12 +68,20 @@ APP_API uint32_t AppShareActionUnlock(void);
 APP_API void AppShareActionShow(PFAppShow pfnShow, void *pvContext);
 
 /**
- * Registers a command of the platform's debug shell, by QorRegCommand().
+ * A command of the platform's debug shell.
+ * @param nArgc    number of words, the command's name included
+ * @param ppszArgv the words
+ * @return 0 for success
+ */
+typedef int32_t (*PFAppCommand)(int32_t nArgc, char **ppszArgv);
+
+/**
+ * Registers a command of the platform's debug shell, by QorRegCommand() of host.h.
  * @param szName     handed on unchanged
  * @param pfnCommand handed on unchanged
  * @param szHelp     handed on unchanged
  */
-APP_API void AppRegCommand(const char *szName, PFQorCommand pfnCommand, const char *szHelp);
+APP_API void AppRegCommand(const char *szName, PFAppCommand pfnCommand, const char *szHelp);
 
 #ifdef __cplusplus
 }

@@ -10,9 +10,9 @@
  * at a flag and waits again.
  *
  * The data operations return the number of bytes, -1 for any failure and -2 when the time-out has
- * expired.  With a time-out only the wait blocks, never the transfer; a socket that is
- * ready and yet would block is tried again with pauses of up to 10 ms.  A send may take fewer bytes
- * than given: the rest is the caller's to send.  A peer that is gone makes a send fail with -1; no
+ * expired.  With a time-out only the wait blocks, never the transfer; a socket that is ready and
+ * yet would block is tried again with pauses of up to 10 ms.  A send may take fewer bytes than
+ * given: the rest is the caller's to send.  A peer that is gone makes a send fail with -1; no
  * SIGPIPE is raised.  Descriptors are close-on-exec.
  *
  * Failures of the system are logged with their cause; wrong arguments are refused silently, except

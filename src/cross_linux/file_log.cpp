@@ -12,10 +12,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/print.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/error_text.h"
 #include "cross_linux/mutex_guard.h"
-#include "utils/log.h"
 
 TAppFileLogInfo g_atAppFileLogInfo[256];
 

@@ -7,6 +7,7 @@
 int32_t _AppVsnprintf(char *szBuf, uint32_t dwSize, const char *szFormat, va_list args)
 {
     const int nWritten = vsnprintf(szBuf, dwSize, szFormat, args);
+    // An error, -1, is larger than any buffer once it is unsigned.
     return static_cast<uint32_t>(nWritten) < dwSize ? nWritten : -1;
 }
 

@@ -15,10 +15,10 @@
 #include <stddef.h>
 #include <unistd.h>
 
+#include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/deadline.h"
 #include "cross_linux/mutex_guard.h"
-#include "utils/rollback.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define APP_THREAD_SANITIZER 1

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// Addresses from text and back.  The usual ones, dotted quads, are read and written here: the C
+// library goes by tables and formatted printing for them.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <string.h>
@@ -63,11 +66,11 @@ void WriteQuad(uint32_t dwIpv4, char *szBuf)
     szBuf[-1] = '\0';
 }
 
+// inet_pton() sets no errno for a text that is no address: the line then tells whatever failed last
+// in this thread.
 uint32_t ReadFailed(const char *szIp, const char *szOp)
 {
-    const int nError = errno;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: inet_pton failed %s %d %s\n", szOp, szIp, nError,
-           app::ErrorText(nError).Text());
+    APP_LOG_ERRNO(errno, "[ERROR] %s: inet_pton failed %s %d %s\n", szOp, szIp);
     return APP_FAILED;
 }
 
@@ -77,6 +80,7 @@ uint32_t _AppConvertStrtoNet(const char *szIp, TAppNetAddr *ptAddr)
 {
     if (strchr(szIp, ':')) {
         ptAddr->dwType = APP_NET_ADDR_IPV6;
+        // Read aside: of a text that is no address only the kind gets into the record.
         uint8_t abyIpv6[sizeof(ptAddr->abyIpv6)];
         if (inet_pton(AF_INET6, szIp, abyIpv6) != 1)
             return ReadFailed(szIp, __func__);
@@ -96,24 +100,21 @@ uint32_t _AppConvertStrtoNet(const char *szIp, TAppNetAddr *ptAddr)
 uint32_t _AppConvertNettoStr(const TAppNetAddr *ptAddr, char *szBuf, uint32_t dwBufSize)
 {
     if (ptAddr->dwType == APP_NET_ADDR_IPV4) {
+        // A smaller buffer may still hold a short address: inet_ntop() knows.
         if (dwBufSize >= INET_ADDRSTRLEN) {
             WriteQuad(ptAddr->dwIpv4, szBuf);
             return APP_OK;
         }
         if (inet_ntop(AF_INET, &ptAddr->dwIpv4, szBuf, dwBufSize))
             return APP_OK;
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: inet_ntop AF_INET failed %d %s\n", __func__, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: inet_ntop AF_INET failed %d %s\n", __func__);
         return APP_FAILED;
     }
     if (ptAddr->dwType != APP_NET_ADDR_IPV6)
         return APP_INVALID_ARG;
     if (inet_ntop(AF_INET6, ptAddr->abyIpv6, szBuf, dwBufSize))
         return APP_OK;
-    const int nError = errno;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: inet_ntop AF_INET6 failed %d %s\n", __func__, nError,
-           app::ErrorText(nError).Text());
+    APP_LOG_ERRNO(errno, "[ERROR] %s: inet_ntop AF_INET6 failed %d %s\n", __func__);
     return APP_FAILED;
 }
 

@@ -6,7 +6,6 @@
 #include <netinet/tcp.h>
 
 #include "cross_linux/error_text.h"
-#include "utils/log.h"
 
 namespace
 {
@@ -14,6 +13,7 @@ namespace
 constexpr uint16_t kProbePort = 5690; // any: connecting a UDP socket sends nothing
 constexpr int kSocketFailed = 666;    // marks the line of a refused probe socket
 
+// Close-on-exec: the programs that a camera starts must not keep its ports.
 int OpenDescriptor(uint32_t dwSockType)
 {
     if (dwSockType == APP_SOCKET_UDP)
@@ -25,29 +25,25 @@ uint32_t CalLocalIpv4(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr,
 {
     const app::OwnedFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
     if (probe.Get() < 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: [%d]socket failed  %d %s\n", szOp, kSocketFailed,
-               nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: [%d]socket failed  %d %s\n", szOp, kSocketFailed);
         return APP_FAILED;
     }
     struct sockaddr_in tAddr = app::ToSockaddr(*ptRemoteAddr, htons(kProbePort));
     socklen_t nLen = sizeof(tAddr);
     if (connect(probe.Get(), app::Generic(&tAddr), nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: connect failed %d %s\n", szOp);
         return APP_FAILED;
     }
     if (getsockname(probe.Get(), app::Generic(&tAddr), &nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: getsockname failed  %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: getsockname failed  %d %s\n", szOp);
         return APP_FAILED;
     }
     app::FromInAddr(tAddr.sin_addr, ptLocalAddr);
     return APP_OK;
 }
 
+// A device without IPv6 is nothing unusual: what fails is told at INFO, and a refused socket not at
+// all.
 uint32_t CalLocalIpv6(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr, const char *szOp)
 {
     const app::OwnedFd probe(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
@@ -56,19 +52,20 @@ uint32_t CalLocalIpv6(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr,
     struct sockaddr_in6 tAddr = {};
     tAddr.sin6_family = AF_INET6;
     tAddr.sin6_port = htons(kProbePort);
+    // A link-local remote is refused without an interface.
     tAddr.sin6_scope_id = 1;
     AppMemcpy(&tAddr.sin6_addr, ptRemoteAddr->abyIpv6, sizeof(ptRemoteAddr->abyIpv6));
     socklen_t nLen = sizeof(tAddr);
     if (connect(probe.Get(), app::Generic(&tAddr), nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_INFO, "[INFO ] %s: connect failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        const app::ErrorText error(errno);
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: connect failed %d %s\n", szOp, error.Number(),
+               error.Text());
         return APP_FAILED;
     }
     if (getsockname(probe.Get(), app::Generic(&tAddr), &nLen) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_INFO, "[INFO ] %s: getsockname failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        const app::ErrorText error(errno);
+        AppLog(0, APP_LOG_INFO, "[INFO ] %s: getsockname failed %d %s\n", szOp, error.Number(),
+               error.Text());
         return APP_FAILED;
     }
     ptLocalAddr->dwType = APP_NET_ADDR_IPV6;
@@ -93,6 +90,7 @@ HAppSocket _AppSocketCreate(HAppMemPool hMemPool, uint32_t dwSockType)
         AppMemPoolFree(hSocket);
         return nullptr;
     }
+    // A refused descriptor is found by the first operation, which tells it with its cause.
     *hSocket = {dwSockType, OpenDescriptor(dwSockType), 0};
     return hSocket;
 }
@@ -123,17 +121,14 @@ uint32_t _AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAddr, uint
     if (ptLocalAddr->dwType != APP_NET_ADDR_IPV4)
         return APP_FAILED;
     if (bReuse == 1 && !app::SetOption(hSocket->nFd, SOL_SOCKET, SO_REUSEADDR, 1)) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt  SO_REUSEADDR nError %d %s\n", __func__,
-               nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  SO_REUSEADDR nError %d %s\n", __func__);
         return APP_FAILED;
     }
     const struct sockaddr_in tAddr = app::ToSockaddr(*ptLocalAddr, wPort);
+    // What the receive reports, also when the system refuses the bind.
     hSocket->wPort = wPort;
     if (bind(hSocket->nFd, app::Generic(&tAddr), sizeof(tAddr)) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: bind nError %d %s\n", __func__, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: bind nError %d %s\n", __func__);
         return APP_FAILED;
     }
     return APP_OK;
@@ -147,23 +142,19 @@ uint32_t _AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNetAddr *
     struct ip_mreq tRequest = {};
     tRequest.imr_multiaddr.s_addr = ptGroupAddr->dwIpv4;
     tRequest.imr_interface.s_addr = ptIfAddr ? ptIfAddr->dwIpv4 : AppConvertHtonl(INADDR_ANY);
+    // Only sending depends on this one; the membership names its interface itself.
     if (ptIfAddr && setsockopt(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_IF, &ptIfAddr->dwIpv4,
                                sizeof(ptIfAddr->dwIpv4)) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_MULTICAST_IF failed %x %d %s\n",
-               __func__, ptIfAddr->dwIpv4, nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_MULTICAST_IF failed %x %d %s\n", __func__,
+                      ptIfAddr->dwIpv4);
     }
     if (setsockopt(hSocket->nFd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &tRequest, sizeof(tRequest)) != 0 &&
         errno != EADDRINUSE) { // else a member already
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n",
-               __func__, nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n", __func__);
         return APP_FAILED;
     }
     if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_LOOP, static_cast<int>(bLoop))) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt IP_MULTICAST_LOOP failed %d %s\n",
-               __func__, nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_MULTICAST_LOOP failed %d %s\n", __func__);
         return APP_FAILED;
     }
     return APP_OK;

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
+//
+// A connect with a time-out: the socket does not block until it has a peer, and is an ordinary
+// blocking one from then on.
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 
+#include "base/rollback.h"
 #include "cross_linux/error_text.h"
 #include "cross_linux/socket.h"
-#include "utils/rollback.h"
 
 namespace
 {
@@ -15,7 +18,7 @@ constexpr uint32_t kDefaultTimeoutMs = 30000;
 // With a source port of the system's choice, a connect to a port of this device that nobody listens
 // on can meet itself: TCP connects the socket to its own end.  There is no service; the connection
 // is reset, so that it does not keep the port from the service that may yet come.
-bool MetItself(int nFd, const char *szOp)
+bool MetItself(int nFd)
 {
     struct sockaddr_in tOwn = {}, tPeer = {};
     socklen_t nOwnLen = sizeof(tOwn), nPeerLen = sizeof(tPeer);
@@ -25,60 +28,56 @@ bool MetItself(int nFd, const char *szOp)
         return false;
     const struct linger tReset = {1, 0};
     setsockopt(nFd, SOL_SOCKET, SO_LINGER, &tReset, sizeof(tReset));
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, ECONNREFUSED,
-           app::ErrorText(ECONNREFUSED).Text());
     return true;
 }
 
-// After the wait: is there a peer?  Otherwise the socket's pending error is the cause; that
+// After the wait: 0 when there is a peer.  Otherwise the socket's pending error is the cause; that
 // getpeername() finds it "not connected" is not.
-bool CheckPeer(int nFd, TAppNetAddr *ptPeerAddr, const char *szOp)
+int FindPeer(int nFd, TAppNetAddr *ptPeerAddr)
 {
     struct sockaddr_in tPeer = {};
     socklen_t nLen = sizeof(tPeer);
     if (getpeername(nFd, app::Generic(&tPeer), &nLen) != 0) {
-        int nError = errno;
+        const int nError = errno;
         int nPending = 0;
         socklen_t nPendingLen = sizeof(nPending);
-        if (getsockopt(nFd, SOL_SOCKET, SO_ERROR, &nPending, &nPendingLen) == 0 && nPending != 0)
-            nError = nPending;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
-        return false;
+        getsockopt(nFd, SOL_SOCKET, SO_ERROR, &nPending, &nPendingLen);
+        return nPending != 0 ? nPending : nError;
     }
-    if (MetItself(nFd, szOp))
-        return false;
+    if (MetItself(nFd))
+        return ECONNREFUSED;
     if (ptPeerAddr)
         app::FromInAddr(tPeer.sin_addr, ptPeerAddr);
-    return true;
+    return 0;
 }
 
-bool AwaitConnection(int nFd, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr, const char *szOp)
+bool AwaitConnection(int nFd, uint32_t dwTimeout, const char *szOp)
 {
     const app::Deadline deadline(dwTimeout != 0 ? dwTimeout : kDefaultTimeoutMs);
+    // Writable means decided, not connected: see FindPeer().
     const app::WaitResult wait = app::WaitForSocket(nFd, EPOLLOUT, deadline, szOp);
-    const int nError = errno;
     if (wait == app::WaitResult::Failed)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: epoll_wait failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: epoll_wait failed %d %s\n", szOp);
     if (wait == app::WaitResult::Timeout) // errno tells of whatever came before, such as a signal
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect timeout %d %s\n", szOp, ETIMEDOUT,
-               app::ErrorText(ETIMEDOUT).Text());
-    return wait == app::WaitResult::Ready && CheckPeer(nFd, ptPeerAddr, szOp);
+        APP_LOG_ERRNO(ETIMEDOUT, "[ERROR] %s: connect timeout %d %s\n", szOp);
+    return wait == app::WaitResult::Ready;
 }
 
 // `nFd` does not block.
 bool Connect(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr,
              const char *szOp)
 {
-    if (connect(nFd, app::Generic(&tAddr), sizeof(tAddr)) == 0)
-        return !MetItself(nFd, szOp);
-    const int nError = errno;
-    if (nError == EINPROGRESS)
-        return AwaitConnection(nFd, dwTimeout, ptPeerAddr, szOp);
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: connect failed %d %s\n", szOp, nError,
-           app::ErrorText(nError).Text());
-    return false;
+    int nError = connect(nFd, app::Generic(&tAddr), sizeof(tAddr)) == 0 ? 0 : errno;
+    if (nError == 0 && MetItself(nFd))
+        nError = ECONNREFUSED;
+    if (nError == EINPROGRESS) {
+        if (!AwaitConnection(nFd, dwTimeout, szOp))
+            return false;
+        nError = FindPeer(nFd, ptPeerAddr);
+    }
+    if (nError != 0)
+        APP_LOG_ERRNO(nError, "[ERROR] %s: connect failed %d %s\n", szOp);
+    return nError == 0;
 }
 
 // Connects without blocking and makes the socket block again.
@@ -87,40 +86,31 @@ bool ConnectInTime(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout,
 {
     const int nFlags = fcntl(nFd, F_GETFL);
     if (nFlags < 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: fcntl F_GETFL failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: fcntl F_GETFL failed %d %s\n", szOp);
         return false;
     }
     if (fcntl(nFd, F_SETFL, nFlags | O_NONBLOCK) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: fcntl F_SETFL O_NONBLOCK failed %d %s\n", szOp,
-               nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: fcntl F_SETFL O_NONBLOCK failed %d %s\n", szOp);
         return false;
     }
     if (!Connect(nFd, tAddr, dwTimeout, ptPeerAddr, szOp))
         return false;
     if (fcntl(nFd, F_SETFL, nFlags) != 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: fcntl F_SETFL failed %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: fcntl F_SETFL failed %d %s\n", szOp);
         return false;
     }
     return true;
 }
 
-// Wanted, but a connection without them is a connection.
+// Small messages at once, and an end to connections whose peer has lost its power.  A connection
+// without them is a connection all the same.
 void SetOptions(int nFd, const char *szOp)
 {
     if (!app::SetOption(nFd, IPPROTO_TCP, TCP_NODELAY, 1)) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt TCP_NODELAY fail %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt TCP_NODELAY fail %d %s\n", szOp);
     }
     if (!app::SetOption(nFd, SOL_SOCKET, SO_KEEPALIVE, 1)) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt SO_KEEPALIVE fail %d %s\n", szOp, nError,
-               app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt SO_KEEPALIVE fail %d %s\n", szOp);
     }
 }
 

@@ -84,9 +84,7 @@ int32_t FinishReceive(const TOutcome &outcome, uint32_t *pdwLen, const char *szO
         *pdwLen = static_cast<uint32_t>(outcome.nCount);
         return static_cast<int32_t>(outcome.nCount);
     }
-    const int nError = errno;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: recvmsg failed %d %s\n", szOp, nError,
-           app::ErrorText(nError).Text());
+    APP_LOG_ERRNO(errno, "[ERROR] %s: recvmsg failed %d %s\n", szOp);
     return kFailed;
 }
 
@@ -118,9 +116,7 @@ int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uin
     if (!IsKind(hSocket, APP_SOCKET_UDP))
         return kFailed;
     if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_PKTINFO, 1)) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: setsockopt  IP_PKTINFO failed %d %s\n", __func__,
-               nError, app::ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  IP_PKTINFO failed %d %s\n", __func__);
         return kFailed;
     }
     struct sockaddr_in tRemote = {};

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The one wait of the sockets.  An epoll instance for each wait: it is shared with nobody, so two
+// threads may wait for one socket, and it knows no largest descriptor as select() does.
 #include <sys/epoll.h>
 
 #include "cross_linux/error_text.h"
@@ -9,9 +12,7 @@ app::WaitResult app::WaitForSocket(int nFd, uint32_t dwEvents, const Deadline &d
 {
     const OwnedFd epoll(epoll_create1(EPOLL_CLOEXEC));
     if (epoll.Get() < 0) {
-        const int nError = errno;
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: epoll_create failed %d %s\n", szOp, nError,
-               ErrorText(nError).Text());
+        APP_LOG_ERRNO(errno, "[ERROR] %s: epoll_create failed %d %s\n", szOp);
         return WaitResult::NoEpoll;
     }
     struct epoll_event tEvent = {};
@@ -26,6 +27,7 @@ app::WaitResult app::WaitForSocket(int nFd, uint32_t dwEvents, const Deadline &d
         const int nReady = epoll_wait(epoll.Get(), atEvent, 2, nLeft);
         if (nReady > 0)
             return WaitResult::Ready;
+        // After a signal the deadline decides, as after a round that was too short.
         if (nReady < 0 && errno != EINTR)
             return WaitResult::Failed;
         if (deadline.Passed())

@@ -5,9 +5,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/error_text.h"
-#include "utils/rollback.h"
 
 namespace
 {
@@ -41,7 +41,9 @@ uint32_t _AppThreadCreate(PFAppThreadEntry pfnEntry, uint32_t dwStackSize, void 
     app::Rollback release([&] { pthread_attr_destroy(&tAttr); });
     pthread_attr_setdetachstate(&tAttr, PTHREAD_CREATE_DETACHED); // nothing joins, nothing leaks
     pthread_attr_setschedpolicy(&tAttr, SCHED_OTHER);
+    // Refused, a size leaves the default, which is larger than any that is refused as too small.
     pthread_attr_setstacksize(&tAttr, dwStackSize);
+    // Else a thread would run with the priority of whoever happens to need it first.
     SetInheritance(&tAttr, PTHREAD_EXPLICIT_SCHED, __func__);
     int nError = Start(&tAttr, pfnEntry, pvArg, __func__);
     if (nError == EINVAL && SetInheritance(&tAttr, PTHREAD_INHERIT_SCHED, __func__) == 0)
@@ -49,6 +51,7 @@ uint32_t _AppThreadCreate(PFAppThreadEntry pfnEntry, uint32_t dwStackSize, void 
     return nError == 0 ? APP_OK : APP_FAILED;
 }
 
+// pthread_exit() would load libgcc_s to unwind the stack; the library does without.
 void _AppThreadExit(void) {}
 
 int32_t _AppThreadGetTID(void)

@@ -54,6 +54,7 @@ const TAppS32StrPair *AppFindS32StrPair_S32(const TAppS32StrPair *ptPairArr, uin
 {
     if (!ptPairArr)
         return nullptr;
+    // Most tables are dense and sorted: one look then.
     const auto dwIndex = static_cast<uint32_t>(nEnum); // a negative value is beyond every table
     if (nEnum >= 0 && dwIndex < dwArrSize && ptPairArr[dwIndex].nEnum == nEnum)
         return &ptPairArr[dwIndex];
@@ -75,6 +76,7 @@ const TAppS32StrPair *AppFindS32StrPair_Str(const TAppS32StrPair *ptPairArr, uin
 const char *AppConvEnum2Str(const TAppS32StrPair *ptPairArr, uint32_t dwArrSize, int32_t nEnum)
 {
     const TAppS32StrPair *ptPair = AppFindS32StrPair_S32(ptPairArr, dwArrSize, nEnum);
+    // Never null, so that a caller may print what it gets.
     if (ptPair && ptPair->szStr)
         return ptPair->szStr;
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppFindS32StrPair_S32() failed, {%d}\n", __func__, nEnum);

@@ -7,7 +7,6 @@
 
 #include "appcore/host.h"
 #include "appcore/platform.h"
-#include "utils/log.h"
 
 namespace
 {
@@ -18,6 +17,7 @@ constexpr uint32_t kLineSize = 256;
 
 struct TCommand {
     const char *szName;
+    // These two change when a name is registered again, while others run or list it.
     std::atomic<PFQorCommand> pfnCommand;
     std::atomic<const char *> szHelp;
 };
@@ -36,12 +36,12 @@ TCommand *FindCommand(const char *szName)
     return nullptr;
 }
 
-int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
+int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp, const char *szOp)
 {
     TCommand *ptCommand = FindCommand(szName);
     const uint32_t dwCommands = s_dwCommands.load();
     if (!ptCommand && dwCommands == kMostCommands) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no room for command %s\n", "QorRegCommand", szName);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no room for command %s\n", szOp, szName);
         return 0;
     }
     const bool bNew = !ptCommand;
@@ -51,6 +51,7 @@ int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp
     }
     ptCommand->pfnCommand.store(pfnCommand);
     ptCommand->szHelp.store(szHelp ? szHelp : "");
+    // The count last: a reader that sees the entry sees it whole.
     if (bNew)
         s_dwCommands.store(dwCommands + 1, std::memory_order_release);
     return 1;
@@ -63,9 +64,10 @@ extern "C" __attribute__((weak)) int32_t QorRegCommand(const char *szName, PFQor
 {
     if (!szName || !pfnCommand)
         return 0;
+    // A lock would have to be made first, by whoever comes first; and registrations are rare.
     while (s_bRegistering.exchange(1, std::memory_order_acquire) != 0)
         AppDelay(1);
-    const int32_t nResult = Register(szName, pfnCommand, szHelp);
+    const int32_t nResult = Register(szName, pfnCommand, szHelp, __func__);
     s_bRegistering.store(0, std::memory_order_release);
     return nResult;
 }

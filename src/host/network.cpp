@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "appcore/host.h"
-#include "utils/rollback.h"
+#include "base/rollback.h"
 
 namespace
 {
@@ -60,6 +60,7 @@ void CopyAddresses(const struct ifaddrs *ptIf, const char *szName, TIpcNetEthPar
 
 extern "C" {
 
+// Asked anew each time: cables and leases come and go, and the interfaces' numbers with them.
 __attribute__((weak)) int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw)
 {
     struct ifaddrs *ptAll = nullptr;

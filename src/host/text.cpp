@@ -35,11 +35,13 @@ int64_t Convert(const TConversion &conversion, const void *pvSrc, size_t nSrc, v
         memset(pvDst, 0, conversion.dwTerminator);
         return -1;
     }
+    // iconv() leaves the source alone, whatever its signature says.
     char *pchSrc = static_cast<char *>(const_cast<void *>(pvSrc));
     char *pchDst = static_cast<char *>(pvDst);
     size_t nLeft = nRoom - conversion.dwTerminator;
     const bool bDone = iconv(hConv, &pchSrc, &nSrc, &pchDst, &nLeft) != static_cast<size_t>(-1);
     iconv_close(hConv);
+    // After a failure too: callers print what they have got.
     memset(pchDst, 0, conversion.dwTerminator);
     return bDone ? pchDst - static_cast<char *>(pvDst) : -1;
 }

@@ -7,6 +7,7 @@
 #include <stddef.h>
 
 #include "appcore/mempool.h"
+#include "base/thread_safety.h"
 #include "mempool_implement/engine.h"
 
 #define APP_MEMPOOL_MAGIC 0x12235690u
@@ -19,7 +20,8 @@ struct TAppMemPool {
     PFAppEngineMalloc pfnMalloc;
     PFAppEngineFree pfnFree;
     TAppMemPoolImpl *ptImpl;
-    uint32_t dwCurSize; // bytes asked for by the blocks in use, without headers and rounding
+    // Bytes asked for by the blocks in use, without headers and rounding.
+    uint32_t dwCurSize APP_GUARDED_BY(hLock);
     uint32_t dwMaxSize; // limit of dwCurSize; 0 is none
     HAppLock hLock;     // guards the record and its engine; null for a pool without
 };
@@ -42,8 +44,19 @@ class ReportWriter;
 
 // AppMemPoolShow() into a report that is already under way.
 void ShowPool(ReportWriter &writer, HAppMemPool hMemPool);
-// The engine's counters agree with its lists and blocks.  For tests; takes the pool's lock.
-bool PoolIsValid(HAppMemPool hMemPool);
+// What is in use fits, with its headers, into the engine's blocks.
+inline bool PoolAddsUp(const TAppMemPool *ptPool) APP_REQUIRES(ptPool->hLock)
+{
+    constexpr uint32_t kHeads = sizeof(TAppMemPoolHead) + sizeof(TAppMemBlockHead);
+    const TAppMemPoolImpl *ptImpl = ptPool->ptImpl;
+    return ptPool->dwCurSize + ptImpl->dwOnWorkCount * kHeads <= ptImpl->dwOnWorkSize &&
+           (ptPool->dwCurSize == 0) == (ptImpl->dwOnWorkCount == 0);
+}
+// And its engine is valid.  Only in builds with checks.
+inline bool PoolIsValid(const TAppMemPool *ptPool) APP_REQUIRES(ptPool->hLock)
+{
+    return PoolAddsUp(ptPool) && EngineIsValid(ptPool->ptImpl);
+}
 
 } // namespace app
 

@@ -1,4 +1,9 @@
 // SPDX-License-Identifier: MIT
+//
+// Every block is as large as its class and goes back to the list of its class alone: nothing is
+// split, merged or searched for, so that both operations take the same short time after months of
+// use, and a pool holds what its busiest moment needed.  The block that has been idle for longest is
+// reused first: whoever still writes to what it has released harms nobody for a while.
 #include "mempool_implement/engine.h"
 
 #include <stdlib.h>
@@ -10,11 +15,10 @@
 namespace
 {
 
+using app::kIdle;
+
 constexpr uint32_t kSmallestShift = 5;
 constexpr uint32_t kHead = sizeof(TAppMemBlockHead);
-// Marks the released blocks in dwBlockSize, whose low bits are free in a pooled block: so a second
-// release is known in constant time, and a block in use shows its plain size to a debugger.
-constexpr uint32_t kIdle = 1;
 
 uint32_t ClassSize(uint32_t dwClass)
 {
@@ -26,16 +30,17 @@ void *BehindHead(TAppMemBlockHead *ptHead)
     return ptHead + 1;
 }
 
+// Poked, like every counter here: a report that does not get the pool's lock reads them all the same.
 void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    app::Poke(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
-    app::Poke(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
+    app::SetCounter(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
+    app::SetCounter(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
 }
 
 // A header may be corrupt: the account ends at zero then.
 void Lower(uint32_t &dwField, uint32_t dwAmount)
 {
-    app::Poke(dwField, dwField > dwAmount ? dwField - dwAmount : 0);
+    app::SetCounter(dwField, dwField > dwAmount ? dwField - dwAmount : 0);
 }
 
 void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
@@ -44,6 +49,7 @@ void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
     Lower(ptImpl->dwOnWorkSize, dwBlockSize);
 }
 
+// A large block's need may be odd; it has no node.
 bool IsIdle(const TAppMemBlockHead *ptHead)
 {
     return (ptHead->dwBlockSize & kIdle) && ptHead->hNode &&
@@ -53,6 +59,15 @@ bool IsIdle(const TAppMemBlockHead *ptHead)
 uint32_t SizeOf(const TAppMemBlockHead *ptHead)
 {
     return IsIdle(ptHead) ? ptHead->dwBlockSize - kIdle : ptHead->dwBlockSize;
+}
+
+// After each change, which concerned the lists of one class or, beyond the classes, none.
+void Verify([[maybe_unused]] const TAppMemPoolImpl *ptImpl, [[maybe_unused]] uint32_t dwClass)
+{
+    APP_CHECK(app::EngineAddsUp(ptImpl), "the engine's totals do not add up");
+    if (dwClass < APP_MEMPOOL_CLASS_NUM)
+        APP_CHECK_WHOLE(ptImpl->hOnList[dwClass]->dwCurSize + ptImpl->hOffList[dwClass]->dwCurSize,
+                        app::ClassIsValid(ptImpl, dwClass), "a block is on the wrong list");
 }
 
 void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
@@ -75,8 +90,9 @@ void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
     *ptHead = {dwNeed, nullptr};
     if (ptImpl) {
         Count(ptImpl, dwNeed);
-        app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwNeed);
+        app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwNeed);
         TraceCounters(ptImpl, szOp);
+        Verify(ptImpl, APP_MEMPOOL_CLASS_NUM);
     }
     return BehindHead(ptHead);
 }
@@ -116,7 +132,7 @@ TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dw
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n",
               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
               app::Ptr(ptHead));
-    app::Poke(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
+    app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
     return ptHead;
 }
 
@@ -127,6 +143,7 @@ void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *sz
     if (ptImpl) {
         Lower(ptImpl->dwTotalSize, ptHead->dwBlockSize);
         Uncount(ptImpl, ptHead->dwBlockSize);
+        Verify(ptImpl, APP_MEMPOOL_CLASS_NUM);
     }
     free(ptHead);
 }
@@ -142,6 +159,7 @@ void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwCla
     Uncount(ptImpl, ptHead->dwBlockSize);
     ptHead->dwBlockSize += kIdle;
     TraceCounters(ptImpl, szOp);
+    Verify(ptImpl, dwClass);
 }
 
 bool CreateList(HAppDoubleList *phList, uint32_t *pdwResult)
@@ -155,15 +173,15 @@ bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         uint32_t dwResult;
         if (!CreateList(&ptImpl->hOnList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
+                           app::Ul(k));
             return false;
         }
         if (!CreateList(&ptImpl->hOffList[k], &dwResult)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n", szOp,
-                   app::Ul(k), static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult,
+                           "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n",
+                           szOp, app::Ul(k));
             return false;
         }
     }
@@ -180,9 +198,9 @@ void DestroyList(HAppDoubleList *phList, TAppMemPoolImpl *ptImpl)
 
 uint32_t __AppMemGetOffset(uint32_t dwSize)
 {
-    const uint32_t dwUnits = (dwSize - 1) >> kSmallestShift;
+    const uint32_t dwUnits = (dwSize - 1) >> kSmallestShift; // of 0 more than any class has
     if (dwUnits == 0)
-        return 0;
+        return 0; // the instruction below knows no 0
     const auto dwClass = static_cast<uint32_t>(32 - __builtin_clz(dwUnits));
     return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
 }
@@ -192,13 +210,13 @@ uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
     auto ptImpl = static_cast<TAppMemPoolImpl *>(malloc(sizeof(TAppMemPoolImpl)));
     if (!ptImpl) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc for %d failed\n", __func__,
-               static_cast<int>(sizeof(TAppMemPoolImpl)));
+               app::Int(sizeof(TAppMemPoolImpl)));
         _AppMemPoolDestroy(nullptr);
         return APP_FAILED;
     }
     *ptImpl = {};
     if (!CreateLists(ptImpl, __func__)) {
-        _AppMemPoolDestroy(ptImpl);
+        _AppMemPoolDestroy(ptImpl); // lists that are not there yet are null
         return APP_FAILED;
     }
     *pptImpl = ptImpl;
@@ -240,6 +258,7 @@ void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
         return nullptr;
     Count(ptImpl, ptHead->dwBlockSize);
     TraceCounters(ptImpl, __func__);
+    Verify(ptImpl, dwClass);
     return BehindHead(ptHead);
 }
 
@@ -253,13 +272,15 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
         return;
     }
     const bool bIdle = IsIdle(ptHead);
-    const uint32_t dwBlockSize = bIdle ? ptHead->dwBlockSize - kIdle : ptHead->dwBlockSize;
+    const uint32_t dwBlockSize = SizeOf(ptHead);
+    // Less in use than is released now: a header or the account is corrupt.  It goes on all the same,
+    // since a camera that stops releasing stops soon.
     if (ptImpl->dwOnWorkSize < dwBlockSize)
-        AppLog(0, APP_LOG_ERROR,
-               "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM "
-               "LEAK may occured!!!!\n",
-               __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
-               app::Ul(dwBlockSize));
+        AppLog(
+            0, APP_LOG_ERROR,
+            "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM LEAK may occured!!!!\n",
+            __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
+            app::Ul(dwBlockSize));
     if (!ptHead->hNode) {
         FreeLarge(ptImpl, ptHead, __func__);
         return;
@@ -279,32 +300,5 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
            __func__, pvData, app::Ul(dwBlockSize), app::Ptr(ptImpl));
     Lower(ptImpl->dwTotalSize, dwBlockSize);
     Uncount(ptImpl, dwBlockSize);
-}
-
-static bool ClassIsValid(const TAppDoubleList *ptList, uint32_t dwBlockSize)
-{
-    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext) {
-        auto ptHead = static_cast<const TAppMemBlockHead *>(hNode->pvData);
-        if (ptHead->dwBlockSize != dwBlockSize || ptHead->hNode != hNode)
-            return false;
-    }
-    return app::ListIsValid(ptList);
-}
-
-bool app::EngineIsValid(const TAppMemPoolImpl *ptImpl)
-{
-    uint32_t dwOnCount = 0;
-    uint32_t dwOnSize = 0;
-    uint32_t dwOffSize = 0;
-    for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        if (!ClassIsValid(ptImpl->hOnList[k], ClassSize(k)) ||
-            !ClassIsValid(ptImpl->hOffList[k], ClassSize(k) | kIdle))
-            return false;
-        dwOnCount += ptImpl->hOnList[k]->dwCurSize;
-        dwOnSize += ptImpl->hOnList[k]->dwCurSize * ClassSize(k);
-        dwOffSize += ptImpl->hOffList[k]->dwCurSize * ClassSize(k);
-    }
-    // What goes beyond the lists are large blocks.
-    return ptImpl->dwOnWorkCount >= dwOnCount && ptImpl->dwOnWorkSize >= dwOnSize &&
-           ptImpl->dwTotalSize == ptImpl->dwOnWorkSize + dwOffSize;
+    Verify(ptImpl, dwClass);
 }

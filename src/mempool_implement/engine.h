@@ -22,6 +22,10 @@ constexpr size_t kHeadAlign = alignof(uint32_t);
 constexpr size_t kHeadAlign = alignof(max_align_t);
 #endif
 
+// Marks the released blocks in dwBlockSize, whose low bits are free in a pooled block: so a second
+// release is known in constant time, and a block in use shows its plain size to a debugger.
+constexpr uint32_t kIdle = 1;
+
 class ReportWriter;
 
 } // namespace app
@@ -36,7 +40,7 @@ struct TAppMemPoolImpl {
 
 // At the start of every block that the engine takes from the heap.
 struct alignas(app::kHeadAlign) TAppMemBlockHead {
-    uint32_t dwBlockSize;     // 32 << class, plus 1 while idle; or the need of a large block
+    uint32_t dwBlockSize;     // 32 << class, plus kIdle while idle; or the need of a large block
     HAppDoubleListNode hNode; // in hOnList or hOffList; null for a large block
 };
 
@@ -73,6 +77,13 @@ struct EngineFigures {
 EngineFigures ReadEngine(const TAppMemPoolImpl *ptImpl);
 // _AppMemPoolShow() into a report that is already under way, which must have handed over.
 void ShowEngine(ReportWriter &writer, const EngineFigures &figures);
+
+// Only in builds with checks; the caller holds the pool's lock.  The totals agree with the lists'
+// lengths.
+bool EngineAddsUp(const TAppMemPoolImpl *ptImpl);
+// The blocks on a class's two lists are of its size, marked when idle, and know their node.
+bool ClassIsValid(const TAppMemPoolImpl *ptImpl, uint32_t dwClass);
+// Both, and the lists themselves, of every class.
 bool EngineIsValid(const TAppMemPoolImpl *ptImpl);
 } // namespace app
 

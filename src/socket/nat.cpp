@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: MIT
+//
+// The address and port under which a peer reaches a service of this device: the local ones, unless
+// the peer is on another network and the router has a mapping.
 #include "appcore/host.h"
 #include "appcore/socket.h"
 #include "utils/log.h"
@@ -27,10 +30,11 @@ bool FindMask(const TIpcNetEthParam &param, uint32_t dwLocalAddr, uint32_t *pdwM
 uint32_t SearchMask(uint32_t dwLocalAddr, uint32_t dwInterfaces, const char *szOp)
 {
     for (uint32_t i = 0; i < dwInterfaces && i < kMostInterfaces; ++i) {
+        // Zeroed before each query: a host may fill less than it should.
         TIpcNetEthParam param = {};
         const int32_t nStatus = IpcGetNetEthParam(static_cast<uint8_t>(i), &param);
         if (nStatus != kHostSuccess) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcGetNetEthParam failed %d\n", szOp, nStatus);
+            APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcGetNetEthParam failed %d\n", szOp);
             continue;
         }
         uint32_t dwMask = 0;
@@ -52,7 +56,7 @@ bool IsOnSubnet(uint32_t dwRemoteAddr, uint32_t dwLocalAddr, const char *szOp)
     TIpcCapHwExternal hardware = {};
     const int32_t nStatus = IpcCapGetHwExternal(&hardware);
     if (nStatus != kHostSuccess) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcCapGetHwInternal failed %d\n", szOp, nStatus);
+        APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcCapGetHwInternal failed %d\n", szOp);
         return false;
     }
     const uint32_t dwInterfaces = uint32_t{hardware.byIfCount1} + hardware.byIfCount2;
@@ -77,7 +81,7 @@ void SearchMapping(uint32_t dwProtocol, uint16_t wLocalPort, TAppNetAddr *ptNatA
     TIpcUpupCfg config = {};
     const int32_t nStatus = IpcGetUpupCfg(&config);
     if (nStatus != kHostSuccess) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcGetUpupCfg failed %d\n", szOp, nStatus);
+        APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcGetUpupCfg failed %d\n", szOp);
         return;
     }
     if (config.dwEnable == 0) {
@@ -90,8 +94,7 @@ void SearchMapping(uint32_t dwProtocol, uint16_t wLocalPort, TAppNetAddr *ptNatA
         char achName[APP_HOST_UPNP_NAME_SIZE + 1]; // the host's name need not be terminated
         AppStrncpy(achName, map.achName, sizeof(achName));
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: UPnP[%d]: type %d enable %d inport:%d name %s\n",
-                  szOp, i, static_cast<int>(map.dwMapType), static_cast<int>(map.dwEnable),
-                  map.wInPort, achName);
+                  szOp, i, app::Int(map.dwMapType), app::Int(map.dwEnable), map.wInPort, achName);
         if (!Matches(map, dwProtocol, wLocalPort))
             continue;
         *pwPort = map.wExtPort;
@@ -115,6 +118,7 @@ uint32_t AppSocketCalNATAddr(const TAppNetAddr *ptRemoteAddr, uint32_t dwProtoco
         return APP_FAILED;
     }
     uint16_t wPort = wLocalPort;
+    // Only IPv4 has a mask to compare with; for IPv6 a mapping is looked for at once.
     const bool bOnSubnet = ptNatAddr->dwType == APP_NET_ADDR_IPV4 &&
                            IsOnSubnet(remote.dwIpv4, ptNatAddr->dwIpv4, __func__);
     if (!bOnSubnet)

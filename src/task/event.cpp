@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // Sending an event, dropping it, and the last one.
+//
+// The queue holds copies of the manager's own, so that a sender's record may be gone when its event
+// is served; the argument stays the sender's affair.  A send that is refused has told nobody, and
+// one that is accepted is told once, as what it is or as dropped.
 #include "appcore/mempool.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -10,6 +14,8 @@
 namespace
 {
 
+// A task's lock is held for moments only.  Who does not get it within this time is told so instead
+// of being lost with whatever has gone wrong.
 constexpr uint32_t kSendWaitMs = 1000;
 
 // What the public sends share: a copy of the event is queued while the task admits work.
@@ -21,8 +27,8 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
     uint32_t dwResult = APP_INVALID_ARG;
     bool bWake = false;
     {
-        app::LockGuard guard(hTask->hLock, dwTimeout);
-        if (!guard)
+        app::TimedLockGuard guard(hTask);
+        if (!guard.TakeByTime(dwTimeout))
             return APP_TIMEOUT;
         const uint32_t dwState = app::Peek(hTask->dwState);
         if (app::AdmitsWork(dwState))
@@ -40,7 +46,9 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
 
 } // namespace
 
-void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventType)
+// The task's handler changes while the task is idle, under its lock: not while it has events.
+void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
+                      uint32_t dwEventType) APP_NO_ANALYSIS
 {
     if (event.pfnHandler)
         event.pfnHandler(ptTask, dwEventType, event.pvArg, event.pvContext);
@@ -48,6 +56,8 @@ void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwE
         ptTask->pfnHandler(ptTask, dwEventType, event.pvArg, ptTask->pvContext);
 }
 
+// One by one: the queue's destruction holds its lock while it tells, and a handler may ask for a
+// report.
 void app::DropEvents(TAppTask *ptTask)
 {
     while (AppQueueGetSize(ptTask->hEventQueue) != 0) {
@@ -77,13 +87,12 @@ uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32
     }
     *ptCopy = *ptEvent;
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", __func__,
-              app::Ptr(ptTask), static_cast<int>(ptEvent->dwEventType),
-              app::Ptr(ptEvent->pfnHandler), ptEvent->pvArg);
+              app::Ptr(ptTask), app::Int(ptEvent->dwEventType), app::Ptr(ptEvent->pfnHandler),
+              ptEvent->pvArg);
     const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                              static_cast<int32_t>(bForce), "_AppQueueIn", pbWake);
+                                              static_cast<int32_t>(bForce), pbWake);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueIn failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueIn failed %d\n", __func__);
         AppMemPoolFree(ptCopy);
     }
     return dwResult;
@@ -95,6 +104,7 @@ uint32_t AppTaskSendEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandl
                 0, kSendWaitMs, __func__);
 }
 
+// For what must not be lost to a full queue or a lock that is not to be had in time.
 uint32_t AppTaskAssignEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandler,
                             void *pvContext)
 {
@@ -108,12 +118,13 @@ uint32_t AppTaskTerminate(HAppTask hTask)
                 APP_TASK_PRIORITY_REQUEST, 1, 0, __func__);
 }
 
+// A timer's end is recorded without the lock: what is read meanwhile may belong to two.
 uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvArg,
                              PFAppTaskHandler *ppfnHandler, void **ppvContext)
 {
     if (!hTask || !pdwEventType || !ppvArg || !ppfnHandler || !ppvContext)
         return APP_INVALID_ARG;
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     *pdwEventType = app::Peek(hTask->dwLastEventType);
     *ppvArg = app::Peek(hTask->pvLastArg);
     *ppfnHandler = app::Peek(hTask->pfnLastHandler);

@@ -25,10 +25,13 @@
 // phase, when no handler runs any more.
 //
 // models/task.pml proves this for every interleaving of two tasks.
+#include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/field.h"
 #include "task/task.h"
+#include "task/timer.h"
+#include "utils/check.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/queue.h"
 
 namespace
@@ -37,7 +40,9 @@ namespace
 // A user of the record leaves; true for the last one.  Any other must not touch it any more.
 bool DropUser(TAppTask *ptTask)
 {
-    return ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    const uint32_t dwUsers = ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel);
+    APP_CHECK(dwUsers != 0, "more users leave than have come");
+    return dwUsers == 1;
 }
 
 } // namespace
@@ -78,12 +83,14 @@ void app::AwaitLeft(TAppTask *ptTask)
 
 void app::BeginLeaving(TAppTaskMgr *ptTaskMgr)
 {
+    AssertHeld(ptTaskMgr);
     ++ptTaskMgr->dwLeaving;
 }
 
 void app::EndLeaving(TAppTaskMgr *ptTaskMgr)
 {
-    LockGuard guard(ptTaskMgr->hLock);
+    LockGuard guard(ptTaskMgr);
+    APP_CHECK(ptTaskMgr->dwLeaving != 0, "more tasks have left than were leaving");
     --ptTaskMgr->dwLeaving;
     if (ptTaskMgr->bQuit == 1)
         AppLockGive(ptTaskMgr->hLeftLock);
@@ -94,7 +101,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 {
     for (;;) {
         {
-            LockGuard guard(ptTaskMgr->hLock);
+            LockGuard guard(ptTaskMgr);
             if (ptTaskMgr->dwLeaving == 0)
                 return;
         }
@@ -105,9 +112,25 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
 void app::TellRest(TAppTask *ptTask)
 {
     if (ptTask->ptTimerMgr) { // else the creation has failed before there could be anything to tell
-        LockGuard guard(ptTask->hLock);
+        LockGuard guard(ptTask);
         CancelTimers(ptTask->ptTimerMgr, false);
     }
     if (ptTask->hEventQueue)
         DropEvents(ptTask);
+}
+
+void _AppTaskDestroy(TAppTask *ptTask)
+{
+    if (!ptTask)
+        return;
+    app::TellRest(ptTask); // the manager's destruction has done so before
+    _AppTimerMgrDestroy(ptTask->ptTimerMgr);
+    AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);
+    AppMemPoolDestroy(ptTask->hMemPool);
+    AppLockDestroy(ptTask->hExitLock);
+    ptTask->hExitLock = nullptr;
+    AppLockDestroy(ptTask->hLock);
+    ptTask->hLock = nullptr;
+    AppMemPoolFree(ptTask->szTaskName);
+    AppMemPoolFree(ptTask);
 }

@@ -1,7 +1,15 @@
 // SPDX-License-Identifier: MIT
+//
+// The manager and its two lists.  A new task is the idle one that was parked last, whose stack and
+// pool are the likeliest to be warm, or else a new thread.
+//
+// Nobody waits for a thread under the manager's lock, which that thread needs to leave its place.
+// So a task whose creation or reuse has failed is taken from the lists under the lock, and ended and
+// released after it; whoever is handed a task meanwhile cannot get this one.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "task/task.h"
+#include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -11,6 +19,7 @@ namespace
 
 // What the application asks of a new task.
 struct TWanted {
+    const char *szOp; // the operation it has called, for the messages
     const char *szTaskName;
     uint32_t dwMaxEvent;
     uint32_t dwStackSize;
@@ -20,6 +29,21 @@ struct TWanted {
     void *pvContext;
 };
 
+// The lists have changed.
+void CheckLists([[maybe_unused]] const TAppTaskMgr *ptTaskMgr) APP_REQUIRES(ptTaskMgr->hLock)
+{
+    APP_CHECK_WHOLE(ptTaskMgr->hTaskList->dwCurSize + ptTaskMgr->hIdleTaskList->dwCurSize,
+                    app::TaskMgrIsValid(ptTaskMgr), "the lists of tasks are broken");
+}
+
+// A task has come to the end of the list.
+void CheckTail(const TAppTaskMgr *ptTaskMgr, [[maybe_unused]] const TAppDoubleList *ptList)
+    APP_REQUIRES(ptTaskMgr->hLock)
+{
+    APP_CHECK(app::TaskIsValid(ptList, ptList->ptTail), "a task is on the wrong list");
+    CheckLists(ptTaskMgr);
+}
+
 uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *szOp)
 {
     HAppMemPool hMemPool = ptTaskMgr->hMemPool;
@@ -27,24 +51,23 @@ uint32_t CreateMembers(TAppTaskMgr *ptTaskMgr, uint32_t dwMaxTask, const char *s
     if (dwResult == APP_OK)
         dwResult = AppLockCreate(hMemPool, 1, 0, APP_LOCK_TYPE_SEM, &ptTaskMgr->hLeftLock);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", szOp);
         return dwResult;
     }
     dwResult = AppDoubleListCreate(hMemPool, dwMaxTask, 0, &ptTaskMgr->hTaskList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hTaskList AppDoubleListCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hTaskList AppDoubleListCreate failed %d\n", szOp);
         return dwResult;
     }
     dwResult = AppDoubleListCreate(hMemPool, dwMaxTask, 0, &ptTaskMgr->hIdleTaskList);
     if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hIdleTaskList AppDoubleListCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hIdleTaskList AppDoubleListCreate failed %d\n", szOp);
     return dwResult;
 }
 
+// Equality is the test, so that a manager made for 0 tasks refuses every one.
 uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
+    APP_REQUIRES(ptTaskMgr->hLock)
 {
     if (ptTaskMgr->bQuit == 1) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: TaskMgr is being destroyed\n", szOp);
@@ -52,45 +75,43 @@ uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
     }
     if (ptTaskMgr->hTaskList->dwCurSize == ptTaskMgr->hTaskList->dwMaxSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Task Max Num %lu reach: %d\n", szOp,
-               app::Ul(ptTaskMgr->hTaskList->dwMaxSize), static_cast<int>(APP_NO_RESOURCE));
+               app::Ul(ptTaskMgr->hTaskList->dwMaxSize), app::Int(APP_NO_RESOURCE));
         return APP_NO_RESOURCE;
     }
     return APP_OK;
 }
 
 // Under the task's lock.  *pptFailed receives a task that must be disposed of.
-uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed, const char *szOp)
+uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
-    AppLog(0, APP_LOG_INFO, "[INFO ] %s: Reuse Task: %p\n", szOp, app::Ptr(ptTask));
+    AppLog(0, APP_LOG_INFO, "[INFO ] %s: Reuse Task: %p\n", wanted.szOp, app::Ptr(ptTask));
     const uint32_t dwResult =
         _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwIdleTimeout,
                            wanted.pfnHandler, wanted.pvContext);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n", szOp,
-               static_cast<int>(dwResult), app::Ptr(ptTask));
-        AppDoubleListRemove(ptTaskMgr->hIdleTaskList, ptTask->hListNode, nullptr);
-        ptTask->hListNode = nullptr;
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n",
+               wanted.szOp, app::Int(dwResult), app::Ptr(ptTask));
+        app::UnlistTask(ptTask, ptTaskMgr->hIdleTaskList);
         *pptFailed = ptTask;
         return dwResult;
     }
-    // The node itself moves, so that an exhausted pool cannot cost the task.
-    app::MoveNode(ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList, ptTask->hListNode);
+    app::MoveTask(ptTask, ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList);
     return APP_OK;
 }
 
 // Hands out the task that went idle last and has not chosen to end; *pptTask stays null when there
 // is none.
 uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                   TAppTask **pptFailed, const char *szOp)
+                   TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
 {
     HAppDoubleListNode hNode = ptTaskMgr->hIdleTaskList->ptTail;
     for (; hNode; hNode = hNode->ptPrev) {
         auto ptTask = static_cast<TAppTask *>(hNode->pvData);
-        app::LockGuard guard(ptTask->hLock);
+        app::LockGuard guard(ptTask);
         if (app::Peek(ptTask->dwState) != APP_TASK_STATE_IDLE)
             continue;
-        const uint32_t dwResult = Reuse(ptTask, wanted, pptFailed, szOp);
+        const uint32_t dwResult = Reuse(ptTask, wanted, pptFailed);
         if (dwResult == APP_OK)
             *pptTask = ptTask;
         return dwResult;
@@ -100,39 +121,38 @@ uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **ppt
 
 // *pptFailed receives a task whose thread runs, and that must be disposed of.
 uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                TAppTask **pptFailed, const char *szOp)
+                TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
 {
     TAppTask *ptTask = nullptr;
     uint32_t dwResult = _AppTaskCreate(
         ptTaskMgr, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwStackSize, wanted.dwMemPoolSize,
         wanted.dwIdleTimeout, wanted.pfnHandler, wanted.pvContext, &ptTask);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskCreate failed: %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTaskCreate failed: %d\n", wanted.szOp);
         return dwResult;
     }
-    AppLog(0, APP_LOG_INFO, "[INFO ] %s: _AppTaskCreate: %s %p\n", szOp,
+    AppLog(0, APP_LOG_INFO, "[INFO ] %s: _AppTaskCreate: %s %p\n", wanted.szOp,
            wanted.szTaskName ? wanted.szTaskName : "", app::Ptr(ptTask));
     dwResult = AppDoubleListInsertAfter(ptTaskMgr->hTaskList, nullptr, ptTask, &ptTask->hListNode);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
-               szOp, static_cast<int>(dwResult), app::Ptr(ptTask));
+               wanted.szOp, app::Int(dwResult), app::Ptr(ptTask));
         *pptFailed = ptTask;
         return dwResult;
     }
+    CheckTail(ptTaskMgr, ptTaskMgr->hTaskList);
     *pptTask = ptTask;
     return APP_OK;
 }
 
-// Under the manager's lock.
 uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                 TAppTask **pptFailed, const char *szOp)
+                 TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
 {
-    uint32_t dwResult = CheckAdmission(ptTaskMgr, szOp);
+    uint32_t dwResult = CheckAdmission(ptTaskMgr, wanted.szOp);
     if (dwResult == APP_OK)
-        dwResult = ReuseLast(ptTaskMgr, wanted, pptTask, pptFailed, szOp);
+        dwResult = ReuseLast(ptTaskMgr, wanted, pptTask, pptFailed);
     if (dwResult == APP_OK && !*pptTask)
-        dwResult = Create(ptTaskMgr, wanted, pptTask, pptFailed, szOp);
+        dwResult = Create(ptTaskMgr, wanted, pptTask, pptFailed);
     return dwResult;
 }
 
@@ -152,12 +172,13 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
         const auto requestEnd = [](TAppTask *ptTask) {
             app::Request(ptTask, APP_TASK_REQUEST_END);
         };
-        app::LockGuard guard(ptTaskMgr->hLock);
+        app::LockGuard guard(ptTaskMgr);
         ptTaskMgr->bQuit = 1;
         app::ForEachTask(ptTaskMgr->hTaskList, requestEnd);
         app::ForEachTask(ptTaskMgr->hIdleTaskList, requestEnd);
     }
     app::AwaitLeaving(ptTaskMgr);
+    app::AssertAlone(ptTaskMgr);
     app::ForEachTask(ptTaskMgr->hIdleTaskList, app::AwaitLeft);
     app::ForEachTask(ptTaskMgr->hTaskList, app::AwaitLeft);
     app::ForEachTask(ptTaskMgr->hIdleTaskList, app::TellRest);
@@ -165,6 +186,21 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
 }
 
 } // namespace
+
+void app::MoveTask(TAppTask *ptTask, HAppDoubleList hFrom, HAppDoubleList hTo)
+{
+    AssertHeld(ptTask->ptTaskMgr);
+    MoveNode(hFrom, hTo, ptTask->hListNode);
+    CheckTail(ptTask->ptTaskMgr, hTo);
+}
+
+void app::UnlistTask(TAppTask *ptTask, HAppDoubleList hList)
+{
+    AssertHeld(ptTask->ptTaskMgr);
+    AppDoubleListRemove(hList, ptTask->hListNode, nullptr);
+    ptTask->hListNode = nullptr;
+    CheckLists(ptTask->ptTaskMgr);
+}
 
 uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask, uint32_t dwIdleTaskTimeout,
                           HAppTaskMgr *phTaskMgr)
@@ -181,7 +217,7 @@ uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask, uint32_t dwI
     hTaskMgr->dwIdleTaskTimeout = dwIdleTaskTimeout;
     hTaskMgr->hMemPool = hMemPool;
     const uint32_t dwResult = CreateMembers(hTaskMgr, dwMaxTask, __func__);
-    if (dwResult != APP_OK) {
+    if (dwResult != APP_OK) { // what is half built has no tasks, and lists that may be null
         AppTaskMgrDestroy(hTaskMgr);
         return dwResult;
     }
@@ -195,6 +231,7 @@ void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr)
         return;
     if (hTaskMgr->hIdleTaskList) // else a creation has failed, and there are no tasks
         EndTasks(hTaskMgr);
+    // No handler runs any more: from here on the records go.
     AppDoubleListDestroy(hTaskMgr->hIdleTaskList, __AppFreeTaskCB, nullptr);
     AppDoubleListDestroy(hTaskMgr->hTaskList, __AppFreeTaskCB, nullptr);
     AppLockDestroy(hTaskMgr->hLeftLock);
@@ -225,12 +262,12 @@ uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_
     TAppTask *ptFailed = nullptr;
     uint32_t dwResult;
     {
-        app::LockGuard guard(hTaskMgr->hLock);
+        app::LockGuard guard(hTaskMgr);
         dwResult = Provide(hTaskMgr,
-                           {szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize, dwIdleTimeout,
-                            pfnHandler, pvContext},
-                           phTask, &ptFailed, __func__);
-        if (ptFailed) {
+                           {__func__, szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize,
+                            dwIdleTimeout, pfnHandler, pvContext},
+                           phTask, &ptFailed);
+        if (ptFailed) { // counted before the lock is given: a destruction waits for the disposal
             app::BeginLeaving(hTaskMgr);
             app::Request(ptFailed, APP_TASK_REQUEST_END);
         }

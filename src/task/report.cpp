@@ -1,13 +1,21 @@
 // SPDX-License-Identifier: MIT
+//
+// The report, wanted most when something hangs: so neither the manager's lock nor a task's is waited
+// for without an end.  The manager's guards the lists and the names, which change only under it too;
+// everything else about a task but its timers is read without its lock, and may be of two moments.
 #include "appcore/platform.h"
+#include "base/field.h"
+#include "base/print.h"
 #include "mempool/mempool.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/queue.h"
 #include "utils/report_writer.h"
 
+using app::Int;
 using app::Peek;
+using app::PeekCounter;
 using app::Ptr;
 using app::Ul;
 
@@ -48,14 +56,21 @@ struct TTimerLine {
 };
 constexpr uint32_t kLines = 16; // copied at a time
 
+// Without the lock: only the counter is read.
+uint32_t CountTimers(const TAppTask *ptTask) APP_NO_ANALYSIS
+{
+    return PeekCounter(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+}
+
 // Copies the lines from hShown on, which keeps its place while timers come and go.  None when the
 // task's lock is not to be had: a report is wanted most when something hangs.
 uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
                     TTimerLine (&atLine)[kLines])
 {
-    app::LockGuard guard(ptTask->hLock, kTaskLockWaitMs);
-    if (!guard)
+    app::TimedLockGuard guard(ptTask);
+    if (!guard.TakeByTime(kTaskLockWaitMs))
         return 0;
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     HAppDoubleListNode &hNode = ptTask->ptTimerMgr->hShown;
     if (bFirst)
         hNode = ptTask->ptTimerMgr->hTimerList->ptHead;
@@ -72,8 +87,9 @@ uint32_t CopyTimers(const TAppTask *ptTask, uint32_t dwNowTick, bool bFirst,
 void ShowTimers(app::ReportWriter &writer, const TAppTask *ptTask, uint32_t dwNowTick)
 {
     // No more lines than there are timers now: handlers may set timers faster than they are shown.
-    const uint32_t dwMost = Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize);
+    const uint32_t dwMost = CountTimers(ptTask);
     TTimerLine atLine[kLines];
+    // The task's lock is taken anew for each group, so that senders come in between.
     for (uint32_t dwShown = 0, dwLines; dwShown < dwMost; dwShown += dwLines) {
         dwLines = CopyTimers(ptTask, dwNowTick, dwShown == 0, atLine);
         if (dwLines == 0)
@@ -89,29 +105,26 @@ void ShowActive(app::ReportWriter &writer, const TAppTask *ptTask)
 {
     const uint32_t dwNowTick = AppGetTick();
     const int32_t nThreadId = Peek(ptTask->nThreadId);
-    writer.Line("Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP "
-                "%lu) Timer(%d) LastHandler(%p Type:%d Arg:%p Context:%p)\n",
-                Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
-                _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
-                Ul(AppQueueGetSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)),
-                static_cast<int>(Peek(ptTask->ptTimerMgr->hTimerList->dwCurSize)),
-                Ptr(Peek(ptTask->pfnLastHandler)), static_cast<int>(Peek(ptTask->dwLastEventType)),
-                Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
+    writer.Line(
+        "Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP %lu) Timer(%d) LastHandler(%p Type:%d Arg:%p Context:%p)\n",
+        Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
+        _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
+        Ul(AppQueueGetSize(ptTask->hEventQueue)), Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
+        Ul(_AppQueueGetTopSize(ptTask->hEventQueue)), Int(CountTimers(ptTask)),
+        Ptr(Peek(ptTask->pfnLastHandler)), Int(Peek(ptTask->dwLastEventType)),
+        Peek(ptTask->pvLastArg), Peek(ptTask->pvLastContext));
     ShowTimers(writer, ptTask, dwNowTick);
 }
 
 void ShowIdle(app::ReportWriter &writer, const TAppTask *ptTask)
 {
     const int32_t nThreadId = Peek(ptTask->nThreadId);
-    writer.Line("Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP "
-                "%lu)\n",
-                Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
-                _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
-                Ul(AppQueueGetSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
-                Ul(_AppQueueGetTopSize(ptTask->hEventQueue)));
+    writer.Line(
+        "Task(%p) Name(%s) Thread(%d %p) %s Timeout(%lums) EventListSize(%lu/ MAX %lu/ TOP %lu)\n",
+        Ptr(ptTask), NameOf(ptTask), nThreadId, AsPointer(nThreadId),
+        _AppGetTaskStateString(Peek(ptTask->dwState)), Ul(Peek(ptTask->dwIdleTimeout)),
+        Ul(AppQueueGetSize(ptTask->hEventQueue)), Ul(_AppQueueGetMaxSize(ptTask->hEventQueue)),
+        Ul(_AppQueueGetTopSize(ptTask->hEventQueue)));
 }
 
 void ShowTables(app::ReportWriter &writer, HAppTaskMgr hTaskMgr)
@@ -125,8 +138,7 @@ void ShowTables(app::ReportWriter &writer, HAppTaskMgr hTaskMgr)
                 Ptr(hTaskMgr->hMemPool), Ul(hTaskMgr->dwIdleTaskTimeout));
     writer.Line("--- %lu ACTIVE TASKS ------------------------\n", Ul(ptActive->dwCurSize));
     app::ForEachTask(ptActive, [&](const TAppTask *ptTask) { ShowActive(writer, ptTask); });
-    writer.Line("--- %d INACTIVE TASKS ------------------------\n",
-                static_cast<int>(ptIdle->dwCurSize));
+    writer.Line("--- %d INACTIVE TASKS ------------------------\n", Int(ptIdle->dwCurSize));
     app::ForEachTask(ptIdle, [&](const TAppTask *ptTask) { ShowIdle(writer, ptTask); });
     writer.HandOver();
 }
@@ -137,12 +149,13 @@ void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvContext)
 {
     if (!hTaskMgr)
         return;
-    app::LockGuard guard(hTaskMgr->hLock, kMgrLockWaitMs);
+    app::TimedLockGuard guard(hTaskMgr);
+    const bool bTaken = guard.TakeByTime(kMgrLockWaitMs);
     app::ReportWriter writer(pfnShow, pvContext);
     writer.Line("\n============================================\nTaskMgr(%p) MemPool(%p)",
                 Ptr(hTaskMgr), Ptr(hTaskMgr->hMemPool));
     writer.HandOver();
-    if (!guard) { // the lists may change: no walk
+    if (!bTaken) { // a callback that blocks, somewhere; the lists may change: no walk
         writer.Line("\nTaskMgr(%p) is busy, no details\n", Ptr(hTaskMgr));
         writer.HandOver();
         return;

@@ -2,8 +2,8 @@
 //
 // The states' names and what they admit; the task's last event.
 #include "appcore/platform.h"
+#include "base/field.h"
 #include "task/task.h"
-#include "utils/log.h"
 
 namespace
 {
@@ -20,6 +20,7 @@ const char *_AppGetTaskStateString(uint32_t dwState)
     return dwState < kStates ? kStateNames[dwState] : "UNKNOWN";
 }
 
+// INIT too: the application has the handle before the thread has come to run.
 bool app::AdmitsWork(uint32_t dwState)
 {
     return dwState == APP_TASK_STATE_INIT || dwState == APP_TASK_STATE_RUNNING ||

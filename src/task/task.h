@@ -2,9 +2,8 @@
 //
 // The task manager's records and its internal operations.
 //
-// Locks.  The manager's lock guards both task lists, bQuit and dwLeaving.  A task's lock guards
-// what is marked (task) below.  Order: the manager's lock, then a task's.
-// No lock is held while a handler runs.
+// Locks.  What a record's own lock guards is marked.  Order: the manager's lock, then a task's.  No
+// lock is held while a handler runs.
 //
 // Who may touch a record last, and who waits for whom, is told in leaving.cpp.
 #ifndef APPCORE_TASK_TASK_H
@@ -16,16 +15,19 @@
 
 #include "appcore/containers.h"
 #include "appcore/task.h"
+#include "base/thread_safety.h"
 
 struct TAppTaskMgr {
     uint32_t dwIdleTaskTimeout; // ms; 0: idle tasks never end by themselves
     HAppLock hLock;
-    HAppDoubleList hTaskList;     // active tasks, oldest first
-    HAppDoubleList hIdleTaskList; // in the order in which they went idle
-    HAppMemPool hMemPool;         // pool of every record
-    uint32_t bQuit;               // the destruction has begun
+    // Active tasks, oldest first; idle ones in the order in which they went idle.  Once bQuit is
+    // set, the lists do not change any more.
+    HAppDoubleList hTaskList APP_PT_GUARDED_BY(hLock);
+    HAppDoubleList hIdleTaskList APP_PT_GUARDED_BY(hLock);
+    HAppMemPool hMemPool;                 // pool of every record
+    uint32_t bQuit APP_GUARDED_BY(hLock); // the destruction has begun
 
-    uint32_t dwLeaving; // threads that still destroy a task that is on no list
+    uint32_t dwLeaving APP_GUARDED_BY(hLock); // threads that still destroy a task on no list
     HAppLock hLeftLock; // given for each of them that is done once bQuit is set
 };
 
@@ -37,12 +39,14 @@ struct TAppTask {
     HAppLock hLock;
     HAppLock hExitLock; // given by the last user of the record, see leaving.cpp
     HAppQueue hEventQueue;
-    std::atomic<uint32_t> dwState;       // (task); atomic only because reports peek at it
-    std::atomic<uint32_t> dwIdleTimeout; // (task); likewise
-    PFAppTaskHandler pfnHandler;         // (task); null once the task has gone idle
-    void *pvContext;                     // (task)
-    HAppDoubleListNode hListNode;        // in one of the manager's lists; under the manager's lock
-    char *szTaskName;                    // (task), and replaced under the manager's lock too
+    // Written under hLock; atomic only because reports peek at them.
+    std::atomic<uint32_t> dwState;
+    std::atomic<uint32_t> dwIdleTimeout;
+    PFAppTaskHandler pfnHandler APP_GUARDED_BY(hLock); // null once the task has gone idle
+    void *pvContext APP_GUARDED_BY(hLock);
+    // In one of the manager's lists.
+    HAppDoubleListNode hListNode APP_GUARDED_BY(ptTaskMgr->hLock);
+    char *szTaskName; // replaced under both locks, so that either is enough to read it
     std::atomic<int32_t> nThreadId;
     TAppTimerMgr *ptTimerMgr;
 
@@ -52,7 +56,7 @@ struct TAppTask {
     std::atomic<PFAppTaskHandler> pfnLastHandler;
     std::atomic<void *> pvLastContext;
 
-    uint32_t dwLastEventTick;         // (task) when the last event came
+    uint32_t dwLastEventTick APP_GUARDED_BY(hLock); // when the last event came
     std::atomic<uint32_t> dwUsers;    // see leaving.cpp; grows only under the task's lock
     std::atomic<uint32_t> dwRequests; // EAppTaskRequest
 };
@@ -72,35 +76,6 @@ struct TAppTaskEvent {
     void *pvContext;             // with pfnHandler only
 };
 
-struct TAppTimerMgr {
-    HAppDoubleList hTimerList;     // running, in the order in which they were set
-    HAppDoubleList hIdleTimerList; // ended, in the order in which they ended
-    PFAppTaskHandler pfnHandler;   // for timers without their own
-    void *pvContext;
-    TAppTask *ptTask;
-    HAppMemPool hMemPool;
-
-    // Of the run: see timer_run.cpp.
-    HAppDoubleListNode hNext; // where the walk goes on; moved when its node leaves the list
-    uint32_t dwRun;           // odd during a run
-    uint32_t dwRunTick;       // when the run began
-    uint32_t dwCheckTick;     // no timer is due before dwCheckWait ms after this tick
-    uint32_t dwCheckWait;
-
-    HAppDoubleListNode hShown; // where a report goes on; moved like hNext
-};
-
-struct TAppTimer {
-    TAppTimerMgr *ptTimerMgr;     // for the record's life: a late cancel reads it without a lock
-    HAppDoubleListNode hListNode; // null while in neither list
-    PFAppTaskHandler pfnHandler;
-    void *pvContext;
-    uint32_t dwStartTick;
-    uint32_t dwTimeout; // ms
-    uint32_t dwState;   // 1 running, 0 ended
-    uint32_t dwRun;     // the timer manager's when the timer was set
-};
-
 #if UINTPTR_MAX == UINT32_MAX
 // What has been added stands behind the fixed part.
 static_assert(offsetof(TAppTaskMgr, dwLeaving) == 24, "fixed layout");
@@ -108,8 +83,6 @@ static_assert(offsetof(TAppTask, dwState) == 20 && offsetof(TAppTask, ptTimerMgr
                   offsetof(TAppTask, dwLastEventTick) == 68,
               "fixed layout");
 static_assert(sizeof(TAppTaskEvent) == 16, "fixed layout");
-static_assert(offsetof(TAppTimerMgr, hNext) == 24, "fixed layout");
-static_assert(offsetof(TAppTimer, dwRun) == 28, "fixed layout");
 #endif
 
 enum EAppTaskPriority {
@@ -145,21 +118,8 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
 uint32_t _AppTaskRefreshHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
 // Tells one event's drop and releases it.
 void _AppTaskDropEventCB(void *pvEvent, void *pvTask);
-// Callbacks for the lists' destruction.
+// Waits for the task's thread and destroys the task; a callback for the lists' destruction.
 void __AppFreeTaskCB(void *pvTask, void *pvIgnored);
-void __AppFreeIdleTimerCB(void *pvTimer, void *pvIgnored);
-
-// Timers; called with the task's lock held unless said otherwise.
-uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
-                            void *pvContext, TAppTimerMgr **pptTimerMgr);
-void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr);
-uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
-                              PFAppTaskHandler pfnHandler, void *pvContext, HAppTimer *phTimer);
-uint32_t _AppTaskResetTimer(TAppTimer *ptTimer);
-// Gives the task's lock for the handler's call, also when the caller holds it.
-void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked);
-// Expires what is due; returns the ms until the next look, 1 to 5000.
-uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr);
 
 } // extern "C"
 
@@ -215,15 +175,23 @@ void AwaitLeaving(TAppTaskMgr *ptTaskMgr);
 // Cancels the timers and drops the events of a task whose thread has left.
 void TellRest(TAppTask *ptTask);
 
-// ---- timer_mgr.cpp, timer_run.cpp -----------------------------------------------------------
+// ---- manager.cpp ----------------------------------------------------------------------------
 
-// Cancels every running timer, oldest first.  Under the task's lock, which is given for each call
-// of a handler.  `bRecord`: each becomes the task's last event.
-void CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord);
-// A timer has been set; see timer_run.cpp.
-void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout);
-// Takes a timer out of the running ones, its node kept.
-HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);
+// From one of the manager's lists to the tail of the other, under its lock.  The node itself moves,
+// so that an exhausted pool cannot cost the task.
+void MoveTask(TAppTask *ptTask, HAppDoubleList hFrom, HAppDoubleList hTo);
+// From the list to none; likewise.
+void UnlistTask(TAppTask *ptTask, HAppDoubleList hList);
+
+#ifdef APPCORE_CHECKS
+// ---- check.cpp ------------------------------------------------------------------------------
+
+// The node holds a task that knows it, and whose state belongs into the list.  Under the manager's
+// lock.
+bool TaskIsValid(const TAppDoubleList *ptList, const TAppDoubleListNode *ptNode);
+// All of both lists are; links, counts and limits agree.  Under the manager's lock.
+bool TaskMgrIsValid(const TAppTaskMgr *ptTaskMgr);
+#endif
 
 } // namespace app
 

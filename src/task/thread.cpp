@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: MIT
 //
-// The task's thread.
+// The task's thread.  Its turns: a request of the manager's, or else an event, or else, when a wait
+// has brought neither, a look at the time-outs; after each the timers that are due.
+//
+// The state says what callers may do, the requests what the thread must do: the thread alone takes
+// a task out of the states that admit work, and only a new owner takes it back into them.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
 namespace
 {
 
+// Short, since a timer that is set before the thread has come to its first wait wakes nobody.
 constexpr uint32_t kFirstWaitMs = 300;
 
 constexpr TAppTaskEvent kRefresh = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
@@ -22,7 +28,7 @@ constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
 
 void Start(TAppTask *ptTask)
 {
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     app::Poke(ptTask->nThreadId, _AppThreadGetTID());
     _AppThreadSetName(ptTask->szTaskName ? ptTask->szTaskName : "");
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
@@ -33,7 +39,7 @@ void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
 {
     if (APP_LOG_DEBUG > app::Peek(g_byAppLogLevel[0]))
         return;
-    app::LockGuard guard(ptTask->hLock); // a new owner replaces the name
+    app::LockGuard guard(ptTask); // a new owner replaces the name
     AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: task %p %lu  szTaskName(%s)\n", szOp, app::Ptr(ptTask),
            app::Ul(dwWait), ptTask->szTaskName ? ptTask->szTaskName : "");
 }
@@ -41,7 +47,7 @@ void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
 void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
 {
     {
-        app::LockGuard guard(ptTask->hLock);
+        app::LockGuard guard(ptTask);
         ptTask->dwLastEventTick = AppGetTick();
         if (event.pfnHandler)
             app::RecordEvent(ptTask, event.dwEventType, event.pvArg, event.pfnHandler,
@@ -58,7 +64,7 @@ void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
 // Looks at the state that a handler has left behind; false when the thread has to leave.
 bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait)
 {
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     const uint32_t dwState = app::Peek(ptTask->dwState);
     if (dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT)
         return false;
@@ -79,6 +85,7 @@ bool IsRefreshed(const TAppTask *ptTask)
     return (ptTask->dwRequests.load() & APP_TASK_REQUEST_REFRESH) != 0;
 }
 
+// Only this thread clears the bit, and no owner follows another without it.
 bool TakeRefresh(TAppTask *ptTask)
 {
     if (!IsRefreshed(ptTask))
@@ -94,7 +101,7 @@ bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
 
 // Under the task's lock, after a wait: is a time-out over?  The state is then changed, so that no
 // send is admitted and no owner found before the request has been served.
-const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask)
+const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock)
 {
     const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, AppGetTick());
     // What came since the wait ended counts: sends and reuse hold the lock held here.
@@ -116,7 +123,7 @@ const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask)
 // After a wait that ended without an event.
 const TAppTaskEvent *AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
 {
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     const TAppTaskEvent *ptRequest = CheckIdleTimeouts(ptTask);
     *pdwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
     return ptRequest;
@@ -132,9 +139,8 @@ const TAppTaskEvent *NextRequest(TAppTask *ptTask)
 
 // One turn of the loop; false when the thread has to leave.  A request needs no place in the queue
 // and passes what is there.
-bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, const char *szOp)
+bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait)
 {
-    TraceWait(ptTask, *pdwWait, szOp);
     if (const TAppTaskEvent *ptRequest = NextRequest(ptTask))
         return ServeOne(ptTask, *ptRequest, pdwWait);
     void *pvEvent = nullptr;
@@ -160,8 +166,9 @@ void *AppTask(void *pvTask)
     if (ptTask) {
         Start(ptTask);
         uint32_t dwWait = kFirstWaitMs;
-        while (ServeNext(ptTask, &dwWait, __func__)) {
-        }
+        do
+            TraceWait(ptTask, dwWait, __func__);
+        while (ServeNext(ptTask, &dwWait));
         app::Leave(ptTask);
     }
     _AppThreadExit();

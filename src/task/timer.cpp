@@ -1,4 +1,9 @@
 // SPDX-License-Identifier: MIT
+//
+// The public operations of timers.  Setting one wakes nobody: the thread sees it when its wait ends,
+// five seconds later at most.  An ended timer's handle may name a later timer of the same task, so
+// that a late use reaches a live record, if the wrong one, as long as the task lives.
+#include "task/timer.h"
 #include "appcore/platform.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -34,15 +39,14 @@ HAppTimer AppTaskSetTimer(HAppTask hTask, uint32_t dwTimeout, PFAppTaskHandler p
 {
     if (!hTask)
         return nullptr;
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     if (!AdmitsTimers(hTask, __func__))
         return nullptr;
     HAppTimer hTimer = nullptr;
     const uint32_t dwResult =
         _AppTimerMgrNewTimer(hTask->ptTimerMgr, dwTimeout, pfnHandler, pvContext, &hTimer);
     if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__);
     return hTimer;
 }
 
@@ -51,7 +55,7 @@ uint32_t AppTaskResetTimer(HAppTimer hTimer)
     TAppTask *ptTask = FindTask(hTimer, __func__);
     if (!ptTask)
         return APP_INVALID_ARG;
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     if (!AdmitsTimers(ptTask, __func__))
         return APP_INVALID_STATE;
     return _AppTaskResetTimer(hTimer);
@@ -65,7 +69,7 @@ void AppTaskCancelTimer(HAppTimer hTimer)
     if (!ptTask)
         return;
     {
-        app::LockGuard guard(ptTask->hLock);
+        app::LockGuard guard(ptTask);
         if (!AdmitsTimers(ptTask, __func__))
             return;
         // The handler runs without the lock: meanwhile the task may go idle and end, and its
@@ -81,7 +85,7 @@ uint32_t AppTaskTimerGetRemainTime(HAppTimer hTimer)
     TAppTask *ptTask = FindTask(hTimer, __func__);
     if (!ptTask)
         return 0;
-    app::LockGuard guard(ptTask->hLock);
+    app::LockGuard guard(ptTask);
     if (!AdmitsTimers(ptTask, __func__))
         return 0;
     const uint32_t dwPassed = app::ElapsedMs(hTimer->dwStartTick, AppGetTick());

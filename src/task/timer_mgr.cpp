@@ -4,11 +4,13 @@
 // ended timers, so that neither ending a timer nor setting one anew can fail for want of memory.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "task/task.h"
+#include "task/timer.h"
+#include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 namespace
 {
@@ -25,8 +27,19 @@ struct TNotice {
     void *pvContext;
 };
 
+// A timer has come to the end of the list.
+void CheckTail([[maybe_unused]] const TAppTimerMgr *ptTimerMgr,
+               [[maybe_unused]] const TAppDoubleList *ptList)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    APP_CHECK(app::TimerIsValid(ptList, ptList->ptTail), "a timer is on the wrong list");
+    APP_CHECK_WHOLE(ptTimerMgr->hTimerList->dwCurSize + ptTimerMgr->hIdleTimerList->dwCurSize,
+                    app::TimerMgrIsValid(ptTimerMgr), "the timers are broken");
+}
+
 // The record that ended last, off its list.
 TAppTimer *ReuseRecord(TAppTimerMgr *ptTimerMgr, const char *szOp)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     HAppDoubleListNode hNode = ptTimerMgr->hIdleTimerList->ptTail;
     if (!hNode)
@@ -52,35 +65,41 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     if (dwResult != APP_OK) {
         AppMemPoolFree(ptTimer);
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
-               szOp, static_cast<int>(dwResult), app::Ptr(ptTimer));
+               szOp, app::Int(dwResult), app::Ptr(ptTimer));
         return APP_FAILED;
     }
     *pptTimer = ptTimer;
     return APP_OK;
 }
 
-// Under the task's lock, which is given for the handler's call.
-void EndRunning(TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
+// The task's lock is given for the handler's call.  Meanwhile the timer is on no list: a second end
+// finds it ended, and nobody is handed its record before the handler has returned.
+void EndRunning(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
-    TAppTask *ptTask = ptTimer->ptTimerMgr->ptTask;
+    TAppTask *ptTask = ptTimerMgr->ptTask;
     HAppDoubleListNode hNode = app::UnlistTimer(ptTimer);
     const TNotice notice(ptTimer); // before the lock is given: a new owner changes the default
     if (notice.pfnHandler) {
-        app::WithoutLock unlocked(ptTask->hLock);
+        app::WithoutLock unlocked(ptTimerMgr->ptTask);
         if (bRecord)
             app::RecordEvent(ptTask, dwEventType, ptTimer, notice.pfnHandler, notice.pvContext);
         notice.pfnHandler(ptTask, dwEventType, ptTimer, notice.pvContext);
     }
     ptTimer->hListNode = hNode;
-    _AppDoubleListAttachNode(ptTimer->ptTimerMgr->hIdleTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    _AppDoubleListAttachNode(ptTimerMgr->hIdleTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    CheckTail(ptTimerMgr, ptTimerMgr->hIdleTimerList);
 }
 
 } // namespace
 
 void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
 {
+    AssertHeld(ptTimerMgr->ptTask);
+    // From the head each time: a handler may cancel any of them.
     while (HAppDoubleListNode hNode = ptTimerMgr->hTimerList->ptHead)
-        EndRunning(static_cast<TAppTimer *>(hNode->pvData), APP_TASK_EVENT_TIMER_CANCEL, bRecord);
+        EndRunning(ptTimerMgr, static_cast<TAppTimer *>(hNode->pvData), APP_TASK_EVENT_TIMER_CANCEL,
+                   bRecord);
 }
 
 uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
@@ -98,19 +117,20 @@ uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHan
     app::Rollback undo([&] { _AppTimerMgrDestroy(ptTimerMgr); });
     uint32_t dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hTimerList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hTimerList AppDoubleListCreate failed %d\n",
+                       __func__);
         return dwResult;
     }
     dwResult = AppDoubleListCreate(hMemPool, 0, 0, &ptTimerMgr->hIdleTimerList);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
-               __func__, static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: hIdleTimerList AppDoubleListCreate failed %d\n",
+                       __func__);
         return dwResult;
     }
+    ptTimerMgr->ptTask = ptTask;
+    app::AssertAlone(ptTimerMgr->ptTask);
     ptTimerMgr->pfnHandler = pfnHandler;
     ptTimerMgr->pvContext = pvContext;
-    ptTimerMgr->ptTask = ptTask;
     ptTimerMgr->hMemPool = hMemPool;
     undo.Dismiss();
     *pptTimerMgr = ptTimerMgr;
@@ -136,6 +156,7 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
 {
     if (!ptTimerMgr || !phTimer)
         return APP_INVALID_ARG;
+    app::AssertHeld(ptTimerMgr->ptTask);
     TAppTimer *ptTimer = ReuseRecord(ptTimerMgr, __func__);
     if (!ptTimer) {
         const uint32_t dwResult = NewRecord(ptTimerMgr, &ptTimer, __func__);
@@ -153,6 +174,7 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
               app::Ul(ptTimer->dwStartTick));
     ptTimer->dwState = 1;
     app::NoteTimeout(ptTimerMgr, ptTimer->dwStartTick, dwTimeout);
+    CheckTail(ptTimerMgr, ptTimerMgr->hTimerList);
     *phTimer = ptTimer;
     return APP_OK;
 }
@@ -161,17 +183,20 @@ uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
 {
     if (ptTimer->dwState != 1)
         return APP_NOT_FOUND;
+    // It can only become due later: the next look stays where it is, too early at worst.
     ptTimer->dwStartTick = AppGetTick();
     return APP_OK;
 }
 
 void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked)
 {
-    TAppTask *ptTask = ptTimer->ptTimerMgr->ptTask;
-    if (bLocked == 0)
-        AppLockTakeByTime(ptTask->hLock, 0);
+    TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
+    if (bLocked == 0) {
+        app::LockGuard guard(ptTimerMgr->ptTask);
+        _AppTaskEndTimer(ptTimer, dwEventType, 1);
+        return;
+    }
+    app::AssertHeld(ptTimerMgr->ptTask);
     if (ptTimer->dwState != 0)
-        EndRunning(ptTimer, dwEventType, true);
-    if (bLocked == 0)
-        AppLockGive(ptTask->hLock);
+        EndRunning(ptTimerMgr, ptTimer, dwEventType, true);
 }

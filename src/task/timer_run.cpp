@@ -10,12 +10,15 @@
 // cancelling or resetting one leaves it too early, which costs a look and nothing else.
 #include "appcore/platform.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/double_list.h"
+#include "utils/lock_guard.h"
 #include "utils/log.h"
 
 namespace
 {
 
+// After this long the thread looks at its time-outs, and at timers that nobody has woken it for.
 constexpr uint32_t kLongestWaitMs = 5000;
 constexpr uint32_t kNever = 0xFFFFFFFF;
 // How long timers that were set during the run may hold back the task's events.  A count of
@@ -24,12 +27,13 @@ constexpr uint32_t kRearmedMs = 50;
 
 // Milliseconds until a timer may be due.
 uint32_t LeftMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     const uint32_t dwPassed = app::ElapsedMs(ptTimerMgr->dwCheckTick, dwNowTick);
     return ptTimerMgr->dwCheckWait > dwPassed ? ptTimerMgr->dwCheckWait - dwPassed : 0;
 }
 
-void StartWalk(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
+void StartWalk(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick) APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     ptTimerMgr->hNext = ptTimerMgr->hTimerList->ptHead;
     ptTimerMgr->dwCheckTick = dwNowTick;
@@ -38,6 +42,7 @@ void StartWalk(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
 
 // Looks at one timer; true when it is due.
 bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p timeout %lu passed %lu %lu %lu\n", szOp,
@@ -52,13 +57,14 @@ bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTic
 // A handler that sets its timer anew must not hold the thread for ever: neither from its end, which
 // tells what is left, nor from the events that wait.
 bool MustStop(const TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     return app::MustEnd(ptTimerMgr->ptTask) ||
            (ptTimer->dwRun == ptTimerMgr->dwRun &&
             app::ElapsedMs(ptTimerMgr->dwRunTick, dwNowTick) >= kRearmedMs);
 }
 
-void Walk(TAppTimerMgr *ptTimerMgr, const char *szOp)
+void Walk(TAppTimerMgr *ptTimerMgr, const char *szOp) APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     uint32_t dwNowTick = AppGetTick();
     ptTimerMgr->dwRunTick = dwNowTick;
@@ -93,6 +99,7 @@ void app::NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwT
 HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
 {
     TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
+    AssertHeld(ptTimerMgr->ptTask);
     HAppDoubleListNode hNode = ptTimer->hListNode;
     if (ptTimerMgr->hNext == hNode)
         ptTimerMgr->hNext = hNode->ptNext;
@@ -106,7 +113,10 @@ HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
 
 uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
 {
-    if (!ptTimerMgr || !ptTimerMgr->hTimerList || ptTimerMgr->hTimerList->dwCurSize == 0)
+    if (!ptTimerMgr || !ptTimerMgr->hTimerList)
+        return kLongestWaitMs;
+    app::AssertHeld(ptTimerMgr->ptTask);
+    if (ptTimerMgr->hTimerList->dwCurSize == 0)
         return kLongestWaitMs;
     if (LeftMs(ptTimerMgr, AppGetTick()) == 0) {
         ++ptTimerMgr->dwRun;
@@ -116,7 +126,7 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
     if (ptTimerMgr->hTimerList->dwCurSize == 0)
         return kLongestWaitMs;
     const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
-    if (dwLeft == 0)
+    if (dwLeft == 0) // 0 would be a wait without end
         return 1;
     return dwLeft < kLongestWaitMs ? dwLeft : kLongestWaitMs;
 }

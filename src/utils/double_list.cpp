@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
+//
+// The list never takes its lock but to be destroyed: its users walk it through its fields, and what
+// they do is more than one operation (find and insert, walk and print), so they hold the lock.
 #include "utils/double_list.h"
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
 static_assert(sizeof(TAppDoubleList) == 24 && offsetof(TAppDoubleList, dwCurSize) == 16);
@@ -25,6 +28,7 @@ void _AppDoubleListAttachNode(HAppDoubleList hList, HAppDoubleListNode hAnchor,
         hPrev = hAnchor;
         hNext = hAnchor->ptNext;
     }
+    // Whatever the maximum: a move between two lists must not fail half-way.
     app::LinkNode(hList, hPrev, hNode, hNext);
 }
 
@@ -50,8 +54,7 @@ uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t 
     if (bLock == 1) {
         const uint32_t dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hList->hLock);
         if (dwResult != APP_OK) {
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", __func__,
-                   static_cast<int>(dwResult));
+            APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", __func__);
             AppMemPoolFree(hList);
             return dwResult;
         }
@@ -65,10 +68,11 @@ void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvConte
     if (!hList)
         return;
     // Waits for a user that is still inside an operation; never given back.
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     guard.Release();
     while (hList->dwCurSize != 0) {
         void *pvData = nullptr;
+        // Out of the list before the callback, which may look at those that are left.
         AppDoubleListRemove(hList, hList->ptHead, &pvData);
         if (pfnFree)
             pfnFree(pvData, pvContext);
@@ -126,6 +130,7 @@ uint32_t AppDoubleListRemove(HAppDoubleList hList, HAppDoubleListNode hNode, voi
     return APP_OK;
 }
 
+#ifdef APPCORE_CHECKS
 bool app::ListIsValid(const TAppDoubleList *ptList)
 {
     uint32_t dwCount = 0;
@@ -137,3 +142,4 @@ bool app::ListIsValid(const TAppDoubleList *ptList)
     }
     return ptList->ptTail == ptPrev && dwCount == ptList->dwCurSize;
 }
+#endif

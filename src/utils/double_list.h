@@ -5,8 +5,8 @@
 #define APPCORE_UTILS_DOUBLE_LIST_H
 
 #include "appcore/containers.h"
+#include "base/field.h"
 #include "utils/check.h"
-#include "utils/log.h"
 
 enum EAppAttachSide {
     APP_ATTACH_AFTER = 0,
@@ -23,15 +23,22 @@ void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode);
 
 namespace app
 {
+// Links, tail and count agree.  Only in builds with checks; the caller holds the list's lock.
+bool ListIsValid(const TAppDoubleList *ptList);
+
 // The two moves in line, for the pools' engine.
 inline void LinkNode(HAppDoubleList hList, HAppDoubleListNode hPrev, HAppDoubleListNode hNode,
                      HAppDoubleListNode hNext)
 {
+    APP_CHECK((hPrev ? hPrev->ptNext : hList->ptHead) == hNext &&
+                  (hNext ? hNext->ptPrev : hList->ptTail) == hPrev,
+              "the anchor is not in this list");
     hNode->ptPrev = hPrev;
     hNode->ptNext = hNext;
     (hPrev ? hPrev->ptNext : hList->ptHead) = hNode;
     (hNext ? hNext->ptPrev : hList->ptTail) = hNode;
-    Poke(hList->dwCurSize, hList->dwCurSize + 1);
+    SetCounter(hList->dwCurSize, hList->dwCurSize + 1);
+    APP_CHECK_WHOLE(hList->dwCurSize, ListIsValid(hList), "the list is broken");
 }
 inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
 {
@@ -40,7 +47,8 @@ inline void UnlinkNode(HAppDoubleList hList, HAppDoubleListNode hNode)
     APP_CHECK(hBefore == hNode && hBehind == hNode, "the node is not in this list");
     hBefore = hNode->ptNext;
     hBehind = hNode->ptPrev;
-    Poke(hList->dwCurSize, hList->dwCurSize - 1);
+    SetCounter(hList->dwCurSize, hList->dwCurSize - 1);
+    APP_CHECK_WHOLE(hList->dwCurSize, ListIsValid(hList), "the list is broken");
 }
 // To the tail of another list.
 inline void MoveNode(HAppDoubleList hFrom, HAppDoubleList hTo, HAppDoubleListNode hNode)
@@ -48,9 +56,6 @@ inline void MoveNode(HAppDoubleList hFrom, HAppDoubleList hTo, HAppDoubleListNod
     UnlinkNode(hFrom, hNode);
     LinkNode(hTo, hTo->ptTail, hNode, nullptr);
 }
-
-// Links, tail and count agree.  For tests; the caller holds the list's lock.
-bool ListIsValid(const TAppDoubleList *ptList);
 } // namespace app
 
 #endif

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "appcore/foundation.h"
+#include "base/print.h"
 
 namespace
 {
@@ -79,8 +80,7 @@ int32_t AppDumpMem(const uint8_t *pbyData, uint32_t dwLen, char *szBuf, uint32_t
         return 0;
     PieceWriter writer(szBuf, dwBufSize);
     if (!writer.Accept(AppSnprintf(szBuf, dwBufSize, "ADDR:%p SIZE:%d(%xh)\n",
-                                   static_cast<const void *>(pbyData), static_cast<int>(dwLen),
-                                   dwLen)))
+                                   static_cast<const void *>(pbyData), app::Int(dwLen), dwLen)))
         return writer.Finish();
     uint32_t dwStart = 0;
     bool bFits = true;

@@ -9,6 +9,8 @@
 
 #include <stdint.h>
 
+#include "utils/lock_rank.h"
+
 namespace app
 {
 
@@ -68,6 +70,9 @@ public:
 
 private:
     HeldLines *m_ptHeld;
+#ifdef APPCORE_CHECKS
+    LocksAside m_locks;
+#endif
 };
 
 // The last step of every log line: the channel's sinks.  In log.cpp.

@@ -1,61 +1,124 @@
 // SPDX-License-Identifier: MIT
+//
+// Guards of the lock that stands as hLock in a record.  A null one counts as taken: containers
+// without a lock use the same code.  Lines that are logged while a guard holds its lock are printed
+// when the thread's outermost guard has given its own.
 #ifndef APPCORE_UTILS_LOCK_GUARD_H
 #define APPCORE_UTILS_LOCK_GUARD_H
 
 #include "appcore/platform.h"
+#include "base/thread_safety.h"
+#include "utils/check.h"
 #include "utils/held_lines.h"
+#include "utils/lock_rank.h"
+
+struct APP_CAPABILITY("lock") TAppLock;
 
 namespace app
 {
 
-// Holds a lock for a scope.  A null lock counts as taken: containers without a lock use the same
-// code.  Tests true when the lock is held (or there is none).  Lines logged meanwhile are printed
-// when the thread's outermost guard has given its lock.
-class [[nodiscard]] LockGuard
+// What the guards share: one taken lock, or none.
+class LockHolder
 {
-public:
-    explicit LockGuard(HAppLock hLock, uint32_t dwTimeout = 0)
-        : m_hLock(hLock), m_bTaken(!hLock || AppLockTakeByTime(hLock, dwTimeout) == APP_OK)
+protected:
+    LockHolder() = default;
+    LockHolder(const LockHolder &) = delete;
+    LockHolder &operator=(const LockHolder &) = delete;
+
+    bool Take(HAppLock hLock, [[maybe_unused]] uint32_t dwRank, uint32_t dwTimeout)
     {
-        if (m_bTaken && m_hLock)
-            m_lines.Begin();
+        if (!hLock)
+            return true;
+#ifdef APPCORE_CHECKS
+        m_held.Enter(hLock, dwRank, dwTimeout);
+#endif
+        if (AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
+            Forget();
+            return false;
+        }
+        m_hLock = hLock;
+        m_lines.Begin();
+        return true;
     }
-    ~LockGuard()
+    void Give()
     {
-        if (!m_bTaken || !m_hLock)
+        if (!m_hLock)
             return;
+        Forget();
         AppLockGive(m_hLock);
         m_lines.End(); // touches nothing but the guard: the record may be gone
     }
-    LockGuard(const LockGuard &) = delete;
-    LockGuard &operator=(const LockGuard &) = delete;
-
-    explicit operator bool() const { return m_bTaken; }
-
     // The lock is taken for good: its owner is about to destroy it.
-    void Release()
+    void Keep()
     {
+        if (m_hLock)
+            Forget();
         m_hLock = nullptr;
         m_lines.End();
     }
 
 private:
-    HAppLock m_hLock;
-    bool m_bTaken;
+    void Forget()
+    {
+#ifdef APPCORE_CHECKS
+        m_held.Leave();
+#endif
+    }
+
+    HAppLock m_hLock = nullptr;
     HeldLines m_lines;
+#ifdef APPCORE_CHECKS
+    HeldLock m_held;
+#endif
+};
+
+// Holds a record's lock for a scope.
+class APP_SCOPED_CAPABILITY [[nodiscard]] LockGuard : LockHolder
+{
+public:
+    template <typename Record>
+    explicit LockGuard(Record *ptRecord) APP_ACQUIRE(ptRecord->hLock)
+    {
+        Take(ptRecord->hLock, RankOf(ptRecord), 0);
+    }
+    ~LockGuard() APP_RELEASE() { Give(); }
+
+    void Release() APP_RELEASE() { Keep(); }
+};
+
+// Holds a record's lock until its scope ends, if it was to be had in time.
+class APP_SCOPED_CAPABILITY [[nodiscard]] TimedLockGuard : LockHolder
+{
+public:
+    template <typename Record>
+    explicit TimedLockGuard(Record *ptRecord) APP_EXCLUDES(ptRecord->hLock)
+        : m_hWanted(ptRecord->hLock), m_dwRank(RankOf(ptRecord))
+    {
+    }
+    ~TimedLockGuard() APP_RELEASE() { Give(); }
+
+    bool TakeByTime(uint32_t dwTimeout) APP_TRY_ACQUIRE(true)
+    {
+        return Take(m_hWanted, m_dwRank, dwTimeout);
+    }
+
+private:
+    HAppLock m_hWanted;
+    uint32_t m_dwRank;
 };
 
 // Gives the lock that a guard of this thread holds, and no other does, for a scope in which a
 // handler runs.
-class [[nodiscard]] WithoutLock
+class APP_SCOPED_CAPABILITY [[nodiscard]] WithoutLock
 {
 public:
-    explicit WithoutLock(HAppLock hLock) : m_hLock(hLock)
+    template <typename Record>
+    explicit WithoutLock(Record *ptRecord) APP_RELEASE(ptRecord->hLock) : m_hLock(ptRecord->hLock)
     {
         AppLockGive(m_hLock);
         m_lines.PrintHeld();
     }
-    ~WithoutLock() { AppLockTakeByTime(m_hLock, 0); }
+    ~WithoutLock() APP_RELEASE() { AppLockTakeByTime(m_hLock, 0); }
     WithoutLock(const WithoutLock &) = delete;
     WithoutLock &operator=(const WithoutLock &) = delete;
 
@@ -63,6 +126,19 @@ private:
     HAppLock m_hLock;
     LinesAtOnce m_lines;
 };
+
+// The thread holds the record's lock, by way of a guard that the analysis does not see from here.
+template <typename Record>
+void AssertHeld([[maybe_unused]] const Record *ptRecord) APP_ASSERT_CAPABILITY(ptRecord->hLock)
+{
+    APP_CHECK(!ptRecord->hLock || HeldLock::Holds(ptRecord->hLock), "the lock is not held");
+}
+
+// Needs no lock: no other thread knows the record yet, or any more.
+template <typename Record>
+void AssertAlone([[maybe_unused]] const Record *ptRecord) APP_ASSERT_CAPABILITY(ptRecord->hLock)
+{
+}
 
 } // namespace app
 

@@ -27,6 +27,7 @@ bool Passes(uint8_t byChannel, uint8_t byLevel)
     return byLevel <= app::Peek(g_byAppLogLevel[byChannel]);
 }
 
+// A text that is cut still ends its line.
 void FormatText(char (&achText)[kTextSize], const char *szFormat, va_list args) APP_PRINTF(2, 0);
 void FormatText(char (&achText)[kTextSize], const char *szFormat, va_list args)
 {
@@ -52,6 +53,7 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 {
     char achText[kTextSize];
     FormatText(achText, szFormat, args);
+    // Without memory to keep it: printed under the lock, for a line that is lost helps nobody.
     app::HeldLines *ptHeld = app::t_ptHeldLines;
     if (!ptHeld || !ptHeld->Keep(byChannel, byLevel, bFileOnly, achText))
         app::PrintLine(byChannel, byLevel, bFileOnly, achText);
@@ -62,6 +64,7 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
 {
     if (!bFileOnly) {
+        // What a sink refuses has nowhere to be told.
         if (Peek(g_bAppLogViaStdout[byChannel]) == 1)
             fputs(szText, stdout);
         if (t_dwNested < kMostNested) {
@@ -96,6 +99,7 @@ void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 uint8_t AppGenerateLogChannel(void)
 {
     uint8_t byChannel = g_byAppLogNextChannel.load();
+    // Two calls at once must not get the same channel; channel 0 is the library's own.
     while (!g_byAppLogNextChannel.compare_exchange_weak(
         byChannel, static_cast<uint8_t>(byChannel == 255 ? 1 : byChannel + 1))) {
     }
@@ -106,6 +110,7 @@ uint8_t AppGenerateLogChannel(void)
 
 void AppSetLogLevel(uint8_t byChannel, uint8_t byLevel)
 {
+    // The library's errors cannot be switched off.
     if (byChannel != 0 || byLevel >= APP_LOG_ERROR)
         app::Poke(g_byAppLogLevel[byChannel], byLevel);
 }
@@ -127,6 +132,7 @@ uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize
     uint32_t dwCurSize = 0;
     if (!_AppFileLogOpen(byChannel, szPath, dwMaxSize, &dwCurSize))
         return 0;
+    // Whatever the channel's switch for the standard output says.
     printf("dwCurSize %u\n", dwCurSize);
     return 1;
 }
@@ -134,26 +140,4 @@ uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize
 void AppCloseFileLog(uint8_t byChannel)
 {
     _AppFileLogClose(byChannel);
-}
-
-int32_t AppSnprintf(char *szBuf, uint32_t dwSize, const char *szFormat, ...)
-{
-    if (dwSize == 0 || !szBuf || !szFormat)
-        return -1;
-    va_list args;
-    va_start(args, szFormat);
-    const int32_t nWritten = _AppVsnprintf(szBuf, dwSize, szFormat, args);
-    va_end(args);
-    return nWritten;
-}
-
-int32_t AppSscanf(const char *szText, const char *szFormat, ...)
-{
-    if (!szText || !szFormat)
-        return 0;
-    va_list args;
-    va_start(args, szFormat);
-    const int32_t nItems = _AppVsscanf(szText, szFormat, args);
-    va_end(args);
-    return nItems;
 }

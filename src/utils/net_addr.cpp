@@ -22,6 +22,7 @@ bool HasPrefix(uint32_t dwAddr, int32_t nPrefixLen, uint32_t dwBits)
 
 EAppIpv4Class ClassOf(uint32_t dwAddr)
 {
+    // From the longest prefix to the shortest: loopback lies within class A, D and E above C.
     if (HasPrefix(dwAddr, 8, 0x7F000000))
         return APP_IPV4_CLASS_LOOPBACK;
     if (HasPrefix(dwAddr, 4, 0xF0000000))
@@ -71,6 +72,7 @@ int32_t AppConvertSubnetMasktoPrefixLength(const TAppNetAddr *ptMask)
     if (!ptMask || ptMask->dwType != APP_NET_ADDR_IPV4)
         return -1;
     const uint32_t dwMask = AppConvertNtohl(ptMask->dwIpv4);
+    // The count of leading zeros is undefined for 0.
     const int32_t nLen = dwMask == UINT32_MAX ? kBits : __builtin_clz(~dwMask);
     const bool bContiguous = nLen == kBits || dwMask << nLen == 0;
     return bContiguous ? nLen : -1;

@@ -56,6 +56,7 @@ Number ReadReal(const char *szStr, uint32_t *pbErr, Number (*pfnRead)(const char
     if (!szStr)
         return 0;
     char *szEndPtr = nullptr;
+    // strtod() sets errno and never clears it.
     errno = 0;
     const Number value = pfnRead(szStr, &szEndPtr);
     const int nError = errno;

@@ -17,9 +17,10 @@
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
+#include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
-#include "utils/rollback.h"
 
 #if UINTPTR_MAX == UINT32_MAX
 static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, aptFinger) == 32);
@@ -33,20 +34,31 @@ namespace
 
 // More than the elements any queue can hold, forced insertions and raised maxima included.
 constexpr uint32_t kCountCeiling = 4294967295u;
+// An insertion's messages name the one operation behind every way to insert.
+constexpr char kInsert[] = "_AppQueueIn";
 
-uint32_t CreateLock(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCount,
-                    HAppLock *phLock, const char *szOp)
+#ifdef APPCORE_CHECKS
+// Sleepers sleep because every element there is promised, and no interrupt has been kept.
+bool CountsAgree(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock)
 {
-    const uint32_t dwResult =
-        AppLockCreate(hMemPool, dwMaxCount, dwInitCount, APP_LOCK_TYPE_SEM, phLock);
-    if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
-    return dwResult;
+    const uint32_t dwWaiting = ptQueue->dwSleepers + ptQueue->dwPromised + ptQueue->dwInterrupted;
+    if ((ptQueue->dwCurSize == 0) != !ptQueue->ptHead || (!ptQueue->hLock && dwWaiting != 0))
+        return false;
+    return ptQueue->dwSleepers > 0
+               ? ptQueue->dwPromised == ptQueue->dwCurSize && !ptQueue->bInterrupt
+               : ptQueue->dwPromised <= ptQueue->dwCurSize;
+}
+#endif
+
+// After each change, under hLock.
+void Verify([[maybe_unused]] const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock)
+{
+    APP_CHECK(CountsAgree(ptQueue), "the queue's counts do not agree");
+    APP_CHECK_WHOLE(ptQueue->dwCurSize, app::QueueIsValid(ptQueue), "the queue is broken");
 }
 
 // The fingers at priorities not below this one.
-uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority)
+uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority) APP_REQUIRES(ptQueue->hLock)
 {
     uint32_t dwCount = 0;
     while (dwCount < APP_QUEUE_FINGER_NUM && ptQueue->aptFinger[dwCount] &&
@@ -55,15 +67,17 @@ uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority)
     return dwCount;
 }
 
-void DropFinger(HAppQueue hQueue, uint32_t dwFinger)
+void DropFinger(HAppQueue hQueue, uint32_t dwFinger) APP_REQUIRES(hQueue->hLock)
 {
     for (; dwFinger + 1 < APP_QUEUE_FINGER_NUM; ++dwFinger)
         hQueue->aptFinger[dwFinger] = hQueue->aptFinger[dwFinger + 1];
     hQueue->aptFinger[dwFinger] = nullptr;
 }
 
-// Behind the fingers in front of it, of which the last may be that of the same level.
+// Behind the fingers in front of it, of which the last may be that of the same level.  The finger
+// that makes room is the next in turn: to know the least used one would cost each insertion more.
 void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
+    APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode **pptFinger = hQueue->aptFinger;
     if (dwBefore > 0 && pptFinger[dwBefore - 1]->nPriority == ptNode->nPriority) {
@@ -80,7 +94,7 @@ void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
     pptFinger[dwBefore] = ptNode;
 }
 
-void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode)
+void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode *ptTail = hQueue->ptTail;
     if (ptTail->nPriority != ptNode->nPriority) // the old tail ends its level from now on
@@ -89,9 +103,10 @@ void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode)
     hQueue->ptTail = ptNode;
 }
 
-void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode)
+void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     const uint32_t dwBefore = CountFingers(hQueue, ptNode->nPriority);
+    // Only the levels behind that finger which have none of their own are walked.
     TAppQueueNode *ptBefore = dwBefore > 0 ? hQueue->aptFinger[dwBefore - 1] : hQueue->ptHead;
     while (ptBefore->ptNext->nPriority >= ptNode->nPriority)
         ptBefore = ptBefore->ptNext;
@@ -101,7 +116,7 @@ void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode)
 }
 
 // Behind all elements of equal or higher priority, before the first of lower priority.
-void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
+void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
 {
     if (hQueue->ptHead && hQueue->ptTail->nPriority >= ptNode->nPriority) {
         PlaceAtTail(hQueue, ptNode);
@@ -115,9 +130,10 @@ void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode)
     }
 }
 
-TAppQueueNode *UnlinkHead(HAppQueue hQueue)
+TAppQueueNode *UnlinkHead(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode *ptNode = hQueue->ptHead;
+    // The last of its level takes its finger along, which is the first: none stands before the head.
     if (hQueue->aptFinger[0] == ptNode)
         DropFinger(hQueue, 0);
     hQueue->ptHead = ptNode->ptNext;
@@ -125,8 +141,8 @@ TAppQueueNode *UnlinkHead(HAppQueue hQueue)
     return ptNode;
 }
 
-// Under hLock: true when a consumer has to be woken for the element just placed.
-bool Promise(HAppQueue hQueue)
+// True when a consumer has to be woken for the element just placed.
+bool Promise(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     if (!hQueue->hLock)
         return true;
@@ -143,27 +159,31 @@ bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
 {
     if (!hQueue->hLock)
         return false;
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     if (hQueue->dwCurSize > hQueue->dwPromised) {
         *pptNode = UnlinkHead(hQueue);
     } else if (hQueue->bInterrupt) {
         hQueue->bInterrupt = false;
     } else {
         ++hQueue->dwSleepers;
+        Verify(hQueue);
         return false;
     }
+    Verify(hQueue);
     return true;
 }
 
 uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
 {
+    // The lock says that it is too late, not whether an insertion was earlier: the counts do.
     const uint32_t dwResult = AppLockTakeByTime(hQueue->hCountLock, dwTimeout);
     if (dwResult == APP_OK || !hQueue->hLock)
         return dwResult;
     {
-        app::LockGuard guard(hQueue->hLock);
+        app::LockGuard guard(hQueue);
         if (hQueue->dwSleepers > 0) {
             --hQueue->dwSleepers;
+            Verify(hQueue);
             return dwResult;
         }
     }
@@ -174,22 +194,25 @@ uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
 // With a unit in hand: a promised element, or null when that unit was an interrupt's.
 TAppQueueNode *TakePromised(HAppQueue hQueue)
 {
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     if (hQueue->hLock) {
         if (hQueue->dwPromised == 0) {
+            APP_CHECK(hQueue->dwInterrupted > 0, "a unit came for nobody");
             --hQueue->dwInterrupted;
             return nullptr;
         }
         --hQueue->dwPromised;
     }
-    return UnlinkHead(hQueue);
+    TAppQueueNode *ptNode = UnlinkHead(hQueue);
+    Verify(hQueue);
+    return ptNode;
 }
 
 uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwNull)
 {
     if (!hQueue)
         return dwNull;
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     return hQueue->*pdwField;
 }
 
@@ -211,17 +234,21 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
         return APP_NO_RESOURCE;
     }
-    app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); });
+    app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); }); // takes half a queue
+    app::AssertAlone(hQueue);
     *hQueue = {};
     hQueue->dwMaxSize = dwMaxSize;
     hQueue->hMemPool = hMemPool;
     uint32_t dwResult = APP_OK;
     if (bLock == 1)
-        dwResult = CreateLock(hMemPool, 1, 1, &hQueue->hLock, __func__);
+        dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hQueue->hLock);
     if (dwResult == APP_OK)
-        dwResult = CreateLock(hMemPool, kCountCeiling, 0, &hQueue->hCountLock, __func__);
-    if (dwResult != APP_OK)
+        dwResult =
+            AppLockCreate(hMemPool, kCountCeiling, 0, APP_LOCK_TYPE_SEM, &hQueue->hCountLock);
+    if (dwResult != APP_OK) {
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", __func__);
         return dwResult;
+    }
     undo.Dismiss();
     *phQueue = hQueue;
     return APP_OK;
@@ -232,8 +259,11 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     if (!hQueue)
         return;
     // Waits for a producer that is still inside its insertion; never given back.
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     guard.Release();
+    app::AssertAlone(hQueue);
+    APP_CHECK(hQueue->dwSleepers + hQueue->dwPromised + hQueue->dwInterrupted == 0,
+              "a consumer waits still");
     while (hQueue->ptHead) {
         TAppQueueNode *ptNode = UnlinkHead(hQueue);
         if (pfnDrop)
@@ -247,13 +277,15 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     AppMemPoolFree(hQueue);
 }
 
-// Under hLock.
-static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, const char *szOp)
+// The allocation is made under the lock too: a full queue asks for no memory, and nobody comes in
+// between.
+static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
+    APP_REQUIRES(hQueue->hLock)
 {
     auto ptNode =
         static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode)));
     if (!ptNode) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", szOp);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
         return APP_NO_RESOURCE;
     }
     *ptNode = {nullptr, pvData, nPriority};
@@ -264,17 +296,18 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority, co
 }
 
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                         const char *szOp, bool *pbWake)
+                         bool *pbWake)
 {
-    LockGuard guard(hQueue->hLock);
+    LockGuard guard(hQueue);
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", szOp,
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
                Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
         return APP_NO_RESOURCE;
     }
-    const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority, szOp);
+    const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority);
     if (dwResult == APP_OK)
         *pbWake = Promise(hQueue);
+    Verify(hQueue);
     return dwResult;
 }
 
@@ -287,13 +320,14 @@ void app::QueueWake(HAppQueue hQueue)
 void app::QueueInterrupt(HAppQueue hQueue)
 {
     {
-        LockGuard guard(hQueue->hLock);
+        LockGuard guard(hQueue);
         if (hQueue->dwSleepers == 0) {
             hQueue->bInterrupt = true;
             return;
         }
         --hQueue->dwSleepers;
         ++hQueue->dwInterrupted;
+        Verify(hQueue);
     }
     QueueWake(hQueue);
 }
@@ -303,7 +337,7 @@ uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t 
     if (!hQueue)
         return APP_INVALID_ARG;
     bool bWake = false;
-    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, __func__, &bWake);
+    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, &bWake);
     if (bWake)
         app::QueueWake(hQueue);
     return dwResult;
@@ -352,7 +386,7 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    app::LockGuard guard(hQueue->hLock);
+    app::LockGuard guard(hQueue);
     if (hQueue->dwCurSize > dwMaxSize)
         return APP_INVALID_ARG;
     hQueue->dwMaxSize = dwMaxSize;
@@ -360,22 +394,24 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
     return APP_OK;
 }
 
-bool app::QueueIsValid(HAppQueue hQueue)
+#ifdef APPCORE_CHECKS
+bool app::QueueIsValid(const TAppQueue *ptQueue)
 {
-    LockGuard guard(hQueue->hLock);
     uint32_t dwCount = 0;
     uint32_t dwFingers = 0;
     const TAppQueueNode *ptLast = nullptr;
-    for (const TAppQueueNode *ptNode = hQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
-        if (++dwCount > hQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
+    for (const TAppQueueNode *ptNode = ptQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
+        if (++dwCount > ptQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
             return false;
-        if (dwFingers < APP_QUEUE_FINGER_NUM && ptNode == hQueue->aptFinger[dwFingers]) {
+        if (dwFingers < APP_QUEUE_FINGER_NUM && ptNode == ptQueue->aptFinger[dwFingers]) {
             if (!ptNode->ptNext || ptNode->ptNext->nPriority == ptNode->nPriority)
                 return false;
             ++dwFingers;
         }
         ptLast = ptNode;
     }
-    return dwCount == hQueue->dwCurSize && (!ptLast || ptLast == hQueue->ptTail) &&
-           (dwFingers == APP_QUEUE_FINGER_NUM || !hQueue->aptFinger[dwFingers]);
+    return CountsAgree(ptQueue) && dwCount == ptQueue->dwCurSize &&
+           (!ptLast || ptLast == ptQueue->ptTail) &&
+           (dwFingers == APP_QUEUE_FINGER_NUM || !ptQueue->aptFinger[dwFingers]);
 }
+#endif

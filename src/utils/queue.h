@@ -5,6 +5,7 @@
 #define APPCORE_UTILS_QUEUE_H
 
 #include "appcore/containers.h"
+#include "base/thread_safety.h"
 
 struct TAppQueueNode {
     TAppQueueNode *ptNext; // towards the tail
@@ -18,24 +19,25 @@ struct TAppQueueNode {
 // An insertion between the ends starts at a finger: so it costs nothing while the levels in use are
 // no more than the fingers, and a fraction of the elements' number beyond.
 struct TAppQueue {
-    TAppQueueNode *ptTail; // meaningful only while ptHead is not null
-    TAppQueueNode *ptHead;
-    HAppLock hLock;      // guards the record; null for a queue without
+    TAppQueueNode *ptTail APP_GUARDED_BY(hLock); // meaningful only while ptHead is not null
+    TAppQueueNode *ptHead APP_GUARDED_BY(hLock);
+    HAppLock hLock;      // null for a queue without
     HAppLock hCountLock; // consumers sleep on it; one unit for each that is woken
     HAppMemPool hMemPool;
-    uint32_t dwCurSize;
-    uint32_t dwMaxSize; // for ordinary insertions; 0 is no limit
-    uint32_t dwTopSize; // highest dwCurSize since creation or the last change of the maximum
+    uint32_t dwCurSize APP_GUARDED_BY(hLock);
+    uint32_t dwMaxSize APP_GUARDED_BY(hLock); // for ordinary insertions; 0 is no limit
+    // Highest dwCurSize since creation or the last change of the maximum.
+    uint32_t dwTopSize APP_GUARDED_BY(hLock);
 
     // Last nodes of levels, never the tail, from head to tail; unused ones are null.
-    TAppQueueNode *aptFinger[APP_QUEUE_FINGER_NUM];
-    uint32_t dwVictim; // which finger makes room next
+    TAppQueueNode *aptFinger[APP_QUEUE_FINGER_NUM] APP_GUARDED_BY(hLock);
+    uint32_t dwVictim APP_GUARDED_BY(hLock); // which finger makes room next
 
     // Of a queue with hLock: see queue.cpp.
-    uint32_t dwSleepers;    // consumers that found nothing and for which no unit is on its way
-    uint32_t dwPromised;    // elements that wait for a consumer which has been woken for them
-    uint32_t dwInterrupted; // consumers that have been woken for nothing
-    bool bInterrupt;        // an interrupt that found no sleeper: for the next one
+    uint32_t dwSleepers APP_GUARDED_BY(hLock);    // consumers for which no unit is on its way
+    uint32_t dwPromised APP_GUARDED_BY(hLock);    // elements for which a consumer has been woken
+    uint32_t dwInterrupted APP_GUARDED_BY(hLock); // consumers that have been woken for nothing
+    bool bInterrupt APP_GUARDED_BY(hLock); // an interrupt that found no sleeper: for the next one
 };
 
 extern "C" {
@@ -52,9 +54,9 @@ namespace app
 {
 // _AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
 // element is placed, and QueueWake() wakes one consumer for it when `*pbWake` says so; otherwise
-// the queue must not be touched any more.  `szOp` stands in the messages.
+// the queue must not be touched any more.
 uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                    const char *szOp, bool *pbWake);
+                    bool *pbWake);
 void QueueWake(HAppQueue hQueue);
 
 // Ends the wait of one consumer, whose AppQueueOut() returns APP_TIMEOUT.  While none waits the
@@ -63,8 +65,8 @@ void QueueWake(HAppQueue hQueue);
 // consumer may destroy the queue as soon as it has returned.  Only for a queue with a lock.
 void QueueInterrupt(HAppQueue hQueue);
 
-// Order, count, tail and fingers agree.  For tests; takes the queue's lock.
-bool QueueIsValid(HAppQueue hQueue);
+// Order, tail, fingers and counts agree.  Only in builds with checks.
+bool QueueIsValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);
 } // namespace app
 
 #endif

@@ -16,6 +16,7 @@ void ReportWriter::Line(const char *szFormat, ...)
     const int32_t nWritten =
         _AppVsnprintf(m_achText + (kRoom - m_dwFree), m_dwFree + 1, szFormat, args);
     va_end(args);
+    // A piece that was cut, or is empty, counts as filling the buffer, and goes out at once.
     m_dwFree = nWritten > 0 ? m_dwFree - static_cast<uint32_t>(nWritten) : 0;
     if (kRoom - m_dwFree > kFull)
         HandOver();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <string.h>
 
-#include "appcore/foundation.h"
+#include "appcore/mempool.h"
 #include "cross_linux/cross_linux.h"
 
 namespace
@@ -25,6 +25,7 @@ void AppMemzero(void *pvBuf, uint32_t dwLen)
         memset(pvBuf, 0, dwLen);
 }
 
+// With length 0 the pointers may be null, which memcpy() does not allow.
 void AppMemcpy(void *pvDst, const void *pvSrc, uint32_t dwLen)
 {
     if (dwLen > 0)
@@ -75,6 +76,7 @@ char *AppStrstr(const char *szText, const char *szPattern)
 char *AppStrchr(const char *szText, int32_t nChar)
 {
     const char chWanted = static_cast<char>(nChar);
+    // strchr() would find the terminator.
     if (!szText || chWanted == '\0')
         return nullptr;
     return const_cast<char *>(strchr(szText, chWanted));
@@ -84,6 +86,7 @@ char *AppStrncpy(char *szDst, const char *szSrc, uint32_t dwSize)
 {
     if (!szDst || !szSrc || dwSize == 0)
         return szDst;
+    // strnlen(): a source that fills its field has no terminator.
     const size_t nLen = strnlen(szSrc, dwSize - 1);
     memcpy(szDst, szSrc, nLen);
     memset(szDst + nLen, 0, dwSize - nLen);
@@ -102,6 +105,14 @@ char *AppStrncat(char *szDst, const char *szSrc, uint32_t dwSize)
     return szDst;
 }
 
+char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
+{
+    if (dwSize == 0 || !szSrc || !*szSrc)
+        return nullptr;
+    // AppStrncpy fills the rest of the block with zeros.
+    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
+}
+
 uint32_t AppStringHash(const char *szText)
 {
     if (!szText)
@@ -109,6 +120,7 @@ uint32_t AppStringHash(const char *szText)
     uint32_t dwHash = 0;
     uint32_t dwFactor = 63689;
     for (; *szText; ++szText) {
+        // Unsigned, so that the hash of a name beyond ASCII is the same on every processor.
         dwHash = dwHash * dwFactor + static_cast<uint8_t>(*szText);
         dwFactor *= 378551;
     }

@@ -75,6 +75,7 @@ uint32_t ReadMs(const char *szText)
     uint32_t dwMs = 0;
     for (int i = 0; i < 3; ++i) {
         dwMs *= 10;
+        // Digits that are missing count as zero, those behind the third are dropped.
         if (IsDigit(*szDigit))
             dwMs += static_cast<uint32_t>(*szDigit++ - '0');
     }
@@ -108,6 +109,7 @@ bool ReadZone(const char *szText, TZone *ptZone)
         return true;
     }
     const char *szTime = AppStrchr(szText, ':'); // behind the date and its hyphens
+    // A minus wins over a plus, wherever they stand.
     const char *szMinus = AppStrchr(szTime, '-');
     const char *szSign = szMinus ? szMinus : AppStrchr(szTime, '+');
     if (!szSign)
@@ -199,6 +201,7 @@ uint32_t AppConvertXsdDatetime2U32(const char *szDatetime, uint32_t *pdwTime, ui
         *pbHasZone = zone.bHas;
     if (pdwMs)
         *pdwMs = ReadMs(szDatetime);
+    // "Z" leaves the caller's value alone.
     if (pnZoneMin && zone.bNumeric)
         *pnZoneMin = zone.nMinutes;
     return APP_OK;
@@ -212,8 +215,8 @@ uint32_t AppConvertU322XsdDatetime(uint32_t dwTime, uint32_t bHasZone, const uin
     TAppTime time;
     const uint32_t dwResult = AppConvertU32ToTime(dwTime, &time);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppConvertU32ToTime with %u failed (%d)\n", __func__,
-               dwTime, static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppConvertU32ToTime with %u failed (%d)\n", __func__,
+                       dwTime);
         return dwResult;
     }
     TextWriter writer(szBuf, dwBufSize);

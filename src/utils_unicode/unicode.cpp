@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: MIT
+//
+// What a conversion does is the host's affair; whatever it answers but success is a failure, logged
+// with the answer.
 #include "utils_unicode/unicode.h"
 
 #include "appcore/convert.h"
 #include "appcore/host.h"
+#include "utils/log.h"
 
 static constexpr int32_t kHostSuccess = 1;
 
@@ -11,8 +15,7 @@ uint32_t _AppUtilsUnicodeConvertUtf8toUnicode(const void *pvSrc, void *pvDst, ui
     const int32_t nAnswer = IpcConvConvertUtf8toUnicode(pvSrc, pvDst, pdwLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcConvConvertUtf8toUnicode failed %d\n", __func__,
-           nAnswer);
+    APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertUtf8toUnicode failed %d\n", __func__);
     return APP_FAILED;
 }
 
@@ -22,8 +25,7 @@ uint32_t _AppUtilsUnicodeConvertUnicodetoUtf8(const void *pvSrc, uint32_t dwSrcL
     const int32_t nAnswer = IpcConvConvertUnicodetoUtf8(pvSrc, dwSrcLen, pvDst, dwDstLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcConvConvertUnicodetoUtf8 failed %d\n", __func__,
-           nAnswer);
+    APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertUnicodetoUtf8 failed %d\n", __func__);
     return APP_FAILED;
 }
 
@@ -32,8 +34,7 @@ uint32_t _AppUtilsUnicodeConvertGbktoUnicode(const void *pvSrc, void *pvDst, uin
     const int32_t nAnswer = IpcConvConvertGbktoUnicode(pvSrc, pvDst, pdwLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcConvConvertGbktoUnicode failed %d\n", __func__,
-           nAnswer);
+    APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertGbktoUnicode failed %d\n", __func__);
     return APP_FAILED;
 }
 
@@ -43,8 +44,7 @@ uint32_t _AppUtilsUnicodeConvertUnicodetoGbk(const void *pvSrc, uint32_t dwSrcLe
     const int32_t nAnswer = IpcConvConvertUnicodetoGbk(pvSrc, dwSrcLen, pvDst, dwDstLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: IpcConvConvertUnicodetoGbk failed %d\n", __func__,
-           nAnswer);
+    APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertUnicodetoGbk failed %d\n", __func__);
     return APP_FAILED;
 }
 

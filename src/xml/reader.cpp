@@ -45,6 +45,7 @@ mxml_node_t *AppXmlGetNextSiblingWithName(mxml_node_t *ptNode, const char *szNam
     return ptNode;
 }
 
+// At any depth; mxmlFindPath() goes by children only.
 static mxml_node_t *FindBelow(mxml_node_t *ptTop, const char *szName)
 {
     return mxmlFindElement(ptTop, ptTop, szName, nullptr, nullptr, MXML_DESCEND);
@@ -76,6 +77,7 @@ uint32_t AppXmlGetNodeValue_Str(mxml_node_t *ptNode, const char **pszStr)
                Ptr(pszStr));
         return APP_INVALID_ARG;
     }
+    // An element without content reads as empty: in XML the two are the same.
     const char *szOpaque = mxmlGetOpaque(ptNode);
     *pszStr = szOpaque ? szOpaque : "";
     return APP_OK;
@@ -151,13 +153,13 @@ uint32_t AppXmlGetSonNodeValue_Str_Copy(mxml_node_t *ptParent, const char *szNod
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR,
                "[ERROR] %s: AppXmlGetSonNodeValue_Str() failed %d, szSonNodeName{%s}\n", __func__,
-               static_cast<int>(dwResult), szNodeName);
+               app::Int(dwResult), szNodeName);
         return dwResult;
     }
     const uint32_t dwLen = AppStrlen(szText);
     if (dwLen >= dwBufSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: buffer too small, len %d, dwBufSize %lu\n", __func__,
-               static_cast<int>(dwLen), app::Ul(dwBufSize));
+               app::Int(dwLen), app::Ul(dwBufSize));
         return APP_BUFFER_TOO_SMALL;
     }
     AppStrncpy(szBuf, szText, dwBufSize);
@@ -187,6 +189,7 @@ uint32_t AppXmlGetSonNodeValue_CData(mxml_node_t *ptParent, const char *szNodeNa
     mxml_node_t *ptSection = mxmlGetFirstChild(ptElement);
     while (ptSection && !IsCData(ptSection))
         ptSection = mxmlGetNextSibling(ptSection);
+    // Mini-XML hands a section out with the brackets that end it: none reads like an empty one.
     const char *szText = ptSection ? mxmlGetCDATA(ptSection) : "]]";
     if (!szText) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlGetCDATA() failed, szNodeName{%s}\n", __func__,

@@ -24,6 +24,7 @@ static auto SonText(mxml_node_t *ptParent, const char *szNodeName)
     };
 }
 
+// The wider reader tells what is missing or no number, in its own name.
 static auto SonNumber(mxml_node_t *ptParent, const char *szNodeName)
 {
     return
@@ -53,7 +54,7 @@ static uint32_t ReadNodeNumber(mxml_node_t *ptNode, uint32_t *pdwValue, const ch
         const uint32_t dwResult = AppXmlGetNodeValue_Str(ptNode, pszText);
         if (dwResult != APP_OK)
             APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: AppXmlGetNodeValue_Str() failed %d\n", szOp,
-                      static_cast<int>(dwResult));
+                      app::Int(dwResult));
         return dwResult;
     };
     return ReadTyped<const char *>(
@@ -248,9 +249,10 @@ uint32_t AppXmlGetSonNodeValue_Bool(mxml_node_t *ptParent, const char *szNodeNam
         const uint32_t dwResult = AppXmlGetSonNodeValue_Str(ptParent, szNodeName, pszText);
         if (dwResult != APP_OK)
             APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: AppXmlGetSonNodeValue_Str() failed %d\n", szOp,
-                      static_cast<int>(dwResult));
+                      app::Int(dwResult));
         return dwResult;
     };
+    // Also for a caller that wants to know only whether the text is one.
     uint32_t bUnwanted;
     return ReadTyped<const char *>(pbValue ? pbValue : &bUnwanted, Source, ParseBool,
                                    [szNodeName, szOp = __func__](const char *szText) {

@@ -174,6 +174,7 @@ uint32_t AppXmlAddSonNode_Double(mxml_node_t *ptFather, const char *szNodeName, 
 {
     return AddTyped(
         ptFather, szNodeName, pptNewNode,
+        // Never with an exponent: from 1e56 on the text does not fit.
         [=](char *szBuf, uint32_t dwSize) { return AppSnprintf(szBuf, dwSize, "%lf", dValue); },
         [=, szOp = __func__] {
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppSnprintf() failed, %lf\n", szOp, dValue);

@@ -39,16 +39,18 @@ struct TUdp {
         return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &addr, to.wBound);
     }
 
-    int32_t Receive(uint32_t dwTimeout) const
+    int32_t Receive(uint32_t dwTimeout)
     {
-        char achBuf[8];
-        uint32_t dwLen = sizeof(achBuf);
-        return AppSocketUDPRecv(hSocket, achBuf, &dwLen, dwTimeout, nullptr, nullptr, nullptr,
-                                nullptr);
+        dwLen = sizeof(achBuf);
+        return AppSocketUDPRecv(hSocket, achBuf, &dwLen, dwTimeout, &local, &wLocal, &remote,
+                                &wRemote);
     }
 
     HAppSocket hSocket;
-    uint16_t wBound;
+    uint16_t wBound, wLocal = 1, wRemote = 1;
+    TAppNetAddr local = {}, remote = {}; // of what was received last
+    char achBuf[8] = {};
+    uint32_t dwLen = 0;
 };
 
 // A listening TCP socket of the system's own, and the connections it takes.
@@ -73,12 +75,6 @@ struct TListener {
             nPeer = accept4(nFd, nullptr, nullptr, SOCK_CLOEXEC);
         return hSocket;
     }
-    void ClosePeer()
-    {
-        close(nPeer);
-        nPeer = -1;
-    }
-
     int nFd;
     int nPeer = -1;
     uint16_t wPort;

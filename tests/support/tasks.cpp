@@ -11,12 +11,10 @@ namespace
 
 std::string Word(const Diary::Call &call)
 {
-    static const char *const names[] = {"type 0", "user", "drop", "stop", "timeout", "cancel"};
-    const std::string name =
-        call.dwType < 6 ? names[call.dwType] : "type " + std::to_string(call.dwType);
-    const bool bNumber =
-        call.dwType <= APP_TASK_EVENT_DROP || (call.dwType == APP_TASK_EVENT_STOP && call.pvArg);
-    return bNumber ? name + " " + std::to_string(reinterpret_cast<uintptr_t>(call.pvArg)) : name;
+    static const char *const names[] = {"refresh", "user", "drop", "stop", "timeout", "cancel"};
+    const bool bNumber = call.dwType <= APP_TASK_EVENT_DROP;
+    return names[call.dwType % 6] +
+           (bNumber ? " " + std::to_string(reinterpret_cast<uintptr_t>(call.pvArg)) : "");
 }
 
 } // namespace
@@ -69,7 +67,7 @@ void Manager::Destroy()
 
 uint32_t Manager::Idle() const
 {
-    app::LockGuard guard(m_hTaskMgr->hLock);
+    app::LockGuard guard(m_hTaskMgr);
     return m_hTaskMgr->hIdleTaskList->dwCurSize;
 }
 
@@ -92,7 +90,7 @@ static uint32_t Look(HAppTask hTask, uint32_t dwType, void *, void *pvOnLook)
 
 void LookOften(HAppTask hTask, const std::function<void()> *pOnLook)
 {
-    app::LockGuard guard(hTask->hLock);
+    app::LockGuard guard(hTask);
     HAppTimer hTimer = nullptr;
     EXPECT_CODE(APP_OK,
                 _AppTimerMgrNewTimer(hTask->ptTimerMgr, 10, Look,
@@ -104,7 +102,7 @@ uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pv
     EXPECT_LE(dwType - 1, 2u) << "not a user's event, a drop or a stop";
     EXPECT_EQ(pvEntry == nullptr, dwType == APP_TASK_EVENT_STOP);
     if (pvEntry)
-        ++static_cast<Entry *>(pvEntry)->dwTold;
+        --*static_cast<std::atomic<int> *>(pvEntry);
     if (const Reaction &react = static_cast<Ledger *>(pvLedger)->m_react)
         react(hTask, dwType);
     return 0;
@@ -113,31 +111,31 @@ uint32_t Ledger::Handle(HAppTask hTask, uint32_t dwType, void *pvEntry, void *pv
 uint32_t Ledger::HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry)
 {
     EXPECT_LE(dwType - APP_TASK_EVENT_TIMEOUT, 1u) << "neither expired nor cancelled";
-    ++static_cast<Entry *>(pvEntry)->dwTold;
+    --*static_cast<std::atomic<int> *>(pvEntry);
     return 0;
 }
 
 bool Ledger::Send(HAppTask hTask, bool bAssign)
 {
-    Entry &entry = NewEntry();
+    std::atomic<int> &entry = NewEntry();
     const auto send = bAssign ? AppTaskAssignEvent : AppTaskSendEvent;
-    const uint32_t dwCode = send(hTask, &entry, nullptr, nullptr);
-    entry.dwAccepted = dwCode == APP_OK;
-    return dwCode == APP_OK;
+    const bool bAccepted = send(hTask, &entry, nullptr, nullptr) == APP_OK;
+    entry += bAccepted;
+    return bAccepted;
 }
 
 HAppTimer Ledger::Set(HAppTask hTask, uint32_t dwTimeout)
 {
-    Entry &entry = NewEntry();
+    std::atomic<int> &entry = NewEntry();
     HAppTimer hTimer = AppTaskSetTimer(hTask, dwTimeout, HandleTimer, &entry);
-    entry.dwAccepted = hTimer != nullptr;
+    entry += hTimer != nullptr;
     return hTimer;
 }
 
 void Ledger::ExpectBalance() const
 {
     for (size_t i = 0; i < m_nUsed; ++i)
-        EXPECT_EQ(m_entries[i].dwTold, m_entries[i].dwAccepted) << "entry " << i;
+        EXPECT_EQ(m_open[i], 0) << "entry " << i;
 }
 
 } // namespace test

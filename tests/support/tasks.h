@@ -16,6 +16,7 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 
 namespace test
@@ -27,7 +28,8 @@ inline void *Arg(uintptr_t nValue)
     return reinterpret_cast<void *>(nValue);
 }
 
-// Closed at first.  Whoever passes waits until it is opened.  The end opens it and waits until all have passed.
+// Closed at first.  Whoever passes waits until it is opened.  The end opens it and waits until all
+// have passed.
 class Door
 {
 public:
@@ -40,17 +42,17 @@ public:
     void Pass()
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        ++m_nArrived;
+        m_bVisited = true;
         ++m_nInside;
         m_changed.notify_all();
         m_changed.wait(lock, [this] { return m_bOpen; });
         --m_nInside;
         m_changed.notify_all();
     }
-    void AwaitVisitor(int nVisitors = 1)
+    void AwaitVisitor()
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_nArrived >= nVisitors; });
+        m_changed.wait(lock, [this] { return m_bVisited; });
     }
     void Open()
     {
@@ -62,8 +64,8 @@ public:
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    int m_nArrived = 0, m_nInside = 0;
-    bool m_bOpen = false;
+    int m_nInside = 0;
+    bool m_bVisited = false, m_bOpen = false;
 };
 
 // Writes down every call that a handler gets: "user 1", "drop 2", "stop", "timeout", "cancel".
@@ -103,29 +105,6 @@ private:
     Reaction m_react;
 };
 
-// Stops a thread in front of a system function's next call for which `when` holds.
-class Stall
-{
-public:
-    Stall(fault::Fn fn, const std::function<bool()> &when)
-        : m_when(when), m_fail(fn, 1, 0, 1u << 30, fault::kEveryThread)
-    {
-        m_fail.Action([this] {
-            if (!m_bUsed && m_when() && !m_bUsed.exchange(true))
-                m_door.Pass();
-        });
-    }
-    ~Stall() { m_door.Open(); }
-    void AwaitVisitor() { m_door.AwaitVisitor(); }
-    void Open() { m_door.Open(); }
-
-private:
-    std::function<bool()> m_when;
-    std::atomic<bool> m_bUsed{false};
-    Door m_door;
-    fault::Fail m_fail;
-};
-
 // What a task is made of; the defaults serve most cases.
 struct Wanted {
     const char *szName = "task";
@@ -143,8 +122,6 @@ public:
     explicit Manager(uint32_t dwMaxTask = 8, uint32_t dwIdleTaskTimeout = 0,
                      uint32_t dwPoolSize = 0);
     ~Manager() { Destroy(); }
-    Manager(const Manager &) = delete;
-    Manager &operator=(const Manager &) = delete;
 
     HAppTask New(PFAppTaskHandler pfnHandler, void *pvContext, const Wanted &wanted = {});
     // For a diary or a ledger.
@@ -177,8 +154,7 @@ public:
     using Reaction = std::function<void(HAppTask hTask, uint32_t dwType)>;
 
     // For at most `nMost` entries; `react` runs for each call of the task's handler.
-    explicit Ledger(size_t nMost, const Reaction &react = nullptr)
-        : m_entries(nMost), m_react(react)
+    explicit Ledger(size_t nMost, const Reaction &react = nullptr) : m_open(nMost), m_react(react)
     {
     }
     // The task's handler, with the ledger as context.
@@ -191,13 +167,10 @@ public:
     void ExpectBalance() const;
 
 private:
-    struct Entry {
-        std::atomic<uint32_t> dwAccepted{0}, dwTold{0};
-    };
     static uint32_t HandleTimer(HAppTask, uint32_t dwType, void *, void *pvEntry);
-    Entry &NewEntry() { return m_entries.at(m_nUsed++); }
+    std::atomic<int> &NewEntry() { return m_open.at(m_nUsed++); }
 
-    std::vector<Entry> m_entries;
+    std::vector<std::atomic<int>> m_open; // 1 when accepted, 1 less when told
     std::atomic<size_t> m_nUsed{0};
     Reaction m_react;
 };
@@ -215,7 +188,7 @@ public:
             m_bDone = true;
         });
         EXPECT_TRUE(WaitUntil([&] {
-            app::LockGuard guard(hTaskMgr->hLock);
+            app::LockGuard guard(hTaskMgr);
             return hTaskMgr->bQuit == 1;
         }));
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef APPCORE_UTILS_ROLLBACK_H
-#define APPCORE_UTILS_ROLLBACK_H
+#ifndef APPCORE_BASE_ROLLBACK_H
+#define APPCORE_BASE_ROLLBACK_H
 
 #include <utility>
 

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "utils/share_action.h"
+#include "utils/share_action_registry.h"
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/field.h"
+#include "base/print.h"
+#include "base/rollback.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/report_writer.h"
-#include "utils/rollback.h"
 
 std::atomic<HAppDoubleList> g_hAppShareActionList;
 std::atomic<HAppLock> g_hAppShareActionRecursiveLock;
@@ -38,6 +39,7 @@ uint32_t CreateRegistry()
         AppLockDestroy(hLock);
         return dwResult;
     }
+    // The list last: whoever sees it finds the lock too.
     g_hAppShareActionRecursiveLock.store(hLock, std::memory_order_release);
     g_hAppShareActionList.store(hList, std::memory_order_release);
     return APP_OK;
@@ -55,9 +57,10 @@ uint32_t EnsureRegistry()
     return dwResult;
 }
 
-// Under the list's lock.
+// Under the list's lock, which guards the index too.
 const TAppShareAction *FindEntry(const char *szKey)
 {
+    app::AssertHeld(Registry());
     const uint32_t dwHash = AppStringHash(szKey);
     const TAppShareAction *ptEntry = s_aptIndex[dwHash % kSlots];
     while (ptEntry && (ptEntry->dwHash != dwHash || AppStrcmp(ptEntry->achKey, szKey) != 0))
@@ -93,7 +96,7 @@ uint32_t AddEntry(HAppDoubleList hList, const char *szKey, PFAppShareAction pfnA
 // which the report holds too: a key is never seen half written.
 PFAppShareAction BeginAction(HAppDoubleList hList, const char *szKey, uint32_t *pbBlock)
 {
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     PFAppShareAction pfnAction = _AppFindShareAction(hList, szKey, pbBlock);
     if (pfnAction) {
         AppStrncpy(g_achAppShareActionLastCalledKey, szKey, APP_SHARE_ACTION_KEY_SIZE);
@@ -112,7 +115,7 @@ uint32_t _AppRegisterShareAction(const char *szKey, PFAppShareAction pfnAction, 
     if (dwResult != APP_OK)
         return dwResult;
     HAppDoubleList hList = Registry();
-    app::LockGuard guard(hList->hLock);
+    app::LockGuard guard(hList);
     if (FindEntry(szKey))
         return APP_OK;
     return AddEntry(hList, szKey, pfnAction, bBlock);
@@ -148,6 +151,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
     AppShareActionLock();
     app::Rollback unlock([] { AppShareActionUnlock(); });
     uint32_t bBlock = 0;
+    // Entries are never removed, so what has been found stays good after the list's lock.
     PFAppShareAction pfnAction = BeginAction(hList, szKey, &bBlock);
     if (!pfnAction)
         return APP_INVALID_ARG;
@@ -158,6 +162,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
     const uint32_t dwResult = pfnAction(dwArg1, dwArg2, dwArg3);
     if (pdwResult)
         *pdwResult = dwResult;
+    // Of actions that run at once the last to return is told.
     app::Poke(g_eAppShareActionLastCalledResult, dwResult);
     return APP_OK;
 }
@@ -165,6 +170,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
 // The lock's operations refuse a null handle.
 uint32_t AppShareActionLock(void)
 {
+    APP_CHECK(!app::HeldLock::HoldsAny(), "the actions' lock is taken under another");
     return AppLockTakeByTime(g_hAppShareActionRecursiveLock.load(std::memory_order_acquire), 0);
 }
 
@@ -180,22 +186,16 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
         return;
     app::ReportWriter writer(pfnShow, pvContext);
     {
-        app::LockGuard guard(hList->hLock);
+        app::LockGuard guard(hList);
         writer.Line("Last called action: %s result %d\n", g_achAppShareActionLastCalledKey,
-                    static_cast<int>(app::Peek(g_eAppShareActionLastCalledResult)));
+                    app::Int(app::Peek(g_eAppShareActionLastCalledResult)));
         writer.Line("========================================\n");
         int nEntry = 0;
         for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext) {
             auto ptEntry = static_cast<const TAppShareAction *>(hNode->pvData);
-            writer.Line("[%d/%d] Hash %u Key %s Addr %p\n", ++nEntry,
-                        static_cast<int>(hList->dwCurSize), ptEntry->dwHash, ptEntry->achKey,
-                        app::Ptr(ptEntry->pfnAction));
+            writer.Line("[%d/%d] Hash %u Key %s Addr %p\n", ++nEntry, app::Int(hList->dwCurSize),
+                        ptEntry->dwHash, ptEntry->achKey, app::Ptr(ptEntry->pfnAction));
         }
     }
     writer.HandOver();
-}
-
-void AppRegCommand(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
-{
-    QorRegCommand(szName, pfnCommand, szHelp);
 }

@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: MIT
 //
-// Creation, refreshing and destruction of a task record.
-#include "task/task.h"
+// Creation of a task record, and its refreshing for a new owner.
+//
+// All of it comes from the manager's pool but the task's own pool, which has no lock: only handlers
+// of this task use it, one after the other, in its thread.
 #include <new>
 
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
+#include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
+#include "task/task.h"
+#include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 #include "utils/queue.h"
-#include "utils/rollback.h"
 
 namespace
 {
@@ -21,42 +25,32 @@ char *CopyName(const TAppTaskMgr *ptTaskMgr, const char *szTaskName)
     return AppStrndup(ptTaskMgr->hMemPool, szTaskName, AppStrlen(szTaskName) + 1);
 }
 
-uint32_t CreateLock(TAppTask *ptTask, uint32_t dwInitCount, HAppLock *phLock, const char *szOp)
-{
-    const uint32_t dwResult =
-        AppLockCreate(ptTask->ptTaskMgr->hMemPool, 1, dwInitCount, APP_LOCK_TYPE_SEM, phLock);
-    if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppLockCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
-    return dwResult;
-}
-
 uint32_t CreateMembers(TAppTask *ptTask, uint32_t dwMaxEvent, uint32_t dwMemPoolSize,
                        const char *szOp)
 {
     HAppMemPool hMgrPool = ptTask->ptTaskMgr->hMemPool;
     uint32_t dwResult = AppMemPoolCreate(dwMemPoolSize, 0, 0, &ptTask->hMemPool);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppMemPoolCreate failed %d\n", szOp);
         return dwResult;
     }
-    dwResult = CreateLock(ptTask, 1, &ptTask->hLock, szOp);
+    dwResult = AppLockCreate(hMgrPool, 1, 1, APP_LOCK_TYPE_SEM, &ptTask->hLock);
     if (dwResult == APP_OK)
-        dwResult = CreateLock(ptTask, 0, &ptTask->hExitLock, szOp);
-    if (dwResult != APP_OK)
+        dwResult = AppLockCreate(hMgrPool, 1, 0, APP_LOCK_TYPE_SEM, &ptTask->hExitLock);
+    if (dwResult != APP_OK) {
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", szOp);
         return dwResult;
+    }
     dwResult = AppQueueCreate(hMgrPool, dwMaxEvent, 1, &ptTask->hEventQueue);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppQueueCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueCreate failed %d\n", szOp);
         return dwResult;
     }
+    app::AssertAlone(ptTask);
     dwResult = _AppTimerMgrCreate(hMgrPool, ptTask, ptTask->pfnHandler, ptTask->pvContext,
                                   &ptTask->ptTimerMgr);
     if (dwResult != APP_OK)
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTimerMgrCreate failed %d\n", szOp,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTimerMgrCreate failed %d\n", szOp);
     return dwResult;
 }
 
@@ -73,6 +67,7 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     }
     app::Rollback undo([&] { _AppTaskDestroy(ptTask); });
     new (ptTask) TAppTask{};
+    app::AssertAlone(ptTask);
     ptTask->ptTaskMgr = ptTaskMgr;
     app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
     ptTask->pfnHandler = pfnHandler;
@@ -82,37 +77,22 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     uint32_t dwResult = CreateMembers(ptTask, dwMaxEvent, dwMemPoolSize, __func__);
     if (dwResult != APP_OK)
         return dwResult;
+    // Last, since a thread cannot be taken back.
     dwResult = _AppThreadCreate(AppTask, dwStackSize, ptTask);
     if (dwResult != APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppThreadCreate failed %d\n", __func__,
-               static_cast<int>(dwResult));
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppThreadCreate failed %d\n", __func__);
         return dwResult;
     }
-    undo.Dismiss();
+    undo.Dismiss(); // the thread runs: the record ends by way of it only
     *phTask = ptTask;
     return APP_OK;
-}
-
-void _AppTaskDestroy(TAppTask *ptTask)
-{
-    if (!ptTask)
-        return;
-    app::TellRest(ptTask); // the manager's destruction has done so before
-    _AppTimerMgrDestroy(ptTask->ptTimerMgr);
-    AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);
-    AppMemPoolDestroy(ptTask->hMemPool);
-    AppLockDestroy(ptTask->hExitLock);
-    ptTask->hExitLock = nullptr;
-    AppLockDestroy(ptTask->hLock);
-    ptTask->hLock = nullptr;
-    AppMemPoolFree(ptTask->szTaskName);
-    AppMemPoolFree(ptTask);
 }
 
 // With the task's lock.  The state is IDLE until the new owner's handler is in place.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext)
 {
+    // First, since it is the one step that may be refused.
     const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: new size %lu is Invalid\n", __func__,
@@ -122,6 +102,8 @@ uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t d
     AppMemPoolFree(ptTask->szTaskName);
     ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
     app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
+    app::AssertHeld(ptTask);
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
     ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);

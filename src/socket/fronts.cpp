@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
+//
+// The public fronts: missing arguments and other address families are refused here, a socket of the
+// wrong kind by the platform layer.
 #include "appcore/socket.h"
 
+#include "base/print.h"
 #include "cross_linux/cross_linux.h"
 
 namespace
@@ -10,8 +14,7 @@ bool IsIpv4(uint32_t dwVersion, const char *szOp)
 {
     if (dwVersion == APP_NET_ADDR_IPV4)
         return true;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Socket version %d\n", szOp,
-           static_cast<int>(dwVersion));
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Socket version %d\n", szOp, app::Int(dwVersion));
     return false;
 }
 

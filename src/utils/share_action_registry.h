@@ -2,8 +2,8 @@
 //
 // The registry of named actions.  The list is the record of what is registered and in which order;
 // an index over the keys' hashes keeps a look-up independent of the number of entries.
-#ifndef APPCORE_UTILS_SHARE_ACTION_H
-#define APPCORE_UTILS_SHARE_ACTION_H
+#ifndef APPCORE_UTILS_SHARE_ACTION_REGISTRY_H
+#define APPCORE_UTILS_SHARE_ACTION_REGISTRY_H
 
 #include <stddef.h>
 

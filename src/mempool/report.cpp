@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include "base/field.h"
+#include "base/print.h"
 #include "mempool/mempool.h"
 #include "utils/lock_guard.h"
-#include "utils/log.h"
 #include "utils/report_writer.h"
 
 static constexpr uint32_t kLockWaitMs = 1000;
@@ -14,10 +15,11 @@ struct PoolFigures {
 };
 
 // Without the lock the figures may not fit together, but only counters are read: still safe.
-PoolFigures ReadPool(HAppMemPool hMemPool)
+PoolFigures ReadPool(HAppMemPool hMemPool) APP_NO_ANALYSIS
 {
-    app::LockGuard guard(hMemPool->hLock, kLockWaitMs);
-    return {app::Peek(hMemPool->dwCurSize), app::ReadEngine(hMemPool->ptImpl)};
+    app::TimedLockGuard guard(hMemPool);
+    guard.TakeByTime(kLockWaitMs);
+    return {app::PeekCounter(hMemPool->dwCurSize), app::ReadEngine(hMemPool->ptImpl)};
 }
 } // namespace
 
@@ -39,10 +41,4 @@ void AppMemPoolShow(HAppMemPool hMemPool, PFAppShow pfnShow, void *pvContext)
 {
     app::ReportWriter writer(pfnShow, pvContext);
     app::ShowPool(writer, hMemPool);
-}
-
-bool app::PoolIsValid(HAppMemPool hMemPool)
-{
-    LockGuard guard(hMemPool->hLock);
-    return EngineIsValid(hMemPool->ptImpl) && hMemPool->dwCurSize <= hMemPool->ptImpl->dwOnWorkSize;
 }

@@ -4,14 +4,17 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
 namespace
 {
 
+// The front counts what callers ask for; headers and rounding are the engine's account.
 constexpr uint32_t kHead = sizeof(TAppMemPoolHead);
-// With both headers a larger request would pass 32 bits.
+// With both headers a larger request would pass 32 bits.  The heap alone could serve more on 64-bit
+// machines, but the limit is the same everywhere.
 constexpr uint32_t kLargest = UINT32_MAX - kHead - sizeof(TAppMemBlockHead);
 
 void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
@@ -35,8 +38,8 @@ void *MallocFromHeap(uint32_t dwSize, const char *szOp)
     return Finish(ptHead, nullptr, dwSize);
 }
 
-// Under the pool's lock.  The sum must stay strictly below the limit.
-bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize)
+// The sum must stay strictly below the limit.
+bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLock)
 {
     if (dwSize > kLargest)
         return true;
@@ -48,7 +51,7 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 {
     TAppMemPoolHead *ptHead;
     {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         if (IsFull(hMemPool, dwSize)) {
             AppLog(0, APP_LOG_ERROR,
                    "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
@@ -60,12 +63,14 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
             static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
         if (!ptHead)
             return nullptr; // the engine has logged
-        app::Poke(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+        app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+        APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         APP_TRACE(APP_LOG_MEMDBG1,
                   "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
                   app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
                   app::Ul(dwSize));
     }
+    // Nobody else knows the block yet: what is written into cold memory need not hold up the others.
     return Finish(ptHead, hMemPool, dwSize);
 }
 
@@ -98,15 +103,17 @@ void AppMemPoolFree(void *pvData)
     TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
     if (!ptHead)
         return;
+    // Copied: as soon as the engine has the block back, its next owner may write the header.
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
-        app::LockGuard guard(hMemPool->hLock);
+        app::LockGuard guard(hMemPool);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
-        app::Poke(hMemPool->dwCurSize,
-                  hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
+        app::SetCounter(hMemPool->dwCurSize,
+                        hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
         APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
                   app::Ptr(hMemPool), pvData, app::Ul(dwSize));
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
+        APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         return;
     }
     APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL free %p with size %lu\n", __func__,
@@ -123,18 +130,12 @@ void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
         return nullptr;
     if (ptHead->dwSize >= dwSize)
         return pvData;
+    // Always a new block, also where the old one's class has room left: the pool given need not be
+    // the block's own, and the accounts know a block by the size that it was asked for.
     void *pvGrown = AppMemPoolMalloc(hMemPool, dwSize);
     if (!pvGrown)
         return nullptr;
     AppMemcpy(pvGrown, pvData, ptHead->dwSize);
     AppMemPoolFree(pvData);
     return pvGrown;
-}
-
-char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
-{
-    if (dwSize == 0 || !szSrc || !*szSrc)
-        return nullptr;
-    // AppStrncpy fills the rest of the block with zeros.
-    return AppStrncpy(static_cast<char *>(AppMemPoolMalloc(hMemPool, dwSize)), szSrc, dwSize);
 }

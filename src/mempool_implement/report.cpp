@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
+#include "base/field.h"
+#include "base/print.h"
 #include "mempool_implement/engine.h"
-#include "utils/log.h"
 #include "utils/report_writer.h"
 
 app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
@@ -8,12 +9,12 @@ app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
     EngineFigures figures = {};
     figures.ptImpl = ptImpl;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        figures.adwOnCount[k] = Peek(ptImpl->hOnList[k]->dwCurSize);
-        figures.adwOffCount[k] = Peek(ptImpl->hOffList[k]->dwCurSize);
+        figures.adwOnCount[k] = PeekCounter(ptImpl->hOnList[k]->dwCurSize);
+        figures.adwOffCount[k] = PeekCounter(ptImpl->hOffList[k]->dwCurSize);
     }
-    figures.dwOnWorkCount = Peek(ptImpl->dwOnWorkCount);
-    figures.dwOnWorkSize = Peek(ptImpl->dwOnWorkSize);
-    figures.dwTotalSize = Peek(ptImpl->dwTotalSize);
+    figures.dwOnWorkCount = PeekCounter(ptImpl->dwOnWorkCount);
+    figures.dwOnWorkSize = PeekCounter(ptImpl->dwOnWorkSize);
+    figures.dwTotalSize = PeekCounter(ptImpl->dwTotalSize);
     return figures;
 }
 
@@ -36,6 +37,7 @@ void app::ShowEngine(ReportWriter &writer, const EngineFigures &figures)
             writer.Line("[%2lu] OffList count=%lu blocksize=%lu size=%lu\n", Ul(k), Ul(dwOff),
                         Ul(dwBlockSize), Ul(dwOff * dwBlockSize));
     }
+    // What the lists do not account for.  May wrap in a report that did not get the pool's lock.
     writer.Line("[malloc/free]count=%lu size=%lu\n", Ul(figures.dwOnWorkCount - dwOnCount),
                 Ul(figures.dwOnWorkSize - dwOnSize));
     writer.Line("MEMPOOL %p OnWorkCount=%lu OnWorkSize=%lu TotalSize=%lu IdleSize=%lu\n",

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+//
+// A task's timers: their records, and what the task's other operations ask of them.  Everything
+// here is under the task's lock unless said otherwise; no handler runs under it.
+#ifndef APPCORE_TASK_TIMER_H
+#define APPCORE_TASK_TIMER_H
+
+#include <stddef.h>
+
+#include "appcore/containers.h"
+#include "appcore/task.h"
+#include "task/task.h"
+
+struct TAppTimerMgr {
+    // Running, in the order in which they were set; ended, in the order in which they ended.
+    HAppDoubleList hTimerList APP_PT_GUARDED_BY(ptTask->hLock);
+    HAppDoubleList hIdleTimerList APP_PT_GUARDED_BY(ptTask->hLock);
+    PFAppTaskHandler pfnHandler APP_GUARDED_BY(ptTask->hLock); // for timers without their own
+    void *pvContext APP_GUARDED_BY(ptTask->hLock);
+    TAppTask *ptTask;
+    HAppMemPool hMemPool;
+
+    // Of the run: see timer_run.cpp.
+    // Where the walk goes on; moved when its node leaves the list.
+    HAppDoubleListNode hNext APP_GUARDED_BY(ptTask->hLock);
+    uint32_t dwRun APP_GUARDED_BY(ptTask->hLock);     // odd during a run
+    uint32_t dwRunTick APP_GUARDED_BY(ptTask->hLock); // when the run began
+    // No timer is due before dwCheckWait ms after this tick.
+    uint32_t dwCheckTick APP_GUARDED_BY(ptTask->hLock);
+    uint32_t dwCheckWait APP_GUARDED_BY(ptTask->hLock);
+
+    // Where a report goes on; moved like hNext.
+    HAppDoubleListNode hShown APP_GUARDED_BY(ptTask->hLock);
+};
+
+struct TAppTimer {
+    TAppTimerMgr *ptTimerMgr; // for the record's life: a late cancel reads it without a lock
+    // The rest is under the lock of the timer's task.
+    HAppDoubleListNode hListNode; // null while in neither list
+    PFAppTaskHandler pfnHandler;
+    void *pvContext;
+    uint32_t dwStartTick;
+    uint32_t dwTimeout; // ms
+    uint32_t dwState;   // 1 running, 0 ended
+    uint32_t dwRun;     // the timer manager's when the timer was set
+};
+
+#if UINTPTR_MAX == UINT32_MAX
+// What has been added stands behind the fixed part.
+static_assert(offsetof(TAppTimerMgr, hNext) == 24, "fixed layout");
+static_assert(offsetof(TAppTimer, dwRun) == 28, "fixed layout");
+#endif
+
+extern "C" {
+
+uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
+                            void *pvContext, TAppTimerMgr **pptTimerMgr);
+void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr);
+uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
+                              PFAppTaskHandler pfnHandler, void *pvContext, HAppTimer *phTimer);
+uint32_t _AppTaskResetTimer(TAppTimer *ptTimer);
+// Gives the task's lock for the handler's call, also when the caller holds it.
+void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked);
+// Expires what is due; returns the ms until the next look, 1 to 5000.
+uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr);
+// Releases an ended timer; a callback for the list's destruction.
+void __AppFreeIdleTimerCB(void *pvTimer, void *pvIgnored);
+
+} // extern "C"
+
+namespace app
+{
+
+// Cancels every running timer, oldest first.  Under the task's lock, which is given for each call
+// of a handler.  `bRecord`: each becomes the task's last event.
+void CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord);
+// A timer has been set; see timer_run.cpp.
+void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock);
+// Takes a timer out of the running ones, its node kept.
+HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);
+
+#ifdef APPCORE_CHECKS
+// The node holds a timer that knows it, and whose state belongs into the list.
+bool TimerIsValid(const TAppDoubleList *ptList, const TAppDoubleListNode *ptNode);
+// All of both lists are; links, order and the places kept in them agree.
+bool TimerMgrIsValid(const TAppTimerMgr *ptTimerMgr);
+#endif
+
+} // namespace app
+
+#endif
