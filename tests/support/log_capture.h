@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -26,9 +26,6 @@ namespace test
 // printf into a string.
 std::string Text(const char *szFormat, ...) APP_PRINTF(1, 2);
 
-// Addresses become "P"; "0xFF" is none.
-std::string Masked(std::string line);
-
 // One at a time.  Checks that each line with a tag has one that is known, the name of a function
 // and one newline.  Collects from every thread.
 class LogCapture
@@ -38,11 +35,21 @@ public:
     explicit LogCapture(uint8_t byThreshold = APP_LOG_ERROR);
     ~LogCapture();
 
-    // From here on a line shows `szName` for the address.
-    void Name(const void *pv, const char *szName);
-    std::vector<std::string> Lines() const;
-    size_t Count(const std::string &line) const;
-    void Clear();
+    std::vector<std::string> Lines() const
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_lines;
+    }
+    size_t Count(const std::string &line) const
+    {
+        const std::vector<std::string> lines = Lines();
+        return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
+    }
+    void Clear()
+    {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_lines.clear();
+    }
     // Exactly these lines came, in this order; then starts again, so that one capture serves a row
     // of steps.
     void ExpectLines(const std::vector<std::string> &lines)
@@ -61,7 +68,6 @@ private:
     std::function<void(const std::string &line)> m_console;
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
-    std::map<std::string, std::string> m_names;
     uint8_t m_byThreshold;
 };
 
