@@ -387,14 +387,12 @@ void Sockets(Run &run)
     EXPECT_EQ(udp.Receive(kLong), 1);
     run.Do(OP(Bytes(AppSocketTCPSend(hTcp, "x", 1, kShort))));
     EXPECT_EQ(recv(listener.nPeer, &chData, 1, 0), 1);
-    { // comes while somebody waits
-        fault::Fail comes(Fn::epoll_wait, 1, 0, 1000);
-        comes.Action([&] { udp.Send(udp, "x", kShort); });
-        run.Do(OP(Bytes(AppSocketUDPRecv(udp.hSocket, &chData, &dwLen, kShort, nullptr, nullptr,
-                                         nullptr, nullptr))));
-        comes.Action([&] { send(listener.nPeer, "x", 1, 0); });
-        run.Do(OP(Bytes(AppSocketTCPRecv(hTcp, &chData, &dwLen, kShort))));
-    }
+    fault::Fail comes(Fn::epoll_wait, 1, 0, 1000); // while somebody waits
+    comes.Action([&] { udp.Send(udp, "x", kShort); });
+    run.Do(OP(Bytes(AppSocketUDPRecv(udp.hSocket, &chData, &dwLen, kShort, nullptr, nullptr,
+                                     nullptr, nullptr))));
+    comes.Action([&] { send(listener.nPeer, "x", 1, 0); });
+    run.Do(OP(Bytes(AppSocketTCPRecv(hTcp, &chData, &dwLen, kShort))));
     run.Do(OP(Got((hNew = AppSocketTCPConnect(run.Pool(), &kLoopback, listener.wPort, kLong,
                                               nullptr)) != nullptr)),
            {Fn::setsockopt, Fn::getsockname, Fn::getpeername});
@@ -441,7 +439,7 @@ void Tasks(Run &run)
                  {Fn::malloc, Fn::pthread_attr_setinheritsched});
         EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr));
         diary.Await(szTold);
-        if (manager.Idle() == 0 && szTold[6] == 0)
+        if (szTold[6] == '\0')
             manager.Park(hTask);
     }
     EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, nullptr, Diary::Handle, &holder));
@@ -458,30 +456,25 @@ void Tasks(Run &run)
 }
 
 // The whole life of a manager; its tasks' threads meet the faults too.
-void LiveAndDie(HAppMemPool hPool, test::Ledger &ledger)
-{
-    HAppTaskMgr hTaskMgr = nullptr;
-    if (AppTaskMgrCreate(hPool, 3, 0, &hTaskMgr) != APP_OK)
-        return;
-    HAppTask ahTask[3] = {};
-    for (HAppTask &hTask : ahTask) {
-        AppTaskMgrNewTask(hTaskMgr, "t", 9, 65536, 0, 0, test::Ledger::Handle, &ledger, &hTask);
-        if (!hTask)
-            continue;
-        ledger.Send(hTask);
-        ledger.Set(hTask, 0);
-        ledger.Set(hTask, 100000);
-        ledger.Send(hTask, true);
-    }
-    AppTaskTerminate(ahTask[0]);
-    AppTaskMgrDestroy(hTaskMgr);
-}
-
 void Lives(Run &run)
 {
     test::Ledger ledger(16);
-    run.Once(
-        "AppTaskMgrDestroy", [&] { LiveAndDie(run.Pool(), ledger); }, {}, fault::kEveryThread);
+    const auto live = [&] {
+        HAppTaskMgr hTaskMgr = nullptr;
+        if (AppTaskMgrCreate(run.Pool(), 3, 0, &hTaskMgr) != APP_OK)
+            return;
+        HAppTask ahTask[3] = {};
+        for (HAppTask &hTask : ahTask) {
+            AppTaskMgrNewTask(hTaskMgr, "t", 9, 65536, 0, 0, test::Ledger::Handle, &ledger, &hTask);
+            for (const uint32_t dwTimeout : {0, 100000}) {
+                ledger.Send(hTask, dwTimeout != 0);
+                ledger.Set(hTask, dwTimeout);
+            }
+        }
+        AppTaskTerminate(ahTask[0]);
+        AppTaskMgrDestroy(hTaskMgr);
+    };
+    run.Once("AppTaskMgrDestroy", live, {}, fault::kEveryThread);
     ledger.ExpectBalance();
 }
 
