@@ -181,7 +181,6 @@ void Locks(Run &run)
         if (dwType == APP_LOCK_TYPE_SEM)
             run.Do(OP(Got(AppLockTakeByTime(hLock, 2) == APP_TIMEOUT)));
         EXPECT_CODE(APP_OK, AppLockGive(hLock));
-        EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1));
         AppLockDestroy(hLock);
     }
     uint32_t dwTick = 0;
