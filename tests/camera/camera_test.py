@@ -86,22 +86,22 @@ class Camera:
         while chunk := self.process.stdout.read1(65536):
             self.output += chunk.decode(errors="backslashreplace")
 
-    def say(self, line, answer=None):
-        """Runs a line; returns the first match of an answer in what it prints."""
-        start = len(self.output)
-        self.process.stdin.write(line.encode() + b"\n")
-        self.process.stdin.flush()
-        return self.wait_for(answer, start) if answer else None
-
     def wait_for(self, pattern, start=0):
         wait_until(lambda: re.search(pattern, self.output[start:]), pattern, self)
         return re.search(pattern, self.output[start:])
 
+    def say(self, line, answer=""):
+        """Runs a line; returns the first match of an answer in what it prints."""
+        start = len(self.output)
+        self.process.stdin.write(line.encode() + b"\n")
+        self.process.stdin.flush()
+        return self.wait_for(answer, start)
+
     def status(self):
         text = self.say("status", r"motion: raised[^\0]*?not sent \d+\n")[0]
-        found = {f"{line.split(':')[0]} {name}": int(number) for line in text.splitlines()
-                 for name, number in re.findall(r"([a-zA-Z ]+?) (\d+)", line)}
-        return {re.sub(" +", " ", key): number for key, number in found.items()}
+        return {f"{line.split(':')[0]} {' '.join(name.split())}": int(number)
+                for line in text.splitlines()
+                for name, number in re.findall(r"([a-zA-Z ]+?) (\d+)", line)}
 
     def awaits(self, key, value):
         wait_until(lambda: self.status()[key] == value, f"{key} {value}", self)
@@ -120,39 +120,37 @@ class Camera:
         self.process.wait(PATIENCE)
         self.reader.join()
         self.running.remove(self.process)
-        expect(self.process.returncode == result, f"status {self.process.returncode}", self)
-        expect("Sanitizer" not in self.output, "a sanitizer's finding", self)
-        if result == 0:
-            expect("camera: ended" in self.output, "no orderly end", self)
+        expect(self.process.returncode == result and "Sanitizer" not in self.output and
+               (result or "camera: ended" in self.output), f"{self.process.returncode}", self)
         return self.output
 
 
 # ---- config -------------------------------------------------------------------------------------
 
 def case_config():
-    refused = [("<camera><name>x</camera>", "not well-formed"), ("", "not well-formed"),
-               ("<cam/>", "no element <camera>"), ("<camera name='", "not well-formed"),
-               ("<camera><uuid>5f5a</uuid></camera>", r"<uuid> is wrong {5f5a}")]
-    for text, line in refused:
+    for text, line in [
+            ("<camera><name>x</camera>", "not well-formed"), ("", "not well-formed"),
+            ("<cam/>", "no element <camera>"),
+            ("<camera><uuid>5f5a</uuid></camera>", r"<uuid> is wrong {5f5a}")]:
         output = Camera(text).end(result=1)
-        expect(re.search(line, output) and "could not start" in output, f"{text}: {output}")
+        expect(line in output and "could not start" in output, f"{text}: {output}")
 
-    camera = Camera("<camera><name/><hardware>" + "\u00e9" * 32 + "</hardware><motion><threshold>12x</threshold></motion>"
-                    "<receiver><address>10.0.0</address><port>70000</port></receiver></camera>")
+    camera = Camera(f"<camera><name/><hardware>{chr(233) * 32}</hardware><motion><threshold>12x"
+                    "</threshold></motion><receiver><address>10.0.0</address><port>70000</port>"
+                    "</receiver></camera>")
     camera.wait_for("camera.xml written")  # with the identity that it gave itself
     camera.say('set name "<C> & D"', "written")
     camera.say("set motion/threshold 77", "written")
     output = camera.end()
     for line in ["<service> is missing {no such element}, assumed {80}",
-                 "<name> is wrong {}, assumed {camera}",
-                 "<hardware> is wrong {" + "\\xc3\\xa9" * 11,
+                 "<name> is wrong {}, assumed {camera}", "<hardware> is wrong {" + "\\xc3\\xa9" * 11,
                  "<motion/threshold> is wrong {12x}, assumed {60}",
                  "<receiver/address> is wrong {10.0.0}, assumed {}",
                  "<receiver/port> is wrong {70000}, assumed {9100}"]:
         expect(line in output, line, camera)
     tree = ET.parse(camera.file)
-    expect(tree.findtext("name") == '"<C> & D"' and tree.findtext("motion/threshold") == "77"
-           and tree.findtext("metadata") == "2", "what was written", camera)
+    found = [tree.findtext(path) for path in ("name", "motion/threshold", "metadata")]
+    expect(found == ['"<C> & D"', "77", "2"], str(found), camera)
     uuid.UUID(tree.findtext("uuid"))
 
     camera.start()  # complete now: nothing to complain about
@@ -181,13 +179,11 @@ def case_shell():
              else r"\d+ found"), ("discover", "Reuse Task")]:
         camera.say(line, answer)
     camera.status()
-    hello = "discovery: Hello on " + ADDRESS if in_namespace() else ""
-    bye = ["discovery: Bye on " + ADDRESS] if in_namespace() else []
     for how in ("quit", signal.SIGINT, signal.SIGTERM, ""):
-        camera.wait_for("started")
-        camera.wait_for(hello)
+        camera.wait_for("Hello on " + ADDRESS if in_namespace() else "started")
         output = camera.end(how)
-        expect("camera: ending" in output and all(line in output for line in bye), "end", camera)
+        expect("camera: ending" in output, "no end", camera)
+        expect("Bye on " + ADDRESS in output or not in_namespace(), "no Bye", camera)
         camera.start()
     camera.end()
 
@@ -321,11 +317,8 @@ class Receiver:
     """An alarm receiver: it reads, or only accepts."""
 
     def __init__(self, port=0, reads=True):
-        self.listener = socket.socket()
-        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener = socket.create_server(("127.0.0.1", port))
         self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-        self.listener.bind(("127.0.0.1", port))
-        self.listener.listen()
         self.port = self.listener.getsockname()[1]
         self.reads, self.lines, self.connections = reads, [], []
         self.thread = threading.Thread(target=self._serve, daemon=True)
