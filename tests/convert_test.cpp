@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
 // What the oracles of number_fuzz, address_fuzz, datetime_fuzz and encoding_fuzz do not show: what
-// is named when the system fails, and the form that the stand-ins of the encodings agree on.
+// is named when the system fails, and that what fails is a text all the same.
 #include "appcore/convert.h"
 
 #include <errno.h>
-#include <iconv.h>
 #include <string.h>
 
 #include <functional>
 
-#include "appcore/host.h"
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
@@ -34,45 +32,6 @@ TEST(NetAddr, NamesTheCause)
                           strerror(ENOSPC)),
                      Text("[ERROR] _AppConvertNettoStr: inet_ntop AF_INET6 failed %d %s\n", ENOSPC,
                           strerror(ENOSPC))});
-}
-
-// Whether iconv knows an encoding: its tables are files, which an emulated system may lack.
-static bool Knows(const char *szEncoding)
-{
-    const iconv_t hConv = iconv_open(szEncoding, "UTF-8");
-    if (hConv == reinterpret_cast<iconv_t>(-1))
-        return false;
-    iconv_close(hConv);
-    return true;
-}
-
-TEST(Encoding, StandInsConvertBothWays)
-{
-    if (!Knows("GBK") || !Knows("UTF-16LE"))
-        GTEST_SKIP() << "not run: this system's iconv has no GBK";
-    LogCapture log;
-    const uint16_t awText[] = {'A', 0x4F60, 0}, awNone[] = {0};
-    uint16_t awRead[3];
-    char achRead[5];
-    const struct {
-        const char *szText;
-        decltype(AppConvertUtf8toUnicode) *pfnTo;
-        decltype(AppConvertUnicodetoUtf8) *pfnFrom;
-    } rows[] = {{"A\xE4\xBD\xA0", AppConvertUtf8toUnicode, AppConvertUnicodetoUtf8},
-                {"A\xC4\xE3", AppConvertGbktoUnicode, AppConvertUnicodetoGbk}};
-    for (const auto &row : rows) {
-        uint32_t dwLen = 3; // with the terminator
-        ASSERT_CODE(APP_OK, row.pfnTo(row.szText, awRead, &dwLen));
-        EXPECT_EQ(dwLen, 2u);
-        EXPECT_EQ(memcmp(awText, awRead, sizeof(awText)), 0);
-        ASSERT_CODE(APP_OK, row.pfnFrom(awText, 3, achRead, sizeof(achRead)));
-        EXPECT_STREQ(achRead, row.szText);
-        dwLen = 1; // the empty text
-        EXPECT_CODE(APP_OK, row.pfnTo("", awRead, &dwLen));
-        EXPECT_CODE(APP_OK, row.pfnFrom(awNone, 0, achRead, 1));
-        EXPECT_TRUE(dwLen == 0 && awRead[0] == 0 && achRead[0] == 0);
-    }
-    log.ExpectNone();
 }
 
 TEST(Encoding, WhatFailsIsTerminated)
