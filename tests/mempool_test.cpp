@@ -105,6 +105,7 @@ TEST_F(MemPool, WhatThePoolNeverHandsOut)
     AppMemPoolFree(achForeign + 65); // not even aligned
     EXPECT_EQ(AppMemPoolRealloc(nullptr, achForeign + 65, 10), nullptr);
     EXPECT_EQ(AppMemPoolMalloc(hPool, UINT32_MAX), nullptr);
+    AppMemPoolFree(AppMemPoolMalloc(hPool, 1)); // the only one: not a word
     EXPECT_EQ(log.Lines().size(), 3u);
     _AppFree(nullptr, _AppMalloc(nullptr, 10)); // an engine without a record
     _AppFree(hPool->ptImpl, _AppMalloc(hPool->ptImpl, 0));
