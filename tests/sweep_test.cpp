@@ -383,16 +383,18 @@ void Sockets(Run &run)
     if (hNew->nFd >= 0)
         run.Do(OP(AppSocketBind(hNew, &kLoopback, 0, 1)));
     AppSocketDestroy(hNew);
-    run.Do(OP(Bytes(AppSocketUDPSend(udp.hSocket, "x", 1, kShort, &kLoopback, udp.wBound))));
-    EXPECT_EQ(udp.Receive(kLong), 1);
+    run.Do(OP(Bytes(AppSocketUDPSend(udp.hSocket, "x", 1, kShort, &kLoopback, udp.wPort))));
+    EXPECT_EQ(recv(udp.hSocket->nFd, &chData, 1, 0), 1);
     run.Do(OP(Bytes(AppSocketTCPSend(hTcp, "x", 1, kShort))));
     EXPECT_EQ(recv(listener.nPeer, &chData, 1, 0), 1);
-    fault::Fail comes(Fn::epoll_wait, 1, 0, 1000); // while somebody waits
-    comes.Action([&] { udp.Send(udp, "x", kShort); });
-    run.Do(OP(Bytes(AppSocketUDPRecv(udp.hSocket, &chData, &dwLen, kShort, nullptr, nullptr,
-                                     nullptr, nullptr))));
-    comes.Action([&] { send(listener.nPeer, "x", 1, 0); });
-    run.Do(OP(Bytes(AppSocketTCPRecv(hTcp, &chData, &dwLen, kShort))));
+    { // comes while somebody waits
+        fault::Fail comes(Fn::epoll_wait, 1, 0, 1000);
+        comes.Action([&] { AppSocketUDPSend(udp.hSocket, "x", 1, 0, &kLoopback, udp.wPort); });
+        run.Do(OP(Bytes(AppSocketUDPRecv(udp.hSocket, &chData, &dwLen, kShort, nullptr, nullptr,
+                                         nullptr, nullptr))));
+        comes.Action([&] { send(listener.nPeer, "x", 1, 0); });
+        run.Do(OP(Bytes(AppSocketTCPRecv(hTcp, &chData, &dwLen, kShort))));
+    }
     run.Do(OP(Got((hNew = AppSocketTCPConnect(run.Pool(), &kLoopback, listener.wPort, kLong,
                                               nullptr)) != nullptr)),
            {Fn::setsockopt, Fn::getsockname, Fn::getpeername});

@@ -16,68 +16,37 @@ constexpr uint32_t kShort = 60; // a time-out that is meant to expire
 constexpr uint32_t kLong = 60000;
 const TAppNetAddr kLoopback = {APP_NET_ADDR_IPV4, {inet_addr("127.0.0.1")}};
 
-inline uint16_t PortOf(int nFd)
-{
-    struct sockaddr_in tAddr = {};
-    socklen_t nLen = sizeof(tAddr);
-    EXPECT_EQ(getsockname(nFd, app::Generic(&tAddr), &nLen), 0);
-    return tAddr.sin_port;
-}
-
-// A bound UDP socket.
-struct TUdp {
-    explicit TUdp(const TAppNetAddr &addr = kLoopback, uint16_t wPort = 0)
-        : hSocket(AppSocketCreate(nullptr, APP_SOCKET_UDP, 0))
+// Bound to a port of the system's choice.
+struct TBound {
+    TBound(uint32_t dwType, const TAppNetAddr &addr) : hSocket(AppSocketCreate(nullptr, dwType, 0))
     {
-        EXPECT_CODE(APP_OK, AppSocketBind(hSocket, &addr, wPort, 1));
-        wBound = PortOf(hSocket->nFd);
+        socklen_t nLen = sizeof(tAddr);
+        EXPECT_CODE(APP_OK, AppSocketBind(hSocket, &addr, 0, 1));
+        EXPECT_EQ(getsockname(hSocket->nFd, app::Generic(&tAddr), &nLen), 0);
+        wPort = tAddr.sin_port;
     }
-    ~TUdp() { AppSocketDestroy(hSocket); }
-    int32_t Send(const TUdp &to, const char *szText, uint32_t dwTimeout = 0,
-                 const TAppNetAddr &addr = kLoopback) const
-    {
-        return AppSocketUDPSend(hSocket, szText, AppStrlen(szText), dwTimeout, &addr, to.wBound);
-    }
-
-    int32_t Receive(uint32_t dwTimeout)
-    {
-        dwLen = sizeof(achBuf);
-        return AppSocketUDPRecv(hSocket, achBuf, &dwLen, dwTimeout, &local, &wLocal, &remote,
-                                &wRemote);
-    }
-
+    ~TBound() { AppSocketDestroy(hSocket); }
     HAppSocket hSocket;
-    uint16_t wBound, wLocal = 1, wRemote = 1;
-    TAppNetAddr local = {}, remote = {}; // of what was received last
-    char achBuf[8] = {};
-    uint32_t dwLen = 0;
+    struct sockaddr_in tAddr = {};
+    uint16_t wPort;
 };
 
-// A listening TCP socket of the system's own, and the connections it takes.
-struct TListener {
-    TListener() : nFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-    {
-        const struct sockaddr_in tAddr = app::ToSockaddr(kLoopback, 0);
-        EXPECT_EQ(bind(nFd, app::Generic(&tAddr), sizeof(tAddr)), 0);
-        EXPECT_EQ(listen(nFd, 64), 0);
-        wPort = PortOf(nFd);
-    }
-    ~TListener()
-    {
-        close(nFd);
-        if (nPeer >= 0)
-            close(nPeer);
-    }
+struct TUdp : TBound {
+    explicit TUdp(const TAppNetAddr &addr = kLoopback) : TBound(APP_SOCKET_UDP, addr) {}
+};
+
+struct TListener : TBound {
+    TListener() : TBound(APP_SOCKET_TCP, kLoopback) { EXPECT_EQ(listen(hSocket->nFd, 64), 0); }
+    ~TListener() { close(nPeer); }
+    // Another socket; this one's end of the connection is kept, until the next.
     HAppSocket Connect(TAppNetAddr *ptPeer = nullptr)
     {
-        HAppSocket hSocket = AppSocketTCPConnect(nullptr, &kLoopback, wPort, kLong, ptPeer);
-        if (hSocket)
-            nPeer = accept4(nFd, nullptr, nullptr, SOCK_CLOEXEC);
-        return hSocket;
+        HAppSocket hPeer = AppSocketTCPConnect(nullptr, &kLoopback, wPort, 0, ptPeer);
+        close(nPeer);
+        nPeer = hPeer ? accept4(hSocket->nFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        return hPeer;
     }
-    int nFd;
     int nPeer = -1;
-    uint16_t wPort;
 };
 
 } // namespace test
