@@ -108,6 +108,52 @@ TEST_F(TaskShutdown, ACancelKeepsTheRecord)
     EXPECT_EQ(lives.Text() + stopper.Text(), "stopcancel");
 }
 
+// A handler that runs late in the destruction may use a task whose thread has left: the record lives.
+TEST_F(TaskShutdown, HandlersMayUseEveryTaskToTheEnd)
+{
+    HAppTask hOlder = nullptr;
+    HAppTimer hTimer = nullptr;
+    Door door;
+    Diary diary, later([&](const Diary::Call &call) {
+        if (call.dwType == APP_TASK_EVENT_USER)
+            door.Pass();
+        EXPECT_CODE(APP_INVALID_ARG, AppTaskSendEvent(hOlder, nullptr, nullptr, nullptr));
+        EXPECT_CODE(APP_INVALID_STATE, AppTaskResetTimer(hTimer));
+    });
+    Manager manager;
+    hOlder = manager.New(diary);
+    HAppTask hLater = manager.New(later);
+    hTimer = AppTaskSetTimer(hOlder, 99999, nullptr, nullptr);
+    for (uintptr_t i = 1; i <= 2; ++i)
+        EXPECT_CODE(APP_OK, AppTaskSendEvent(hLater, Arg(i), nullptr, nullptr));
+    DestroyBeside(door, manager);
+    EXPECT_EQ(later.Text() + diary.Text(), "user 1, drop 2cancel");
+}
+
+// A send stands still between its event's place in the queue and the wake: its task's thread, which
+// has been promised the event, does not leave before.
+TEST_F(TaskShutdown, ASendOnItsWayKeepsTheRecord)
+{
+    Diary diary;
+    Manager manager;
+    HAppTask hTask = manager.New(diary);
+    EXPECT_TRUE(test::WaitUntil([&] {
+        app::LockGuard guard(hTask->hEventQueue);
+        return hTask->hEventQueue->dwSleepers == 1;
+    }));
+    Door door;
+    g_byAppLogLevel[0] = APP_LOG_DEBUG;
+    log.OnLine([&](const std::string &line) { // printed when the task's lock has been given
+        if (line.find("_AppTaskSendEvent: task") != std::string::npos)
+            door.Pass();
+    });
+    std::thread sender([&] { AppTaskSendEvent(hTask, Arg(1), nullptr, nullptr); });
+    DestroyBeside(door, manager);
+    sender.join();
+    log.OnLine(nullptr);
+    EXPECT_EQ(diary.Text(), "user 1");
+}
+
 // ---- Many rounds ------------------------------------------------------------------------------
 
 // Everything at once: tasks created, sent to by others and by each other's handlers, terminated,
