@@ -171,15 +171,16 @@ static void *NoteThread(void *pvArg)
 // A creation is tried twice, and with the inheritance changed: each row fails so many of them.
 TEST(Thread, CreationFallsBackToInheritedScheduling)
 {
-    test::LogCapture log;
-    for (const auto &[nCreations, nInheritances] : {std::pair{0, 0}, {1, 0}, {2, 0}, {1, 1}}) {
+    for (const auto &[nCreations, nInheritances] : {std::pair{0u, 0u}, {1, 0}, {2, 0}, {1, 1}}) {
+        test::LogCapture log;
         std::atomic<int> nRan{0};
         fault::Fail create(Fn::pthread_create, 1, EINVAL, nCreations);
         fault::Fail inherit(Fn::pthread_attr_setinheritsched, 2, ENOTSUP, nInheritances);
-        const int nFailures = nCreations + nInheritances;
+        const unsigned nFailures = nCreations + nInheritances;
         // A stack size that is refused is not checked.
         EXPECT_CODE(nFailures < 2 ? APP_OK : APP_FAILED,
                     _AppThreadCreate(NoteThread, nFailures ? 65536 : 1, &nRan));
+        EXPECT_EQ(log.Lines().size(), nFailures);
         EXPECT_TRUE(test::WaitUntil([&] { return nRan == (nFailures < 2); }));
     }
 }
