@@ -51,6 +51,8 @@ template <typename Result, typename... P>
 void Refuse(const std::string &op, const char *szPointers, int nRefused, size_t nLines,
             Result (*pfn)(P...))
 {
+    // One of a family of types may hand the call on to another.
+    const std::string family = op.substr(0, op.rfind('_'));
     constexpr bool abPointer[] = {std::is_pointer_v<P>...};
     for (size_t i = 0; i < sizeof...(P); ++i) {
         if (!abPointer[i] || *szPointers++ != 'x')
@@ -66,7 +68,14 @@ void Refuse(const std::string &op, const char *szPointers, int nRefused, size_t 
             EXPECT_EQ(std::apply(pfn, arguments), nullptr);
         else
             EXPECT_EQ(std::apply(pfn, arguments), static_cast<Result>(nRefused));
-        EXPECT_EQ(log.Lines().size(), nLines);
+        const std::vector<std::string> lines = log.Lines();
+        ASSERT_EQ(lines.size(), nLines);
+        for (const std::string &line : lines) {
+            EXPECT_EQ(line.find("[ERROR] " + family), 0u) << line;
+            const auto shows = [&](const char *sz) { return line.find(sz) != std::string::npos; };
+            EXPECT_TRUE(shows("(nil)") || shows("NULL\n") || shows("Arg\n") || shows("failed.\n"))
+                << line;
+        }
         for (const unsigned char by : s_abyOutput)
             ASSERT_EQ(by, 0xA5) << "written";
     }
@@ -80,7 +89,8 @@ void RefuseAll(const char *szOps, const char *szPointers, int nRefused, size_t n
     s_covered += std::string(szOps) + " ";
     std::istringstream names(szOps);
     std::string name;
-    ((names >> name, Refuse(name, szPointers, nRefused, nLines, pfn)), ...);
+    ((names >> name, Refuse(name.substr(0, name.find(',')), szPointers, nRefused, nLines, pfn)),
+     ...);
 }
 
 #define REFUSE(pointers, refused, lines, ...)                                                      \
