@@ -50,12 +50,12 @@ TEST(ShareAction, ServesManyThreads)
     test::RunThreads(8, [&](unsigned nThread) {
         fault::Fail window(fault::Fn::malloc, 1, 0);
         window.Action([] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+        EXPECT_TRUE(nThread % 2 || test::WaitUntil([] { return Report() != ""; })); // no creator
         for (unsigned i = 0; i < keys.size(); ++i) {
-            const char *szKey = keys[i].c_str();
-            EXPECT_CODE(APP_OK, i % 2 ? AppRegisterShareAction(szKey, Add)
-                                      : AppRegisterBlockShareAction(szKey, Add));
+            EXPECT_CODE(APP_OK, i % 2 ? AppRegisterShareAction(keys[i].c_str(), Add)
+                                      : AppRegisterBlockShareAction(keys[i].c_str(), Add));
             uint32_t dwResult = 0;
-            EXPECT_CODE(APP_OK, AppRunShareAction(szKey, i, 1, i % 2, &dwResult));
+            EXPECT_CODE(APP_OK, AppRunShareAction(keys[i].c_str(), i, 1, i % 2, &dwResult));
             ASSERT_EQ(dwResult, i + 1 + i % 2);
             const std::string last = i % 32 == nThread ? Report().substr(20) : "key";
             EXPECT_TRUE(last[0] == 'k' || last.substr(0, 15) == last.substr(16, 15));
@@ -81,7 +81,6 @@ TEST(ShareAction, NestsAndRunsBesideBlockingOnes)
     EXPECT_EQ(dwResult, 4u);
 }
 
-// Registered by two threads, and run by a third as soon as it is found.
 TEST(RegCommand, StandInServesAShell)
 {
     const PFQorCommand pfnCommand = [](int32_t nArgc, char **ppszArgv) {
@@ -94,7 +93,7 @@ TEST(RegCommand, StandInServesAShell)
     AppRegCommand(nullptr, pfnCommand, "");
     AppRegCommand("none", nullptr, "");
     int32_t nResult = 0;
-    test::RunThreads(3, [&](unsigned nThread) {
+    test::RunThreads(3, [&](unsigned nThread) { // two register, one runs what is found
         for (const std::string &name : s_aName)
             if (nThread > 0)
                 AppRegCommand(name.c_str(), pfnCommand, nullptr);
@@ -110,6 +109,7 @@ TEST(RegCommand, StandInServesAShell)
     };
     AppHostWalkCommands(pfnVisit, &seen);
     EXPECT_EQ(seen, all);
+    EXPECT_CODE(APP_NOT_FOUND, AppHostRunCommand("none", nullptr));
     EXPECT_CODE(APP_INVALID_ARG, AppHostRunCommand(" \n", nullptr));
     std::string line = " c0 2\t3 4 5 6 7 8 9 10 11 12 13 14 15 16 17\n"; // the rest is dropped
     line.resize(255, ' ');
