@@ -222,8 +222,7 @@ private:
         if (hTask && nHow % 8 == 1) {
             HAppTimer hTimer = m_ledger.Set(hTask, nHow % 20);
             AppTaskResetTimer(hTimer);
-            if (nHow % 16 == 1)
-                AppTaskCancelTimer(hTimer); // perhaps told already, and another timer by now
+            AppTaskCancelTimer(hTimer); // perhaps told already, and another timer by now
         }
         return m_ledger.Send(hTask, nHow % 16 < 2);
     }
