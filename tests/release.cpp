@@ -27,7 +27,7 @@ TEST(Release, SurvivesSecondReleasesAndDamage)
     EXPECT_EQ(hPool->dwCurSize, 200u);
 
     const auto ptHead = static_cast<TAppMemPoolHead *>(pvThird) - 1;
-    reinterpret_cast<TAppMemBlockHead *>(ptHead)[-1].dwBlockSize = 5000000;
+    reinterpret_cast<TAppMemBlockHead *>(ptHead)[-1].dwBlockSize = 5000001; // odd, as if idle
     const int nBefore = s_nLines;
     AppMemPoolFree(pvThird);
     EXPECT_EQ(s_nLines - nBefore, 2); // more than is in use, and of no class
