@@ -25,7 +25,7 @@ static uint32_t Load(const std::string &text, mxml_node_t **pptTree)
 
 TEST(XmlLoad, DepthTakesNoStack)
 {
-    std::string deep;
+    std::string deep = "<!DOCTYPE a>";
     for (int i = 0; i < 100000; ++i)
         deep += "<a>";
     for (int i = 0; i < 100000; ++i)
