@@ -84,6 +84,7 @@ TEST(ShareAction, NestsAndRunsBesideBlockingOnes)
 TEST(RegCommand, StandInServesAShell)
 {
     const PFQorCommand pfnCommand = [](int32_t nArgc, char **ppszArgv) {
+        EXPECT_EQ(ppszArgv[nArgc], nullptr); // as in main()
         return nArgc * 100 + atoi(ppszArgv[nArgc - 1]);
     };
     static std::string s_aName[64]; // kept by reference
