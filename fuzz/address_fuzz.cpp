@@ -37,6 +37,7 @@ void CheckReader(const std::string &text, uint32_t dwSize)
 
     TAppNetAddr addr;
     memset(&addr, 0xA5, sizeof(addr));
+    Require(AppConvertStrtoNet(text.c_str(), nullptr) == APP_INVALID_ARG);
     const uint32_t dwResult = AppConvertStrtoNet(text.c_str(), &addr);
     Require(TakeLines() == (dwResult == APP_FAILED ? 1u : 0u));
     if (!bIpv4 && !bIpv6) {
