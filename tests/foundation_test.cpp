@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "appcore/appcore.h"
 
+#include "mempool/mempool.h"
 #include "support/expect.h"
+#include "support/fault.h"
 #include "support/log_capture.h"
+#include "utils/lock_guard.h"
 #include "utils/log.h"
 
 using test::LogCapture;
@@ -51,4 +54,20 @@ TEST(Log, GeneratedChannelsStartFresh)
     EXPECT_EQ(AppGenerateLogChannel(), 1);
     EXPECT_EQ(g_byAppLogLevel[1].load(), APP_LOG_ERROR);
     EXPECT_EQ(g_bAppLogViaStdout[1].load(), 1u);
+}
+
+// One too long for the slots, and no memory for a copy: printed at once.
+TEST(HeldLines, AreNotLostForWantOfMemory)
+{
+    LogCapture log;
+    HAppMemPool hPool = nullptr;
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 1, 0, &hPool));
+    {
+        app::LockGuard guard(hPool);
+        fault::Fail fail(fault::Fn::malloc);
+        AppLog(0, APP_LOG_ERROR, "%s\n", std::string(2000, 'x').c_str());
+        EXPECT_EQ(fail.Hits(), 1u);
+        EXPECT_EQ(log.Lines().size(), 1u);
+    }
+    AppMemPoolDestroy(hPool);
 }
