@@ -7,6 +7,7 @@
 #include "support/log_capture.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
+#include "utils/report_writer.h"
 
 using test::LogCapture;
 using test::StdoutCapture;
@@ -70,4 +71,12 @@ TEST(HeldLines, AreNotLostForWantOfMemory)
         EXPECT_EQ(log.Lines().size(), 1u);
     }
     AppMemPoolDestroy(hPool);
+}
+
+TEST(Report, HandsOverAllThatItsBufferHolds)
+{
+    std::string text;
+    const auto add = [](const char *sz, void *pv) { *static_cast<std::string *>(pv) += sz; };
+    app::ReportWriter(add, &text).Line("%s", std::string(3071, 'x').c_str());
+    EXPECT_EQ(text, std::string(3071, 'x'));
 }
