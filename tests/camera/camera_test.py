@@ -344,13 +344,14 @@ class Receiver:
 
 
 def settle(camera, written):
-    """Waits until so many notices are written; every one must be sent, dropped or waiting."""
-    wait_until(lambda: camera.status()["alarm written"] + camera.status()["motion dropped"] ==
-               written, f"{written} notices", camera)
-    status = camera.status()
-    expect(status["alarm written"] == status["push sent"] + status["push dropped"] +
-           status["push waiting"], str(status), camera)
-    return status
+    """Waits until so many notices are written, and every one is sent, dropped or waiting: one is
+    none of these for the moment in which it passes from one to the next."""
+    def settled():
+        now = camera.status()
+        return (now["alarm written"] + now["motion dropped"] == written and now["alarm written"] ==
+                now["push sent"] + now["push dropped"] + now["push waiting"])
+    wait_until(settled, f"{written} notices", camera)
+    return camera.status()
 
 
 def case_receiver():
