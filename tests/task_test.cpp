@@ -114,12 +114,12 @@ TEST_F(TaskTest, ReachTheirHandlersInOrder)
         EXPECT_CODE(APP_TIMEOUT, AppTaskSendEvent(hTask, Arg(9), nullptr, nullptr));
         EXPECT_GE(test::ElapsedMs(start), 990);
     }
-    AppTaskSetTimer(hTask, 100, Diary::Handle, &own);
+    AppTaskSetTimer(hTask, 1000, Diary::Handle, &own); // long after the events
     for (uintptr_t i = 1; i <= 3; ++i)
         EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(i), nullptr, &own));
     EXPECT_CODE(APP_OK, AppTaskAssignEvent(hTask, Arg(4), Diary::Handle, &own));
     own.Await("user 4, timeout");
-    EXPECT_GE(test::ElapsedMs(start), 990 + 80); // ticks of 10 ms
+    EXPECT_GE(test::ElapsedMs(start), 990 + 980); // ticks of 10 ms
     EXPECT_EQ(diary.Text(), "user 1, user 2, user 3");
     for (const Diary::Call &call : own.Calls())
         EXPECT_EQ(call.nThreadId, diary.Calls()[0].nThreadId);
