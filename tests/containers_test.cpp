@@ -11,6 +11,8 @@
 #include "utils/lock_guard.h"
 #include "utils/queue.h"
 
+using fault::Fn;
+
 // Elements are letters.
 static void *El(int ch)
 {
@@ -32,8 +34,10 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
 {
     test::LogCapture log;
     std::minstd_rand random(3);
+    HAppMemPool hPool = nullptr;
     HAppDoubleList hList = nullptr;
-    ASSERT_CODE(APP_OK, AppDoubleListCreate(nullptr, 5, 2, &hList));
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 0, 0, &hPool));
+    ASSERT_CODE(APP_OK, AppDoubleListCreate(hPool, 5, 2, &hList));
     EXPECT_EQ(hList->hLock, nullptr); // only 1 asks for a lock
     EXPECT_CODE(APP_INVALID_ARG,
                 AppDoubleListRemove(hList, reinterpret_cast<HAppDoubleListNode>(16), nullptr));
@@ -46,10 +50,11 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
             hAt = hAt->ptNext;
         void *pvData = nullptr;
         if (nOp < 2) {
-            const bool bFull = text.size() >= 5;
             const auto pfnInsert = nOp ? AppDoubleListInsertAfter : AppDoubleListInsertBefore;
-            EXPECT_CODE(bFull ? APP_NO_RESOURCE : APP_OK, pfnInsert(hList, hAt, El(ch), nullptr));
-            text.insert(hAt ? nAt + nOp : nAt, !bFull, ch);
+            fault::Fail fail(Fn::malloc, random() % 8 == 0);
+            const uint32_t dwCode = pfnInsert(hList, hAt, El(ch), nullptr);
+            EXPECT_CODE(text.size() >= 5 || fail.Hits() ? APP_NO_RESOURCE : APP_OK, dwCode);
+            text.insert(hAt ? nAt + nOp : nAt, dwCode == APP_OK, ch);
         } else if (hAt) {
             EXPECT_CODE(APP_OK, AppDoubleListRemove(hList, hAt, &pvData));
             EXPECT_EQ(Letter(pvData), text[nAt]);
@@ -59,10 +64,12 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
         for (HAppDoubleListNode hNode = hList->ptHead; hNode; hNode = hNode->ptNext)
             Note(hNode->pvData, &walked);
         ASSERT_EQ(walked, text);
+        ASSERT_EQ(hPool->dwCurSize, sizeof(*hList) + text.size() * sizeof(TAppDoubleListNode));
     }
     std::string freed;
     AppDoubleListDestroy(hList, Note, &freed);
     EXPECT_EQ(freed, text);
+    AppMemPoolDestroy(hPool);
 }
 
 // Beside a sorted model: few levels and more than the queue has fingers, with and without a limit.
@@ -98,9 +105,10 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
                 const int32_t bForce = static_cast<int32_t>(random() % 4) - 2; // 0 is a quarter
                 const char ch = static_cast<char>('!' + i % 90);
                 const bool bFull = dwMax != 0 && bForce == 0 && dwSize >= dwMax;
-                ASSERT_CODE(bFull ? APP_NO_RESOURCE : APP_OK,
-                            _AppQueueIn(hQueue, El(ch), nPriority, bForce));
-                if (!bFull) {
+                fault::Fail fail(Fn::malloc, random() % 16 == 0);
+                const uint32_t dwCode = _AppQueueIn(hQueue, El(ch), nPriority, bForce);
+                ASSERT_CODE(bFull || fail.Hits() ? APP_NO_RESOURCE : APP_OK, dwCode);
+                if (dwCode == APP_OK) {
                     model.emplace(-int64_t{nPriority}, ch);
                     dwTop = dwTop > dwSize ? dwTop : dwSize + 1;
                 }

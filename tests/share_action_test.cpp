@@ -4,9 +4,11 @@
 #include <stdlib.h>
 
 #include "appcore/host.h"
+#include "appcore/platform.h"
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "utils/share_action_registry.h"
 
 using test::Text;
 
@@ -79,6 +81,13 @@ TEST(ShareAction, NestsAndRunsBesideBlockingOnes)
     uint32_t dwResult = 0;
     EXPECT_CODE(APP_OK, AppRunShareAction("block", 3, 1, 0, &dwResult));
     EXPECT_EQ(dwResult, 4u);
+    EXPECT_CODE(APP_OK, AppShareActionLock());
+    EXPECT_CODE(APP_OK, AppRunShareAction("block", 0, 0, 0, nullptr));
+    std::thread([] { // what the caller holds stays held
+        EXPECT_CODE(APP_TIMEOUT, AppLockTakeByTime(g_hAppShareActionRecursiveLock.load(), 10));
+    })
+        .join();
+    EXPECT_CODE(APP_OK, AppShareActionUnlock());
 }
 
 TEST(RegCommand, StandInServesAShell)

@@ -366,7 +366,11 @@ private:
     }
     void Set(uint32_t dwTimeout)
     {
+        fault::Fail fail(Fn::malloc, m_nActs > 0 && Pick(4) == 0);
         HAppTimer hTimer = AppTaskSetTimer(m_busy.hTask, dwTimeout, Handle, this);
+        EXPECT_EQ(hTimer == nullptr, fail.Hits() > 0);
+        if (!hTimer)
+            return;
         EXPECT_TRUE(Find(hTimer) == m_running.end());
         m_known.push_back(hTimer);
         m_running.push_back({hTimer, m_clock.dwTick, dwTimeout, m_dwRun});
