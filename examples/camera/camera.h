@@ -7,7 +7,8 @@
 //   standard input ──> shell ──named actions──> every module
 //
 // Each module is one task: its state is touched by its own thread only, and the others reach it by
-// events, mailboxes and counters.
+// events, mailboxes and counters.  Nothing that a module does regularly depends on an allocation:
+// main() looks after all of them, see ModulesTick().
 #ifndef CAMERA_H
 #define CAMERA_H
 
@@ -27,21 +28,58 @@ extern uint8_t g_byLog;        // log channel of all modules, with a file
 extern uint8_t g_byAlarmLog;   // log channel of the alarm notices, with a file of its own
 extern uint8_t g_byNetLog;     // log channel of what comes from the network, at debug level
 
+// ---- console: what the camera prints never waits for whoever reads it (console.cpp) -------------
+
+// Before any thread.  From here on standard output, and every line of the log, goes through a buffer
+// to the descriptors that the camera was started with; what finds no room there is lost, counted,
+// and told once there is room again.
+bool ConsoleOpen();
+void ConsoleClose(); // waits a moment, but no longer, until the buffers are empty
+void Print(const char *szFormat, ...) APP_PRINTF(1, 2); // what the prompt answers
+void PrintText(const char *szText);                     // of any length; lost by lines
+int32_t ConsoleStatus(char *szBuf, uint32_t dwSize);
+
 // ---- Modules and mailboxes (module.cpp) ---------------------------------------------------------
 
-// A module is one task.  Its handler, told APP_TASK_EVENT_STOP, cleans up and calls
-// ModuleStopped().
-struct TModule {
-    const char *szName;
-    PFAppTaskHandler pfnHandler;
-    HAppTask hTask;
-    HAppLock hStopped;
+// What a module is called for.
+enum EWork {
+    kBeat,     // its regular work, or its first; ModuleBeat() asks for the next
+    kEvent,    // something was sent to it, or put into its mailbox
+    kDropped,  // what was sent to it is not delivered any more
+    kSettings, // settings have changed
+    kStop,     // the last call: to clean up
 };
 
+// A module is one task.
+struct TModule {
+    const char *szName;
+    void (*pfnWork)(EWork eWork, void *pvArg);
+    HAppTask hTask;
+    HAppLock hStopped;
+    HAppTimer hBeat;             // the module's thread's alone
+    std::atomic<bool> bBeats;    // a beat is due at dwDueTick
+    std::atomic<bool> bBeatSent; // by ModulesTick(), and not yet begun
+    std::atomic<bool> bSettings; // have changed, and the module does not know yet
+    std::atomic<uint32_t> dwDueTick;
+};
+
+// Starts the module's task; its first beat is due at once.
 bool ModuleStart(TModule *ptModule);
-void ModuleStopped(TModule *ptModule);
 // Waits until the module has cleaned up; does nothing for one that was not started.
 void ModuleStop(TModule *ptModule);
+// False when the event could not be sent.
+bool ModuleSend(TModule *ptModule, void *pvArg);
+// The module's own thread: its next beat comes in dwMs, and none that was asked for before.
+void ModuleBeat(TModule *ptModule, uint32_t dwMs);
+void ModuleRest(TModule *ptModule); // no beat until it is asked for
+
+// What main() does every kTickMs: beats, settings and nudges that could not be sent when they should
+// have been, for want of memory, are sent now.
+constexpr int kTickMs = 500;
+void ModulesTick();
+void ModulesTellSettings(); // every module is called for kSettings
+// Names the modules that have not run for longer than they should.
+int32_t ModulesStatus(char *szBuf, uint32_t dwSize);
 
 enum EPriority { kRoutine = 0, kAlarm = 10 };
 
@@ -79,10 +117,13 @@ struct TConfig {
     uint32_t dwAlarm;     // least score of an alarm
     char achReceiver[16]; // IPv4 address of the alarm receiver; empty for none
     uint32_t dwReceiverPort;
-    uint32_t dwQueue;        // notices kept while the receiver is away; read at start only
-    uint32_t dwReceiverIdle; // milliseconds after which an unused connection is closed
-    uint32_t dwTaskIdle;     // milliseconds after which an idle task ends; read at start only
-    uint32_t dwReport;       // milliseconds between two reports
+    uint32_t dwQueue;         // notices kept while the receiver is away; read at start only
+    uint32_t dwReceiverIdle;  // milliseconds after which an unused connection is closed
+    uint32_t dwTaskIdle;      // milliseconds after which an idle task ends; read at start only
+    uint32_t dwReport;        // milliseconds between two reports
+    uint32_t dwAnswers;       // answers of discovery a second at most, in all
+    uint32_t dwSourceAnswers; // and to one address
+    uint32_t bRemote;         // 1: discovery answers addresses outside the device's networks too
 };
 
 bool ConfigLoad(const char *szFile); // before the start; false when the camera cannot run
@@ -134,6 +175,10 @@ bool PushNotice(TNotice *ptNotice, int32_t nPriority); // as AlarmRaise()
 bool PushStart();
 void PushStop();
 int32_t PushStatus(char *szBuf, uint32_t dwSize);
+
+// ---- main: the log files, as the settings name them ---------------------------------------------
+
+void LogFilesOpen(const TConfig *ptConfig);
 
 // ---- housekeeping and shell ---------------------------------------------------------------------
 
