@@ -79,8 +79,10 @@ void CheckAgain(const TConfig &tConfig)
     TakeLines();
     Require(ConfigRead(&tAgain, "again", s_fence.Place(std::string(achText, dwLength)), dwLength));
     Require(TakeLines() == 0 && SettingsOf(tAgain) == SettingsOf(tConfig));
-    Require(ConfigWrite(&tConfig, s_fence.Place(dwLength), dwLength) == 0);
-    Require(ConfigWrite(&tConfig, s_fence.Place(dwLength + 1), dwLength + 1) == dwLength);
+    if (dwLength % 4 == 0) // the room may be just too small
+        Require(ConfigWrite(&tConfig, s_fence.Place(dwLength), dwLength) == 0);
+    else if (dwLength % 4 == 1)
+        Require(ConfigWrite(&tConfig, s_fence.Place(dwLength + 1), dwLength + 1) == dwLength);
 }
 
 void CheckText(const std::string &text)
@@ -97,9 +99,12 @@ void CheckText(const std::string &text)
     }
 }
 
+// The text as what people type behind each key; longer ones are none.
 void CheckSet(const std::string &value)
 {
     TConfig tConfig = {};
+    if (value.size() > sizeof(tConfig.achLogFile))
+        return;
     for (uint32_t i = 0; const TSetting *ptSetting = SettingAt(i); ++i)
         SettingAssume(&tConfig, ptSetting);
     for (uint32_t i = 0; const TSetting *ptSetting = SettingAt(i); ++i) {

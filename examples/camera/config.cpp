@@ -16,9 +16,9 @@ namespace
 constexpr uint32_t kFileSize = 65536;
 constexpr uint32_t kRetryMs = 10000; // until a save that failed is tried again
 
-void Work(EWork eWork, void *pvArg);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"config", Work, {}, {}, {}, {}, {}, {}, {}};
+TModule s_tModule = {"config", Work};
 HAppLock s_hLock; // guards s_tConfig once tasks run
 TConfig s_tConfig;
 std::atomic<bool> s_bUnsaved; // s_tConfig says what the file does not
@@ -68,13 +68,13 @@ bool Save()
 }
 
 // Whatever it is called for: what is not saved yet is saved now.
-void Work(EWork eWork, void *)
+void Work(TModule *ptModule, EWork eWork, void *)
 {
     if (!s_bUnsaved.exchange(false) || Save())
         return;
     s_bUnsaved = true;
     if (eWork != kStop)
-        ModuleBeat(&s_tModule, kRetryMs);
+        ModuleBeat(ptModule, kRetryMs);
 }
 
 // ---- Changing -----------------------------------------------------------------------------------
@@ -107,7 +107,7 @@ void Publish(const TConfig &tConfig, const TSetting *ptSetting)
     s_tConfig = tConfig;
     AppLockGive(s_hLock);
     if (ptSetting->eEffect == kLogs)
-        LogFilesOpen(&tConfig);
+        LogFilesOpen(tConfig);
     if (ptSetting->eEffect == kTold)
         DiscoveryAnnounce();
     s_bUnsaved = true; // before this module is told like any other

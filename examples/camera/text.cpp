@@ -151,15 +151,15 @@ uint32_t ReadChar(const char *szText, uint32_t dwLeft, uint32_t *pdwCode)
             return 0;
         *pdwCode = *pdwCode << 6 | (pby[i] & 0x3F);
     }
-    return *pdwCode >= adwLeast[dwLength] ? dwLength : 0;
+    const bool bHalf = *pdwCode >= 0xD800 && *pdwCode <= 0xDFFF; // of a pair in UTF-16
+    return *pdwCode >= adwLeast[dwLength] && *pdwCode <= 0x10FFFF && !bHalf ? dwLength : 0;
 }
 
-// Two separators that end lines, halves of pairs, what is never a character, and the rest.
 static bool IsPlainChar(uint32_t dwCode)
 {
-    return dwCode >= ' ' && (dwCode < 0x7F || dwCode > 0x9F) && dwCode != 0x2028 &&
-           dwCode != 0x2029 && (dwCode < 0xD800 || dwCode > 0xDFFF) && dwCode != 0xFFFE &&
-           dwCode != 0xFFFF && dwCode <= 0x10FFFF;
+    const bool bEndsLine = dwCode == 0x2028 || dwCode == 0x2029;
+    return dwCode >= ' ' && (dwCode < 0x7F || dwCode > 0x9F) && !bEndsLine && dwCode != 0xFFFE &&
+           dwCode != 0xFFFF; // the last two are in no document
 }
 
 bool IsPlainText(const char *szText)

@@ -26,11 +26,11 @@ bool IsUuid(const char *szText);
 
 // Control characters; blanks of all kinds are none.
 bool HasControlChars(const char *szText);
-// One line of UTF-8 that every document can hold: no control character, neither of ASCII (DEL among
-// them) nor of the 32 behind it, no line break of another kind, nothing that XML or Unicode has not.
+// One line of UTF-8 that every document can hold: no control characters, DEL and those behind it
+// among them, no line breaks of any kind, nothing that is no character.
 bool IsPlainText(const char *szText);
-// The length in UTF-8 of the character at szText, of which dwLeft bytes are there, and its code; 0
-// for none.
+// The length of the character in UTF-8 at szText, of which dwLeft bytes are there, and its code; 0
+// where there is none.
 uint32_t ReadChar(const char *szText, uint32_t dwLeft, uint32_t *pdwCode);
 
 // "2024-02-29T12:00:00.123Z".  False for a time that has no year of four digits.
