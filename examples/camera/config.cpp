@@ -59,9 +59,9 @@ constexpr TSetting s_atSetting[] = {
 };
 constexpr uint32_t kSettings = sizeof(s_atSetting) / sizeof(s_atSetting[0]);
 
-uint32_t HandleConfig(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"config", HandleConfig, nullptr, nullptr};
+TModule s_tModule = {"config", Work};
 HAppLock s_hLock; // guards s_tConfig once tasks run
 TConfig s_tConfig;
 char s_achFile[128];
@@ -294,13 +294,10 @@ uint32_t SetAction(uint32_t, uint32_t, uint32_t)
 }
 
 // Any event means: write the file.  One that is left at the end is not forgotten.
-uint32_t HandleConfig(HAppTask, uint32_t dwEventType, void *, void *)
+void Work(TModule *, EWork eWork, void *)
 {
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_DROP)
+    if (eWork == kEvent || eWork == kDropped)
         Save();
-    else if (dwEventType == APP_TASK_EVENT_STOP)
-        ModuleStopped(&s_tModule);
-    return 0;
 }
 
 } // namespace

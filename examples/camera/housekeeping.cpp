@@ -16,10 +16,11 @@ namespace
 
 constexpr uint32_t kLongReport = 10; // every so many short ones
 
-uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"housekeeping", HandleHousekeeping, nullptr, nullptr};
+TModule s_tModule = {"housekeeping", Work};
 uint32_t s_dwReports;
+uint32_t s_dwInterval; // until the next report
 
 // A report is collected before it is printed: it is made with a lock held that the detector's next
 // allocation needs, and a terminal may stand still for as long as it likes.
@@ -48,8 +49,9 @@ void ShowTasks(PFAppShow pfnShow, void *pvContext)
 
 void ShowStatus(PFAppShow pfnShow, void *pvContext)
 {
-    char achText[512];
-    for (auto pfnStatus : {MotionStatus, AlarmStatus, PushStatus, DiscoveryStatus})
+    char achText[1024];
+    for (auto pfnStatus :
+         {MotionStatus, AlarmStatus, PushStatus, ConsoleStatus, ModulesStatus, DiscoveryStatus})
         if (pfnStatus(achText, sizeof(achText)) > 0)
             pfnShow(achText, pvContext);
 }
@@ -81,25 +83,31 @@ uint32_t Report(void (*pfnMake)(PFAppShow, void *), void (*pfnWrite)(char *))
     return APP_OK;
 }
 
-void ReportToLog(HAppTask hTask)
+void ReportToLog()
 {
     Report(ShowStatus, WriteToLog);
     if (++s_dwReports % kLongReport == 0) {
         Report(ShowPool, WriteToLog);
         Report(ShowTasks, WriteToLog);
     }
-    AppTaskSetTimer(hTask, ConfigGet().dwReport, nullptr, nullptr);
 }
 
-uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *, void *)
+void PlanReport()
 {
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_TIMEOUT) {
-        ReportToLog(hTask);
-    } else if (dwEventType == APP_TASK_EVENT_STOP) {
+    s_dwInterval = ConfigGet().dwReport;
+    ModuleBeat(&s_tModule, s_dwInterval);
+}
+
+void Work(TModule *, EWork eWork, void *)
+{
+    if (eWork == kBeat) {
+        PlanReport();
+        ReportToLog();
+    } else if (eWork == kSettings && s_dwInterval != ConfigGet().dwReport) {
+        PlanReport();
+    } else if (eWork == kStop) {
         Report(ShowStatus, WriteToLog);
-        ModuleStopped(&s_tModule);
     }
-    return 0;
 }
 
 uint32_t TasksAction(uint32_t, uint32_t, uint32_t)
@@ -124,8 +132,7 @@ bool HousekeepingStart()
     return AppRegisterShareAction("report.tasks", TasksAction) == APP_OK &&
            AppRegisterShareAction("report.pools", PoolsAction) == APP_OK &&
            AppRegisterShareAction("report.status", StatusAction) == APP_OK &&
-           ModuleStart(&s_tModule) &&
-           AppTaskSendEvent(s_tModule.hTask, nullptr, nullptr, nullptr) == APP_OK;
+           ModuleStart(&s_tModule);
 }
 
 void HousekeepingStop()

@@ -22,7 +22,7 @@ namespace
 {
 
 constexpr uint32_t kPoolLimit = 1024 * 1024;
-constexpr uint32_t kMaxTasks = 10;
+constexpr uint32_t kMaxTasks = 16;
 
 // Stopped in the reverse order of their start: whoever sends is stopped before whom it sends to.
 struct TStep {
@@ -45,23 +45,30 @@ void StopFrom(uint32_t dwStep)
             s_atStep[dwStep].pfnStop();
 }
 
-uint8_t NewChannel(const char *szFile, uint32_t dwLimit)
+uint8_t NewChannel()
 {
     const uint8_t byChannel = AppGenerateLogChannel();
     AppSetLogViaStdout(byChannel, 0); // standard output is the prompt's; the console has the lines
-    if (szFile && AppSetFileLog(byChannel, szFile, dwLimit) != 1)
-        AppLog(byChannel, APP_LOG_ERROR, "[ERROR] %s: no log file %s\n", __func__, szFile);
     return byChannel;
 }
 
-// Waits for input or a signal.  False when the camera is to end.
+void OpenLogFile(uint8_t byChannel, const char *szFile, uint32_t dwLimit)
+{
+    if (AppSetFileLog(byChannel, szFile, dwLimit) != 1)
+        AppLog(g_byLog, APP_LOG_ERROR, "[ERROR] %s: no log file %s\n", __func__, szFile);
+}
+
+// Waits for input or a signal, and looks after the modules meanwhile.  False when the camera is to
+// end.
 bool InputIsThere(int nSignals)
 {
     pollfd atPoll[] = {{STDIN_FILENO, POLLIN, 0}, {nSignals, POLLIN, 0}};
-    while (poll(atPoll, 2, -1) < 0)
-        if (errno != EINTR)
-            return false;
-    return (atPoll[1].revents & POLLIN) == 0;
+    int nReady;
+    do {
+        ModulesTick();
+        nReady = poll(atPoll, 2, kTickMs);
+    } while (nReady == 0 || (nReady < 0 && errno == EINTR));
+    return nReady > 0 && (atPoll[1].revents & POLLIN) == 0;
 }
 
 struct TInput {
@@ -119,9 +126,7 @@ void Serve(int nSignals)
 bool RunTasks(int nSignals)
 {
     const TConfig tConfig = ConfigGet();
-    AppSetFileLog(g_byLog, tConfig.achLogFile, tConfig.dwLogLimit);
-    g_byAlarmLog = NewChannel(tConfig.achAlarmFile, tConfig.dwAlarmLimit);
-    g_byNetLog = NewChannel(nullptr, 0);
+    LogFilesOpen(tConfig);
     if (AppTaskMgrCreate(g_hPool, kMaxTasks, tConfig.dwTaskIdle, &g_hTaskMgr) != APP_OK)
         return false;
     uint32_t dwStarted = 0;
@@ -142,7 +147,9 @@ int Run(const char *szFile, int nSignals)
 {
     bool bGood = false;
     AppSocketStartUp();
-    g_byLog = NewChannel(nullptr, 0);
+    g_byLog = NewChannel();
+    g_byAlarmLog = NewChannel();
+    g_byNetLog = NewChannel();
     if (AppMemPoolCreate(kPoolLimit, 1, 0, &g_hPool) == APP_OK) {
         bGood = ConfigLoad(szFile) && RunTasks(nSignals);
         ConfigStop();
@@ -156,6 +163,12 @@ int Run(const char *szFile, int nSignals)
 }
 
 } // namespace
+
+void LogFilesOpen(const TConfig &tConfig)
+{
+    OpenLogFile(g_byLog, tConfig.achLogFile, tConfig.dwLogLimit);
+    OpenLogFile(g_byAlarmLog, tConfig.achAlarmFile, tConfig.dwAlarmLimit);
+}
 
 } // namespace camera
 

@@ -36,9 +36,9 @@ constexpr TCommand s_atCommand[] = {
     {"quit", "shell.quit", 0, false, {}, "end"},
 };
 
-uint32_t HandleShell(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"shell", HandleShell, nullptr, nullptr};
+TModule s_tModule = {"shell", Work};
 HAppLock s_hLineDone; // given when a line has been run
 bool s_bQuit;
 char s_achText[256];
@@ -82,9 +82,9 @@ int32_t RunCommand(int32_t nArgc, char **ppszArgv)
     return dwRun == APP_OK && dwResult == APP_OK ? 0 : 1;
 }
 
-uint32_t HandleShell(HAppTask, uint32_t dwEventType, void *pvArg, void *)
+void Work(TModule *, EWork eWork, void *pvArg)
 {
-    if (dwEventType == APP_TASK_EVENT_USER) {
+    if (eWork == kEvent) {
         const auto szLine = static_cast<const char *>(pvArg);
         const uint32_t dwResult = AppHostRunCommand(szLine, nullptr);
         if (dwResult == APP_NOT_FOUND)
@@ -92,11 +92,8 @@ uint32_t HandleShell(HAppTask, uint32_t dwEventType, void *pvArg, void *)
         else if (dwResult != APP_OK && *szLine)
             printf("this line cannot be run\n");
     }
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_DROP)
+    if (eWork == kEvent || eWork == kDropped)
         AppLockGive(s_hLineDone);
-    else if (dwEventType == APP_TASK_EVENT_STOP)
-        ModuleStopped(&s_tModule);
-    return 0;
 }
 
 // ---- The shell's own actions --------------------------------------------------------------------
@@ -137,8 +134,10 @@ const char *ShellText()
 bool ShellRun(const char *szLine)
 {
     // The line lives until it has been run; the lock also hands the task's memory over to us.
-    if (AppTaskSendEvent(s_tModule.hTask, const_cast<char *>(szLine), nullptr, nullptr) == APP_OK)
+    if (ModuleSend(&s_tModule, const_cast<char *>(szLine)))
         AppLockTakeByTime(s_hLineDone, 0);
+    else
+        printf("this line cannot be run now\n");
     fflush(stdout);
     return !s_bQuit;
 }
