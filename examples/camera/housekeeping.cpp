@@ -4,8 +4,6 @@
 // tasks; the actions "report.…" print them.
 #include "camera.h"
 
-#include <stdio.h>
-
 #include <initializer_list>
 
 namespace camera
@@ -49,14 +47,14 @@ void ShowTasks(PFAppShow pfnShow, void *pvContext)
 void ShowStatus(PFAppShow pfnShow, void *pvContext)
 {
     char achText[512];
-    for (auto pfnStatus : {MotionStatus, AlarmStatus, PushStatus, DiscoveryStatus})
+    for (auto pfnStatus : {MotionStatus, AlarmStatus, PushStatus, ConsoleStatus, DiscoveryStatus})
         if (pfnStatus(achText, sizeof(achText)) > 0)
             pfnShow(achText, pvContext);
 }
 
-void Print(char *szText)
+void WriteToConsole(char *szText)
 {
-    fputs(szText, stdout);
+    PrintText(szText);
 }
 
 void WriteToLog(char *szText)
@@ -104,17 +102,17 @@ uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *, void *
 
 uint32_t TasksAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowTasks, Print);
+    return Report(ShowTasks, WriteToConsole);
 }
 
 uint32_t PoolsAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowPool, Print);
+    return Report(ShowPool, WriteToConsole);
 }
 
 uint32_t StatusAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowStatus, Print);
+    return Report(ShowStatus, WriteToConsole);
 }
 
 } // namespace
