@@ -185,6 +185,19 @@ int32_t PushStatus(char *szBuf, uint32_t dwSize);
 
 void LogFilesOpen(const TConfig &tConfig);
 
+// ---- prompt: lines out of the bytes of standard input (prompt.cpp) ------------------------------
+
+struct TPrompt {
+    bool bEcho; // a script's commands are shown among their results
+    bool bTooLong;
+    uint32_t dwUsed;
+    char achLine[512];
+};
+
+void PromptShow();
+// Runs the lines that end in these bytes, and keeps the beginning of the next.  False after "quit".
+bool PromptTake(TPrompt *ptPrompt, const char *pchBytes, uint32_t dwLen);
+
 // ---- housekeeping and shell ---------------------------------------------------------------------
 
 bool HousekeepingStart();

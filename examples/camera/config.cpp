@@ -5,7 +5,6 @@
 #include "camera.h"
 #include "text.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 
 namespace camera
@@ -240,10 +239,10 @@ void PrintSettings()
     for (const TSetting &setting : s_atSetting) {
         const void *pvField = FieldOf(&tConfig, setting);
         if (setting.bText)
-            printf("%-18s %s\n", setting.szPath, static_cast<const char *>(pvField));
+            Print("%-18s %s\n", setting.szPath, static_cast<const char *>(pvField));
         else
-            printf("%-18s %lu\n", setting.szPath,
-                   static_cast<unsigned long>(*static_cast<const uint32_t *>(pvField)));
+            Print("%-18s %lu\n", setting.szPath,
+                  static_cast<unsigned long>(*static_cast<const uint32_t *>(pvField)));
     }
 }
 
@@ -276,7 +275,7 @@ uint32_t SetAction(uint32_t, uint32_t, uint32_t)
     AppStrncpy(achKey, szKey, dwLen < sizeof(achKey) ? dwLen + 1 : sizeof(achKey));
     const TSetting *ptSetting = FindSetting(achKey);
     if (!ptSetting || IsFixed(*ptSetting)) {
-        printf(ptSetting ? "%s is fixed\n" : "no setting %s; \"set\" alone lists them\n", achKey);
+        Print(ptSetting ? "%s is fixed\n" : "no setting %s; \"set\" alone lists them\n", achKey);
         return APP_NOT_FOUND;
     }
     const bool bTold = ptSetting->dwOffset <= offsetof(TConfig, achHardware);
@@ -285,7 +284,7 @@ uint32_t SetAction(uint32_t, uint32_t, uint32_t)
     s_tConfig.dwMetadata += bTaken && bTold;
     AppLockGive(s_hLock);
     if (!bTaken) {
-        printf("%s: not a value of this setting\n", achKey);
+        Print("%s: not a value of this setting\n", achKey);
         return APP_BAD_VALUE;
     }
     if (bTold)

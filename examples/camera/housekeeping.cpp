@@ -4,8 +4,6 @@
 // tasks; the actions "report.…" print them.
 #include "camera.h"
 
-#include <stdio.h>
-
 #include <initializer_list>
 
 namespace camera
@@ -56,9 +54,9 @@ void ShowStatus(PFAppShow pfnShow, void *pvContext)
             pfnShow(achText, pvContext);
 }
 
-void Print(char *szText)
+void WriteToConsole(char *szText)
 {
-    fputs(szText, stdout);
+    PrintText(szText);
 }
 
 void WriteToLog(char *szText)
@@ -112,17 +110,17 @@ void Work(TModule *, EWork eWork, void *)
 
 uint32_t TasksAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowTasks, Print);
+    return Report(ShowTasks, WriteToConsole);
 }
 
 uint32_t PoolsAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowPool, Print);
+    return Report(ShowPool, WriteToConsole);
 }
 
 uint32_t StatusAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowStatus, Print);
+    return Report(ShowStatus, WriteToConsole);
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -71,56 +70,19 @@ bool InputIsThere(int nSignals)
     return nReady > 0 && (atPoll[1].revents & POLLIN) == 0;
 }
 
-struct TInput {
-    char achText[512];
-    size_t nUsed;
-    bool bSkip; // behind a line that was too long
-};
-
-// Runs the whole lines that have come; false after "quit".
-bool RunLines(TInput *ptInput)
-{
-    char *szEnd = nullptr;
-    while ((szEnd = AppStrchr(ptInput->achText, '\n'))) {
-        const auto nLine = static_cast<size_t>(szEnd - ptInput->achText) + 1;
-        *szEnd = '\0';
-        if (!isatty(STDIN_FILENO))
-            printf("%s\n", ptInput->achText); // a script's commands among their results
-        const bool bGoOn = ptInput->bSkip || ShellRun(ptInput->achText);
-        ptInput->bSkip = false;
-        ptInput->nUsed -= nLine;
-        for (size_t i = 0; i <= ptInput->nUsed; ++i)
-            ptInput->achText[i] = ptInput->achText[nLine + i];
-        if (!bGoOn)
-            return false;
-        printf("camera> ");
-        fflush(stdout);
-    }
-    if (ptInput->nUsed == sizeof(ptInput->achText) - 1) {
-        printf("\nthis line is too long\n");
-        ptInput->bSkip = true;
-        ptInput->nUsed = 0;
-    }
-    return true;
-}
-
 // Serves standard input until its end, "quit", Ctrl-C or the wish of another program.
 void Serve(int nSignals)
 {
-    TInput tInput = {};
-    printf("camera> ");
-    fflush(stdout);
+    TPrompt tPrompt = {};
+    tPrompt.bEcho = !isatty(STDIN_FILENO);
+    PromptShow();
     while (InputIsThere(nSignals)) {
-        const ssize_t nRead = read(STDIN_FILENO, tInput.achText + tInput.nUsed,
-                                   sizeof(tInput.achText) - 1 - tInput.nUsed);
-        if (nRead <= 0)
-            break;
-        tInput.nUsed += static_cast<size_t>(nRead);
-        tInput.achText[tInput.nUsed] = '\0';
-        if (!RunLines(&tInput))
+        char achRead[512];
+        const ssize_t nRead = read(STDIN_FILENO, achRead, sizeof(achRead));
+        if (nRead <= 0 || !PromptTake(&tPrompt, achRead, static_cast<uint32_t>(nRead)))
             break;
     }
-    printf("\n");
+    PrintText("\n");
 }
 
 bool RunTasks(int nSignals)
@@ -174,15 +136,17 @@ void LogFilesOpen(const TConfig &tConfig)
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0); // in step with the console, whatever it leads to
     // Blocked before the first thread is made, so that every thread leaves them to our descriptor.
     sigset_t tSignals;
     sigemptyset(&tSignals);
     sigaddset(&tSignals, SIGINT);
     sigaddset(&tSignals, SIGTERM);
     sigprocmask(SIG_BLOCK, &tSignals, nullptr);
+    if (!camera::ConsoleOpen())
+        return 1;
     const int nSignals = signalfd(-1, &tSignals, SFD_CLOEXEC);
     const int nResult = camera::Run(argc > 1 ? argv[1] : "camera.xml", nSignals);
     close(nSignals);
+    camera::ConsoleClose();
     return nResult;
 }

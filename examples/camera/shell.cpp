@@ -5,8 +5,6 @@
 #include "camera.h"
 #include "text.h"
 
-#include <stdio.h>
-
 namespace camera
 {
 
@@ -70,15 +68,15 @@ int32_t RunCommand(int32_t nArgc, char **ppszArgv)
     for (uint32_t i = 0; bGood && i < ptCommand->dwNumbers; ++i)
         bGood = ParseNumber(ppszArgv[i + 1], 0, ptCommand->dwMost[i], &adwArg[i]);
     if (!bGood) {
-        printf("usage: %s %s\n", ptCommand->szName, ptCommand->szHelp);
+        Print("usage: %s %s\n", ptCommand->szName, ptCommand->szHelp);
         return 1;
     }
     JoinWords(nArgc, ppszArgv);
     const uint32_t dwRun =
         AppRunShareAction(ptCommand->szAction, adwArg[0], adwArg[1], 0, &dwResult);
     if (dwRun != APP_OK || dwResult != APP_OK)
-        printf("%s: failed, code %lu\n", ptCommand->szName,
-               static_cast<unsigned long>(dwRun != APP_OK ? dwRun : dwResult));
+        Print("%s: failed, code %lu\n", ptCommand->szName,
+              static_cast<unsigned long>(dwRun != APP_OK ? dwRun : dwResult));
     return dwRun == APP_OK && dwResult == APP_OK ? 0 : 1;
 }
 
@@ -88,9 +86,9 @@ void Work(TModule *, EWork eWork, void *pvArg)
         const auto szLine = static_cast<const char *>(pvArg);
         const uint32_t dwResult = AppHostRunCommand(szLine, nullptr);
         if (dwResult == APP_NOT_FOUND)
-            printf("no such command; try help\n");
+            Print("no such command; try help\n");
         else if (dwResult != APP_OK && *szLine)
-            printf("this line cannot be run\n");
+            Print("this line cannot be run\n");
     }
     if (eWork == kEvent || eWork == kDropped)
         AppLockGive(s_hLineDone);
@@ -101,14 +99,14 @@ void Work(TModule *, EWork eWork, void *pvArg)
 uint32_t HelpAction(uint32_t, uint32_t, uint32_t)
 {
     AppHostWalkCommands([](const char *szName, const char *szHelp,
-                           void *) { printf("  %-10s %s\n", szName, szHelp); },
+                           void *) { Print("  %-10s %s\n", szName, szHelp); },
                         nullptr);
     return APP_OK;
 }
 
 uint32_t ActionsAction(uint32_t, uint32_t, uint32_t)
 {
-    AppShareActionShow([](const char *szText, void *) { fputs(szText, stdout); }, nullptr);
+    AppShareActionShow([](const char *szText, void *) { PrintText(szText); }, nullptr);
     return APP_OK;
 }
 
@@ -137,8 +135,8 @@ bool ShellRun(const char *szLine)
     if (ModuleSend(&s_tModule, const_cast<char *>(szLine)))
         AppLockTakeByTime(s_hLineDone, 0);
     else
-        printf("this line cannot be run now\n");
-    fflush(stdout);
+        Print("this line cannot be run now
+");
     return !s_bQuit;
 }
 
