@@ -14,9 +14,9 @@ constexpr uint32_t kRoom = 256; // events that may wait for this module
 
 constexpr TAppS32StrPair s_atPriority[] = {{kRoutine, "routine"}, {kAlarm, "alarm"}};
 
-uint32_t HandleAlarm(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"alarm", HandleAlarm, nullptr, nullptr};
+TModule s_tModule = {"alarm", Work};
 TMailbox s_tMailbox;
 std::atomic<uint32_t> s_dwWritten;
 
@@ -75,14 +75,10 @@ void Report(TMotion *ptMotion)
     AppMemPoolFree(ptMotion);
 }
 
-uint32_t HandleAlarm(HAppTask, uint32_t dwEventType, void *, void *)
+void Work(TModule *, EWork, void *)
 {
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_STOP)
-        while (void *pvMotion = MailboxTake(&s_tMailbox))
-            Report(static_cast<TMotion *>(pvMotion));
-    if (dwEventType == APP_TASK_EVENT_STOP)
-        ModuleStopped(&s_tModule);
-    return 0;
+    while (void *pvMotion = MailboxTake(&s_tMailbox))
+        Report(static_cast<TMotion *>(pvMotion));
 }
 
 } // namespace

@@ -53,15 +53,16 @@ enum EWork {
 
 // A module is one task.
 struct TModule {
-    const char *szName;
-    void (*pfnWork)(EWork eWork, void *pvArg);
-    HAppTask hTask;
-    HAppLock hStopped;
-    HAppTimer hBeat;             // the module's thread's alone
-    std::atomic<bool> bBeats;    // a beat is due at dwDueTick
-    std::atomic<bool> bBeatSent; // by ModulesTick(), and not yet begun
-    std::atomic<bool> bSettings; // have changed, and the module does not know yet
-    std::atomic<uint32_t> dwDueTick;
+    const char *szName = nullptr;
+    void (*pfnWork)(TModule *ptModule, EWork eWork, void *pvArg) = nullptr;
+    HAppTask hTask = nullptr;
+    HAppLock hStopped = nullptr;
+    HAppTimer hBeat = nullptr;              // the module's thread's alone
+    std::atomic<bool> bBeats{false};        // a beat is due at dwDueTick
+    std::atomic<bool> bBeatSent{false};     // by ModulesTick(), and not yet begun
+    std::atomic<bool> bSettingsSent{false}; // and not yet taken notice of
+    std::atomic<bool> bSettingsOwed{false}; // could not be sent
+    std::atomic<uint32_t> dwDueTick{0};
 };
 
 // Starts the module's task; its first beat is due at once.
@@ -73,6 +74,8 @@ bool ModuleSend(TModule *ptModule, void *pvArg);
 // The module's own thread: its next beat comes in dwMs, and none that was asked for before.
 void ModuleBeat(TModule *ptModule, uint32_t dwMs);
 void ModuleRest(TModule *ptModule); // no beat until it is asked for
+// The same for work that is a loop of its own: it will call this again within dwMs.
+void ModuleAlive(TModule *ptModule, uint32_t dwMs);
 
 // What main() does every kTickMs: beats, settings and nudges that could not be sent when they should
 // have been, for want of memory, are sent now.
@@ -92,6 +95,8 @@ struct TMailbox {
     TModule *ptOwner;
     uint32_t dwRoom;
     std::atomic<bool> bNudged;
+    std::atomic<bool> bNudgeOwed; // could not be sent
+    std::atomic<uint32_t> dwNudgeTick;
     std::atomic<uint32_t> dwDropped;
 };
 
@@ -186,7 +191,20 @@ int32_t PushStatus(char *szBuf, uint32_t dwSize);
 
 // ---- main: the log files, as the settings name them ---------------------------------------------
 
-void LogFilesOpen(const TConfig *ptConfig);
+void LogFilesOpen(const TConfig &tConfig);
+
+// ---- prompt: lines out of the bytes of standard input (prompt.cpp) ------------------------------
+
+struct TPrompt {
+    bool bEcho; // a script's commands are shown among their results
+    bool bTooLong;
+    uint32_t dwUsed;
+    char achLine[512];
+};
+
+void PromptShow();
+// Runs the lines that end in these bytes, and keeps the beginning of the next.  False after "quit".
+bool PromptTake(TPrompt *ptPrompt, const char *pchBytes, uint32_t dwLen);
 
 // ---- housekeeping and shell ---------------------------------------------------------------------
 

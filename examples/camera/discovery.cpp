@@ -1,12 +1,23 @@
 // SPDX-License-Identifier: MIT
 //
-// Makes the camera known by WS-Discovery: says Hello and Bye, and answers each Probe that asks for
-// a video transmitter with the address under which that peer reaches the camera.
+// Makes the camera known by WS-Discovery: says Hello and Bye, and answers who asks for it.
+//
+// One task looks for interfaces and announces.  Each address of the device has a listener of its
+// own, a task with a socket bound to that address, so that an answer leaves from the address that
+// was asked; one more listens on every address, for what is sent to the group.  What strangers send
+// costs a bounded part of a processor and brings a bounded number of answers: see Admit().
+#include "budget.h"
 #include "camera.h"
+#include "interfaces.h"
+#include "probe.h"
 #include "soap.h"
 #include "text.h"
 
+#include <errno.h>
+#include <sys/random.h>
 #include <time.h>
+
+#include <mutex>
 
 namespace camera
 {
@@ -14,35 +25,55 @@ namespace camera
 namespace
 {
 
-constexpr uint32_t kWaitMs = 200;   // how long the end of the camera may wait for this task
-constexpr uint32_t kSendMs = 50;    // an answer has 250 ms in all
-constexpr uint32_t kLookMs = 10000; // between two looks for new interfaces
-constexpr uint32_t kMaxInterfaces = 16;
+constexpr uint32_t kWaitMs = 200;   // how long the end of the camera may wait for a listener
+constexpr uint32_t kAliveMs = 5000; // a listener's turn takes less
+constexpr uint32_t kSendMs = 50;
+constexpr uint32_t kLookMs = 10000;   // between two looks for new interfaces
+constexpr uint32_t kTellMs = 60000;   // between two lines on what could not be read
+constexpr uint32_t kMaxDelayMs = 500; // APP_MAX_DELAY: answers to the group are spread over it
+constexpr uint32_t kMaxAddresses = 16;
+constexpr uint32_t kMaxListeners = 5; // with that for every address
+constexpr uint32_t kMaxPending = 64;
 constexpr uint32_t kRemembered = 10; // messages that are answered once
 constexpr uint32_t kCopyMs = 400;    // how much later a copy of a message may come by another way
-constexpr uint32_t kMaxIdSize = 256;
-constexpr uint32_t kScopesSize = 512;
+// Texts that are read for one address and for all, for each answer that there may be.
+constexpr uint32_t kReadsPerAnswer = 20;
 
-enum EOutcome {
-    kAnswered,
-    kRepeated,
-    kOtherTypes,
-    kOtherScopes,
-    kOtherAction,
-    kNoMessageId,
-    kBroken,
-    kNotSent,
-    kOutcomes
-};
+// What became of a datagram, beyond what its text says.
+enum { kOtherGroup = kTextOutcomes, kOutside, kOverBudget, kUnreadable, kNotSent, kOutcomes };
 constexpr TAppS32StrPair s_atOutcome[kOutcomes] = {
     {kAnswered, "answered"},
     {kRepeated, "repeated"},
     {kOtherTypes, "other types"},
     {kOtherScopes, "other scopes"},
+    {kOtherDevice, "other devices"},
     {kOtherAction, "other actions"},
+    {kNotUnderstood, "not understood"},
+    {kDocumentType, "document type"},
     {kNoMessageId, "no MessageID"},
     {kBroken, "broken"},
+    {kOtherGroup, "other groups"},
+    {kOutside, "outside"},
+    {kOverBudget, "over budget"},
+    {kUnreadable, "unreadable"},
     {kNotSent, "not sent"},
+};
+
+struct TListener {
+    TModule tModule;
+    char achName[24];
+    TAppNetAddr tAddr; // 0 for every address
+    HAppSocket hSocket;
+    std::atomic<bool> bEnd;
+};
+
+// Whom to answer, and what.
+struct TPending {
+    bool bUsed;
+    uint32_t dwDueTick;
+    TAppNetAddr tPeer;
+    uint16_t wPort;
+    TQuestion tQuestion;
 };
 
 struct TSeen {
@@ -51,142 +82,148 @@ struct TSeen {
     uint32_t dwTick;
 };
 
-uint32_t HandleDiscovery(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"discovery", HandleDiscovery, nullptr, nullptr};
-HAppSocket s_hSocket;
+TModule s_tModule = {"discovery", Work};
 TAppNetAddr s_tGroup;
-TAppNetAddr s_atInterface[kMaxInterfaces]; // where Hello has been said
-uint32_t s_dwInterfaces;
-TSeen s_atSeen[kRemembered]; // a ring
-uint32_t s_dwSeen;
-uint32_t s_dwInstance; // with each start of the camera a larger one
-uint32_t s_dwMessages;
-uint32_t s_dwFailures; // receives that failed without a success between
+uint32_t s_dwAnnounced;          // the settings' version that the network knows
+uint32_t s_dwTold, s_dwTellTick; // unreadable datagrams
+bool s_bStarted;
 std::atomic<uint32_t> s_adwCount[kOutcomes];
 
-// What an event asks for, told by its argument.
-char s_chListen, s_chAnnounce;
+// Guards what follows; a socket is sent through with it held, so that it is not closed meanwhile.
+std::mutex s_lock;
+TListener s_atListener[kMaxListeners]; // the first is for every address
+TOwnAddress s_atOwn[kMaxAddresses];    // where Hello has been said
+uint32_t s_dwOwn;
+TBudget s_tReads, s_tAnswers;
+TSeen s_atSeen[kRemembered]; // a ring
+uint32_t s_dwSeen;
 
-// ---- The camera's own description ---------------------------------------------------------------
+TPending s_atPending[kMaxPending]; // the first listener's alone
 
-void MakeScopes(const TConfig &tConfig, char *szBuf, uint32_t dwSize)
+uint32_t RandomBelow(uint32_t dwLimit)
 {
-    char achName[200], achHardware[200];
-    AppSnprintf(szBuf, dwSize, "onvif://www.onvif.org/type/Network_Video_Transmitter %s%s %s%s",
-                kNameScope, EncodeUri(tConfig.achName, achName, sizeof(achName)), kHardwareScope,
-                EncodeUri(tConfig.achHardware, achHardware, sizeof(achHardware)));
+    uint32_t dwRandom = 0;
+    if (getrandom(&dwRandom, sizeof(dwRandom), GRND_NONBLOCK) != sizeof(dwRandom))
+        dwRandom = AppGetTick(); // soon after the power came
+    return dwRandom % dwLimit;
 }
 
-mxml_node_t *AddIdentity(TSoapWriter *ptWriter, mxml_node_t *ptParent, const TConfig &tConfig)
+// ---- Sockets ------------------------------------------------------------------------------------
+
+// The listener of an address, or that for all of them; the lock is held.
+TListener *FindListener(const TAppNetAddr &tAddr)
 {
-    char achAddress[60];
-    AppSnprintf(achAddress, sizeof(achAddress), "urn:uuid:%s", tConfig.achUuid);
-    mxml_node_t *ptReference = SoapAdd(ptWriter, ptParent, "a:EndpointReference", nullptr);
-    return SoapAdd(ptWriter, ptReference, "a:Address", achAddress);
+    for (TListener &listener : s_atListener)
+        if (listener.hSocket && listener.tAddr.dwIpv4 == tAddr.dwIpv4)
+            return &listener;
+    return &s_atListener[0];
 }
 
-// Everything about the camera, with the address that the peer can reach.
-void AddDescription(TSoapWriter *ptWriter, mxml_node_t *ptParent, const TConfig &tConfig,
-                    const TAppNetAddr &tPeer)
+HAppSocket OpenSocket(const TAppNetAddr &tAddr)
 {
-    char achScopes[kScopesSize], achIp[16] = "", achUrl[80], achVersion[12];
-    TAppNetAddr tOwn = {};
-    uint16_t wPort = 0;
-    if (AppSocketCalNATAddr(&tPeer, APP_SOCKET_TCP,
-                            AppConvertHtons(static_cast<uint16_t>(tConfig.dwService)), &tOwn,
-                            &wPort) != APP_OK ||
-        AppConvertNettoStr(&tOwn, achIp, sizeof(achIp)) != APP_OK) {
-        ptWriter->bFailed = true;
-        return;
-    }
-    AppSnprintf(achUrl, sizeof(achUrl), "http://%s:%u/onvif/device_service", achIp,
-                static_cast<unsigned>(AppConvertNtohs(wPort)));
-    AppSnprintf(achVersion, sizeof(achVersion), "%lu",
-                static_cast<unsigned long>(tConfig.dwMetadata));
-    MakeScopes(tConfig, achScopes, sizeof(achScopes));
-    AddIdentity(ptWriter, ptParent, tConfig);
-    SoapAdd(ptWriter, ptParent, "d:Types", "dn:NetworkVideoTransmitter");
-    SoapAdd(ptWriter, ptParent, "d:Scopes", achScopes);
-    SoapAdd(ptWriter, ptParent, "d:XAddrs", achUrl);
-    SoapAdd(ptWriter, ptParent, "d:MetadataVersion", achVersion);
+    HAppSocket hSocket = AppSocketCreate(g_hPool, APP_SOCKET_UDP, APP_NET_ADDR_IPV4);
+    if (AppSocketBind(hSocket, &tAddr, AppConvertHtons(kDiscoveryPort), 1) == APP_OK)
+        return hSocket;
+    AppSocketDestroy(hSocket);
+    return nullptr;
 }
 
-void AddSequence(TSoapWriter *ptWriter)
+bool Send(const TListener &listener, const char *szText, uint32_t dwLength,
+          const TAppNetAddr &tPeer, uint16_t wPort)
 {
-    mxml_node_t *ptNode = SoapAdd(ptWriter, ptWriter->ptHeader, "d:AppSequence", nullptr);
-    if (!ptNode)
-        return;
-    AppXmlSetAttr_u32(ptNode, "InstanceId", s_dwInstance);
-    AppXmlSetAttr_u32(ptNode, "MessageNumber", ++s_dwMessages);
+    return dwLength > 0 && AppSocketUDPSend(listener.hSocket, szText, dwLength, kSendMs, &tPeer,
+                                            wPort) == static_cast<int32_t>(dwLength);
 }
 
-bool SendMessage(TSoapWriter *ptWriter, const TAppNetAddr &tPeer, uint16_t wPort)
+// From the address whose network the peer is in.
+bool SendAnswer(const TListener *ptAsked, const TQuestion &tQuestion, const TAppNetAddr &tPeer,
+                uint16_t wPort)
 {
-    auto szMessage = static_cast<char *>(AppMemPoolMalloc(g_hPool, kMessageSize));
-    ptWriter->bFailed |= !szMessage;
-    const uint32_t dwLength = SoapEnd(ptWriter, szMessage, kMessageSize);
-    const bool bSent =
-        dwLength > 0 && AppSocketUDPSend(s_hSocket, szMessage, dwLength, kSendMs, &tPeer, wPort) ==
-                            static_cast<int32_t>(dwLength);
-    AppMemPoolFree(szMessage);
-    return bSent;
+    char achText[kMessageSize];
+    const uint32_t dwLength = ProbeAnswer(tQuestion, ConfigGet(), tPeer, achText, sizeof(achText));
+    const std::lock_guard<std::mutex> guard(s_lock);
+    for (uint32_t i = 0; !ptAsked && i < s_dwOwn; ++i)
+        if (IsNeighbour(s_atOwn[i], tPeer))
+            ptAsked = FindListener(s_atOwn[i].tAddr);
+    return Send(ptAsked ? *ptAsked : s_atListener[0], achText, dwLength, tPeer, wPort);
 }
 
 // ---- Hello and Bye ------------------------------------------------------------------------------
 
-// Joining also chooses the interface for what is sent to groups.
-void Announce(const char *szAction, const TAppNetAddr &tInterface)
+void Announce(bool bHello, const TAppNetAddr &tInterface)
 {
-    if (AppSocketUDPJoinMulticastGroup(s_hSocket, &s_tGroup, &tInterface, 0) != APP_OK)
-        return;
-    const TConfig tConfig = ConfigGet();
-    const bool bHello = szAction == kHelloAction;
-    TSoapWriter tWriter;
-    SoapBegin(&tWriter, szAction, kEverybody, nullptr);
-    AddSequence(&tWriter);
-    mxml_node_t *ptNode = SoapAdd(&tWriter, tWriter.ptBody, bHello ? "d:Hello" : "d:Bye", nullptr);
-    if (bHello)
-        AddDescription(&tWriter, ptNode, tConfig, tInterface);
-    else
-        AddIdentity(&tWriter, ptNode, tConfig);
-    char achIp[16] = "";
+    char achText[kMessageSize], achIp[16] = "";
+    const uint32_t dwLength =
+        ProbeAnnounce(bHello, ConfigGet(), tInterface, achText, sizeof(achText));
     AppConvertNettoStr(&tInterface, achIp, sizeof(achIp));
-    const bool bSent = SendMessage(&tWriter, s_tGroup, AppConvertHtons(kDiscoveryPort));
+    bool bSent = false;
+    {
+        const std::lock_guard<std::mutex> guard(s_lock);
+        const TListener *ptListener = FindListener(tInterface);
+        // Joining also chooses the interface for what is sent to groups.
+        bSent = AppSocketUDPJoinMulticastGroup(ptListener->hSocket, &s_tGroup, &tInterface, 0) ==
+                    APP_OK &&
+                Send(*ptListener, achText, dwLength, s_tGroup, AppConvertHtons(kDiscoveryPort));
+    }
     AppLog(g_byLog, APP_LOG_ALWAYS, "discovery: %s on %s%s\n", bHello ? "Hello" : "Bye", achIp,
            bSent ? "" : " could not be sent");
 }
 
-void AnnounceAll(const char *szAction)
+// The discovery task alone changes the table, so it reads it without the lock.
+void AnnounceAll(bool bHello)
 {
-    for (uint32_t i = 0; i < s_dwInterfaces; ++i)
-        Announce(szAction, s_atInterface[i]);
+    s_dwAnnounced = ConfigGet().dwMetadata;
+    for (uint32_t i = 0; i < s_dwOwn; ++i)
+        if (s_atOwn[i].bGreeted)
+            Announce(bHello, s_atOwn[i].tAddr);
 }
 
-bool IsKnown(const TAppNetAddr &tInterface)
+TOwnAddress *Find(TOwnAddress *atOwn, uint32_t dwOwn, const TAppNetAddr &tAddr)
 {
-    for (uint32_t i = 0; i < s_dwInterfaces; ++i)
-        if (s_atInterface[i].dwIpv4 == tInterface.dwIpv4)
-            return true;
-    return false;
+    for (uint32_t i = 0; i < dwOwn; ++i)
+        if (atOwn[i].tAddr.dwIpv4 == tAddr.dwIpv4)
+            return &atOwn[i];
+    return nullptr;
 }
 
-// Interfaces come and go: a new one is greeted.
-void LookForInterfaces(HAppTask hTask)
+// ---- What is admitted ---------------------------------------------------------------------------
+
+bool IsOutside(const TAppNetAddr &tPeer, const TConfig &tConfig)
 {
-    TAppNetAddr atNow[kMaxInterfaces];
-    const uint32_t dwNow = ListInterfaces(atNow, kMaxInterfaces);
-    for (uint32_t i = 0; i < dwNow; ++i)
-        if (IsKnown(atNow[i])) // joining again is no failure, and needed when it came back
-            AppSocketUDPJoinMulticastGroup(s_hSocket, &s_tGroup, &atNow[i], 0);
-        else
-            Announce(kHelloAction, atNow[i]);
-    AppMemcpy(s_atInterface, atNow, dwNow * static_cast<uint32_t>(sizeof(TAppNetAddr)));
-    s_dwInterfaces = dwNow;
-    AppTaskSetTimer(hTask, kLookMs, nullptr, nullptr);
+    const EAppIpv4Class eClass = AppCheckIpv4Class(&tPeer, nullptr);
+    if (eClass == APP_IPV4_CLASS_LOOPBACK) // the system lets none in from outside
+        return false;
+    if (eClass != APP_IPV4_CLASS_A && eClass != APP_IPV4_CLASS_B && eClass != APP_IPV4_CLASS_C)
+        return true;
+    for (uint32_t i = 0; i < s_dwOwn; ++i)
+        if (IsNeighbour(s_atOwn[i], tPeer))
+            return false;
+    return tConfig.bRemote == 0;
 }
 
-// ---- Probes -------------------------------------------------------------------------------------
+bool IsForUs(const TAppNetAddr &tAddr)
+{
+    return tAddr.dwIpv4 == s_tGroup.dwIpv4 || Find(s_atOwn, s_dwOwn, tAddr) ||
+           AppCheckIpv4Class(&tAddr, nullptr) == APP_IPV4_CLASS_LOOPBACK;
+}
+
+// Whether a datagram is looked into.  A socket for every address gets what is sent to a group that
+// any process of the device has joined; and the sender's address may be that of a victim.
+int Admit(const TAppNetAddr &tAddr, const TAppNetAddr &tPeer, uint16_t wPort,
+          const TConfig &tConfig)
+{
+    const std::lock_guard<std::mutex> guard(s_lock);
+    if (!IsForUs(tAddr))
+        return kOtherGroup;
+    if (wPort == 0 || IsOutside(tPeer, tConfig))
+        return kOutside;
+    if (!BudgetTake(&s_tReads, tPeer.dwIpv4, AppGetTick(),
+                    kReadsPerAnswer * tConfig.dwSourceAnswers, kReadsPerAnswer * tConfig.dwAnswers))
+        return kOverBudget;
+    return kAnswered;
+}
 
 // A MessageID that was answered stands for the same message again, unless it comes from another
 // port and too late for a copy: some clients draw theirs from the clock, by the second, and the
@@ -201,209 +238,299 @@ bool WasAnswered(const char *szMessageId, uint16_t wPort)
     return false;
 }
 
-void Remember(const char *szMessageId, uint16_t wPort)
+// Whether a question gets its answer, which is then remembered.
+int Accept(const TQuestion &tQuestion, const TAppNetAddr &tPeer, uint16_t wPort,
+           const TConfig &tConfig)
 {
+    const std::lock_guard<std::mutex> guard(s_lock);
+    if (WasAnswered(tQuestion.achMessageId, wPort))
+        return kRepeated;
+    if (!BudgetTake(&s_tAnswers, tPeer.dwIpv4, AppGetTick(), tConfig.dwSourceAnswers,
+                    tConfig.dwAnswers))
+        return kOverBudget;
     TSeen &seen = s_atSeen[s_dwSeen++ % kRemembered];
-    AppStrncpy(seen.achId, szMessageId, kMaxIdSize);
+    AppStrncpy(seen.achId, tQuestion.achMessageId, kMaxIdSize);
     seen.wPort = wPort;
     seen.dwTick = AppGetTick();
+    return kAnswered;
 }
 
-// Every type that is asked for must be one of ours.
-bool TypesMatch(mxml_node_t *ptProbe)
+// Who asks again after an answer that could not be sent is answered.
+void Forget(const char *szMessageId)
 {
-    mxml_node_t *ptTypes = SoapChild(ptProbe, kDiscoveryNs, "Types");
-    const char *szRest = SoapText(ptTypes);
-    uint32_t dwLen = 0;
-    while (const char *szType = szRest ? NextWord(&szRest, &dwLen) : nullptr)
-        if (!SoapNameIs(ptTypes, szType, dwLen, kNetworkNs, "NetworkVideoTransmitter"))
-            return false;
-    return true;
+    const std::lock_guard<std::mutex> guard(s_lock);
+    for (TSeen &seen : s_atSeen)
+        if (AppStrcmp(seen.achId, szMessageId) == 0)
+            seen.achId[0] = '\0';
 }
 
-// A scope that is asked for matches one of ours that is equal or goes on behind it with a '/'.
-bool ScopeMatches(const char *szScope, uint32_t dwLen, const char *szOurs)
+// ---- Answers ------------------------------------------------------------------------------------
+
+int Answer(const TListener *ptAsked, const TQuestion &tQuestion, const TAppNetAddr &tPeer,
+           uint16_t wPort)
 {
-    uint32_t dwOur = 0;
-    while (dwLen > 0 && szScope[dwLen - 1] == '/')
-        --dwLen;
-    while (const char *szOur = NextWord(&szOurs, &dwOur))
-        if (dwOur >= dwLen && AppStrncmp(szOur, szScope, dwLen) == 0 &&
-            (dwOur == dwLen || szOur[dwLen] == '/'))
-            return true;
+    if (SendAnswer(ptAsked, tQuestion, tPeer, wPort))
+        return kAnswered;
+    Forget(tQuestion.achMessageId);
+    return kNotSent;
+}
+
+// Every camera of a network hears a question to the group: they do not all answer at once.
+bool Postpone(const TQuestion &tQuestion, const TAppNetAddr &tPeer, uint16_t wPort)
+{
+    for (TPending &pending : s_atPending) {
+        if (pending.bUsed)
+            continue;
+        const uint32_t dwTicks = RandomBelow(kMaxDelayMs) / AppConvertTickToMS(1);
+        pending = {true, AppGetTick() + dwTicks, tPeer, wPort, tQuestion};
+        return true;
+    }
     return false;
 }
 
-bool ScopesMatch(mxml_node_t *ptProbe)
+// Sends the answers that are due; how long the next one has time, kWaitMs at most.
+uint32_t SendPending()
 {
-    char achOurs[kScopesSize];
-    const char *szRest = SoapText(SoapChild(ptProbe, kDiscoveryNs, "Scopes"));
-    uint32_t dwLen = 0;
-    if (!szRest)
-        return true;
-    MakeScopes(ConfigGet(), achOurs, sizeof(achOurs));
-    while (const char *szScope = NextWord(&szRest, &dwLen))
-        if (!ScopeMatches(szScope, dwLen, achOurs))
-            return false;
-    return true;
+    uint32_t dwWaitMs = kWaitMs;
+    const uint32_t dwNow = AppGetTick();
+    for (TPending &pending : s_atPending) {
+        if (!pending.bUsed)
+            continue;
+        const auto nTicks = static_cast<int32_t>(pending.dwDueTick - dwNow);
+        if (nTicks <= 0) {
+            s_adwCount[Answer(nullptr, pending.tQuestion, pending.tPeer, pending.wPort)]++;
+            pending.bUsed = false;
+        } else if (AppConvertTickToMS(static_cast<uint32_t>(nTicks)) < dwWaitMs) {
+            dwWaitMs = AppConvertTickToMS(static_cast<uint32_t>(nTicks));
+        }
+    }
+    return dwWaitMs;
 }
 
-// Why a message is not to be answered, or kAnswered when it is.
-EOutcome Judge(const TSoapMessage &tMessage, uint16_t wPort)
+// ---- Datagrams ----------------------------------------------------------------------------------
+
+struct TDatagram {
+    const char *szText;
+    uint32_t dwLength;
+    TAppNetAddr tAddr; // to
+    TAppNetAddr tPeer; // from
+    uint16_t wPort;
+};
+
+// What becomes of it; kOutcomes when that is not known yet.
+int Handle(TListener *ptListener, const TDatagram &datagram, TQuestion *ptQuestion)
 {
-    mxml_node_t *ptProbe = SoapChild(tMessage.ptBody, kDiscoveryNs, "Probe");
-    const char *szId = tMessage.szMessageId, *szRest = szId;
-    uint32_t dwLen = 0;
-    if (!ptProbe || !SoapEqual(tMessage.szAction, kProbeAction))
-        return kOtherAction;
-    if (!szId || !NextWord(&szRest, &dwLen))
-        return kNoMessageId;
-    if (AppStrlen(szId) >= kMaxIdSize || HasControlChars(szId))
-        return kBroken;
-    if (WasAnswered(szId, wPort))
-        return kRepeated;
-    if (!TypesMatch(ptProbe))
-        return kOtherTypes;
-    return ScopesMatch(ptProbe) ? kAnswered : kOtherScopes;
+    const TConfig tConfig = ConfigGet();
+    int nOutcome = Admit(datagram.tAddr, datagram.tPeer, datagram.wPort, tConfig);
+    if (nOutcome == kAnswered)
+        nOutcome = ProbeJudge(datagram.szText, datagram.dwLength, tConfig, ptQuestion);
+    if (nOutcome == kAnswered)
+        nOutcome = Accept(*ptQuestion, datagram.tPeer, datagram.wPort, tConfig);
+    if (nOutcome != kAnswered)
+        return nOutcome;
+    const bool bGroup = datagram.tAddr.dwIpv4 == s_tGroup.dwIpv4;
+    if (!bGroup || ptQuestion->eKind == kResolve) // only one camera answers that
+        return Answer(bGroup ? nullptr : ptListener, *ptQuestion, datagram.tPeer, datagram.wPort);
+    if (Postpone(*ptQuestion, datagram.tPeer, datagram.wPort))
+        return kOutcomes;
+    Forget(ptQuestion->achMessageId);
+    return kOverBudget;
 }
 
-bool Answer(const char *szMessageId, const TAppNetAddr &tPeer, uint16_t wPort)
+void Receive(TListener *ptListener, const TDatagram &datagram)
 {
-    TSoapWriter tWriter;
-    SoapBegin(&tWriter, kMatchAction, kAnonymous, szMessageId);
-    AddSequence(&tWriter);
-    mxml_node_t *ptMatches = SoapAdd(&tWriter, tWriter.ptBody, "d:ProbeMatches", nullptr);
-    mxml_node_t *ptMatch = SoapAdd(&tWriter, ptMatches, "d:ProbeMatch", nullptr);
-    AddDescription(&tWriter, ptMatch, ConfigGet(), tPeer);
-    return SendMessage(&tWriter, tPeer, wPort);
-}
-
-void HandleDatagram(const char *szText, uint32_t dwLength, const TAppNetAddr &tPeer, uint16_t wPort)
-{
-    TSoapMessage tMessage;
-    EOutcome eOutcome = kBroken;
-    if (SoapParse(szText, dwLength, &tMessage))
-        eOutcome = Judge(tMessage, wPort);
-    if (eOutcome == kAnswered && !Answer(tMessage.szMessageId, tPeer, wPort))
-        eOutcome = kNotSent;
-    if (eOutcome == kAnswered)
-        Remember(tMessage.szMessageId, wPort);
-    s_adwCount[eOutcome]++;
-
-    char achIp[16] = "", achId[80], achAction[100];
-    AppConvertNettoStr(&tPeer, achIp, sizeof(achIp));
+    TQuestion tQuestion = {};
+    const int nOutcome = Handle(ptListener, datagram, &tQuestion);
+    if (nOutcome < kOutcomes)
+        s_adwCount[nOutcome]++;
+    char achIp[16] = "", achId[80];
+    AppConvertNettoStr(&datagram.tPeer, achIp, sizeof(achIp));
     AppLog(g_byNetLog, APP_LOG_DEBUG, "[DEBUG] %s: %s: %s:%u, action {%s}, message {%s}\n",
-           __func__, AppConvEnum2Str(s_atOutcome, kOutcomes, eOutcome), achIp,
-           static_cast<unsigned>(AppConvertNtohs(wPort)),
-           EscapeForLog(tMessage.szAction, achAction, sizeof(achAction)),
-           EscapeForLog(tMessage.szMessageId, achId, sizeof(achId)));
-    SoapFree(&tMessage);
+           __func__,
+           nOutcome < kOutcomes ? AppConvEnum2Str(s_atOutcome, kOutcomes, nOutcome) : "postponed",
+           achIp, static_cast<unsigned>(AppConvertNtohs(datagram.wPort)), tQuestion.achAction,
+           EscapeForLog(tQuestion.achMessageId, achId, sizeof(achId)));
 }
 
-// Waits a moment for one datagram, then asks for the next turn: between two turns the task serves
-// its other events and timers.
-void Listen(HAppTask hTask, char *szBuf)
+// ---- Listeners ----------------------------------------------------------------------------------
+
+// Room for one byte more than is read: what fills it was cut.
+void Listen(TListener *ptListener, char *szBuf)
 {
-    TAppNetAddr tPeer;
-    uint16_t wPort = 0;
-    uint32_t dwLen = kMessageSize;
-    const int32_t nLen =
-        AppSocketUDPRecv(s_hSocket, szBuf, &dwLen, kWaitMs, nullptr, nullptr, &tPeer, &wPort);
-    if (nLen > 0)
-        HandleDatagram(szBuf, dwLen, tPeer, wPort);
-    // A socket that fails at once, again and again, must not keep a processor busy.
-    s_dwFailures = nLen == -1 ? s_dwFailures + 1 : 0;
-    if (s_dwFailures > 16)
-        AppDelay(kWaitMs);
-    AppTaskAssignEvent(hTask, &s_chListen, nullptr, nullptr);
+    const bool bPending = ptListener == &s_atListener[0];
+    while (!ptListener->bEnd) {
+        TDatagram datagram = {szBuf, kDatagramSize + 1, {}, {}, 0};
+        ModuleAlive(&ptListener->tModule, kAliveMs);
+        const uint32_t dwWaitMs = bPending ? SendPending() : kWaitMs;
+        const int32_t nLen =
+            AppSocketUDPRecv(ptListener->hSocket, szBuf, &datagram.dwLength, dwWaitMs,
+                             &datagram.tAddr, nullptr, &datagram.tPeer, &datagram.wPort);
+        if (nLen > 0) {
+            Receive(ptListener, datagram);
+        } else if (nLen == -1) {
+            s_adwCount[kUnreadable]++;
+            // What the network sends costs no time; a socket that fails must not keep a processor
+            // busy.
+            if (errno != 0)
+                AppDelay(kWaitMs);
+        }
+    }
+}
+
+void WorkAsListener(TModule *ptModule, EWork eWork, void *)
+{
+    TListener *ptListener = nullptr;
+    for (TListener &listener : s_atListener)
+        if (ptModule == &listener.tModule)
+            ptListener = &listener;
+    if (eWork == kBeat) {
+        auto szBuf = static_cast<char *>(
+            AppMemPoolMalloc(AppTaskGetMemPool(ptModule->hTask), kDatagramSize + 1));
+        if (szBuf)
+            Listen(ptListener, szBuf);
+        else
+            ModuleBeat(ptModule, kWaitMs);
+        AppMemPoolFree(szBuf);
+    } else if (eWork == kStop) {
+        const std::lock_guard<std::mutex> guard(s_lock);
+        AppSocketDestroy(ptListener->hSocket);
+        ptListener->hSocket = nullptr;
+    }
+}
+
+bool StartListener(TListener *ptListener, const TAppNetAddr &tAddr)
+{
+    char achIp[16] = "any";
+    HAppSocket hSocket = OpenSocket(tAddr);
+    if (!hSocket)
+        return false;
+    if (tAddr.dwIpv4 != 0)
+        AppConvertNettoStr(&tAddr, achIp, sizeof(achIp));
+    AppSnprintf(ptListener->achName, sizeof(ptListener->achName), "at %s", achIp);
+    {
+        const std::lock_guard<std::mutex> guard(s_lock);
+        ptListener->tModule.szName = ptListener->achName;
+        ptListener->tModule.pfnWork = WorkAsListener;
+        ptListener->tAddr = tAddr;
+        ptListener->bEnd = false;
+        ptListener->hSocket = hSocket;
+    }
+    if (ModuleStart(&ptListener->tModule))
+        return true;
+    const std::lock_guard<std::mutex> guard(s_lock);
+    AppSocketDestroy(ptListener->hSocket);
+    ptListener->hSocket = nullptr;
+    return false;
+}
+
+void StopListener(TListener *ptListener)
+{
+    ptListener->bEnd = true;
+    ModuleStop(&ptListener->tModule);
+}
+
+// ---- Interfaces ---------------------------------------------------------------------------------
+
+// A listener for each address, as far as there are listeners; that for every address serves the
+// rest.
+void FitListeners(TOwnAddress *atOwn, uint32_t dwOwn)
+{
+    for (uint32_t i = 1; i < kMaxListeners; ++i)
+        if (s_atListener[i].hSocket && !Find(atOwn, dwOwn, s_atListener[i].tAddr))
+            StopListener(&s_atListener[i]);
+    for (uint32_t i = 0; i < dwOwn; ++i) {
+        bool bThere = false;
+        TListener *ptFree = nullptr;
+        for (TListener &listener : s_atListener) {
+            bThere |= listener.hSocket && listener.tAddr.dwIpv4 == atOwn[i].tAddr.dwIpv4;
+            ptFree = listener.hSocket ? ptFree : &listener;
+        }
+        if (!bThere && ptFree)
+            StartListener(ptFree, atOwn[i].tAddr);
+    }
+}
+
+// Interfaces come and go; a new one is greeted.
+void LookForInterfaces(bool bGreet)
+{
+    TOwnAddress atNow[kMaxAddresses];
+    const uint32_t dwNow = ListAddresses(atNow, kMaxAddresses);
+    uint32_t dwNew = 0; // bits of those to greet
+    for (uint32_t i = 0; i < dwNow; ++i) {
+        const TOwnAddress *ptBefore = Find(s_atOwn, s_dwOwn, atNow[i].tAddr);
+        const bool bGreeted = ptBefore && ptBefore->bGreeted;
+        atNow[i].bGreeted = atNow[i].bFirst && (bGreet || bGreeted);
+        if (atNow[i].bGreeted && !bGreeted)
+            dwNew |= 1u << i;
+    }
+    {
+        const std::lock_guard<std::mutex> guard(s_lock);
+        AppMemcpy(s_atOwn, atNow, sizeof(atNow));
+        s_dwOwn = dwNow;
+    }
+    FitListeners(atNow, dwNow);
+    for (uint32_t i = 0; i < dwNow; ++i) {
+        // Joining again is no failure, and needed when an interface came back.
+        if (atNow[i].bFirst)
+            AppSocketUDPJoinMulticastGroup(s_atListener[0].hSocket, &s_tGroup, &atNow[i].tAddr, 0);
+        if (dwNew & 1u << i)
+            Announce(true, atNow[i].tAddr);
+    }
 }
 
 // ---- The task -----------------------------------------------------------------------------------
 
-uint32_t HandleDiscovery(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *)
+void TellUnreadable()
 {
-    static char *s_szBuf; // this thread's alone
-    switch (dwEventType) {
-    case APP_TASK_EVENT_USER:
-        if (!s_szBuf)
-            s_szBuf = static_cast<char *>(AppMemPoolMalloc(AppTaskGetMemPool(hTask), kMessageSize));
-        if (pvArg == &s_chAnnounce)
-            AnnounceAll(kHelloAction);
-        else if (pvArg == &s_chListen)
-            Listen(hTask, s_szBuf);
-        else
-            LookForInterfaces(hTask);
-        break;
-    case APP_TASK_EVENT_TIMEOUT:
-        LookForInterfaces(hTask);
-        break;
-    case APP_TASK_EVENT_STOP:
-        AnnounceAll(kByeAction);
-        AppMemPoolFree(s_szBuf);
-        s_szBuf = nullptr;
-        ModuleStopped(&s_tModule);
-        break;
-    }
-    return 0;
+    const uint32_t dwCount = s_adwCount[kUnreadable], dwNow = AppGetTick();
+    if (dwCount == s_dwTold ||
+        (s_dwTold > 0 && AppConvertTickToMS(AppTickDiff(s_dwTellTick, dwNow)) < kTellMs))
+        return;
+    AppLog(g_byLog, APP_LOG_ALWAYS, "discovery: %lu datagrams could not be read, %lu in all\n",
+           static_cast<unsigned long>(dwCount - s_dwTold), static_cast<unsigned long>(dwCount));
+    s_dwTold = dwCount;
+    s_dwTellTick = dwNow;
 }
 
-bool OpenSocket()
+void Work(TModule *ptModule, EWork eWork, void *)
 {
-    const TAppNetAddr tAny = {};
-    AppConvertStrtoNet(kDiscoveryGroup, &s_tGroup);
-    s_hSocket = AppSocketCreate(g_hPool, APP_SOCKET_UDP, APP_NET_ADDR_IPV4);
-    return s_hSocket &&
-           AppSocketBind(s_hSocket, &tAny, AppConvertHtons(kDiscoveryPort), 1) == APP_OK;
+    if (eWork == kBeat && !s_bStarted) { // after a power cut not all cameras shout at once
+        s_bStarted = true;
+        s_dwAnnounced = ConfigGet().dwMetadata;
+        ModuleBeat(ptModule, RandomBelow(kMaxDelayMs));
+        LookForInterfaces(false);
+    } else if (eWork == kBeat) {
+        ModuleBeat(ptModule, kLookMs);
+        LookForInterfaces(true);
+        TellUnreadable();
+    } else if (eWork == kSettings && s_dwAnnounced != ConfigGet().dwMetadata) {
+        AnnounceAll(true);
+    } else if (eWork == kStop) {
+        AnnounceAll(false);
+    }
 }
 
 } // namespace
 
-uint32_t ListInterfaces(TAppNetAddr *atAddr, uint32_t dwRoom)
-{
-    TIpcCapHwExternal tHw = {};
-    uint32_t dwFound = 0;
-    if (IpcCapGetHwExternal(&tHw) != 1)
-        return 0;
-    const uint32_t dwInterfaces = tHw.byIfCount1 + tHw.byIfCount2;
-    for (uint32_t i = 0; i < dwInterfaces && i < 256 && dwFound < dwRoom; ++i) {
-        TIpcNetEthParam tParam = {};
-        if (IpcGetNetEthParam(static_cast<uint8_t>(i), &tParam) != 1)
-            continue;
-        for (uint32_t j = 0; j < tParam.dwAddrNum && j < APP_HOST_ETH_ADDR_MAX; ++j) {
-            atAddr[dwFound] = {};
-            atAddr[dwFound].dwIpv4 = tParam.atAddr[j].dwAddr;
-            if (AppCheckIpv4Class(&atAddr[dwFound], nullptr) == APP_IPV4_CLASS_LOOPBACK)
-                continue;
-            ++dwFound; // one address stands for the interface
-            break;
-        }
-    }
-    return dwFound;
-}
-
 bool DiscoveryStart()
 {
-    s_dwInstance = static_cast<uint32_t>(time(nullptr));
-    if (!OpenSocket()) {
-        AppLog(g_byLog, APP_LOG_ALWAYS, "discovery: UDP port %u cannot be used\n",
-               static_cast<unsigned>(kDiscoveryPort));
-        return false;
-    }
-    return ModuleStart(&s_tModule) &&
-           AppTaskSendEvent(s_tModule.hTask, nullptr, nullptr, nullptr) == APP_OK &&
-           AppTaskSendEvent(s_tModule.hTask, &s_chListen, nullptr, nullptr) == APP_OK;
+    const TAppNetAddr tAny = {};
+    ProbeStart(static_cast<uint32_t>(time(nullptr)));
+    AppConvertStrtoNet(kDiscoveryGroup, &s_tGroup);
+    if (StartListener(&s_atListener[0], tAny))
+        return ModuleStart(&s_tModule);
+    AppLog(g_byLog, APP_LOG_ALWAYS, "discovery: UDP port %u cannot be used\n",
+           static_cast<unsigned>(kDiscoveryPort));
+    return false;
 }
 
 void DiscoveryStop()
 {
     ModuleStop(&s_tModule);
-    AppSocketDestroy(s_hSocket);
-    s_hSocket = nullptr;
-}
-
-void DiscoveryAnnounce()
-{
-    AppTaskSendEvent(s_tModule.hTask, &s_chAnnounce, nullptr, nullptr);
+    for (TListener &listener : s_atListener)
+        listener.bEnd = true; // all of them at once
+    for (TListener &listener : s_atListener)
+        StopListener(&listener);
 }
 
 int32_t DiscoveryStatus(char *szBuf, uint32_t dwSize)

@@ -4,8 +4,6 @@
 // tasks; the actions "report.…" print them.
 #include "camera.h"
 
-#include <stdio.h>
-
 #include <initializer_list>
 
 namespace camera
@@ -16,10 +14,11 @@ namespace
 
 constexpr uint32_t kLongReport = 10; // every so many short ones
 
-uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"housekeeping", HandleHousekeeping, nullptr, nullptr};
+TModule s_tModule = {"housekeeping", Work};
 uint32_t s_dwReports;
+uint32_t s_dwInterval; // until the next report
 
 // A report is collected before it is printed: it is made with a lock held that the detector's next
 // allocation needs, and a terminal may stand still for as long as it likes.
@@ -48,15 +47,16 @@ void ShowTasks(PFAppShow pfnShow, void *pvContext)
 
 void ShowStatus(PFAppShow pfnShow, void *pvContext)
 {
-    char achText[512];
-    for (auto pfnStatus : {MotionStatus, AlarmStatus, PushStatus, DiscoveryStatus})
+    char achText[1024];
+    for (auto pfnStatus :
+         {MotionStatus, AlarmStatus, PushStatus, ConsoleStatus, ModulesStatus, DiscoveryStatus})
         if (pfnStatus(achText, sizeof(achText)) > 0)
             pfnShow(achText, pvContext);
 }
 
-void Print(char *szText)
+void WriteToConsole(char *szText)
 {
-    fputs(szText, stdout);
+    PrintText(szText);
 }
 
 void WriteToLog(char *szText)
@@ -81,40 +81,46 @@ uint32_t Report(void (*pfnMake)(PFAppShow, void *), void (*pfnWrite)(char *))
     return APP_OK;
 }
 
-void ReportToLog(HAppTask hTask)
+void ReportToLog()
 {
     Report(ShowStatus, WriteToLog);
     if (++s_dwReports % kLongReport == 0) {
         Report(ShowPool, WriteToLog);
         Report(ShowTasks, WriteToLog);
     }
-    AppTaskSetTimer(hTask, ConfigGet().dwReport, nullptr, nullptr);
 }
 
-uint32_t HandleHousekeeping(HAppTask hTask, uint32_t dwEventType, void *, void *)
+void PlanReport()
 {
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_TIMEOUT) {
-        ReportToLog(hTask);
-    } else if (dwEventType == APP_TASK_EVENT_STOP) {
+    s_dwInterval = ConfigGet().dwReport;
+    ModuleBeat(&s_tModule, s_dwInterval);
+}
+
+void Work(TModule *, EWork eWork, void *)
+{
+    if (eWork == kBeat) {
+        PlanReport();
+        ReportToLog();
+    } else if (eWork == kSettings && s_dwInterval != ConfigGet().dwReport) {
+        PlanReport();
+    } else if (eWork == kStop) {
         Report(ShowStatus, WriteToLog);
-        ModuleStopped(&s_tModule);
     }
-    return 0;
 }
 
 uint32_t TasksAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowTasks, Print);
+    return Report(ShowTasks, WriteToConsole);
 }
 
 uint32_t PoolsAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowPool, Print);
+    return Report(ShowPool, WriteToConsole);
 }
 
 uint32_t StatusAction(uint32_t, uint32_t, uint32_t)
 {
-    return Report(ShowStatus, Print);
+    return Report(ShowStatus, WriteToConsole);
 }
 
 } // namespace
@@ -124,8 +130,7 @@ bool HousekeepingStart()
     return AppRegisterShareAction("report.tasks", TasksAction) == APP_OK &&
            AppRegisterShareAction("report.pools", PoolsAction) == APP_OK &&
            AppRegisterShareAction("report.status", StatusAction) == APP_OK &&
-           ModuleStart(&s_tModule) &&
-           AppTaskSendEvent(s_tModule.hTask, nullptr, nullptr, nullptr) == APP_OK;
+           ModuleStart(&s_tModule);
 }
 
 void HousekeepingStop()

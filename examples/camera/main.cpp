@@ -7,7 +7,6 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -21,7 +20,7 @@ uint8_t g_byLog, g_byAlarmLog, g_byNetLog;
 namespace
 {
 
-constexpr uint32_t kMaxTasks = 10;
+constexpr uint32_t kMaxTasks = 16;
 
 // Stopped in the reverse order of their start: whoever sends is stopped before whom it sends to.
 struct TStep {
@@ -44,83 +43,51 @@ void StopFrom(uint32_t dwStep)
             s_atStep[dwStep].pfnStop();
 }
 
-uint8_t NewChannel(const char *szFile, uint32_t dwLimit)
+uint8_t NewChannel()
 {
     const uint8_t byChannel = AppGenerateLogChannel();
     AppSetLogViaStdout(byChannel, 0); // standard output is the prompt's; the console has the lines
-    if (szFile && AppSetFileLog(byChannel, szFile, dwLimit) != 1)
-        AppLog(byChannel, APP_LOG_ERROR, "[ERROR] %s: no log file %s\n", __func__, szFile);
     return byChannel;
 }
 
-// Waits for input or a signal.  False when the camera is to end.
+void OpenLogFile(uint8_t byChannel, const char *szFile, uint32_t dwLimit)
+{
+    if (AppSetFileLog(byChannel, szFile, dwLimit) != 1)
+        AppLog(g_byLog, APP_LOG_ERROR, "[ERROR] %s: no log file %s\n", __func__, szFile);
+}
+
+// Waits for input or a signal, and looks after the modules meanwhile.  False when the camera is to
+// end.
 bool InputIsThere(int nSignals)
 {
     pollfd atPoll[] = {{STDIN_FILENO, POLLIN, 0}, {nSignals, POLLIN, 0}};
-    while (poll(atPoll, 2, -1) < 0)
-        if (errno != EINTR)
-            return false;
-    return (atPoll[1].revents & POLLIN) == 0;
-}
-
-struct TInput {
-    char achText[512];
-    size_t nUsed;
-    bool bSkip; // behind a line that was too long
-};
-
-// Runs the whole lines that have come; false after "quit".
-bool RunLines(TInput *ptInput)
-{
-    char *szEnd = nullptr;
-    while ((szEnd = AppStrchr(ptInput->achText, '\n'))) {
-        const auto nLine = static_cast<size_t>(szEnd - ptInput->achText) + 1;
-        *szEnd = '\0';
-        if (!isatty(STDIN_FILENO))
-            printf("%s\n", ptInput->achText); // a script's commands among their results
-        const bool bGoOn = ptInput->bSkip || ShellRun(ptInput->achText);
-        ptInput->bSkip = false;
-        ptInput->nUsed -= nLine;
-        for (size_t i = 0; i <= ptInput->nUsed; ++i)
-            ptInput->achText[i] = ptInput->achText[nLine + i];
-        if (!bGoOn)
-            return false;
-        printf("camera> ");
-        fflush(stdout);
-    }
-    if (ptInput->nUsed == sizeof(ptInput->achText) - 1) {
-        printf("\nthis line is too long\n");
-        ptInput->bSkip = true;
-        ptInput->nUsed = 0;
-    }
-    return true;
+    int nReady;
+    do {
+        ModulesTick();
+        nReady = poll(atPoll, 2, kTickMs);
+    } while (nReady == 0 || (nReady < 0 && errno == EINTR));
+    return nReady > 0 && (atPoll[1].revents & POLLIN) == 0;
 }
 
 // Serves standard input until its end, "quit", Ctrl-C or the wish of another program.
 void Serve(int nSignals)
 {
-    TInput tInput = {};
-    printf("camera> ");
-    fflush(stdout);
+    TPrompt tPrompt = {};
+    tPrompt.bEcho = !isatty(STDIN_FILENO);
+    PromptShow();
     while (InputIsThere(nSignals)) {
-        const ssize_t nRead = read(STDIN_FILENO, tInput.achText + tInput.nUsed,
-                                   sizeof(tInput.achText) - 1 - tInput.nUsed);
-        if (nRead <= 0)
-            break;
-        tInput.nUsed += static_cast<size_t>(nRead);
-        tInput.achText[tInput.nUsed] = '\0';
-        if (!RunLines(&tInput))
+        char achRead[512];
+        const ssize_t nRead = read(STDIN_FILENO, achRead, sizeof(achRead));
+        if (nRead <= 0 || !PromptTake(&tPrompt, achRead, static_cast<uint32_t>(nRead)))
             break;
     }
-    printf("\n");
+    PrintText("\n");
 }
 
 bool RunTasks(int nSignals)
 {
     const TConfig tConfig = ConfigGet();
-    AppSetFileLog(g_byLog, tConfig.achLogFile, tConfig.dwLogLimit);
-    g_byAlarmLog = NewChannel(tConfig.achAlarmFile, tConfig.dwAlarmLimit);
-    g_byNetLog = NewChannel(nullptr, 0);
+    LogFilesOpen(tConfig);
     if (AppTaskMgrCreate(g_hPool, kMaxTasks, tConfig.dwTaskIdle, &g_hTaskMgr) != APP_OK)
         return false;
     uint32_t dwStarted = 0;
@@ -141,7 +108,9 @@ int Run(const char *szFile, int nSignals)
 {
     bool bGood = false;
     AppSocketStartUp();
-    g_byLog = NewChannel(nullptr, 0);
+    g_byLog = NewChannel();
+    g_byAlarmLog = NewChannel();
+    g_byNetLog = NewChannel();
     if (AppMemPoolCreate(kPoolLimit, 1, 0, &g_hPool) == APP_OK) {
         bGood = ConfigLoad(szFile) && RunTasks(nSignals);
         ConfigStop();
@@ -156,19 +125,27 @@ int Run(const char *szFile, int nSignals)
 
 } // namespace
 
+void LogFilesOpen(const TConfig &tConfig)
+{
+    OpenLogFile(g_byLog, tConfig.achLogFile, tConfig.dwLogLimit);
+    OpenLogFile(g_byAlarmLog, tConfig.achAlarmFile, tConfig.dwAlarmLimit);
+}
+
 } // namespace camera
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0); // in step with the console, whatever it leads to
     // Blocked before the first thread is made, so that every thread leaves them to our descriptor.
     sigset_t tSignals;
     sigemptyset(&tSignals);
     sigaddset(&tSignals, SIGINT);
     sigaddset(&tSignals, SIGTERM);
     sigprocmask(SIG_BLOCK, &tSignals, nullptr);
+    if (!camera::ConsoleOpen())
+        return 1;
     const int nSignals = signalfd(-1, &tSignals, SFD_CLOEXEC);
     const int nResult = camera::Run(argc > 1 ? argv[1] : "camera.xml", nSignals);
     close(nSignals);
+    camera::ConsoleClose();
     return nResult;
 }

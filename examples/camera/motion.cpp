@@ -13,9 +13,10 @@ namespace camera
 namespace
 {
 
-uint32_t HandleMotion(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"motion", HandleMotion, nullptr, nullptr};
+TModule s_tModule = {"motion", Work};
+uint32_t s_dwInterval; // until the next look
 uint32_t s_dwNoise = 2463534242u;
 uint32_t s_dwToldDropped;
 std::atomic<uint32_t> s_dwRaised, s_dwDropped, s_dwLongestMs;
@@ -57,50 +58,46 @@ void TellDropped()
     s_dwToldDropped = s_dwDropped;
 }
 
-void Look(HAppTask hTask)
+void PlanLook()
+{
+    s_dwInterval = ConfigGet().dwInterval;
+    ModuleBeat(&s_tModule, s_dwInterval);
+}
+
+void Look()
 {
     const TConfig tConfig = ConfigGet();
     const uint32_t dwScore = NextScore();
     if (dwScore >= tConfig.dwThreshold)
         Raise(dwScore, tConfig.dwAlarm);
-    AppTaskSetTimer(hTask, tConfig.dwInterval, nullptr, nullptr);
 }
 
-uint32_t HandleMotion(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *)
+void Work(TModule *, EWork eWork, void *pvArg)
 {
-    switch (dwEventType) {
-    case APP_TASK_EVENT_USER: // so many events at once; none starts the regular looks
+    if (eWork == kBeat) {
+        PlanLook();
+        Look();
+    } else if (eWork == kEvent) { // so many motions at once
         for (uintptr_t n = reinterpret_cast<uintptr_t>(pvArg); n > 0; --n)
             Raise(100 - NextScore() % 20, ConfigGet().dwAlarm);
-        if (!pvArg)
-            Look(hTask);
-        TellDropped();
-        break;
-    case APP_TASK_EVENT_TIMEOUT:
-        Look(hTask);
-        TellDropped();
-        break;
-    case APP_TASK_EVENT_STOP:
-        ModuleStopped(&s_tModule);
-        break;
+    } else if (eWork == kSettings && s_dwInterval != ConfigGet().dwInterval) {
+        PlanLook();
     }
-    return 0;
+    TellDropped();
 }
 
 // Action "motion.raise": the number of events.
 uint32_t RaiseAction(uint32_t dwCount, uint32_t, uint32_t)
 {
     void *pvCount = reinterpret_cast<void *>(static_cast<uintptr_t>(dwCount));
-    return AppTaskSendEvent(s_tModule.hTask, pvCount, nullptr, nullptr);
+    return ModuleSend(&s_tModule, pvCount) ? APP_OK : APP_NO_RESOURCE;
 }
 
 } // namespace
 
 bool MotionStart()
 {
-    return ModuleStart(&s_tModule) &&
-           AppRegisterShareAction("motion.raise", RaiseAction) == APP_OK &&
-           AppTaskSendEvent(s_tModule.hTask, nullptr, nullptr, nullptr) == APP_OK;
+    return ModuleStart(&s_tModule) && AppRegisterShareAction("motion.raise", RaiseAction) == APP_OK;
 }
 
 void MotionStop()

@@ -16,19 +16,27 @@ constexpr uint32_t kSendMs = 500;
 constexpr uint32_t kStalledMs = 5000; // a receiver that takes nothing for so long is given up
 constexpr uint32_t kFirstRetryMs = 250;
 constexpr uint32_t kLastRetryMs = 15000;
+constexpr uint32_t kRoundMs = 2000;  // a receiver that takes by drops does not keep the task
+constexpr uint32_t kFinishMs = 2000; // how long the end may take
 
-uint32_t HandlePush(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"push", HandlePush, nullptr, nullptr};
+TModule s_tModule = {"push", Work};
+struct TReceiver {
+    TAppNetAddr tAddr;
+    uint16_t wPort;
+    bool bThere;
+};
+
 TMailbox s_tMailbox;
 TNotice *s_ptCurrent; // taken, but not yet sent to its end
 uint32_t s_dwSentBytes;
 HAppSocket s_hSocket;
-TAppNetAddr s_tPeer; // whom the connection leads to
-uint16_t s_wPeerPort;
+TReceiver s_tPeer;     // whom the connection leads to
+TReceiver s_tReceiver; // whom it should lead to, as of the last settings
+uint32_t s_dwIdleMs;   // likewise
 uint32_t s_dwRetryMs = kFirstRetryMs;
-HAppTimer s_hRetry;
-HAppTimer s_hIdle;
+bool s_bRetrying;      // the next beat tries again; else it ends an idle connection
 uint32_t s_dwLastTick; // of the last progress
 uint32_t s_dwToldDropped;
 std::atomic<uint32_t> s_dwSent, s_bConnected, s_bHolding;
@@ -44,12 +52,25 @@ void Disconnect(const char *szWhy)
     AppLog(g_byLog, APP_LOG_ALWAYS, "push: disconnected: %s\n", szWhy);
 }
 
-// Where to; false without a receiver.
-bool FindReceiver(TAppNetAddr *ptAddr, uint16_t *pwPort)
+uint32_t Passed(uint32_t dwTick)
+{
+    return AppConvertTickToMS(AppTickDiff(dwTick, AppGetTick()));
+}
+
+bool IsSame(const TReceiver &tOne, const TReceiver &tOther)
+{
+    return tOne.bThere == tOther.bThere && tOne.tAddr.dwIpv4 == tOther.tAddr.dwIpv4 &&
+           tOne.wPort == tOther.wPort;
+}
+
+TReceiver FindReceiver()
 {
     const TConfig tConfig = ConfigGet();
-    *pwPort = AppConvertHtons(static_cast<uint16_t>(tConfig.dwReceiverPort));
-    return AppConvertStrtoNet(tConfig.achReceiver, ptAddr) == APP_OK;
+    TReceiver tReceiver = {};
+    tReceiver.wPort = AppConvertHtons(static_cast<uint16_t>(tConfig.dwReceiverPort));
+    tReceiver.bThere = tConfig.achReceiver[0] &&
+                       AppConvertStrtoNet(tConfig.achReceiver, &tReceiver.tAddr) == APP_OK;
+    return tReceiver;
 }
 
 // The receiver may have been changed by a setting, or have hung up: whoever sends into a connection
@@ -58,23 +79,23 @@ void CheckConnection()
 {
     char achDiscard[256];
     uint32_t dwLen = sizeof(achDiscard);
-    TAppNetAddr tAddr;
-    uint16_t wPort = 0;
     if (!s_hSocket)
         return;
-    if (!FindReceiver(&tAddr, &wPort) || s_tPeer.dwIpv4 != tAddr.dwIpv4 || s_wPeerPort != wPort)
+    if (!IsSame(s_tPeer, s_tReceiver))
         Disconnect("another receiver was set");
     else if (AppSocketTCPRecv(s_hSocket, achDiscard, &dwLen, 1) == -1)
         Disconnect("the receiver has hung up");
 }
 
-bool Connect(const TAppNetAddr &tAddr, uint16_t wPort)
+bool Connect()
 {
-    s_hSocket = AppSocketTCPConnect(g_hPool, &tAddr, wPort, kConnectMs, nullptr);
+    if (!s_tReceiver.bThere)
+        return false;
+    s_hSocket =
+        AppSocketTCPConnect(g_hPool, &s_tReceiver.tAddr, s_tReceiver.wPort, kConnectMs, nullptr);
     if (!s_hSocket)
         return false;
-    s_tPeer = tAddr;
-    s_wPeerPort = wPort;
+    s_tPeer = s_tReceiver;
     s_dwLastTick = AppGetTick();
     s_bConnected = 1;
     AppLog(g_byLog, APP_LOG_ALWAYS, "push: connected\n");
@@ -92,20 +113,19 @@ bool SendCurrent()
         s_dwRetryMs = kFirstRetryMs;
     } else if (nSent == -1) {
         Disconnect("the connection broke");
-    } else if (AppConvertTickToMS(AppTickDiff(s_dwLastTick, AppGetTick())) >= kStalledMs) {
+    } else if (Passed(s_dwLastTick) >= kStalledMs) {
         Disconnect("the receiver does not read");
     }
     return nSent > 0;
 }
 
-// Sends all there is; false when something is left for later.
-bool SendAll()
+// Sends what there is, for so long; false when something is left for later.
+bool SendAll(uint32_t dwMostMs)
 {
-    TAppNetAddr tAddr;
-    uint16_t wPort = 0;
+    const uint32_t dwStart = AppGetTick();
     while (s_ptCurrent || (s_ptCurrent = static_cast<TNotice *>(MailboxTake(&s_tMailbox)))) {
         s_bHolding = 1;
-        if (!s_hSocket && (!FindReceiver(&tAddr, &wPort) || !Connect(tAddr, wPort)))
+        if (Passed(dwStart) >= dwMostMs || (!s_hSocket && !Connect()))
             return false;
         if (!SendCurrent())
             return false;
@@ -131,29 +151,44 @@ void TellDropped()
     s_dwToldDropped = dwDropped;
 }
 
-// One round; what is left waits for the retry timer, a connection without work for the idle timer.
-void Push(HAppTask hTask)
+// One round; what is left waits for the next try, a connection without work for its idle time-out.
+void Push(bool bTry)
 {
-    if (s_hRetry && !s_hSocket)
+    if (s_bRetrying && !bTry && !s_hSocket)
         return TellDropped(); // the receiver is away: not before its time
     CheckConnection();
-    if (SendAll()) {
-        if (s_hIdle)
-            AppTaskResetTimer(s_hIdle);
-        else if (s_hSocket)
-            s_hIdle = AppTaskSetTimer(hTask, ConfigGet().dwReceiverIdle, nullptr, nullptr);
-    } else if (!s_hRetry) {
-        s_hRetry = AppTaskSetTimer(hTask, s_dwRetryMs, nullptr, nullptr);
+    if (SendAll(kRoundMs)) {
+        s_bRetrying = false;
+        if (s_hSocket)
+            ModuleBeat(&s_tModule, s_dwIdleMs);
+        else
+            ModuleRest(&s_tModule);
+    } else if (bTry || !s_bRetrying) {
+        s_bRetrying = true;
+        ModuleBeat(&s_tModule, s_dwRetryMs);
         s_dwRetryMs = s_dwRetryMs * 2 < kLastRetryMs ? s_dwRetryMs * 2 : kLastRetryMs;
     }
     TellDropped();
+}
+
+void ReadSettings()
+{
+    const TReceiver tReceiver = FindReceiver();
+    const uint32_t dwIdleMs = ConfigGet().dwReceiverIdle;
+    const bool bOther = !IsSame(s_tReceiver, tReceiver), bIdle = s_dwIdleMs != dwIdleMs;
+    s_tReceiver = tReceiver;
+    s_dwIdleMs = dwIdleMs;
+    if (bOther)
+        s_dwRetryMs = kFirstRetryMs;
+    if (bOther || (bIdle && !s_bRetrying))
+        Push(true);
 }
 
 // A last try, then the receiver's loss is told.
 void Finish()
 {
     CheckConnection();
-    SendAll();
+    SendAll(kFinishMs);
     TellDropped();
     Disconnect("the camera ends");
     const uint32_t dwLeft = MailboxWaiting(&s_tMailbox) + (s_ptCurrent ? 1 : 0);
@@ -164,27 +199,29 @@ void Finish()
     s_ptCurrent = nullptr;
 }
 
-uint32_t HandlePush(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *)
+void Work(TModule *, EWork eWork, void *)
 {
-    const bool bIdle = pvArg && pvArg == s_hIdle;
-    switch (dwEventType) {
-    case APP_TASK_EVENT_USER:
-        Push(hTask);
+    switch (eWork) {
+    case kSettings:
+        ReadSettings();
         break;
-    case APP_TASK_EVENT_TIMEOUT:
-    case APP_TASK_EVENT_TIMER_CANCEL:
-        (bIdle ? s_hIdle : s_hRetry) = nullptr;
-        if (dwEventType == APP_TASK_EVENT_TIMEOUT && bIdle && !s_ptCurrent)
+    case kEvent:
+        Push(false);
+        break;
+    case kBeat:
+        if (s_bRetrying)
+            Push(true);
+        else if (!s_hSocket)
+            ReadSettings(); // the first
+        else if (MailboxWaiting(&s_tMailbox) == 0)
             Disconnect("no notice for a while");
-        else if (dwEventType == APP_TASK_EVENT_TIMEOUT)
-            Push(hTask);
         break;
-    case APP_TASK_EVENT_STOP:
+    case kStop:
         Finish();
-        ModuleStopped(&s_tModule);
+        break;
+    case kDropped:
         break;
     }
-    return 0;
 }
 
 } // namespace

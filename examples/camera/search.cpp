@@ -8,8 +8,6 @@
 #include "soap.h"
 #include "text.h"
 
-#include <stdio.h>
-
 namespace camera
 {
 
@@ -90,8 +88,8 @@ void PrintMatches(TSearch *ptSearch, const TSoapMessage &tMessage)
         char achName[100], achShown[200], achUrl[200];
         FindName(SoapText(SoapChild(ptMatch, kDiscoveryNs, "Scopes")), achName, sizeof(achName));
         const char *szUrl = SoapText(SoapChild(ptMatch, kDiscoveryNs, "XAddrs"));
-        printf("  %-24s %s\n", EscapeForLog(achName, achShown, sizeof(achShown)),
-               EscapeForLog(szUrl, achUrl, sizeof(achUrl)));
+        Print("  %-24s %s\n", EscapeForLog(achName, achShown, sizeof(achShown)),
+              EscapeForLog(szUrl, achUrl, sizeof(achUrl)));
     }
 }
 
@@ -127,9 +125,9 @@ uint32_t HandleSearch(HAppTask, uint32_t dwEventType, void *pvArg, void *)
         if (SendProbe(ptSearch))
             Collect(ptSearch);
         else
-            printf("the question could not be sent\n");
+            Print("the question could not be sent\n");
         AppSocketDestroy(ptSearch->hSocket);
-        printf("%lu found\n", static_cast<unsigned long>(ptSearch->dwFound));
+        Print("%lu found\n", static_cast<unsigned long>(ptSearch->dwFound));
     }
     if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_DROP)
         AppLockGive(ptSearch->hDone);

@@ -5,8 +5,6 @@
 #include "camera.h"
 #include "text.h"
 
-#include <stdio.h>
-
 namespace camera
 {
 
@@ -36,9 +34,9 @@ constexpr TCommand s_atCommand[] = {
     {"quit", "shell.quit", 0, false, {}, "end"},
 };
 
-uint32_t HandleShell(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
-TModule s_tModule = {"shell", HandleShell, nullptr, nullptr};
+TModule s_tModule = {"shell", Work};
 HAppLock s_hLineDone; // given when a line has been run
 bool s_bQuit;
 char s_achText[256];
@@ -70,33 +68,30 @@ int32_t RunCommand(int32_t nArgc, char **ppszArgv)
     for (uint32_t i = 0; bGood && i < ptCommand->dwNumbers; ++i)
         bGood = ParseNumber(ppszArgv[i + 1], 0, ptCommand->dwMost[i], &adwArg[i]);
     if (!bGood) {
-        printf("usage: %s %s\n", ptCommand->szName, ptCommand->szHelp);
+        Print("usage: %s %s\n", ptCommand->szName, ptCommand->szHelp);
         return 1;
     }
     JoinWords(nArgc, ppszArgv);
     const uint32_t dwRun =
         AppRunShareAction(ptCommand->szAction, adwArg[0], adwArg[1], 0, &dwResult);
     if (dwRun != APP_OK || dwResult != APP_OK)
-        printf("%s: failed, code %lu\n", ptCommand->szName,
-               static_cast<unsigned long>(dwRun != APP_OK ? dwRun : dwResult));
+        Print("%s: failed, code %lu\n", ptCommand->szName,
+              static_cast<unsigned long>(dwRun != APP_OK ? dwRun : dwResult));
     return dwRun == APP_OK && dwResult == APP_OK ? 0 : 1;
 }
 
-uint32_t HandleShell(HAppTask, uint32_t dwEventType, void *pvArg, void *)
+void Work(TModule *, EWork eWork, void *pvArg)
 {
-    if (dwEventType == APP_TASK_EVENT_USER) {
+    if (eWork == kEvent) {
         const auto szLine = static_cast<const char *>(pvArg);
         const uint32_t dwResult = AppHostRunCommand(szLine, nullptr);
         if (dwResult == APP_NOT_FOUND)
-            printf("no such command; try help\n");
+            Print("no such command; try help\n");
         else if (dwResult != APP_OK && *szLine)
-            printf("this line cannot be run\n");
+            Print("this line cannot be run\n");
     }
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_DROP)
+    if (eWork == kEvent || eWork == kDropped)
         AppLockGive(s_hLineDone);
-    else if (dwEventType == APP_TASK_EVENT_STOP)
-        ModuleStopped(&s_tModule);
-    return 0;
 }
 
 // ---- The shell's own actions --------------------------------------------------------------------
@@ -104,14 +99,14 @@ uint32_t HandleShell(HAppTask, uint32_t dwEventType, void *pvArg, void *)
 uint32_t HelpAction(uint32_t, uint32_t, uint32_t)
 {
     AppHostWalkCommands([](const char *szName, const char *szHelp,
-                           void *) { printf("  %-10s %s\n", szName, szHelp); },
+                           void *) { Print("  %-10s %s\n", szName, szHelp); },
                         nullptr);
     return APP_OK;
 }
 
 uint32_t ActionsAction(uint32_t, uint32_t, uint32_t)
 {
-    AppShareActionShow([](const char *szText, void *) { fputs(szText, stdout); }, nullptr);
+    AppShareActionShow([](const char *szText, void *) { PrintText(szText); }, nullptr);
     return APP_OK;
 }
 
@@ -137,9 +132,11 @@ const char *ShellText()
 bool ShellRun(const char *szLine)
 {
     // The line lives until it has been run; the lock also hands the task's memory over to us.
-    if (AppTaskSendEvent(s_tModule.hTask, const_cast<char *>(szLine), nullptr, nullptr) == APP_OK)
+    if (ModuleSend(&s_tModule, const_cast<char *>(szLine)))
         AppLockTakeByTime(s_hLineDone, 0);
-    fflush(stdout);
+    else
+        Print("this line cannot be run now
+");
     return !s_bQuit;
 }
 
