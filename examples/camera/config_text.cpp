@@ -4,6 +4,8 @@
 #include "config.h"
 #include "text.h"
 
+#include <string.h>
+
 namespace camera
 {
 
@@ -45,6 +47,14 @@ constexpr TSetting s_atSetting[] = {
     NUMBER("discovery/remote", bRemote, kNone, 0, 1, "0"),
 };
 constexpr uint32_t kSettingCount = sizeof(s_atSetting) / sizeof(s_atSetting[0]);
+
+// The library logs what is no address as it is: what cannot be one does not come so far.
+bool IsIpv4(const char *szText)
+{
+    TAppNetAddr tAddr;
+    return strspn(szText, "0123456789.") == AppStrlen(szText) &&
+           AppConvertStrtoNet(szText, &tAddr) == APP_OK && tAddr.dwType == APP_NET_ADDR_IPV4;
+}
 
 bool IsField(const TSetting *ptSetting, size_t dwOffset)
 {
@@ -286,12 +296,10 @@ bool SettingTake(TConfig *ptConfig, const TSetting *ptSetting, const char *szVal
     if (!ptSetting->bText)
         return ParseNumber(szValue, ptSetting->dwMin, ptSetting->dwMax,
                            static_cast<uint32_t *>(pvField));
-    TAppNetAddr tAddr;
     const uint32_t dwLen = AppStrlen(szValue);
     if (dwLen < ptSetting->dwMin || dwLen >= ptSetting->dwMax || !IsPlainText(szValue))
         return false;
-    if (IsField(ptSetting, offsetof(TConfig, achReceiver)) && dwLen > 0 &&
-        (AppConvertStrtoNet(szValue, &tAddr) != APP_OK || tAddr.dwType != APP_NET_ADDR_IPV4))
+    if (IsField(ptSetting, offsetof(TConfig, achReceiver)) && dwLen > 0 && !IsIpv4(szValue))
         return false;
     if (IsField(ptSetting, offsetof(TConfig, achUuid)) && dwLen > 0 && !IsUuid(szValue))
         return false;
