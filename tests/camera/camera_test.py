@@ -37,6 +37,7 @@ CONFIG = """<?xml version="1.0"?>
   <motion><interval>3600000</interval><threshold>100</threshold><alarm>{alarm}</alarm></motion>
   <receiver><address>{receiver}</address><port>{port}</port><queue>{queue}</queue></receiver>
   <idle><receiver>60000</receiver><task>60000</task></idle><report>60000</report>
+  <discovery><answers>1000</answers><source>1000</source><remote>0</remote></discovery>
 </camera>
 """
 DEFAULTS = dict(name="Front door", service=8000, alarm=90, receiver="", port=9100, queue=8)
@@ -130,35 +131,64 @@ class Camera:
 def case_config():
     for text, line in [
             ("<camera><name>x</camera>", "not well-formed"), ("", "not well-formed"),
+            ("<camera>\n<name>\1</name></camera>", r"line 2: no character of XML {\x01}"),
             ("<cam/>", "no element <camera>"),
-            ("<camera><uuid>5f5a</uuid></camera>", r"<uuid> is wrong {5f5a}")]:
+            ("<camera><uuid>5f5a</uuid></camera>", r"line 1: <uuid> is wrong {5f5a}")]:
         output = Camera(text).end(result=1)
         expect(line in output and "could not start" in output, f"{text}: {output}")
 
-    camera = Camera(f"<camera><name/><hardware>{chr(233) * 32}</hardware><motion><threshold>12x"
-                    "</threshold></motion><receiver><address>10.0.0</address><port>70000</port>"
-                    "</receiver></camera>")
+    camera = Camera(f"<?xml version='1.0'?>\n<!-- <name> --><camera a='>'><![CDATA[\n<name>]]>\n<name>"
+                    f"a&#10;b</name><hardware>{chr(233) * 32}</hardware><motion>\n<threshold>12x"
+                    "</threshold></motion><receiver><address>10.0.0</address>\n<port>70000</port>"
+                    "<queue>456</queue></receiver><log><file/><alarmfile>./camera.log1</alarmfile>"
+                    "</log></camera>")
     camera.wait_for("camera.xml written")  # with the identity that it gave itself
-    camera.say('set name "<C> & D"', "written")
-    camera.say("set motion/threshold 77", "written")
-    output = camera.end()
-    for line in ["<service> is missing {no such element}, assumed {80}",
-                 "<name> is wrong {}, assumed {camera}", "<hardware> is wrong {" + "\\xc3\\xa9" * 11,
-                 "<motion/threshold> is wrong {12x}, assumed {60}",
-                 "<receiver/address> is wrong {10.0.0}, assumed {}",
-                 "<receiver/port> is wrong {70000}, assumed {9100}"]:
+    os.chmod(camera.file, 0o640)
+    os.symlink("victim", camera.file + ".new")
+    for line, answer in [
+            ('set name "<C> & D"', "written"), ("set motion/threshold 77", "written"),
+            ("set service 81", "written"), ("set log/file other.log", "written"),
+            ("set log/alarmfile ./other.log1", "{other.log1} and {./other.log1} are one file"),
+            ("set log/file ./camera.xml.new", "are one file"), ("set name a\u2028b", "not a value"),
+            ("set receiver/queue 9", "receiver/queue acts at the next start")]:
+        camera.say(line, answer)
+    wait_until(lambda: ET.parse(camera.file).findtext("receiver/queue") == "9", "saved", camera)
+    expect(os.stat(camera.file).st_mode & 0o777 == 0o640 and sorted(os.listdir(camera.folder.name))
+           == ["alarm.log", "camera.log", "camera.xml", "other.log"], "files", camera)
+    with open(os.path.join(camera.folder.name, "other.log"), encoding="utf-8") as log:
+        expect("written" in log.read(), "the new log file", camera)
+    os.remove(camera.file)
+    os.mkdir(camera.file)
+    camera.say("set discovery/source 1", "written: rename: ")
+    expect(not os.path.exists(camera.file + ".new"), "the temporary file is left", camera)
+    os.rmdir(camera.file)
+    output = camera.end()  # and now it is saved
+    for line in ["config: <service> is missing {no such element}, assumed {80}",
+                 r"line 4: <name> is wrong {a\x0ab}, assumed {camera}",
+                 "line 4: <hardware> is wrong {" + "\\xc3\\xa9" * 11,
+                 "line 5: <motion/threshold> is wrong {12x}, assumed {60}",
+                 "line 5: <receiver/address> is wrong {10.0.0}, assumed {}",
+                 "line 6: <receiver/port> is wrong {70000}, assumed {9100}",
+                 "line 6: <receiver/queue> is wrong {456}, assumed {32}",
+                 "line 6: <log/file> is wrong {}, assumed {camera.log}",
+                 "{./camera.log1} are one file, assumed {camera.log} and {alarm.log}"]:
         expect(line in output, line, camera)
     tree = ET.parse(camera.file)
-    found = [tree.findtext(path) for path in ("name", "motion/threshold", "metadata")]
-    expect(found == ['"<C> & D"', "77", "2"], str(found), camera)
+    found = [tree.findtext(path) for path in ("name", "motion/threshold", "metadata",
+                                              "discovery/source")]
+    expect(found == ['"<C> & D"', "77", "3", "1"], str(found), camera)
     uuid.UUID(tree.findtext("uuid"))
 
-    camera.start()  # complete now: nothing to complain about
+    camera.start("./" * 150 + "camera.xml")  # complete now: nothing to complain about
     camera.wait_for("started")
-    expect("config:" not in camera.end(), "a complaint about its own file", camera)
-    expect(ET.parse(camera.file).findtext("uuid") == tree.findtext("uuid"), "identity changed")
-    camera.start("absent.xml")
-    expect("absent.xml cannot be opened" in camera.end(result=1), "absent file", camera)
+    expect("config:" not in camera.output, "a complaint about its own file", camera)
+    camera.say("set hardware X", "written")
+    camera.end()
+    expect(ET.parse(camera.file).findtext("hardware") == "X" and
+           ET.parse(camera.file).findtext("uuid") == tree.findtext("uuid"), "its file", camera)
+    for file, line in ("absent.xml", "absent.xml cannot be opened"), ("./" * 600, "too long"):
+        camera.start(file)
+        expect(line in camera.end(result=1), line, camera)
 
 
 # ---- shell --------------------------------------------------------------------------------------
