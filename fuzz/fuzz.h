@@ -133,6 +133,7 @@ private:
 // The console of a target: refused inputs are the rule, so it keeps the last line only.
 inline std::string g_line;
 inline unsigned g_nLines = 0;
+inline void (*g_pfnLine)(const std::string &line) = nullptr; // for a target that judges each
 
 extern "C" int32_t QorPrintf(int32_t, int32_t, const char *szFormat, ...)
 {
@@ -141,6 +142,8 @@ extern "C" int32_t QorPrintf(int32_t, int32_t, const char *szFormat, ...)
     g_line = va_arg(args, const char *); // the format is "%s"
     va_end(args);
     ++g_nLines;
+    if (g_pfnLine)
+        g_pfnLine(g_line);
     return 0;
 }
 

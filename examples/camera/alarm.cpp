@@ -2,6 +2,7 @@
 //
 // Turns motion events into notices: an XML line each, written to the alarm log and handed to push.
 #include "camera.h"
+#include "text.h"
 
 namespace camera
 {
@@ -22,9 +23,10 @@ std::atomic<uint32_t> s_dwWritten;
 bool BuildNotice(mxml_node_t *ptNotice, const TMotion *ptMotion)
 {
     const TConfig tConfig = ConfigGet();
-    char achTime[32];
-    uint32_t dwResult = AppConvertU322XsdDatetime(ptMotion->dwTime, 1, &ptMotion->dwMs, nullptr,
-                                                  achTime, sizeof(achTime));
+    char achTime[kTimeSize];
+    uint32_t dwResult = APP_OK;
+    if (!WriteTime(ptMotion->qwTime, ptMotion->dwMs, achTime, sizeof(achTime)))
+        return false;
     mxmlElementSetAttr(ptNotice, "camera", tConfig.achUuid);
     dwResult |= AppXmlSetAttr_u32(ptNotice, "number", ptMotion->dwNumber);
     dwResult |= AppXmlAddSonNode_Str(ptNotice, "name", tConfig.achName, nullptr);

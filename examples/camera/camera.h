@@ -22,7 +22,8 @@ namespace camera
 
 // ---- Set by main() before the first task runs ---------------------------------------------------
 
-extern HAppMemPool g_hPool;    // every allocation of the camera; its limit is the camera's
+constexpr uint32_t kPoolLimit = 1024 * 1024;
+extern HAppMemPool g_hPool;    // every allocation of the camera; kPoolLimit is its limit
 extern HAppTaskMgr g_hTaskMgr; // owns every task
 extern uint8_t g_byLog;        // log channel of all modules, with a file
 extern uint8_t g_byAlarmLog;   // log channel of the alarm notices, with a file of its own
@@ -154,7 +155,7 @@ bool SearchStart();
 struct TMotion {
     uint32_t dwNumber;
     uint32_t dwScore; // 0 to 100
-    uint32_t dwTime;  // seconds since 1970
+    uint64_t qwTime;  // seconds since 1970
     uint32_t dwMs;
     int32_t nPriority;
 };
@@ -175,6 +176,13 @@ struct TNotice {
     uint32_t dwLength;
     char achText[700];
 };
+
+// How many notices may wait: half of the pool is left for everything else.  The pool holds a notice
+// in a block of a power of two, its own headers included, and the queue a node for it in another.
+constexpr uint32_t kNoticeBlock = 1024, kNodeBlock = 128;
+static_assert(sizeof(TNotice) + 64 <= kNoticeBlock && sizeof(TNotice) + 64 > kNoticeBlock / 2,
+              "the notice's block");
+constexpr uint32_t kMostNotices = kPoolLimit / 2 / (kNoticeBlock + kNodeBlock);
 
 bool PushNotice(TNotice *ptNotice, int32_t nPriority); // as AlarmRaise()
 bool PushStart();

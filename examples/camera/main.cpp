@@ -20,7 +20,6 @@ uint8_t g_byLog, g_byAlarmLog, g_byNetLog;
 namespace
 {
 
-constexpr uint32_t kPoolLimit = 1024 * 1024;
 constexpr uint32_t kMaxTasks = 16;
 
 // Stopped in the reverse order of their start: whoever sends is stopped before whom it sends to.

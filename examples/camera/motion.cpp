@@ -36,7 +36,7 @@ void Raise(uint32_t dwScore, uint32_t dwAlarm)
     const uint32_t dwStart = AppGetTick();
     auto ptMotion = static_cast<TMotion *>(AppMemPoolMalloc(g_hPool, sizeof(TMotion)));
     if (ptMotion)
-        *ptMotion = {s_dwRaised + 1, dwScore, static_cast<uint32_t>(tNow.tv_sec),
+        *ptMotion = {s_dwRaised + 1, dwScore, static_cast<uint64_t>(tNow.tv_sec),
                      static_cast<uint32_t>(tNow.tv_nsec / 1000000),
                      dwScore >= dwAlarm ? kAlarm : kRoutine};
     s_dwRaised++;

@@ -4,6 +4,7 @@
 #include <appcore/appcore.h>
 
 #include <sys/random.h>
+#include <time.h>
 
 namespace camera
 {
@@ -135,6 +136,55 @@ bool HasControlChars(const char *szText)
         if (static_cast<uint8_t>(*szText) < ' ' && !IsBlank(*szText))
             return true;
     return false;
+}
+
+uint32_t ReadChar(const char *szText, uint32_t dwLeft, uint32_t *pdwCode)
+{
+    static constexpr uint32_t adwLeast[] = {0, 0, 0x80, 0x800, 0x10000}; // by length
+    const auto pby = reinterpret_cast<const uint8_t *>(szText);
+    const uint32_t dwLength = pby[0] < 0x80 ? 1 : pby[0] < 0xE0 ? 2 : pby[0] < 0xF0 ? 3 : 4;
+    if (dwLength > dwLeft || (pby[0] >= 0x80 && pby[0] < 0xC2) || pby[0] > 0xF4)
+        return 0;
+    *pdwCode = dwLength == 1 ? pby[0] : pby[0] & (0x7Fu >> dwLength);
+    for (uint32_t i = 1; i < dwLength; ++i) {
+        if ((pby[i] & 0xC0) != 0x80)
+            return 0;
+        *pdwCode = *pdwCode << 6 | (pby[i] & 0x3F);
+    }
+    const bool bHalf = *pdwCode >= 0xD800 && *pdwCode <= 0xDFFF; // of a pair in UTF-16
+    return *pdwCode >= adwLeast[dwLength] && *pdwCode <= 0x10FFFF && !bHalf ? dwLength : 0;
+}
+
+static bool IsPlainChar(uint32_t dwCode)
+{
+    const bool bEndsLine = dwCode == 0x2028 || dwCode == 0x2029;
+    return dwCode >= ' ' && (dwCode < 0x7F || dwCode > 0x9F) && !bEndsLine && dwCode != 0xFFFE &&
+           dwCode != 0xFFFF; // the last two are in no document
+}
+
+bool IsPlainText(const char *szText)
+{
+    uint32_t dwLeft = AppStrlen(szText), dwCode = 0;
+    while (dwLeft > 0) {
+        const uint32_t dwLength = ReadChar(szText, dwLeft, &dwCode);
+        if (dwLength == 0 || !IsPlainChar(dwCode))
+            return false;
+        szText += dwLength;
+        dwLeft -= dwLength;
+    }
+    return true;
+}
+
+bool WriteTime(uint64_t qwTime, uint32_t dwMs, char *szDst, uint32_t dwSize)
+{
+    static_assert(sizeof(time_t) == 8, "a 32-bit machine needs _TIME_BITS=64 for times after 2038");
+    constexpr uint64_t qwYear10000 = 253402300800;
+    tm tTime;
+    const auto nTime = static_cast<time_t>(qwTime);
+    return qwTime < qwYear10000 && gmtime_r(&nTime, &tTime) &&
+           AppSnprintf(szDst, dwSize, "%04d-%02d-%02dT%02d:%02d:%02d.%03luZ", tTime.tm_year + 1900,
+                       tTime.tm_mon + 1, tTime.tm_mday, tTime.tm_hour, tTime.tm_min, tTime.tm_sec,
+                       static_cast<unsigned long>(dwMs)) > 0;
 }
 
 } // namespace camera
