@@ -34,9 +34,9 @@ constexpr TCommand s_atCommand[] = {
     {"quit", "shell.quit", 0, false, {}, "end"},
 };
 
-uint32_t HandleShell(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
+void WorkShell(EWork eWork, void *pvArg);
 
-TModule s_tModule = {"shell", HandleShell, nullptr, nullptr};
+TModule s_tModule = {"shell", WorkShell, {}, {}, {}, {}, {}, {}, {}};
 HAppLock s_hLineDone; // given when a line has been run
 bool s_bQuit;
 char s_achText[256];
@@ -80,9 +80,9 @@ int32_t RunCommand(int32_t nArgc, char **ppszArgv)
     return dwRun == APP_OK && dwResult == APP_OK ? 0 : 1;
 }
 
-uint32_t HandleShell(HAppTask, uint32_t dwEventType, void *pvArg, void *)
+void WorkShell(EWork eWork, void *pvArg)
 {
-    if (dwEventType == APP_TASK_EVENT_USER) {
+    if (eWork == kEvent) {
         const auto szLine = static_cast<const char *>(pvArg);
         const uint32_t dwResult = AppHostRunCommand(szLine, nullptr);
         if (dwResult == APP_NOT_FOUND)
@@ -90,11 +90,8 @@ uint32_t HandleShell(HAppTask, uint32_t dwEventType, void *pvArg, void *)
         else if (dwResult != APP_OK && *szLine)
             Print("this line cannot be run\n");
     }
-    if (dwEventType == APP_TASK_EVENT_USER || dwEventType == APP_TASK_EVENT_DROP)
+    if (eWork == kEvent || eWork == kDropped)
         AppLockGive(s_hLineDone);
-    else if (dwEventType == APP_TASK_EVENT_STOP)
-        ModuleStopped(&s_tModule);
-    return 0;
 }
 
 // ---- The shell's own actions --------------------------------------------------------------------
@@ -135,13 +132,14 @@ const char *ShellText()
 bool ShellRun(const char *szLine)
 {
     // The line lives until it has been run; the lock also hands the task's memory over to us.
-    if (AppTaskSendEvent(s_tModule.hTask, const_cast<char *>(szLine), nullptr, nullptr) == APP_OK)
+    if (ModuleSend(&s_tModule, const_cast<char *>(szLine)))
         AppLockTakeByTime(s_hLineDone, 0);
     return !s_bQuit;
 }
 
 bool ShellStart()
 {
+    s_bQuit = false;
     for (const TCommand &command : s_atCommand)
         AppRegCommand(command.szName, RunCommand, command.szHelp);
     return AppRegisterShareAction("shell.help", HelpAction) == APP_OK &&
