@@ -260,8 +260,7 @@ std::string Encode(uint32_t dwChar)
     return {char(0xF0 | dwChar >> 18), Tail(12), Tail(6), Tail(0)};
 }
 
-// What the text begins with that is characters: those whose bytes are their code in UTF-8.  Where a
-// lead byte alone does not tell, halves of pairs and what lies behind the last plane pass.
+// What the text begins with that is characters: those whose bytes are their code in UTF-8.
 size_t CountCharacters(const std::string &text)
 {
     for (size_t nAt = 0; nAt < text.size();) {
@@ -271,7 +270,8 @@ size_t CountCharacters(const std::string &text)
         for (size_t i = 1; i < nLength && nAt + i < text.size(); ++i)
             dwChar = dwChar << 6 | (static_cast<uint8_t>(text[nAt + i]) & 0x3F);
         const bool bControl = dwChar < ' ' && !strchr("\t\n\r", static_cast<int>(dwChar));
-        if (dwChar == 0 || bControl || byLead > 0xF4 ||
+        const bool bHalf = dwChar >= 0xD800 && dwChar <= 0xDFFF; // of a pair
+        if (dwChar == 0 || bControl || bHalf || byLead > 0xF4 || dwChar > 0x10FFFF ||
             text.compare(nAt, nLength, Encode(dwChar)) != 0)
             return nAt;
         nAt += nLength;
@@ -326,6 +326,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
     Require(!mxmlGetParent(ptTree));
     CheckTree(ptTree);
     const std::string saved = Saved(ptTree);
+    Require(CountCharacters(saved) == saved.size()); // what entities stand for too
     mxmlDelete(ptTree);
     ptTree = mxmlLoadString(nullptr, text.c_str(), AppXmlMxmlParseCB);
     Require(Saved(ptTree) == saved);

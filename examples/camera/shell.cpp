@@ -142,6 +142,7 @@ bool ShellRun(const char *szLine)
 
 bool ShellStart()
 {
+    s_bQuit = false;
     for (const TCommand &command : s_atCommand)
         AppRegCommand(command.szName, RunCommand, command.szHelp);
     return AppRegisterShareAction("shell.help", HelpAction) == APP_OK &&

@@ -13,7 +13,9 @@
  * expired.  With a time-out only the wait blocks, never the transfer; a socket that is ready and
  * yet would block is tried again with pauses of up to 10 ms.  A send may take fewer bytes than
  * given: the rest is the caller's to send.  A peer that is gone makes a send fail with -1; no
- * SIGPIPE is raised.  Descriptors are close-on-exec.
+ * SIGPIPE is raised.  After a -1 errno tells the cause: 0 for a datagram without bytes, sent or
+ * received, and for a peer that has closed the connection, else the system's error; a refused
+ * argument leaves errno alone.  Descriptors are close-on-exec.
  *
  * Failures of the system are logged with their cause; wrong arguments are refused silently, except
  * for a wrong address family.  One socket may be used by several threads at once, as the system
@@ -76,7 +78,7 @@ APP_API uint32_t AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAdd
  * @param pwLocalPort  receives the port of the last bind
  * @param ptRemoteAddr receives the sender's address
  * @param pwRemotePort receives the sender's port
- * @return bytes, -1 (also for an empty datagram) or -2
+ * @return bytes, -1 (also for an empty datagram, with errno 0) or -2
  */
 APP_API int32_t AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen,
                                  uint32_t dwTimeout, TAppNetAddr *ptLocalAddr,
@@ -134,7 +136,7 @@ APP_API int32_t AppSocketTCPSend(HAppSocket hSocket, const void *pvBuf, uint32_t
 /** Receives on a connected socket.
  *  @param hSocket a TCP socket  @param pvBuf receives the data
  *  @param pdwLen in: room; out: bytes received  @param dwTimeout time-out
- *  @return bytes; -1, also when the peer has closed the connection; -2 */
+ *  @return bytes; -1, also when the peer has closed the connection, with errno 0; -2 */
 APP_API int32_t AppSocketTCPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen,
                                  uint32_t dwTimeout);
 

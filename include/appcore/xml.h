@@ -57,7 +57,8 @@ extern "C" {
  * An XML declaration `<?xml …?>` or a `<!DOCTYPE …>` there is the root, and the element is below
  * it; without one, no second root and no comment may stand beside the root.  Text behind the root
  * is dropped.  Refused as well, though Mini-XML lets them pass, are texts that end before their
- * root's end tag does, and texts that hold anywhere what is not UTF-8, a zero byte or another
+ * root's end tag does, and texts that hold anywhere, a character entity included, what is not a
+ * character of UTF-8 (half of a surrogate pair, a code above 10FFFF), a zero byte or another
  * control character.
  *
  * Mini-XML tells what is wrong with a text to the thread's error callback, or else prints it to

@@ -2,6 +2,7 @@
 #ifndef APPCORE_CROSS_LINUX_ERROR_TEXT_H
 #define APPCORE_CROSS_LINUX_ERROR_TEXT_H
 
+#include <errno.h>
 #include <string.h>
 
 #include "appcore/foundation.h"
@@ -38,11 +39,13 @@ private:
 } // namespace app
 
 // Logs a system call's failure: the format and its arguments, of which the last two, the error's
-// number and text ("%d %s"), are added here.  `nError` is read first, so errno will do.
+// number and text ("%d %s"), are added here.  `nError` is read first, so errno will do; and errno
+// tells it afterwards too, whatever the console has left there.
 #define APP_LOG_ERRNO(nError, ...)                                                                 \
     do {                                                                                           \
         const app::ErrorText errorText(nError);                                                    \
         AppLog(0, APP_LOG_ERROR, __VA_ARGS__, errorText.Number(), errorText.Text());               \
+        errno = errorText.Number();                                                                \
     } while (0)
 
 #endif

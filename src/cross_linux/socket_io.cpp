@@ -72,7 +72,9 @@ int32_t FinishSend(const TOutcome &outcome, const char *szOp)
         return outcome.nResult;
     if (outcome.nCount > 0)
         return static_cast<int32_t>(outcome.nCount);
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: sendto failed %d\n", szOp, errno);
+    const int nError = errno;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: sendto failed %d\n", szOp, nError);
+    errno = nError; // as APP_LOG_ERRNO() leaves it
     return kFailed;
 }
 

@@ -11,6 +11,7 @@
 //   the zero byte that ends the text.  Every other byte that it cannot read ends the text for it,
 //   and what it has got by then passes for a whole one.  So each character is looked at first, and
 //   the copy that is loaded ends with four zero bytes.
+// - A character entity may stand for what is no character: the tree is looked at once more.
 // - A text that breaks off in the name of a tag passes for a whole one as well.  So an instruction
 //   of ours stands behind the text, and must have been read as one: unlike an element it has no end
 //   tag in which the rest of a text can hide.
@@ -37,8 +38,9 @@ static uint32_t CharLength(const uint8_t *pby, uint32_t dwLeft)
     const uint32_t dwLength = pby[0] >= 0xF0 ? 4 : pby[0] >= 0xE0 ? 3 : 2;
     if (pby[0] < 0xC2 || pby[0] > 0xF4 || dwLength > dwLeft)
         return 0;
-    // Not in more bytes than it needs.
-    if ((pby[0] == 0xE0 && pby[1] < 0xA0) || (pby[0] == 0xF0 && pby[1] < 0x90))
+    // Not in more bytes than it needs, no half of a pair, not behind the last plane.
+    if ((pby[0] == 0xE0 && pby[1] < 0xA0) || (pby[0] == 0xED && pby[1] > 0x9F) ||
+        (pby[0] == 0xF0 && pby[1] < 0x90) || (pby[0] == 0xF4 && pby[1] > 0x8F))
         return 0;
     for (uint32_t i = 1; i < dwLength; ++i)
         if ((pby[i] & 0xC0) != 0x80)
@@ -78,6 +80,28 @@ static bool IsWhole(mxml_node_t *ptTop)
     for (mxml_node_t *pt = ptTop; pt; pt = mxmlWalkNext(pt, ptTop, MXML_DESCEND))
         if (!(mxmlGetType(pt) == MXML_ELEMENT ? mxmlGetElement(pt) : mxmlGetOpaque(pt)))
             return false;
+    return true;
+}
+
+static bool IsReadable(const char *szText)
+{
+    const uint32_t dwLength = AppStrlen(szText);
+    return CountReadable(szText, dwLength) == dwLength;
+}
+
+// Entities too stood for characters only.
+static bool AreCharacters(mxml_node_t *ptHolder)
+{
+    for (mxml_node_t *pt = ptHolder; (pt = mxmlWalkNext(pt, ptHolder, MXML_DESCEND));) {
+        const char *szName = mxmlGetElement(pt);
+        if (!IsReadable(szName ? szName : mxmlGetOpaque(pt)))
+            return false;
+        for (int i = 0; i < mxmlElementGetAttrCount(pt); ++i) {
+            const char *szAttr = nullptr, *szValue = mxmlElementGetAttrByIndex(pt, i, &szAttr);
+            if (!IsReadable(szAttr) || !IsReadable(szValue))
+                return false;
+        }
+    }
     return true;
 }
 
@@ -127,7 +151,7 @@ static uint32_t LoadBelow(mxml_node_t *ptHolder, char *szText, mxml_node_t **ppt
         return errno == ENOMEM ? APP_NO_RESOURCE : APP_BAD_VALUE; // a hint
     if (!IsWhole(ptHolder))
         return APP_NO_RESOURCE;
-    *pptTree = TakeEnd(ptHolder) ? TakeRoot(ptHolder) : nullptr;
+    *pptTree = TakeEnd(ptHolder) && AreCharacters(ptHolder) ? TakeRoot(ptHolder) : nullptr;
     return *pptTree ? APP_OK : APP_BAD_VALUE;
 }
 

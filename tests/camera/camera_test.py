@@ -6,6 +6,7 @@ camera_test.py CASE COMMAND...   runs one case, in a network namespace of its ow
 allowed.  Exit status 77: the case could not be run here.
 """
 import contextlib
+import fcntl
 import os
 import re
 import select
@@ -15,6 +16,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import time
 import uuid
@@ -80,11 +82,13 @@ class Camera:
             self.command + [file], cwd=self.folder.name, stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.running.append(self.process)
+        self.reads = threading.Event()
+        self.reads.set()
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
 
     def _read(self):
-        while chunk := self.process.stdout.read1(65536):
+        while self.reads.wait() and (chunk := self.process.stdout.read1(65536)):
             self.output += chunk.decode(errors="backslashreplace")
 
     def wait_for(self, pattern, start=0):
@@ -204,7 +208,7 @@ def case_shell():
             ("set nothing 1", "no setting nothing"), ("set uuid x", "uuid is fixed"),
             ("set motion/alarm 101", "not a value"), ("set name", "not a value"),
             ("set hardware DC 200", "written"), ("nonsense", "no such command"),
-            ("", "camera> "), ("x" * 300, "cannot be run"), ("y" * 2000, "line is too long"),
+            ("", "camera> "), ("x" * 300, "cannot be run"), ("no\0nsense", "cannot be run"), ("y" * 2000, "line is too long"),
             ("discover", r"(?s)Front door +http://10.99.0.1:8000/.*1 found" if in_namespace()
              else r"\d+ found"), ("discover", "Reuse Task")]:
         camera.say(line, answer)
@@ -216,6 +220,47 @@ def case_shell():
         expect("Bye on " + ADDRESS in output or not in_namespace(), "no Bye", camera)
         camera.start()
     camera.end()
+
+
+# ---- console ------------------------------------------------------------------------------------
+
+def case_console():
+    def help_unread(camera):
+        """Asks for more than the pipes hold, and does not read it."""
+        camera.reads.clear()
+        camera.process.stdin.write(b"help\n" * 1000)
+        camera.process.stdin.flush()
+        wait_until(lambda: not any(fcntl.ioctl(camera.process.stdin, termios.FIONREAD, bytes(4))),
+                   "the commands are taken", camera)
+
+    def help_until_told():
+        camera.process.stdin.write(b"help\n")
+        camera.process.stdin.flush()
+        return "lines lost\n" in camera.output
+
+    need(in_namespace(), "network namespaces are refused")
+    camera = Camera()
+    camera.wait_for("Hello on")
+    for _ in range(10):  # an error of the library each
+        udp_socket(600).sendto(b"", (ADDRESS, 3702))
+    camera.awaits("console repeated", 9)
+    start = len(camera.output)
+    camera.say("help", "quit +end\ncamera> ")
+    whole = set(re.split("\n|camera> ", camera.output[start:]))
+    start = len(camera.output)
+    help_unread(camera)
+    camera.reads.set()
+    wait_until(help_until_told, "the loss is told", camera)
+    found = set(re.split("\n|camera> ", re.sub(r"console: \d+ lines lost", "", camera.output[start:])))
+    expect(found <= whole, str(found - whole), camera)
+    expect(camera.status()["console lost"] > 0, "nothing is counted", camera)
+    expect(re.findall(r"\[ERROR\].*?(\(.*)?\n", camera.end()) == ["", "(9 times more)"], "end", camera)
+
+    camera = Camera()  # one that nobody reads again
+    camera.wait_for("started")
+    help_unread(camera)
+    camera.process.send_signal(signal.SIGTERM)
+    expect(camera.process.wait(PATIENCE) == 0, "the end", camera)
 
 
 # ---- probes -------------------------------------------------------------------------------------

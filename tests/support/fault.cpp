@@ -20,6 +20,7 @@
 #include <string_view>
 #include <tuple>
 
+#include "appcore/task.h"
 #include "cross_linux/cross_linux.h"
 
 namespace fault
