@@ -106,7 +106,7 @@ TEST(CameraBudget, HoldsForEachAddressAndForAll)
         const uint32_t dwSources = i < kTicks / 2 ? 5 : 199; // five cannot use up what there is
         for (uint32_t n = random() % 20; n > 0; --n) {
             const uint32_t dwSource = random() % dwSources;
-            const bool bTaken = BudgetTake(&tBudget, dwSource, dwTick, kEach, kAll);
+            const bool bTaken = BudgetTake(&tBudget, dwSource, dwTick, 1, kEach, kAll);
             adwTaken[dwSource] += bTaken;
             dwAll += bTaken;
         }
@@ -114,7 +114,7 @@ TEST(CameraBudget, HoldsForEachAddressAndForAll)
         for (uint32_t dwSource = 0; i == kTicks / 2 - 1 && dwSource < 5; ++dwSource)
             EXPECT_NEAR(adwTaken[dwSource], kEach * (2 + i / kTicksPerSecond), 5);
         if (i < kTicks / 2 && i % kTicksPerSecond == 0) {
-            EXPECT_TRUE(BudgetTake(&tBudget, 199, dwTick, kEach, kAll));
+            EXPECT_TRUE(BudgetTake(&tBudget, 199, dwTick, 1, kEach, kAll));
             ++dwQuiet;
         }
     }

@@ -36,8 +36,8 @@ static TBucket *FindSource(TBudget *ptBudget, uint32_t dwIpv4, uint32_t dwTick, 
     return &ptOldest->tBucket;
 }
 
-bool BudgetTake(TBudget *ptBudget, uint32_t dwIpv4, uint32_t dwTick, uint32_t dwEach,
-                uint32_t dwAll)
+bool BudgetTake(TBudget *ptBudget, uint32_t dwIpv4, uint32_t dwTick, uint32_t dwCount,
+                uint32_t dwEach, uint32_t dwAll)
 {
     if (!ptBudget->bStarted)
         ptBudget->tAll = {dwTick, kFullMs * dwAll};
@@ -45,10 +45,11 @@ bool BudgetTake(TBudget *ptBudget, uint32_t dwIpv4, uint32_t dwTick, uint32_t dw
     TBucket *ptSource = FindSource(ptBudget, dwIpv4, dwTick, dwEach);
     Fill(ptSource, dwTick, dwEach);
     Fill(&ptBudget->tAll, dwTick, dwAll);
-    if (ptSource->dwThousandths < kOne || ptBudget->tAll.dwThousandths < kOne)
+    const uint32_t dwTaken = dwCount * kOne;
+    if (ptSource->dwThousandths < dwTaken || ptBudget->tAll.dwThousandths < dwTaken)
         return false;
-    ptSource->dwThousandths -= kOne;
-    ptBudget->tAll.dwThousandths -= kOne;
+    ptSource->dwThousandths -= dwTaken;
+    ptBudget->tAll.dwThousandths -= dwTaken;
     return true;
 }
 

@@ -28,10 +28,10 @@ struct TBudget {
     bool bStarted;
 };
 
-// Takes one for the address; false when there is none.  A bucket fills with dwEach or dwAll a second
-// and holds as many as come in two.  Nothing is taken from one that the other refuses.
-bool BudgetTake(TBudget *ptBudget, uint32_t dwIpv4, uint32_t dwTick, uint32_t dwEach,
-                uint32_t dwAll);
+// Takes so many for the address; false when they are not there.  A bucket fills with dwEach or dwAll
+// a second and holds as many as come in two.  Nothing is taken from one that the other refuses.
+bool BudgetTake(TBudget *ptBudget, uint32_t dwIpv4, uint32_t dwTick, uint32_t dwCount,
+                uint32_t dwEach, uint32_t dwAll);
 
 } // namespace camera
 

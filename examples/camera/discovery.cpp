@@ -36,8 +36,8 @@ constexpr uint32_t kMaxListeners = 5; // with that for every address
 constexpr uint32_t kMaxPending = 64;
 constexpr uint32_t kRemembered = 10; // messages that are answered once
 constexpr uint32_t kCopyMs = 400;    // how much later a copy of a message may come by another way
-// Texts that are read for one address and for all, for each answer that there may be.
-constexpr uint32_t kReadsPerAnswer = 20;
+// KiB that are read of one address and of all, for each answer that there may be.
+constexpr uint32_t kReadPerAnswer = 20;
 
 // What became of a datagram, beyond what its text says.
 enum { kOtherGroup = kTextOutcomes, kOutside, kOverBudget, kUnreadable, kNotSent, kOutcomes };
@@ -65,6 +65,14 @@ struct TListener {
     TAppNetAddr tAddr; // 0 for every address
     HAppSocket hSocket;
     std::atomic<bool> bEnd;
+};
+
+struct TDatagram {
+    const char *szText;
+    uint32_t dwLength;
+    TAppNetAddr tAddr; // to
+    TAppNetAddr tPeer; // from
+    uint16_t wPort;
 };
 
 // Whom to answer, and what.
@@ -211,16 +219,15 @@ bool IsForUs(const TAppNetAddr &tAddr)
 
 // Whether a datagram is looked into.  A socket for every address gets what is sent to a group that
 // any process of the device has joined; and the sender's address may be that of a victim.
-int Admit(const TAppNetAddr &tAddr, const TAppNetAddr &tPeer, uint16_t wPort,
-          const TConfig &tConfig)
+int Admit(const TDatagram &datagram, const TConfig &tConfig)
 {
     const std::lock_guard<std::mutex> guard(s_lock);
-    if (!IsForUs(tAddr))
+    if (!IsForUs(datagram.tAddr))
         return kOtherGroup;
-    if (wPort == 0 || IsOutside(tPeer, tConfig))
+    if (datagram.wPort == 0 || IsOutside(datagram.tPeer, tConfig))
         return kOutside;
-    if (!BudgetTake(&s_tReads, tPeer.dwIpv4, AppGetTick(),
-                    kReadsPerAnswer * tConfig.dwSourceAnswers, kReadsPerAnswer * tConfig.dwAnswers))
+    if (!BudgetTake(&s_tReads, datagram.tPeer.dwIpv4, AppGetTick(), 1 + datagram.dwLength / 1024,
+                    kReadPerAnswer * tConfig.dwSourceAnswers, kReadPerAnswer * tConfig.dwAnswers))
         return kOverBudget;
     return kAnswered;
 }
@@ -245,7 +252,7 @@ int Accept(const TQuestion &tQuestion, const TAppNetAddr &tPeer, uint16_t wPort,
     const std::lock_guard<std::mutex> guard(s_lock);
     if (WasAnswered(tQuestion.achMessageId, wPort))
         return kRepeated;
-    if (!BudgetTake(&s_tAnswers, tPeer.dwIpv4, AppGetTick(), tConfig.dwSourceAnswers,
+    if (!BudgetTake(&s_tAnswers, tPeer.dwIpv4, AppGetTick(), 1, tConfig.dwSourceAnswers,
                     tConfig.dwAnswers))
         return kOverBudget;
     TSeen &seen = s_atSeen[s_dwSeen++ % kRemembered];
@@ -309,19 +316,11 @@ uint32_t SendPending()
 
 // ---- Datagrams ----------------------------------------------------------------------------------
 
-struct TDatagram {
-    const char *szText;
-    uint32_t dwLength;
-    TAppNetAddr tAddr; // to
-    TAppNetAddr tPeer; // from
-    uint16_t wPort;
-};
-
 // What becomes of it; kOutcomes when that is not known yet.
 int Handle(TListener *ptListener, const TDatagram &datagram, TQuestion *ptQuestion)
 {
     const TConfig tConfig = ConfigGet();
-    int nOutcome = Admit(datagram.tAddr, datagram.tPeer, datagram.wPort, tConfig);
+    int nOutcome = Admit(datagram, tConfig);
     if (nOutcome == kAnswered)
         nOutcome = ProbeJudge(datagram.szText, datagram.dwLength, tConfig, ptQuestion);
     if (nOutcome == kAnswered)
@@ -343,13 +342,13 @@ void Receive(TListener *ptListener, const TDatagram &datagram)
     const int nOutcome = Handle(ptListener, datagram, &tQuestion);
     if (nOutcome < kOutcomes)
         s_adwCount[nOutcome]++;
-    char achIp[16] = "", achId[80];
+    char achIp[16] = "";
     AppConvertNettoStr(&datagram.tPeer, achIp, sizeof(achIp));
     AppLog(g_byNetLog, APP_LOG_DEBUG, "[DEBUG] %s: %s: %s:%u, action {%s}, message {%s}\n",
            __func__,
            nOutcome < kOutcomes ? AppConvEnum2Str(s_atOutcome, kOutcomes, nOutcome) : "postponed",
            achIp, static_cast<unsigned>(AppConvertNtohs(datagram.wPort)), tQuestion.achAction,
-           EscapeForLog(tQuestion.achMessageId, achId, sizeof(achId)));
+           tQuestion.achShownId);
 }
 
 // ---- Listeners ----------------------------------------------------------------------------------

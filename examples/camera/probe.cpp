@@ -208,6 +208,7 @@ EOutcome ProbeJudge(const char *szText, uint32_t dwLength, const TConfig &tConfi
     if (SoapParse(szText, dwLength, &tMessage))
         eOutcome = Judge(tMessage, tConfig, ptQuestion);
     EscapeForLog(tMessage.szAction, ptQuestion->achAction, sizeof(ptQuestion->achAction));
+    EscapeForLog(tMessage.szMessageId, ptQuestion->achShownId, sizeof(ptQuestion->achShownId));
     SoapFree(&tMessage);
     return eOutcome;
 }

@@ -32,6 +32,7 @@ struct TQuestion {
     EQuestion eKind;               // with a message id only
     char achMessageId[kMaxIdSize]; // as it stands there; empty when there is none to be answered
     char achAction[100];           // escaped for the log
+    char achShownId[80];           // likewise, whatever it is
 };
 
 // Whether the datagram is one to be answered.  Any thread.

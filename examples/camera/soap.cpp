@@ -9,6 +9,8 @@ namespace camera
 
 // ---- Reading ------------------------------------------------------------------------------------
 
+constexpr uint32_t kMostNodes = 4096;
+constexpr int kMostAttributes = 64;
 constexpr char kNextRole[] = "http://www.w3.org/2003/05/soap-envelope/role/next";
 constexpr char kLastRole[] = "http://www.w3.org/2003/05/soap-envelope/role/ultimateReceiver";
 
@@ -86,11 +88,22 @@ static void ReportXmlError(const char *szText)
            EscapeForLog(szText, achText, sizeof(achText)));
 }
 
+// Whoever looks for a name looks at each element, and for its namespace at each attribute of those
+// around it: what has too many of both would keep a processor busy.
+static bool IsModest(mxml_node_t *ptTree)
+{
+    uint32_t dwNodes = 0;
+    for (mxml_node_t *pt = ptTree; pt; pt = mxmlWalkNext(pt, ptTree, MXML_DESCEND))
+        if (++dwNodes > kMostNodes || mxmlElementGetAttrCount(pt) > kMostAttributes)
+            return false;
+    return true;
+}
+
 bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage)
 {
     *ptMessage = {};
     mxmlSetErrorCallback(ReportXmlError); // for this thread
-    if (AppXmlLoad(szText, dwLength, &ptMessage->ptTree) != APP_OK)
+    if (AppXmlLoad(szText, dwLength, &ptMessage->ptTree) != APP_OK || !IsModest(ptMessage->ptTree))
         return false;
     // An XML declaration is the parent of the envelope to Mini-XML.
     const char *szRoot = mxmlGetElement(ptMessage->ptTree);

@@ -46,7 +46,7 @@ struct TSoapMessage {
     const char *szRelatesTo;
 };
 
-// What is not one whole XML document gives false.  Broken or not, SoapFree() it.
+// What is not one whole XML document, or one of unlikely many parts, gives false.  Broken or not, SoapFree() it.
 bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage);
 void SoapFree(TSoapMessage *ptMessage);
 

@@ -39,10 +39,11 @@ CONFIG = """<?xml version="1.0"?>
   <motion><interval>3600000</interval><threshold>100</threshold><alarm>{alarm}</alarm></motion>
   <receiver><address>{receiver}</address><port>{port}</port><queue>{queue}</queue></receiver>
   <idle><receiver>60000</receiver><task>60000</task></idle><report>60000</report>
-  <discovery><answers>1000</answers><source>1000</source><remote>0</remote></discovery>
+  <discovery><answers>{answers}</answers><source>{source}</source><remote>0</remote></discovery>
 </camera>
 """
-DEFAULTS = dict(name="Front door", service=8000, alarm=90, receiver="", port=9100, queue=8)
+DEFAULTS = dict(name="Front door", service=8000, alarm=90, receiver="", port=9100, queue=8,
+                answers=1000, source=1000)
 
 
 def expect(holds, what, camera=None):
@@ -200,7 +201,7 @@ def case_config():
 def case_shell():
     camera = Camera()
     for line, answer in [
-            ("help", r"discover +look for cameras"), ("tasks", r"7 ACTIVE TASKS[^\0]*Name\(push\)"),
+            ("help", r"discover +look for cameras"), ("tasks", r" ACTIVE TASKS[^\0]*Name\(push\)"),
             ("pools", r"MaxSize\(1048576\)"), ("actions", r"Last called action: shell.actions"),
             ("motion", "usage: motion N"), ("motion x", "usage"), ("motion -1", "usage"),
             ("motion 2", r"alarm: motion 2, score \d+, "), ("log 256 1", "usage"),
@@ -208,11 +209,14 @@ def case_shell():
             ("set nothing 1", "no setting nothing"), ("set uuid x", "uuid is fixed"),
             ("set motion/alarm 101", "not a value"), ("set name", "not a value"),
             ("set hardware DC 200", "written"), ("nonsense", "no such command"),
-            ("", "camera> "), ("x" * 300, "cannot be run"), ("no\0nsense", "cannot be run"), ("y" * 2000, "line is too long"),
+            ("", "camera> "), ("x" * 300, "cannot be run"),
+            ("no\0nsense", "cannot be run"), ("y" * 2000, "line is too long"),
             ("discover", r"(?s)Front door +http://10.99.0.1:8000/.*1 found" if in_namespace()
              else r"\d+ found"), ("discover", "Reuse Task")]:
         camera.say(line, answer)
-    camera.status()
+    for line in ("set motion/threshold 0", "set motion/interval 50"):  # not after an hour
+        camera.say(line, "written")
+    wait_until(lambda: camera.status()["motion raised"] > 5, "the new interval", camera)
     for how in ("quit", signal.SIGINT, signal.SIGTERM, ""):
         camera.wait_for("Hello on " + ADDRESS if in_namespace() else "started")
         output = camera.end(how)
@@ -298,9 +302,9 @@ def check_answer(text, identity, camera_uuid, seen):
            set(match.findtext("d:Scopes", "", NS).split()), text)
 
 
-def udp_socket(host):
+def udp_socket(host, network="10.99"):
     result = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    result.bind((f"10.99.{host // 250}.{host % 250 + 2}", 0))
+    result.bind((f"{network}.{host // 250}.{host % 250 + 2}", 0))
     result.settimeout(PATIENCE)
     return result
 
@@ -312,19 +316,21 @@ def case_probes():
     camera.wait_for("Hello on")
     judge_probes(camera, identity)
     before = camera.status()["discovery answered"]
-    sources, rounds, seen = [udp_socket(i) for i in range(100)], 40, set()
+    sources, rounds, seen = [udp_socket(i) for i in range(100)], 10, set()
     for number in range(rounds):
         if number == rounds // 2:
             pool = camera.pool()  # everything that is kept for reuse is there by now
         for i, source in enumerate(sources):  # every other one is sent to the group
             source.sendto(probe(f"uuid:{number}-{i}-{identity}").encode(),
                           GROUP if i % 2 else (ADDRESS, 3702))
-            if i % 20 == 19:
-                for j in range(i - 19, i + 1):
-                    check_answer(sources[j].recv(65536).decode(), f"uuid:{number}-{j}-{identity}",
-                                 identity, seen)
+        for i, source in enumerate(sources):
+            check_answer(source.recv(65536).decode(), f"uuid:{number}-{i}-{identity}", identity,
+                         seen)
     expect(not select.select(sources, [], [], 0.3)[0], "more answers than probes", camera)
     expect(camera.status()["discovery answered"] == before + rounds * len(sources), "count", camera)
+    asked = [ask(source, GROUP) for source in sources[1:40]] and ask(sources[0])
+    expect(asked in sources[0].recv(65536).decode() and
+           len(select.select(sources[1:40], [], [], 0)[0]) < 39, "answers that do not wait", camera)
     growth = camera.pool() - pool  # a block more may be in use at this moment than at that
     expect(growth < 500, f"the pool grew by {growth}", camera)
     camera.end()
@@ -362,6 +368,60 @@ def judge_probes(camera, identity):
     expect(r"\xc2\x9b31mred" in camera.output and "\u009b" not in camera.output and
            "\nforged line" not in camera.output, "text of the network in the log", camera)
     camera.say("log 3 16")
+
+
+# ---- hostile ------------------------------------------------------------------------------------
+
+def ask(source, target=(ADDRESS, 3702)):
+    identity = f"urn:uuid:{uuid.uuid4()}"
+    source.sendto(probe(identity).encode(), target)
+    return identity
+
+
+def drain(source, seconds):
+    """How many datagrams come until there has been none for some time."""
+    source.settimeout(seconds)
+    for number in range(1 << 30):
+        try:
+            source.recv(65536)
+        except TimeoutError:
+            return number
+
+
+def case_hostile():
+    need(in_namespace(), "network namespaces are refused")
+    camera = Camera(answers=20, source=5)
+    camera.wait_for("Hello on")
+    start, victim, client = time.monotonic(), udp_socket(1), udp_socket(2)
+    for i in range(300):  # with the address of a victim
+        ask(victim, GROUP if i % 2 else (ADDRESS, 3702))
+    answers = drain(victim, 1)
+    expect(5 <= answers <= 5 * (3 + time.monotonic() - start), f"{answers} answers", camera)
+    expect(camera.status()["discovery over budget"] > 200, "not counted", camera)
+
+    start = time.monotonic()
+    for _ in range(200):
+        victim.sendto(b"", (ADDRESS, 3702))
+    expect(ask(client) in client.recv(65536).decode(), "an answer behind them", camera)
+    expect(time.monotonic() - start < 10, "deaf for a while", camera)
+    expect(camera.status()["discovery unreadable"] == 200, "not counted", camera)
+    expect(camera.output.count("recvmsg failed") == 1, "a line for each", camera)
+
+    outside = udp_socket(3, "10.97")
+    ask(outside)
+    camera.awaits("discovery outside", 1)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as member:
+        member.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                          socket.inet_aton("239.1.2.3") + socket.inet_aton(ADDRESS))
+        ask(client, ("239.1.2.3", 3702))
+        camera.awaits("discovery other groups", 1)
+    camera.say("set discovery/remote 1", "written")
+    expect(ask(outside) in outside.recv(65536).decode(), "remote", camera)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as connected:
+        connected.settimeout(PATIENCE)
+        connected.connect(second := ("10.98.0.1", 3702))  # takes answers from there only
+        expect(ask(connected, second) in connected.recv(65536).decode(), "second address", camera)
+    camera.end()
 
 
 # ---- client -------------------------------------------------------------------------------------
@@ -486,8 +546,10 @@ def in_namespace():
 
 
 def enter_namespace():
-    """Starts this program again with a network of its own: only lo, with 10.99.0.0/16 on it."""
+    """Starts this program again with a network of its own: only lo, with 10.99.0.0/16 and a second
+    address on it, and 10.97.0.0/16 behind it."""
     setup = ("ip link set lo up && ip addr add 10.99.0.1/16 dev lo && "
+             "ip addr add 10.98.0.1/24 dev lo && ip route add local 10.97.0.0/16 dev lo && "
              "ip route add 224.0.0.0/4 dev lo")
     if all(map(shutil.which, ("unshare", "ip"))) and subprocess.run(
             ["unshare", "-Urn", "sh", "-c", setup], stderr=subprocess.DEVNULL).returncode == 0:
