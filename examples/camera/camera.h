@@ -141,7 +141,6 @@ TConfig ConfigGet();
 
 bool DiscoveryStart();
 void DiscoveryStop();
-void DiscoveryAnnounce(); // tells the network that name or hardware have changed
 int32_t DiscoveryStatus(char *szBuf, uint32_t dwSize);
 // The addresses of this device, one for each interface, without the loopback's own.
 uint32_t ListInterfaces(TAppNetAddr *atAddr, uint32_t dwRoom);

@@ -108,8 +108,6 @@ void Publish(const TConfig &tConfig, const TSetting *ptSetting)
     AppLockGive(s_hLock);
     if (ptSetting->eEffect == kLogs)
         LogFilesOpen(tConfig);
-    if (ptSetting->eEffect == kTold)
-        DiscoveryAnnounce();
     s_bUnsaved = true; // before this module is told like any other
     ModulesTellSettings();
 }
