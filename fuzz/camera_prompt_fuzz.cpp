@@ -48,7 +48,7 @@ void ModuleStop(TModule *) {}
 
 bool ModuleSend(TModule *ptModule, void *pvArg)
 {
-    ptModule->pfnWork(kEvent, pvArg);
+    ptModule->pfnWork(ptModule, kEvent, pvArg);
     return true;
 }
 

@@ -130,10 +130,11 @@ private:
     size_t m_nRoom;
 };
 
-// The console of a target: refused inputs are the rule, so it keeps the last line only.
+// The console of a target: refused inputs are the rule, so it keeps the last line only; a target
+// that wants them all is given each.
 inline std::string g_line;
 inline unsigned g_nLines = 0;
-inline void (*g_pfnLine)(const std::string &line) = nullptr; // for a target that judges each
+inline void (*g_pfnLine)(const std::string &line) = nullptr;
 
 extern "C" int32_t QorPrintf(int32_t, int32_t, const char *szFormat, ...)
 {

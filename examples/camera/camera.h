@@ -142,8 +142,6 @@ TConfig ConfigGet();
 bool DiscoveryStart();
 void DiscoveryStop();
 int32_t DiscoveryStatus(char *szBuf, uint32_t dwSize);
-// The addresses of this device, one for each interface, without the loopback's own.
-uint32_t ListInterfaces(TAppNetAddr *atAddr, uint32_t dwRoom);
 
 // ---- search: looks for cameras itself, in a task that lives only meanwhile ----------------------
 

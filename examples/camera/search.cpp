@@ -5,8 +5,11 @@
 // of the search only: the next search gets the same thread again, if it comes before the idle
 // time-out.
 #include "camera.h"
+#include "interfaces.h"
 #include "soap.h"
 #include "text.h"
+
+#include <errno.h>
 
 namespace camera
 {
@@ -16,7 +19,7 @@ namespace
 
 constexpr uint32_t kSearchMs = 1000;
 constexpr uint32_t kStackSize = 256 * 1024;
-constexpr uint32_t kMaxInterfaces = 16;
+constexpr uint32_t kMaxAddresses = 16;
 constexpr uint32_t kMaxFound = 64;
 
 struct TSearch {
@@ -25,13 +28,14 @@ struct TSearch {
     uint32_t dwFound;
     uint32_t adwFound[kMaxFound]; // hashes of their addresses: each camera is printed once
     char achMessageId[48];
-    char achBuf[kMessageSize];
+    char achBuf[kDatagramSize];
 };
 
 // The same message on every interface, so that a camera on two of them answers once.
 bool SendProbe(TSearch *ptSearch)
 {
-    TAppNetAddr tGroup, atInterface[kMaxInterfaces];
+    TAppNetAddr tGroup;
+    TOwnAddress atOwn[kMaxAddresses];
     const TAppNetAddr tAny = {};
     AppConvertStrtoNet(kDiscoveryGroup, &tGroup);
     if (AppSocketBind(ptSearch->hSocket, &tAny, 0, 0) != APP_OK)
@@ -45,9 +49,10 @@ bool SendProbe(TSearch *ptSearch)
     const uint32_t dwLen = SoapEnd(&tWriter, ptSearch->achBuf, kMessageSize);
 
     uint32_t dwSent = 0;
-    const uint32_t dwInterfaces = ListInterfaces(atInterface, kMaxInterfaces);
-    for (uint32_t i = 0; dwLen > 0 && i < dwInterfaces; ++i)
-        if (AppSocketUDPJoinMulticastGroup(ptSearch->hSocket, &tGroup, &atInterface[i], 1) ==
+    const uint32_t dwOwn = ListAddresses(atOwn, kMaxAddresses);
+    for (uint32_t i = 0; dwLen > 0 && i < dwOwn; ++i)
+        if (atOwn[i].bFirst &&
+            AppSocketUDPJoinMulticastGroup(ptSearch->hSocket, &tGroup, &atOwn[i].tAddr, 1) ==
                 APP_OK &&
             AppSocketUDPSend(ptSearch->hSocket, ptSearch->achBuf, dwLen, kSearchMs, &tGroup,
                              AppConvertHtons(kDiscoveryPort)) > 0)
@@ -100,13 +105,13 @@ void Collect(TSearch *ptSearch)
         const uint32_t dwPassed = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
         if (dwPassed >= kSearchMs)
             break;
-        uint32_t dwLen = kMessageSize;
+        uint32_t dwLen = kDatagramSize;
         const int32_t nLen =
             AppSocketUDPRecv(ptSearch->hSocket, ptSearch->achBuf, &dwLen, kSearchMs - dwPassed,
                              nullptr, nullptr, nullptr, nullptr);
-        if (nLen == -2)
+        if (nLen == -2 || (nLen == -1 && errno != 0)) // a socket that fails may do so for ever
             break;
-        if (nLen == -1) // nothing was written to the buffer
+        if (nLen == -1) // an empty datagram
             continue;
         TSoapMessage tMessage;
         if (SoapParse(ptSearch->achBuf, dwLen, &tMessage) &&

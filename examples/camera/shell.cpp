@@ -135,8 +135,7 @@ bool ShellRun(const char *szLine)
     if (ModuleSend(&s_tModule, const_cast<char *>(szLine)))
         AppLockTakeByTime(s_hLineDone, 0);
     else
-        Print("this line cannot be run now
-");
+        Print("this line cannot be run now\n");
     return !s_bQuit;
 }
 

@@ -9,6 +9,9 @@ namespace camera
 
 // ---- Reading ------------------------------------------------------------------------------------
 
+constexpr char kNextRole[] = "http://www.w3.org/2003/05/soap-envelope/role/next";
+constexpr char kLastRole[] = "http://www.w3.org/2003/05/soap-envelope/role/ultimateReceiver";
+
 // The namespace that a prefix stands for at a node: declarations of outer elements hold for inner
 // ones.  Null for a prefix that was never declared.
 static const char *FindNamespace(mxml_node_t *ptNode, const char *szPrefix, uint32_t dwLen)
@@ -95,10 +98,68 @@ bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage)
                                   ? SoapChild(ptMessage->ptTree, kSoapNs, "Envelope")
                                   : FirstOf(ptMessage->ptTree, kSoapNs, "Envelope");
     mxml_node_t *ptHeader = SoapChild(ptEnvelope, kSoapNs, "Header");
+    ptMessage->ptHeader = ptHeader;
     ptMessage->ptBody = SoapChild(ptEnvelope, kSoapNs, "Body");
     ptMessage->szAction = SoapText(SoapChild(ptHeader, kAddressingNs, "Action"));
     ptMessage->szMessageId = SoapText(SoapChild(ptHeader, kAddressingNs, "MessageID"));
     ptMessage->szRelatesTo = SoapText(SoapChild(ptHeader, kAddressingNs, "RelatesTo"));
+    return true;
+}
+
+// Mini-XML has declarations as elements, and so has it comments and character data.
+bool SoapHasDocumentType(const TSoapMessage &tMessage)
+{
+    mxml_node_t *ptTree = tMessage.ptTree;
+    for (mxml_node_t *pt = ptTree; pt; pt = mxmlWalkNext(pt, ptTree, MXML_DESCEND)) {
+        const char *szName = mxmlGetElement(pt);
+        if (szName && szName[0] == '!' && AppStrncmp(szName, "!--", 3) != 0 &&
+            AppStrncmp(szName, "![CDATA[", 8) != 0)
+            return true;
+    }
+    return false;
+}
+
+// An attribute of SOAP's, whatever its prefix; one without a prefix has no namespace.
+static const char *SoapAttribute(mxml_node_t *ptNode, const char *szLocal)
+{
+    const int nAttributes = mxmlElementGetAttrCount(ptNode);
+    for (int i = 0; i < nAttributes; ++i) {
+        const char *szName = nullptr;
+        const char *szValue = mxmlElementGetAttrByIndex(ptNode, i, &szName);
+        if (AppStrchr(szName, ':') &&
+            SoapNameIs(ptNode, szName, AppStrlen(szName), kSoapNs, szLocal))
+            return szValue;
+    }
+    return nullptr;
+}
+
+// A block for nobody in particular is for the last that receives it, and that is who reads it here.
+static bool IsForUs(mxml_node_t *ptBlock)
+{
+    const char *szRole = SoapAttribute(ptBlock, "role"), *szRest = szRole;
+    uint32_t dwLength = 0;
+    return !szRole || !NextWord(&szRest, &dwLength) || SoapEqual(szRole, kNextRole) ||
+           SoapEqual(szRole, kLastRole);
+}
+
+static bool IsKnownBlock(mxml_node_t *ptBlock)
+{
+    static constexpr const char *s_aszAddressing[] = {"Action",  "MessageID", "To",       "From",
+                                                      "ReplyTo", "FaultTo",   "RelatesTo"};
+    for (const char *szLocal : s_aszAddressing)
+        if (IsElement(ptBlock, kAddressingNs, szLocal))
+            return true;
+    return IsElement(ptBlock, kDiscoveryNs, "AppSequence");
+}
+
+bool SoapIsUnderstood(const TSoapMessage &tMessage)
+{
+    for (mxml_node_t *pt = mxmlGetFirstChild(tMessage.ptHeader); pt; pt = mxmlGetNextSibling(pt)) {
+        const char *szMust = SoapAttribute(pt, "mustUnderstand");
+        if ((SoapEqual(szMust, "1") || SoapEqual(szMust, "true")) && IsForUs(pt) &&
+            !IsKnownBlock(pt))
+            return false;
+    }
     return true;
 }
 
@@ -122,6 +183,23 @@ mxml_node_t *SoapAdd(TSoapWriter *ptWriter, mxml_node_t *ptParent, const char *s
     return ptNode;
 }
 
+// Mini-XML does not tell that it had no memory for an attribute.
+static void SetNamespaces(TSoapWriter *ptWriter, mxml_node_t *ptEnvelope)
+{
+    static constexpr struct {
+        const char *szName;
+        const char *szUri;
+    } s_atNamespace[] = {{"xmlns:s", kSoapNs},
+                         {"xmlns:a", kAddressingNs},
+                         {"xmlns:d", kDiscoveryNs},
+                         {"xmlns:dn", kNetworkNs},
+                         {"xmlns:tds", kDeviceNs}};
+    for (const auto &ns : s_atNamespace) {
+        mxmlElementSetAttr(ptEnvelope, ns.szName, ns.szUri);
+        ptWriter->bFailed |= !mxmlElementGetAttr(ptEnvelope, ns.szName);
+    }
+}
+
 void SoapBegin(TSoapWriter *ptWriter, const char *szAction, const char *szTo,
                const char *szRelatesTo)
 {
@@ -130,14 +208,9 @@ void SoapBegin(TSoapWriter *ptWriter, const char *szAction, const char *szTo,
     *ptWriter = {};
     AppSnprintf(ptWriter->achMessageId, sizeof(ptWriter->achMessageId), "urn:uuid:%s", achUuid);
     ptWriter->ptTree = mxmlNewXML("1.0");
-    ptWriter->bFailed = !ptWriter->ptTree;
+    ptWriter->bFailed = !mxmlGetElement(ptWriter->ptTree);
     mxml_node_t *ptEnvelope = SoapAdd(ptWriter, ptWriter->ptTree, "s:Envelope", nullptr);
-    if (ptEnvelope) {
-        mxmlElementSetAttr(ptEnvelope, "xmlns:s", kSoapNs);
-        mxmlElementSetAttr(ptEnvelope, "xmlns:a", kAddressingNs);
-        mxmlElementSetAttr(ptEnvelope, "xmlns:d", kDiscoveryNs);
-        mxmlElementSetAttr(ptEnvelope, "xmlns:dn", kNetworkNs);
-    }
+    SetNamespaces(ptWriter, ptEnvelope);
     ptWriter->ptHeader = SoapAdd(ptWriter, ptEnvelope, "s:Header", nullptr);
     ptWriter->ptBody = SoapAdd(ptWriter, ptEnvelope, "s:Body", nullptr);
     SoapAdd(ptWriter, ptWriter->ptHeader, "a:Action", szAction);

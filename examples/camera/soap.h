@@ -14,18 +14,23 @@ constexpr char kSoapNs[] = "http://www.w3.org/2003/05/soap-envelope";
 constexpr char kAddressingNs[] = "http://schemas.xmlsoap.org/ws/2004/08/addressing";
 constexpr char kDiscoveryNs[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery";
 constexpr char kNetworkNs[] = "http://www.onvif.org/ver10/network/wsdl";
+constexpr char kDeviceNs[] = "http://www.onvif.org/ver10/device/wsdl";
 
 constexpr char kAnonymous[] = "http://schemas.xmlsoap.org/ws/2004/08/addressing/role/anonymous";
 constexpr char kEverybody[] = "urn:schemas-xmlsoap-org:ws:2005:04:discovery";
 
 constexpr char kProbeAction[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery/Probe";
 constexpr char kMatchAction[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery/ProbeMatches";
+constexpr char kResolveAction[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery/Resolve";
+constexpr char kResolveMatchAction[] =
+    "http://schemas.xmlsoap.org/ws/2005/04/discovery/ResolveMatches";
 constexpr char kHelloAction[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery/Hello";
 constexpr char kByeAction[] = "http://schemas.xmlsoap.org/ws/2005/04/discovery/Bye";
 
 constexpr char kDiscoveryGroup[] = "239.255.255.250";
 constexpr uint16_t kDiscoveryPort = 3702;
-constexpr uint32_t kMessageSize = 8192; // longer ones are cut, and thereby broken
+constexpr uint32_t kMessageSize = 8192;   // of what is sent
+constexpr uint32_t kDatagramSize = 32768; // of what is received; what is longer is cut
 constexpr char kNameScope[] = "onvif://www.onvif.org/name/";
 constexpr char kHardwareScope[] = "onvif://www.onvif.org/hardware/";
 
@@ -34,6 +39,7 @@ constexpr char kHardwareScope[] = "onvif://www.onvif.org/hardware/";
 // A message: pointers into its tree, null where it has nothing.
 struct TSoapMessage {
     mxml_node_t *ptTree;
+    mxml_node_t *ptHeader;
     mxml_node_t *ptBody;
     const char *szAction;
     const char *szMessageId;
@@ -43,6 +49,12 @@ struct TSoapMessage {
 // What is not one whole XML document gives false.  Broken or not, SoapFree() it.
 bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage);
 void SoapFree(TSoapMessage *ptMessage);
+
+// SOAP forbids document type declarations; whoever sends one may want to see them followed.
+bool SoapHasDocumentType(const TSoapMessage &tMessage);
+// Whether each header block that whoever receives the message must understand is one of those that
+// discovery has.
+bool SoapIsUnderstood(const TSoapMessage &tMessage);
 
 // The first child element of a namespace and local name; a null parent has none.
 mxml_node_t *SoapChild(mxml_node_t *ptParent, const char *szNamespace, const char *szLocal);

@@ -291,7 +291,7 @@ def check_answer(text, identity, camera_uuid, seen):
     expect(root.findtext("s:Header/a:Action", "", NS) == NS["d"] + "/ProbeMatches" and
            root.findtext("s:Header/a:To", "", NS) == NS["a"] + "/role/anonymous", text)
     expect(match.findtext("a:EndpointReference/a:Address", "", NS) == f"urn:uuid:{camera_uuid}"
-           and match.findtext("d:Types", "", NS) == "dn:NetworkVideoTransmitter"
+           and match.findtext("d:Types", "", NS) == "dn:NetworkVideoTransmitter tds:Device"
            and match.findtext("d:XAddrs", "", NS) == f"http://{ADDRESS}:8000/onvif/device_service"
            and match.findtext("d:MetadataVersion", "", NS) == "1", text)
     expect({"onvif://www.onvif.org/name/Front%20door", "onvif://www.onvif.org/hardware/DC-100"} <=
@@ -350,7 +350,7 @@ def judge_probes(camera, identity):
             ("other actions", probe("\u009b31mred", action="Pro\u009b2Jbe\nforged line")),
             ("no MessageID", probe("")), ("no MessageID", probe(" ")),
             ("broken", probe("13")[:-4]), ("broken", probe("13")[:30]), ("broken", probe("14&#1;")),
-            ("broken", probe("x" * 300)), ("broken", probe("15", body="y" * 9000))]
+            ("broken", probe("x" * 300)), ("broken", probe("15", body="y" * 40000))]
     for kind, text in rows:
         before = camera.status()["discovery " + kind]
         source.sendto(text.encode(), (ADDRESS, 3702))

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+//
+// The camera's messages when there is no memory: whole or none.
+#include "camera/probe.h"
+#include "support/fault.h"
+#include "support/log_capture.h"
+
+using namespace camera;
+
+HAppMemPool camera::g_hPool;
+uint8_t camera::g_byNetLog;
+
+extern "C" int32_t IpcCapGetHwExternal(TIpcCapHwExternal *)
+{
+    return 0;
+}
+
+namespace
+{
+
+constexpr char kProbeText[] =
+    "<s:Envelope xmlns:s='http://www.w3.org/2003/05/soap-envelope'"
+    " xmlns:a='http://schemas.xmlsoap.org/ws/2004/08/addressing'><s:Header>"
+    "<a:Action>http://schemas.xmlsoap.org/ws/2005/04/discovery/Probe</a:Action>"
+    "<a:MessageID>uuid:1</a:MessageID></s:Header><s:Body>"
+    "<Probe xmlns='http://schemas.xmlsoap.org/ws/2005/04/discovery'/></s:Body></s:Envelope>";
+
+// Without memory for any one of its allocations the operation says no, and leaves nothing behind but
+// what Mini-XML forgets: an element's list of attributes, when the name of the first has no copy.
+template <typename Operation>
+void ExpectWholeOrNone(Operation operation)
+{
+    test::LogCapture log;
+    ASSERT_TRUE(operation());
+    for (unsigned n = 1;; ++n) {
+        const long nBlocks = fault::LiveBlocks();
+        fault::Fail fail(fault::kMemory, n);
+        const bool bDone = operation();
+        ASSERT_EQ(bDone, fail.Hits() == 0) << "allocation " << n << ", " << Name(fail.Last());
+        ASSERT_LE(fault::LiveBlocks(), nBlocks + (fail.Last() == fault::Fn::strdup)) << n;
+        if (bDone)
+            return;
+    }
+}
+
+TEST(CameraText, IsWholeOrNone)
+{
+    TAppNetAddr tPeer;
+    TQuestion tQuestion;
+    char achBuf[4096];
+    AppConvertStrtoNet("127.0.0.1", &tPeer);
+    ExpectWholeOrNone([&] {
+        return ProbeJudge(kProbeText, sizeof(kProbeText) - 1, {}, &tQuestion) == kAnswered;
+    });
+    ExpectWholeOrNone(
+        [&] { return ProbeAnswer(tQuestion, {}, tPeer, achBuf, sizeof(achBuf)) > 0; });
+    for (const bool bHello : {true, false})
+        ExpectWholeOrNone(
+            [&] { return ProbeAnnounce(bHello, {}, tPeer, achBuf, sizeof(achBuf)) > 0; });
+}
+
+} // namespace
