@@ -54,13 +54,12 @@ const char *WriteAll(int nFd, const char *szText, uint32_t dwLength)
     return nullptr;
 }
 
-// Only root may give a file away; for anybody else the owner is right, or stays the writer's.
 const char *KeepMode(int nFd, const struct stat *ptOld)
 {
     if (!ptOld)
         return nullptr;
-    if (fchown(nFd, ptOld->st_uid, ptOld->st_gid) != 0 && errno != EPERM)
-        return "chown";
+    // Only root may give a file away, and not to everybody: else it is the writer's.
+    [[maybe_unused]] const int nGiven = fchown(nFd, ptOld->st_uid, ptOld->st_gid);
     return fchmod(nFd, ptOld->st_mode & 07777) == 0 ? nullptr : "chmod";
 }
 

@@ -86,9 +86,10 @@ bool IsAt(const TSource &source, uint32_t dwAt, const char *szWord)
 // Behind the next szEnd, or the end.
 uint32_t SkipTo(const TSource &source, uint32_t dwAt, const char *szEnd)
 {
-    while (dwAt < source.dwLength && !IsAt(source, dwAt, szEnd))
-        ++dwAt;
-    return dwAt < source.dwLength ? dwAt + AppStrlen(szEnd) : dwAt;
+    const uint32_t dwLen = AppStrlen(szEnd);
+    const void *pvEnd = memmem(source.szText + dwAt, source.dwLength - dwAt, szEnd, dwLen);
+    return pvEnd ? static_cast<uint32_t>(static_cast<const char *>(pvEnd) - source.szText) + dwLen
+                 : source.dwLength;
 }
 
 // Behind what begins with the '<' at dwAt.

@@ -158,8 +158,8 @@ uint32_t ReadChar(const char *szText, uint32_t dwLeft, uint32_t *pdwCode)
 static bool IsPlainChar(uint32_t dwCode)
 {
     const bool bEndsLine = dwCode == 0x2028 || dwCode == 0x2029;
-    return dwCode >= ' ' && (dwCode < 0x7F || dwCode > 0x9F) && !bEndsLine && dwCode != 0xFFFE &&
-           dwCode != 0xFFFF; // the last two are in no document
+    const bool bLost = dwCode == 0xFEFF || dwCode == 0xFFFE || dwCode == 0xFFFF; // in a document
+    return dwCode >= ' ' && (dwCode < 0x7F || dwCode > 0x9F) && !bEndsLine && !bLost;
 }
 
 bool IsPlainText(const char *szText)
