@@ -545,16 +545,16 @@ def in_namespace():
     return os.environ.get("CAMERA_TEST_NAMESPACE") == "yes"
 
 
-def enter_namespace():
+def enter_namespace(kinds="-Urn"):
     """Starts this program again with a network of its own: only lo, with 10.99.0.0/16 and a second
     address on it, and 10.97.0.0/16 behind it."""
     setup = ("ip link set lo up && ip addr add 10.99.0.1/16 dev lo && "
              "ip addr add 10.98.0.1/24 dev lo && ip route add local 10.97.0.0/16 dev lo && "
              "ip route add 224.0.0.0/4 dev lo")
     if all(map(shutil.which, ("unshare", "ip"))) and subprocess.run(
-            ["unshare", "-Urn", "sh", "-c", setup], stderr=subprocess.DEVNULL).returncode == 0:
+            ["unshare", kinds, "sh", "-c", setup], stderr=subprocess.DEVNULL).returncode == 0:
         os.environ["CAMERA_TEST_NAMESPACE"] = "yes"
-        os.execvp("unshare", ["unshare", "-Urn", "sh", "-c", setup + ' && exec "$@"', "sh",
+        os.execvp("unshare", ["unshare", kinds, "sh", "-c", setup + ' && exec "$@"', "sh",
                               sys.executable] + sys.argv)
     os.environ["CAMERA_TEST_NAMESPACE"] = "no"
 
