@@ -480,6 +480,19 @@ private:
     EOutcome m_eMatch = kAnswered; // of a question that is one
 };
 
+// Reading many attributes takes long.
+void CheckAttributes()
+{
+    Parts parts(nullptr, 0);
+    const Message message(parts);
+    std::string text = message.Text();
+    TQuestion question;
+    Require(Judge(text, &question) == kAnswered);
+    for (int i = 0; i < 1000; ++i)
+        text.insert(text.find('>'), Printed(" a%d='1'", i));
+    Require(Judge(text, &question) == kBroken);
+}
+
 void CheckMessage(Parts &parts)
 {
     const Message message(parts);
@@ -500,6 +513,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     AppStrncpy(s_tConfig.achUuid, kUuid, sizeof(s_tConfig.achUuid));
     s_tConfig.dwService = 8000;
     CheckExamples();
+    CheckAttributes();
     return 0;
 }
 
