@@ -109,6 +109,7 @@ void MailboxClose(TMailbox *ptMailbox);
 // ---- config: camera.xml -------------------------------------------------------------------------
 
 struct TConfig {
+    uint32_t dwVersion; // grows with each change of a setting; 0 before the start
     char achName[64];
     char achHardware[64];
     char achUuid[40];
@@ -136,6 +137,7 @@ bool ConfigLoad(const char *szFile); // before the start; false when the camera 
 bool ConfigStart();
 void ConfigStop();
 TConfig ConfigGet();
+void ConfigRefresh(TConfig *ptConfig); // the same, at no cost while it is the present one
 
 // ---- discovery: answers who looks for cameras ---------------------------------------------------
 

@@ -21,7 +21,8 @@ void Work(TModule *ptModule, EWork eWork, void *pvArg);
 TModule s_tModule = {"config", Work};
 HAppLock s_hLock; // guards s_tConfig once tasks run
 TConfig s_tConfig;
-std::atomic<bool> s_bUnsaved; // s_tConfig says what the file does not
+std::atomic<uint32_t> s_dwVersion; // of s_tConfig
+std::atomic<bool> s_bUnsaved;      // s_tConfig says what the file does not
 char s_achFile[kPathSize];
 
 // ---- The file -----------------------------------------------------------------------------------
@@ -105,6 +106,7 @@ void Publish(const TConfig &tConfig, const TSetting *ptSetting)
 {
     AppLockTakeByTime(s_hLock, 0);
     s_tConfig = tConfig;
+    s_dwVersion = ++s_tConfig.dwVersion;
     AppLockGive(s_hLock);
     if (ptSetting->eEffect == kLogs)
         LogFilesOpen(tConfig);
@@ -161,6 +163,7 @@ bool ConfigStart()
         MakeUuid(s_tConfig.achUuid);
         s_bUnsaved = true;
     }
+    s_dwVersion = s_tConfig.dwVersion = 1;
     return ModuleStart(&s_tModule) && AppRegisterShareAction("config.set", SetAction) == APP_OK;
 }
 
@@ -177,6 +180,12 @@ TConfig ConfigGet()
     const TConfig tConfig = s_tConfig;
     AppLockGive(s_hLock);
     return tConfig;
+}
+
+void ConfigRefresh(TConfig *ptConfig)
+{
+    if (ptConfig->dwVersion != s_dwVersion)
+        *ptConfig = ConfigGet();
 }
 
 } // namespace camera

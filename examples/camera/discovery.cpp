@@ -65,6 +65,7 @@ struct TListener {
     TAppNetAddr tAddr; // 0 for every address
     HAppSocket hSocket;
     std::atomic<bool> bEnd;
+    TConfig tConfig; // its thread's alone: no lock is taken for every datagram
 };
 
 struct TDatagram {
@@ -319,7 +320,7 @@ uint32_t SendPending()
 // What becomes of it; kOutcomes when that is not known yet.
 int Handle(TListener *ptListener, const TDatagram &datagram, TQuestion *ptQuestion)
 {
-    const TConfig tConfig = ConfigGet();
+    const TConfig &tConfig = ptListener->tConfig;
     int nOutcome = Admit(datagram, tConfig);
     if (nOutcome == kAnswered)
         nOutcome = ProbeJudge(datagram.szText, datagram.dwLength, tConfig, ptQuestion);
@@ -365,6 +366,7 @@ void Listen(TListener *ptListener, char *szBuf)
             AppSocketUDPRecv(ptListener->hSocket, szBuf, &datagram.dwLength, dwWaitMs,
                              &datagram.tAddr, nullptr, &datagram.tPeer, &datagram.wPort);
         if (nLen > 0) {
+            ConfigRefresh(&ptListener->tConfig);
             Receive(ptListener, datagram);
         } else if (nLen == -1) {
             s_adwCount[kUnreadable]++;
