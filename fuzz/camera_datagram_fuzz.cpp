@@ -175,15 +175,20 @@ void CheckExamples()
         {"rfc3986", "HTTP://EXAMPLE.com/abc/?x", "http://example.com/abc", true},
         {"rfc3986", "http://example.com/ABC", "http://example.com/abc", false},
         {"rfc3986", "http://example.com/a/./b", "http://example.com/a/./b", false},
+        {"rfc3986", "http://example.com/a", "http://example.com/a/../b", false},
         {"rfc3986", "http://example.com/a%2Fb", "http://example.com/a/b", false},
         {"rfc3986", "onvif:", "onvif://www.onvif.org/x", false},
         {"rfc2396", "onvif://www.onvif.org", "onvif://www.onvif.org/x", true},
         {"rfc2396", "onvif://www.onvif.org/", "onvif://www.onvif.org/x", true},
+        {"rfc3986", "foo:a", "foo:/a/b", false},
+        {"rfc3986", "foo:a#x", "foo:a", true},
         {"uuid", "uuid:5F5A69C2-e0ae-504f-829b-00fcdab169cc",
          "urn:uuid:5f5a69c2-e0ae-504f-829b-00fcdab169cc", true},
         {"ldap", "ldap://h/ou=b,o=c", "LDAP://H/cn=a,ou=b,o=c", true},
         {"ldap", "ldap://h/cn=a", "ldap://h/cn=a,ou=b,o=c", false},
         {"ldap", "ldap://h/b,o=c", "ldap://h/ou=a\\,b,o=c", false},
+        {"ldap", "ldap://h/o=c", "ldap://h/ou=a\\\\,o=c", true},
+        {"ldap", "ldap://h", "ldap://h/o=c", true},
         {"strcmp0", "a", "a", true},
         {"strcmp0", "a", "A", false},
         {"none", "a", "a", false},
@@ -333,7 +338,7 @@ private:
         for (const char ch : m_parts.Text())
             written += ch >= ' ' && ch <= '~' ? ch : 'x';
         if (Rarely())
-            written.resize(240 + m_parts.Byte() % 20, 'y');
+            written.resize(kMaxIdSize - 3 + m_parts.Byte() % 6, 'y');
         if (Rarely())
             written = " ";
         m_id = written;
@@ -431,6 +436,8 @@ private:
         std::string address = std::string("urn:uuid:") + kUuid;
         if (m_parts.Byte() % 2)
             address = Changed(m_parts, address);
+        if (Rarely())
+            address += " urn:x";
         if (Lower(address) != Lower(std::string("urn:uuid:") + kUuid))
             m_eMatch = kOtherDevice;
         Element(kAddressingNs, "EndpointReference", [&] {

@@ -132,6 +132,7 @@ bool TakeSegment(TPart *ptPath, TPart *ptSegment)
     return true;
 }
 
+// Neither path may have such segments; the one asked for has none when it begins one without.
 bool HasDots(TPart tPath)
 {
     static constexpr char kDots[] = "..";
@@ -158,8 +159,8 @@ bool MatchesUri(TPart tAskedText, TPart tOursText)
     return Split(tAskedText, &tAsked) && Split(tOursText, &tOurs) &&
            IsSameWithoutCase(tAsked.tScheme, tOurs.tScheme) &&
            tAsked.bAuthority == tOurs.bAuthority &&
-           IsSameWithoutCase(tAsked.tAuthority, tOurs.tAuthority) && !HasDots(tAsked.tPath) &&
-           !HasDots(tOurs.tPath) && (IsEmpty(tAsked.tPath) || tAsked.bRooted == tOurs.bRooted) &&
+           IsSameWithoutCase(tAsked.tAuthority, tOurs.tAuthority) && !HasDots(tOurs.tPath) &&
+           (IsEmpty(tAsked.tPath) || tAsked.bRooted == tOurs.bRooted) &&
            PathBegins(tOurs.tPath, tAsked.tPath);
 }
 
@@ -247,8 +248,7 @@ PFRule FindRule(const char *szRule)
     if (!szRule)
         return MatchesUri;
     const char *szWord = NextWord(&szRule, &dwLength);
-    if (!szWord || dwLength <= kNs || AppStrncmp(szWord, kDiscoveryNs, kNs) != 0 ||
-        szWord[kNs] != '/')
+    if (!szWord || dwLength <= kNs || AppStrncmp(szWord, kDiscoveryNs, kNs) != 0)
         return nullptr;
     for (const auto &rule : s_atRule)
         if (SoapEqual(szWord + kNs, rule.szName))
