@@ -102,8 +102,8 @@ const char *SyncFolder(const char *szFile)
 // ---- Files that are one -------------------------------------------------------------------------
 
 struct TPlace {
-    char achPath[kNewSize];
     struct stat tFolder, tFile;
+    char achPath[kNewSize];
     bool bFolder, bFile; // they are there
 };
 

@@ -61,11 +61,11 @@ constexpr TAppS32StrPair s_atOutcome[kOutcomes] = {
 
 struct TListener {
     TModule tModule;
-    char achName[24];
-    TAppNetAddr tAddr; // 0 for every address
     HAppSocket hSocket;
+    TAppNetAddr tAddr; // 0 for every address
+    TConfig tConfig;   // its thread's alone: no lock is taken for every datagram
+    char achName[24];
     std::atomic<bool> bEnd;
-    TConfig tConfig; // its thread's alone: no lock is taken for every datagram
 };
 
 struct TDatagram {
@@ -78,11 +78,11 @@ struct TDatagram {
 
 // Whom to answer, and what.
 struct TPending {
-    bool bUsed;
-    uint32_t dwDueTick;
-    TAppNetAddr tPeer;
-    uint16_t wPort;
     TQuestion tQuestion;
+    TAppNetAddr tPeer;
+    uint32_t dwDueTick;
+    uint16_t wPort;
+    bool bUsed;
 };
 
 struct TSeen {
@@ -290,7 +290,7 @@ bool Postpone(const TQuestion &tQuestion, const TAppNetAddr &tPeer, uint16_t wPo
         if (pending.bUsed)
             continue;
         const uint32_t dwTicks = RandomBelow(kMaxDelayMs) / AppConvertTickToMS(1);
-        pending = {true, AppGetTick() + dwTicks, tPeer, wPort, tQuestion};
+        pending = {tQuestion, tPeer, AppGetTick() + dwTicks, wPort, true};
         return true;
     }
     return false;

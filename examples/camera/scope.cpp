@@ -71,10 +71,12 @@ int HexDigit(char ch)
 char TakeChar(TPart *ptPart)
 {
     const char *sz = ptPart->szAt++;
-    if (*sz != '%' || Length(*ptPart) < 2 || HexDigit(sz[1]) < 0 || HexDigit(sz[2]) < 0)
+    const bool bCode = *sz == '%' && Length(*ptPart) >= 2;
+    const int nHigh = bCode ? HexDigit(sz[1]) : -1, nLow = bCode ? HexDigit(sz[2]) : -1;
+    if (nHigh < 0 || nLow < 0)
         return *sz;
     ptPart->szAt += 2;
-    return static_cast<char>(HexDigit(sz[1]) << 4 | HexDigit(sz[2]));
+    return static_cast<char>(nHigh << 4 | nLow);
 }
 
 bool IsSameDecoded(TPart tOne, TPart tOther)
