@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -141,8 +142,10 @@ int main(int argc, char **argv)
     sigaddset(&tSignals, SIGINT);
     sigaddset(&tSignals, SIGTERM);
     sigprocmask(SIG_BLOCK, &tSignals, nullptr);
-    if (!camera::ConsoleOpen())
+    if (!camera::ConsoleOpen()) {
+        perror("camera: no console");
         return 1;
+    }
     const int nSignals = signalfd(-1, &tSignals, SFD_CLOEXEC);
     const int nResult = camera::Run(argc > 1 ? argv[1] : "camera.xml", nSignals);
     close(nSignals);
