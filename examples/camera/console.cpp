@@ -17,6 +17,7 @@
 // No lock is needed around a write: a pipe takes up to PIPE_BUF bytes whole or not at all, whoever
 // else writes, and the counts are atomic.
 #include "camera.h"
+#include "guard.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -143,16 +144,7 @@ struct TRepeat {
     uint32_t dwTimes;  // it has come again since then
 };
 TRepeat s_atRepeat[16];
-pthread_mutex_t s_tRepeatMutex = PTHREAD_MUTEX_INITIALIZER;
-
-class RepeatGuard
-{
-public:
-    RepeatGuard() { pthread_mutex_lock(&s_tRepeatMutex); }
-    ~RepeatGuard() { pthread_mutex_unlock(&s_tRepeatMutex); }
-    RepeatGuard(const RepeatGuard &) = delete;
-    RepeatGuard &operator=(const RepeatGuard &) = delete;
-};
+TMutex s_tRepeatMutex;
 
 // Whether a line has been printed within the last minute, and need not be again.
 bool IsRepeated(const char *szText)
@@ -163,7 +155,7 @@ bool IsRepeated(const char *szText)
         return false;
     char achLine[sizeof(TRepeat::achLine)];
     AppStrncpy(achLine, szText, dwLen);
-    RepeatGuard guard;
+    const Guard guard(s_tRepeatMutex);
     TRepeat *ptFree = nullptr;
     for (TRepeat &repeat : s_atRepeat) {
         if (AppStrcmp(repeat.achLine, achLine) == 0) {
@@ -186,7 +178,7 @@ bool IsRepeated(const char *szText)
 // next minute begins, so that a flood of it makes one line a minute.
 bool TakeRepeats(bool bNow, char (&achText)[kTextSize])
 {
-    RepeatGuard guard;
+    const Guard guard(s_tRepeatMutex);
     const uint32_t dwTick = AppGetTick();
     for (TRepeat &repeat : s_atRepeat) {
         const bool bOver = AppConvertTickToMS(AppTickDiff(repeat.dwTick, dwTick)) >= kRepeatMs;

@@ -8,6 +8,7 @@
 // costs a bounded part of a processor and brings a bounded number of answers: see Admit().
 #include "budget.h"
 #include "camera.h"
+#include "guard.h"
 #include "interfaces.h"
 #include "probe.h"
 #include "soap.h"
@@ -16,8 +17,6 @@
 #include <errno.h>
 #include <sys/random.h>
 #include <time.h>
-
-#include <mutex>
 
 namespace camera
 {
@@ -101,7 +100,7 @@ bool s_bStarted;
 std::atomic<uint32_t> s_adwCount[kOutcomes];
 
 // Guards what follows; a socket is sent through with it held, so that it is not closed meanwhile.
-std::mutex s_lock;
+TMutex s_tMutex;
 TListener s_atListener[kMaxListeners]; // the first is for every address
 TOwnAddress s_atOwn[kMaxAddresses];    // where Hello has been said
 uint32_t s_dwOwn;
@@ -152,7 +151,7 @@ bool SendAnswer(const TListener *ptAsked, const TQuestion &tQuestion, const TApp
 {
     char achText[kMessageSize];
     const uint32_t dwLength = ProbeAnswer(tQuestion, ConfigGet(), tPeer, achText, sizeof(achText));
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     for (uint32_t i = 0; !ptAsked && i < s_dwOwn; ++i)
         if (IsNeighbour(s_atOwn[i], tPeer))
             ptAsked = FindListener(s_atOwn[i].tAddr);
@@ -169,7 +168,7 @@ void Announce(bool bHello, const TAppNetAddr &tInterface)
     AppConvertNettoStr(&tInterface, achIp, sizeof(achIp));
     bool bSent = false;
     {
-        const std::lock_guard<std::mutex> guard(s_lock);
+        const Guard guard(s_tMutex);
         const TListener *ptListener = FindListener(tInterface);
         // Joining also chooses the interface for what is sent to groups.
         bSent = AppSocketUDPJoinMulticastGroup(ptListener->hSocket, &s_tGroup, &tInterface, 0) ==
@@ -222,7 +221,7 @@ bool IsForUs(const TAppNetAddr &tAddr)
 // any process of the device has joined; and the sender's address may be that of a victim.
 int Admit(const TDatagram &datagram, const TConfig &tConfig)
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     if (!IsForUs(datagram.tAddr))
         return kOtherGroup;
     if (datagram.wPort == 0 || IsOutside(datagram.tPeer, tConfig))
@@ -250,7 +249,7 @@ bool WasAnswered(const char *szMessageId, uint16_t wPort)
 int Accept(const TQuestion &tQuestion, const TAppNetAddr &tPeer, uint16_t wPort,
            const TConfig &tConfig)
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     if (WasAnswered(tQuestion.achMessageId, wPort))
         return kRepeated;
     if (!BudgetTake(&s_tAnswers, tPeer.dwIpv4, AppGetTick(), 1, tConfig.dwSourceAnswers,
@@ -266,7 +265,7 @@ int Accept(const TQuestion &tQuestion, const TAppNetAddr &tPeer, uint16_t wPort,
 // Who asks again after an answer that could not be sent is answered.
 void Forget(const char *szMessageId)
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     for (TSeen &seen : s_atSeen)
         if (AppStrcmp(seen.achId, szMessageId) == 0)
             seen.achId[0] = '\0';
@@ -393,7 +392,7 @@ void WorkAsListener(TModule *ptModule, EWork eWork, void *)
             ModuleBeat(ptModule, kWaitMs);
         AppMemPoolFree(szBuf);
     } else if (eWork == kStop) {
-        const std::lock_guard<std::mutex> guard(s_lock);
+        const Guard guard(s_tMutex);
         AppSocketDestroy(ptListener->hSocket);
         ptListener->hSocket = nullptr;
     }
@@ -409,7 +408,7 @@ bool StartListener(TListener *ptListener, const TAppNetAddr &tAddr)
         AppConvertNettoStr(&tAddr, achIp, sizeof(achIp));
     AppSnprintf(ptListener->achName, sizeof(ptListener->achName), "at %s", achIp);
     {
-        const std::lock_guard<std::mutex> guard(s_lock);
+        const Guard guard(s_tMutex);
         ptListener->tModule.szName = ptListener->achName;
         ptListener->tModule.pfnWork = WorkAsListener;
         ptListener->tAddr = tAddr;
@@ -418,7 +417,7 @@ bool StartListener(TListener *ptListener, const TAppNetAddr &tAddr)
     }
     if (ModuleStart(&ptListener->tModule))
         return true;
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     AppSocketDestroy(ptListener->hSocket);
     ptListener->hSocket = nullptr;
     return false;
@@ -465,7 +464,7 @@ void LookForInterfaces(bool bGreet)
             dwNew |= 1u << i;
     }
     {
-        const std::lock_guard<std::mutex> guard(s_lock);
+        const Guard guard(s_tMutex);
         AppMemcpy(s_atOwn, atNow, sizeof(atNow));
         s_dwOwn = dwNow;
     }

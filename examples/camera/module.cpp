@@ -7,8 +7,7 @@
 // stands in its record, and what is owed to it as well: ModulesTick() makes good for what could not
 // be had when it was wanted.
 #include "camera.h"
-
-#include <mutex>
+#include "guard.h"
 
 namespace camera
 {
@@ -28,14 +27,14 @@ constexpr uint32_t kLateNudgeMs = 10000; // and what is in a mailbox by so much:
 char s_chBeat, s_chSettings;
 
 // A module whose task may be ending is in neither table.
-std::mutex s_lock;
+TMutex s_tMutex;
 TModule *s_aptModule[kMaxModules];
 TMailbox *s_aptMailbox[kMaxModules];
 
 template <typename T>
 bool Replace(T *(&aptTable)[kMaxModules], T *ptOld, T *ptNew)
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     for (T *&ptEntry : aptTable) {
         if (ptEntry != ptOld)
             continue;
@@ -205,7 +204,7 @@ void ModuleAlive(TModule *ptModule, uint32_t dwMs)
 
 void ModulesTick()
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     for (TModule *ptModule : s_aptModule) {
         if (!ptModule)
             continue;
@@ -222,7 +221,7 @@ void ModulesTick()
 
 void ModulesTellSettings()
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     for (TModule *ptModule : s_aptModule)
         if (ptModule)
             SendSettings(ptModule);
@@ -230,7 +229,7 @@ void ModulesTellSettings()
 
 int32_t ModulesStatus(char *szBuf, uint32_t dwSize)
 {
-    const std::lock_guard<std::mutex> guard(s_lock);
+    const Guard guard(s_tMutex);
     auto dwUsed = static_cast<uint32_t>(AppSnprintf(szBuf, dwSize, "modules:"));
     const uint32_t dwStart = dwUsed;
     for (const TModule *ptModule : s_aptModule) {
