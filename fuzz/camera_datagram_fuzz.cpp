@@ -489,17 +489,19 @@ private:
     EOutcome m_eMatch = kAnswered; // of a question that is one
 };
 
-// Reading many attributes takes long.
-void CheckAttributes()
+// Reading very many attributes or elements takes long.
+void CheckMany()
 {
     Parts parts(nullptr, 0);
     const Message message(parts);
-    std::string text = message.Text();
+    std::string attributes = message.Text(), elements = attributes;
     TQuestion question;
-    Require(Judge(text, &question) == kAnswered);
-    for (int i = 0; i < 1000; ++i)
-        text.insert(text.find('>'), Printed(" a%d='1'", i));
-    Require(Judge(text, &question) == kBroken);
+    Require(Judge(elements, &question) == kAnswered);
+    for (int i = 0; i < 1100; ++i) {
+        attributes.insert(attributes.find('>'), Printed(" a%d='1'", i));
+        elements.insert(elements.rfind('<'), "<a/>");
+    }
+    Require(Judge(attributes, &question) == kBroken && Judge(elements, &question) == kBroken);
 }
 
 void CheckMessage(Parts &parts)
@@ -522,7 +524,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     AppStrncpy(s_tConfig.achUuid, kUuid, sizeof(s_tConfig.achUuid));
     s_tConfig.dwService = 8000;
     CheckExamples();
-    CheckAttributes();
+    CheckMany();
     return 0;
 }
 

@@ -32,10 +32,8 @@ void Work(TModule *ptModule, EWork eWork, void *)
         ModuleBeat(ptModule, 20);
     s_dwBeats += eWork == kBeat;
     s_dwSettings += eWork == kSettings;
-    while (void *pvBlock = MailboxTake(&s_tMailbox)) {
-        AppMemPoolFree(pvBlock);
-        ++s_dwTaken;
-    }
+    for (void *pv; eWork == kEvent && (pv = MailboxTake(&s_tMailbox)); ++s_dwTaken)
+        AppMemPoolFree(pv);
 }
 
 std::string Status()
@@ -75,6 +73,8 @@ TEST(CameraModules, GoOnWhenThereIsMemoryAgain)
     ModulesTick();
     EXPECT_TRUE(Grows(s_dwBeats) && Grows(s_dwBeats));
     EXPECT_TRUE(test::WaitUntil([] { return s_dwSettings == 1; }));
+    ModulesTellSettings();
+    EXPECT_TRUE(test::WaitUntil([] { return s_dwSettings == 2; }));
     EXPECT_EQ(Status(), "modules: all on time\n");
     uint32_t dwPut = 0;
     for (unsigned nNth = 1, nHits = 1; nHits > 0;
@@ -101,7 +101,7 @@ TEST(CameraBudget, HoldsForEachAddressAndForAll)
     constexpr uint32_t kTicksPerSecond = 100;
     std::minstd_rand random(7);
     TBudget tBudget = {};
-    uint32_t dwTick = ~0u - kTicks / 2, adwTaken[200] = {}, dwAll = 0, dwQuiet = 0;
+    uint32_t dwTick = ~0u - kTicks / 2, adwTaken[200] = {}, dwAll = 0, dwQuiet = 0, dwGreedy = 0;
     for (uint32_t i = 0; i < kTicks; ++i, ++dwTick) {
         const uint32_t dwSources = i < kTicks / 2 ? 5 : 199; // five cannot use up what there is
         for (uint32_t n = random() % 20; n > 0; --n) {
@@ -110,6 +110,8 @@ TEST(CameraBudget, HoldsForEachAddressAndForAll)
             adwTaken[dwSource] += bTaken;
             dwAll += bTaken;
         }
+        dwGreedy += BudgetTake(&tBudget, 200, dwTick, 1, kEach, kAll); // however many come between
+        EXPECT_LE(dwGreedy, kEach * 2 + kEach * (i + 1) / kTicksPerSecond);
         EXPECT_LE(dwAll, kAll * 2 + kAll * (i + 1) / kTicksPerSecond + dwQuiet);
         for (uint32_t dwSource = 0; i == kTicks / 2 - 1 && dwSource < 5; ++dwSource)
             EXPECT_NEAR(adwTaken[dwSource], kEach * (2 + i / kTicksPerSecond), 5);
