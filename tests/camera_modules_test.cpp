@@ -104,6 +104,11 @@ TEST(CameraBudget, HoldsForEachAddressAndForAll)
     uint32_t dwTick = ~0u - kTicks / 2, adwTaken[200] = {}, dwAll = 0, dwQuiet = 0, dwGreedy = 0;
     for (uint32_t i = 0; i < kTicks; ++i, ++dwTick) {
         const uint32_t dwSources = i < kTicks / 2 ? 5 : 199; // five cannot use up what there is
+        if (i == kTicks / 2) { // nobody asks for a while: no more is stored than two seconds'
+            dwAll = kAll * i / kTicksPerSecond;
+            dwGreedy = kEach * i / kTicksPerSecond;
+            dwTick += 60 * kTicksPerSecond;
+        }
         for (uint32_t n = random() % 20; n > 0; --n) {
             const uint32_t dwSource = random() % dwSources;
             const bool bTaken = BudgetTake(&tBudget, dwSource, dwTick, 1, kEach, kAll);
