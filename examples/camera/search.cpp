@@ -66,8 +66,9 @@ bool IsNew(TSearch *ptSearch, const char *szAddress)
     for (uint32_t i = 0; i < ptSearch->dwFound; ++i)
         if (ptSearch->adwFound[i] == dwHash)
             return false;
-    if (ptSearch->dwFound < kMaxFound)
-        ptSearch->adwFound[ptSearch->dwFound++] = dwHash;
+    if (ptSearch->dwFound == kMaxFound) // nobody needs more, and anybody may invent some
+        return false;
+    ptSearch->adwFound[ptSearch->dwFound++] = dwHash;
     return true;
 }
 

@@ -345,6 +345,7 @@ def judge_probes(camera, identity):
     camera.say("log 3 240")
     rows = [("answered", probe("urn:uuid:a<&gt;\"".replace("<", "&lt;"))),
             ("answered", strange_probe("2")), ("answered", probe("3", types="")),
+            ("answered", probe("3" + " " * 200, types="dn:NetworkVideoTransmitter" + " " * 31000)),
             ("answered", probe("4", types=" dn:NetworkVideoTransmitter\n")),
             ("answered", probe("5", body=f"<Scopes>{name} onvif://www.onvif.org/</Scopes>")),
             ("repeated", probe("5")),
