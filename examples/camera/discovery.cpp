@@ -316,13 +316,11 @@ uint32_t SendPending()
 
 // ---- Datagrams ----------------------------------------------------------------------------------
 
-// What becomes of it; kOutcomes when that is not known yet.
+// What becomes of one that is admitted; kOutcomes when that is not known yet.
 int Handle(TListener *ptListener, const TDatagram &datagram, TQuestion *ptQuestion)
 {
     const TConfig &tConfig = ptListener->tConfig;
-    int nOutcome = Admit(datagram, tConfig);
-    if (nOutcome == kAnswered)
-        nOutcome = ProbeJudge(datagram.szText, datagram.dwLength, tConfig, ptQuestion);
+    int nOutcome = ProbeJudge(datagram.szText, datagram.dwLength, tConfig, ptQuestion);
     if (nOutcome == kAnswered)
         nOutcome = Accept(*ptQuestion, datagram.tPeer, datagram.wPort, tConfig);
     if (nOutcome != kAnswered)
@@ -338,7 +336,12 @@ int Handle(TListener *ptListener, const TDatagram &datagram, TQuestion *ptQuesti
 
 void Receive(TListener *ptListener, const TDatagram &datagram)
 {
-    TQuestion tQuestion = {};
+    const int nAdmitted = Admit(datagram, ptListener->tConfig);
+    if (nAdmitted != kAnswered) { // as many as the network likes: no line for each
+        s_adwCount[nAdmitted]++;
+        return;
+    }
+    TQuestion tQuestion;
     const int nOutcome = Handle(ptListener, datagram, &tQuestion);
     if (nOutcome < kOutcomes)
         s_adwCount[nOutcome]++;
