@@ -5,6 +5,7 @@
 #include "camera.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -136,6 +137,11 @@ void LogFilesOpen(const TConfig &tConfig)
 
 int main(int argc, char **argv)
 {
+#ifdef M_ARENA_MAX // the GNU C library's
+    // A heap for each thread would keep what its worst datagram took; what is large goes back at once.
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 16 * 1024);
+#endif
     // Blocked before the first thread is made, so that every thread leaves them to our descriptor.
     sigset_t tSignals;
     sigemptyset(&tSignals);

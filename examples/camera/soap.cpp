@@ -10,7 +10,7 @@ namespace camera
 // ---- Reading ------------------------------------------------------------------------------------
 
 // More would keep a processor busy, as much as a tenth of a second.
-constexpr uint32_t kMostElements = 1024; // tags, in fact
+constexpr uint32_t kMostElements = 512; // tags, in fact
 constexpr uint32_t kMostAttributes = 256;
 constexpr char kNextRole[] = "http://www.w3.org/2003/05/soap-envelope/role/next";
 constexpr char kLastRole[] = "http://www.w3.org/2003/05/soap-envelope/role/ultimateReceiver";
