@@ -51,7 +51,9 @@ bool Has(const Fns &fns, Fn fn)
 Fns Refusable(Fns fns)
 {
     for (unsigned i = 0; i < unsigned(Fn::kCount); ++i)
-        if (!Has({Fn::free, Fn::pthread_cond_signal, Fn::_AppVsnprintf}, Fn(i)) &&
+        if (!Has({Fn::free, Fn::pthread_cond_signal, Fn::_AppVsnprintf, Fn::AppMemPoolMalloc,
+                  Fn::AppTaskSetTimer},
+                 Fn(i)) &&
             strncmp(fault::Name(Fn(i)), "mxml", 4) != 0)
             fns.push_back(Fn(i));
     return fns;

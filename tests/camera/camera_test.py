@@ -253,7 +253,7 @@ def case_console():
     camera.wait_for("Hello on")
     for _ in range(10):  # an error of the library each
         udp_socket(600).sendto(b"", (ADDRESS, 3702))
-    camera.awaits("console repeated", 9)
+    camera.awaits("discovery unreadable", 10)
     report_unread()
     camera.reads.set()
     wait_until(loss_is_told, "every lost line is told", camera)
