@@ -24,6 +24,7 @@ namespace
 using namespace camera;
 
 std::atomic<uint32_t> s_dwBeats, s_dwSettings, s_dwTaken;
+std::atomic<bool> s_bBusy{false}; // takes nothing, as when a receiver is away
 TMailbox s_tMailbox;
 
 void Work(TModule *ptModule, EWork eWork, void *)
@@ -32,7 +33,7 @@ void Work(TModule *ptModule, EWork eWork, void *)
         ModuleBeat(ptModule, 20);
     s_dwBeats += eWork == kBeat;
     s_dwSettings += eWork == kSettings;
-    for (void *pv; eWork == kEvent && (pv = MailboxTake(&s_tMailbox)); ++s_dwTaken)
+    for (void *pv; eWork == kEvent && !s_bBusy && (pv = MailboxTake(&s_tMailbox)); ++s_dwTaken)
         AppMemPoolFree(pv);
 }
 
@@ -87,6 +88,9 @@ TEST(CameraModules, GoOnWhenThereIsMemoryAgain)
         EXPECT_TRUE(test::WaitUntil([&] { return s_dwTaken == dwPut; }));
     }
     EXPECT_GT(dwPut, 1u);
+    s_bBusy = true; // a nudge that was served is none that waits
+    EXPECT_TRUE(MailboxPut(&s_tMailbox, AppMemPoolMalloc(g_hPool, 8), kRoutine));
+    EXPECT_TRUE(test::WaitUntil([] { return !s_tMailbox.bNudged; }));
     ModuleStop(&tModule);
     MailboxClose(&s_tMailbox);
     AppTaskMgrDestroy(g_hTaskMgr);

@@ -51,10 +51,13 @@ enum EWork {
     kStop,     // the last call: to clean up
 };
 
+struct TMailbox;
+
 // A module is one task.
 struct TModule {
     const char *szName = nullptr;
     void (*pfnWork)(TModule *ptModule, EWork eWork, void *pvArg) = nullptr;
+    TMailbox *ptMailbox = nullptr; // what is put there is worked off at kEvent
     HAppTask hTask = nullptr;
     HAppLock hStopped = nullptr;
     HAppTimer hBeat = nullptr;              // the module's thread's alone
@@ -100,6 +103,7 @@ struct TMailbox {
     std::atomic<uint32_t> dwDropped;
 };
 
+// Before the owner starts, and after it has stopped.
 bool MailboxOpen(TMailbox *ptMailbox, TModule *ptOwner, uint32_t dwRoom);
 bool MailboxPut(TMailbox *ptMailbox, void *pvBlock, int32_t nPriority); // takes a pool block over
 void *MailboxTake(TMailbox *ptMailbox); // the owner's thread only; null when it is empty

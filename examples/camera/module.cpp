@@ -26,16 +26,14 @@ constexpr uint32_t kLateNudgeMs = 10000; // and what is in a mailbox by so much:
 // What an event is for, told by its argument.
 char s_chBeat, s_chSettings;
 
-// A module whose task may be ending is in neither table.
+// A module whose task may be ending is not in the table.
 TMutex s_tMutex;
 TModule *s_aptModule[kMaxModules];
-TMailbox *s_aptMailbox[kMaxModules];
 
-template <typename T>
-bool Replace(T *(&aptTable)[kMaxModules], T *ptOld, T *ptNew)
+bool Replace(const TModule *ptOld, TModule *ptNew)
 {
     const Guard guard(s_tMutex);
-    for (T *&ptEntry : aptTable) {
+    for (TModule *&ptEntry : s_aptModule) {
         if (ptEntry != ptOld)
             continue;
         ptEntry = ptNew;
@@ -100,6 +98,8 @@ void HandleEvent(TModule *ptModule, void *pvArg)
         if (ptModule->bBeats && static_cast<int32_t>(AppGetTick() - ptModule->dwDueTick) >= 0)
             Beat(ptModule);
     } else {
+        if (ptModule->ptMailbox) // what is put from here on is told again
+            ptModule->ptMailbox->bNudged = false;
         ptModule->pfnWork(ptModule, kEvent, pvArg);
     }
 }
@@ -133,15 +133,13 @@ uint32_t HandleModule(HAppTask, uint32_t dwEventType, void *pvArg, void *pvModul
 // How long ago a module should have run; 0 when it is on time.
 uint32_t LateMs(const TModule *ptModule)
 {
-    uint32_t dwMs = ptModule->bBeats ? Passed(ptModule->dwDueTick) : 0;
-    dwMs = dwMs > kLateMs ? dwMs : 0;
-    for (const TMailbox *ptMailbox : s_aptMailbox)
-        if (ptMailbox && ptMailbox->ptOwner == ptModule &&
-            (ptMailbox->bNudged || ptMailbox->bNudgeOwed)) {
-            const uint32_t dwNudged = Passed(ptMailbox->dwNudgeTick);
-            dwMs = dwNudged > kLateNudgeMs && dwNudged > dwMs ? dwNudged : dwMs;
-        }
-    return dwMs;
+    const TMailbox *ptMailbox = ptModule->ptMailbox;
+    const bool bNudged = ptMailbox && (ptMailbox->bNudged || ptMailbox->bNudgeOwed);
+    const uint32_t dwNudged = bNudged ? Passed(ptMailbox->dwNudgeTick) : 0;
+    const uint32_t dwMs = ptModule->bBeats ? Passed(ptModule->dwDueTick) : 0;
+    if (dwNudged > kLateNudgeMs && dwNudged > dwMs)
+        return dwNudged;
+    return dwMs > kLateMs ? dwMs : 0;
 }
 
 } // namespace
@@ -160,7 +158,7 @@ bool ModuleStart(TModule *ptModule)
     ptModule->bBeatSent = ptModule->bSettingsSent = ptModule->bSettingsOwed = false;
     Plan(ptModule, 0);
     SendBeat(ptModule);
-    if (Replace<TModule>(s_aptModule, nullptr, ptModule))
+    if (Replace(nullptr, ptModule))
         return true;
     ModuleStop(ptModule);
     return false;
@@ -170,7 +168,7 @@ void ModuleStop(TModule *ptModule)
 {
     if (!ptModule->hTask)
         return;
-    Replace<TModule>(s_aptModule, ptModule, nullptr);
+    Replace(ptModule, nullptr);
     if (AppTaskTerminate(ptModule->hTask) == APP_OK)
         AppLockTakeByTime(ptModule->hStopped, 0);
     ptModule->hTask = nullptr; // the thread is the manager's again
@@ -213,10 +211,9 @@ void ModulesTick()
             SendBeat(ptModule);
         if (ptModule->bSettingsOwed.exchange(false))
             SendSettings(ptModule);
+        if (ptModule->ptMailbox && ptModule->ptMailbox->bNudgeOwed.exchange(false))
+            Nudge(ptModule->ptMailbox);
     }
-    for (TMailbox *ptMailbox : s_aptMailbox)
-        if (ptMailbox && ptMailbox->bNudgeOwed.exchange(false))
-            Nudge(ptMailbox);
 }
 
 void ModulesTellSettings()
@@ -254,8 +251,8 @@ bool MailboxOpen(TMailbox *ptMailbox, TModule *ptOwner, uint32_t dwRoom)
 {
     ptMailbox->ptOwner = ptOwner;
     ptMailbox->dwRoom = dwRoom;
-    return AppQueueCreate(g_hPool, dwRoom, 1, &ptMailbox->hQueue) == APP_OK &&
-           Replace<TMailbox>(s_aptMailbox, nullptr, ptMailbox);
+    ptOwner->ptMailbox = ptMailbox;
+    return AppQueueCreate(g_hPool, dwRoom, 1, &ptMailbox->hQueue) == APP_OK;
 }
 
 static bool HasRoom(const TMailbox *ptMailbox, int32_t nPriority)
@@ -293,7 +290,6 @@ uint32_t MailboxWaiting(const TMailbox *ptMailbox)
 
 void MailboxClose(TMailbox *ptMailbox)
 {
-    Replace<TMailbox>(s_aptMailbox, ptMailbox, nullptr);
     AppQueueDestroy(
         ptMailbox->hQueue, [](void *pvBlock, void *) { AppMemPoolFree(pvBlock); }, nullptr);
     ptMailbox->hQueue = nullptr;
