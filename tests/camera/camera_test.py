@@ -523,11 +523,15 @@ def case_receiver():
     receiver = Receiver(port, reads=False)  # it is back, but takes what the system takes, no more
     camera.awaits("push sent", received + 5)
     raised = 258
-    while camera.status()["push dropped"] == status["push dropped"]:
+    while True:  # until nothing more goes into the connection
         expect(raised < 1000000, "the connection takes everything", camera)
         camera.say("motion 150")
         raised += 150
-        settle(camera, raised)
+        status = settle(camera, raised)
+        if status["push waiting"]:
+            time.sleep(1)
+            if camera.status()["push sent"] == status["push sent"]:
+                break
     receiver.kill()
 
     receiver = Receiver(port)  # and one that reads again
@@ -538,6 +542,10 @@ def case_receiver():
     # The waits for the network are longer than this: a detector that met one would show it.
     status = settle(camera, raised)
     expect(status["motion longest"] < 400, f"the detector waited: {status}", camera)
+    camera.say("set idle/receiver 100", "no notice for a while")  # not after a minute
+    camera.say("set idle/receiver 60000", "written")
+    camera.say("motion 1", "push: connected")
+    camera.say("set receiver/port 9", "another receiver was set")
     camera.end()
     receiver.kill()
 
