@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The camera's messages when there is no memory: whole or none.
+#include "camera/config.h"
 #include "camera/probe.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
@@ -8,7 +9,7 @@
 using namespace camera;
 
 HAppMemPool camera::g_hPool;
-uint8_t camera::g_byNetLog;
+uint8_t camera::g_byLog, camera::g_byNetLog;
 
 extern "C" int32_t IpcCapGetHwExternal(TIpcCapHwExternal *)
 {
@@ -50,6 +51,7 @@ TEST(CameraText, IsWholeOrNone)
 {
     TAppNetAddr tPeer;
     TQuestion tQuestion;
+    const TConfig tConfig = {};
     char achBuf[4096];
     AppConvertStrtoNet("127.0.0.1", &tPeer);
     ExpectWholeOrNone([&] {
@@ -57,6 +59,7 @@ TEST(CameraText, IsWholeOrNone)
     });
     ExpectWholeOrNone(
         [&] { return ProbeAnswer(tQuestion, {}, tPeer, achBuf, sizeof(achBuf)) > 0; });
+    ExpectWholeOrNone([&] { return ConfigWrite(&tConfig, achBuf, sizeof(achBuf)) > 0; });
     for (const bool bHello : {true, false})
         ExpectWholeOrNone(
             [&] { return ProbeAnnounce(bHello, {}, tPeer, achBuf, sizeof(achBuf)) > 0; });

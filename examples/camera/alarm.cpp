@@ -24,11 +24,11 @@ bool BuildNotice(mxml_node_t *ptNotice, const TMotion *ptMotion)
 {
     const TConfig tConfig = ConfigGet();
     char achTime[kTimeSize];
-    uint32_t dwResult = APP_OK;
-    if (!WriteTime(ptMotion->qwTime, ptMotion->dwMs, achTime, sizeof(achTime)))
+    mxmlElementSetAttr(ptNotice, "camera", tConfig.achUuid); // does not tell that it has no memory
+    if (!mxmlElementGetAttr(ptNotice, "camera") ||
+        !WriteTime(ptMotion->qwTime, ptMotion->dwMs, achTime, sizeof(achTime)))
         return false;
-    mxmlElementSetAttr(ptNotice, "camera", tConfig.achUuid);
-    dwResult |= AppXmlSetAttr_u32(ptNotice, "number", ptMotion->dwNumber);
+    uint32_t dwResult = AppXmlSetAttr_u32(ptNotice, "number", ptMotion->dwNumber);
     dwResult |= AppXmlAddSonNode_Str(ptNotice, "name", tConfig.achName, nullptr);
     dwResult |= AppXmlAddSonNode_Str(ptNotice, "time", achTime, nullptr);
     dwResult |= AppXmlAddSonNode_Str(
@@ -44,7 +44,7 @@ TNotice *MakeNotice(const TMotion *ptMotion)
     constexpr int nRoom = sizeof(ptNotice->achText) - 1; // one for the line's end
     int nLength = 0;
     mxmlSetWrapMargin(0); // a notice is one line
-    if (ptTree && ptNotice && BuildNotice(ptTree, ptMotion))
+    if (mxmlGetElement(ptTree) && ptNotice && BuildNotice(ptTree, ptMotion))
         nLength = mxmlSaveString(ptTree, ptNotice->achText, nRoom, nullptr);
     mxmlDelete(ptTree);
     if (nLength <= 0 || nLength >= nRoom) {

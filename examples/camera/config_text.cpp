@@ -326,7 +326,7 @@ uint32_t ConfigWrite(const TConfig *ptConfig, char *szBuf, uint32_t dwSize)
 {
     mxml_node_t *ptTree = mxmlNewXML("1.0");
     mxml_node_t *ptRoot = nullptr;
-    bool bDone = ptTree && AppXmlAddSonNode(ptTree, "camera", &ptRoot) == APP_OK;
+    bool bDone = mxmlGetElement(ptTree) && AppXmlAddSonNode(ptTree, "camera", &ptRoot) == APP_OK;
     for (uint32_t i = 0; bDone && i < kSettingCount; ++i)
         bDone = WriteSetting(ptRoot, ptConfig, &s_atSetting[i]);
     mxmlSetWrapMargin(0);
