@@ -29,6 +29,13 @@ extern uint8_t g_byLog;        // log channel of all modules, with a file
 extern uint8_t g_byAlarmLog;   // log channel of the alarm notices, with a file of its own
 extern uint8_t g_byNetLog;     // log channel of what comes from the network, at debug level
 
+// ---- Time ---------------------------------------------------------------------------------------
+
+inline uint32_t MsSince(uint32_t dwTick)
+{
+    return AppConvertTickToMS(AppTickDiff(dwTick, AppGetTick()));
+}
+
 // ---- console: what the camera prints never waits for whoever reads it (console.cpp) -------------
 
 // Before any thread.  From here on standard output, and every line of the log, goes through a buffer

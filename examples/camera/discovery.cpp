@@ -28,9 +28,7 @@ constexpr uint32_t kWaitMs = 200;   // how long the end of the camera may wait f
 constexpr uint32_t kAliveMs = 5000; // a listener's turn takes less
 constexpr uint32_t kSendMs = 50;
 constexpr uint32_t kLookMs = 10000;   // between two looks for new interfaces
-constexpr uint32_t kTellMs = 60000;   // between two lines on what could not be read
 constexpr uint32_t kMaxDelayMs = 500; // APP_MAX_DELAY: answers to the group are spread over it
-constexpr uint32_t kMaxAddresses = 16;
 constexpr uint32_t kMaxListeners = 5; // with that for every address
 constexpr uint32_t kMaxPending = 64;
 constexpr uint32_t kRemembered = 10; // messages that are answered once
@@ -94,8 +92,7 @@ void Work(TModule *ptModule, EWork eWork, void *pvArg);
 
 TModule s_tModule = {"discovery", Work};
 TAppNetAddr s_tGroup;
-uint32_t s_dwAnnounced;          // the settings' version that the network knows
-uint32_t s_dwTold, s_dwTellTick; // unreadable datagrams
+uint32_t s_dwAnnounced; // the settings' version that the network knows
 bool s_bStarted;
 std::atomic<uint32_t> s_adwCount[kOutcomes];
 
@@ -237,10 +234,9 @@ int Admit(const TDatagram &datagram, const TConfig &tConfig)
 // next of them wants its answer too.
 bool WasAnswered(const char *szMessageId, uint16_t wPort)
 {
-    const uint32_t dwNow = AppGetTick();
     for (const TSeen &seen : s_atSeen)
         if (AppStrcmp(seen.achId, szMessageId) == 0 &&
-            (seen.wPort == wPort || AppConvertTickToMS(AppTickDiff(seen.dwTick, dwNow)) < kCopyMs))
+            (seen.wPort == wPort || MsSince(seen.dwTick) < kCopyMs))
             return true;
     return false;
 }
@@ -483,18 +479,6 @@ void LookForInterfaces(bool bGreet)
 
 // ---- The task -----------------------------------------------------------------------------------
 
-void TellUnreadable()
-{
-    const uint32_t dwCount = s_adwCount[kUnreadable], dwNow = AppGetTick();
-    if (dwCount == s_dwTold ||
-        (s_dwTold > 0 && AppConvertTickToMS(AppTickDiff(s_dwTellTick, dwNow)) < kTellMs))
-        return;
-    AppLog(g_byLog, APP_LOG_ALWAYS, "discovery: %lu datagrams could not be read, %lu in all\n",
-           static_cast<unsigned long>(dwCount - s_dwTold), static_cast<unsigned long>(dwCount));
-    s_dwTold = dwCount;
-    s_dwTellTick = dwNow;
-}
-
 void Work(TModule *ptModule, EWork eWork, void *)
 {
     if (eWork == kBeat && !s_bStarted) { // after a power cut not all cameras shout at once
@@ -505,7 +489,6 @@ void Work(TModule *ptModule, EWork eWork, void *)
     } else if (eWork == kBeat) {
         ModuleBeat(ptModule, kLookMs);
         LookForInterfaces(true);
-        TellUnreadable();
     } else if (eWork == kSettings && s_dwAnnounced != ConfigGet().dwMetadata) {
         AnnounceAll(true);
     } else if (eWork == kStop) {

@@ -9,6 +9,8 @@
 namespace camera
 {
 
+constexpr uint32_t kMaxAddresses = 16; // that are looked at
+
 struct TOwnAddress {
     TAppNetAddr tAddr;
     TAppNetAddr tMask;

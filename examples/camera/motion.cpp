@@ -42,7 +42,7 @@ void Raise(uint32_t dwScore, uint32_t dwAlarm)
     s_dwRaised++;
     if (!AlarmRaise(ptMotion))
         s_dwDropped++;
-    const uint32_t dwMs = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
+    const uint32_t dwMs = MsSince(dwStart);
     if (dwMs > s_dwLongestMs)
         s_dwLongestMs = dwMs;
 }

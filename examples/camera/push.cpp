@@ -52,11 +52,6 @@ void Disconnect(const char *szWhy)
     AppLog(g_byLog, APP_LOG_ALWAYS, "push: disconnected: %s\n", szWhy);
 }
 
-uint32_t Passed(uint32_t dwTick)
-{
-    return AppConvertTickToMS(AppTickDiff(dwTick, AppGetTick()));
-}
-
 bool IsSame(const TReceiver &tOne, const TReceiver &tOther)
 {
     return tOne.bThere == tOther.bThere && tOne.tAddr.dwIpv4 == tOther.tAddr.dwIpv4 &&
@@ -113,7 +108,7 @@ bool SendCurrent()
         s_dwRetryMs = kFirstRetryMs;
     } else if (nSent == -1) {
         Disconnect("the connection broke");
-    } else if (Passed(s_dwLastTick) >= kStalledMs) {
+    } else if (MsSince(s_dwLastTick) >= kStalledMs) {
         Disconnect("the receiver does not read");
     }
     return nSent > 0;
@@ -125,7 +120,7 @@ bool SendAll(uint32_t dwMostMs)
     const uint32_t dwStart = AppGetTick();
     while (s_ptCurrent || (s_ptCurrent = static_cast<TNotice *>(MailboxTake(&s_tMailbox)))) {
         s_bHolding = 1;
-        if (Passed(dwStart) >= dwMostMs || (!s_hSocket && !Connect()))
+        if (MsSince(dwStart) >= dwMostMs || (!s_hSocket && !Connect()))
             return false;
         if (!SendCurrent())
             return false;

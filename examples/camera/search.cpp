@@ -19,7 +19,6 @@ namespace
 
 constexpr uint32_t kSearchMs = 1000;
 constexpr uint32_t kStackSize = 256 * 1024;
-constexpr uint32_t kMaxAddresses = 16;
 constexpr uint32_t kMaxFound = 64;
 
 struct TSearch {
@@ -103,7 +102,7 @@ void Collect(TSearch *ptSearch)
 {
     const uint32_t dwStart = AppGetTick();
     for (;;) {
-        const uint32_t dwPassed = AppConvertTickToMS(AppTickDiff(dwStart, AppGetTick()));
+        const uint32_t dwPassed = MsSince(dwStart);
         if (dwPassed >= kSearchMs)
             break;
         uint32_t dwLen = kDatagramSize;
