@@ -7,7 +7,8 @@
  * Proved: nobody touches a record or the manager after it has been freed, each is freed once, every
  * accepted event and every timer is told once, no lock is left held, and the only end is "everything
  * freed" (spin reports anything else as an invalid end state), so nobody waits for ever.  One
- * allocation may fail, wherever there is one.
+ * allocation may fail, wherever there is one.  And no thread sleeps beside a timer that it has not
+ * seen, or without having left word that it does.
  *
  * A lock's and a queue's operations are one step each: lock.pml and queue.pml prove them.  What
  * happens under a lock without waiting for another is one step, too.  Time passes or not, as it
@@ -51,7 +52,9 @@ typedef Task {
     bool promised;     /* has been promised an event, */
     bool interrupted;  /* will find that its next wait is over, */
     bool unit;         /* and gets the unit that wakes it */
-    bool timer;        /* a timer runs */
+    bool timer;        /* a timer runs, */
+    bool seen;         /* for which the thread will wake by itself */
+    bool waits;        /* dwWait: the thread waits, or is about to, for no other timer */
     bool owner;        /* pfnHandler is set: somebody hears what is told */
     bool made, freed;
     bool known;        /* the application has the handle, and the task has not ended by itself */
@@ -107,6 +110,8 @@ inline Unlink(t) {
     fi
 }
 
+inline Timely(t) { assert(!task[t].timer || task[t].seen) }
+
 /* AppQueueOut of the task's thread.  An expired wait that has been promised something already ends
  * with the unit like any other. */
 inline Out(t) {
@@ -117,7 +122,7 @@ inline Out(t) {
         :: else ->
             if
             :: task[t].interrupted -> task[t].interrupted = false
-            :: else -> task[t].asleep = true; asleep = true
+            :: else -> task[t].asleep = true; asleep = true; assert(task[t].waits); Timely(t)
             fi
         fi
     }
@@ -188,11 +193,24 @@ inline SetTimer() {
         :: !Barred && !task[o].lock ->
             Touch(o);
             if
-            :: Admits(o) && !task[o].timer -> task[o].timer = true; timers++
+            :: Admits(o) && !task[o].timer ->
+                task[o].timer = true; timers++;
+                task[o].seen = false;
+                if
+                :: task[o].waits ->
+                    task[o].waits = false;
+                    if
+                    :: task[o].asleep -> task[o].asleep = false; wake = true
+                    :: else -> task[o].interrupted = true
+                    fi
+                :: else
+                fi;
+                assert(!task[o].asleep)
             :: else
             fi
         fi
     }
+    WakeIfAsked(o)
 }
 
 /* AppTaskCancelTimer: the timer's handler runs here, and may use the task. */
@@ -373,13 +391,17 @@ inline AfterWait(t) {
     }
 }
 
+/* And leaves word how long it will wait. */
+inline Announce(t) { atomic { !task[t].lock; Touch(t); task[t].seen = true; task[t].waits = true } }
+
 inline RunTimers(t) {
     if
     :: atomic { task[t].timer && !task[t].lock -> Touch(t); task[t].timer = false;
                 assert(task[t].owner); timers-- }
         Call()
     :: true
-    fi
+    fi;
+    Announce(t)
 }
 
 inline GoForIdle(t) {
@@ -425,7 +447,7 @@ inline Refresh(t) {
 }
 
 inline Serve(t) {
-    atomic { !task[t].lock; Touch(t);
+    atomic { Touch(t);
              assert(got == END || !task[t].refresh); /* the new owner's come later */
              if :: task[t].state == RUNNING -> task[t].state = PROCESSING :: else fi }
     if
@@ -451,8 +473,11 @@ inline Leave(t) {
     fi
 }
 
+inline Retract(t) { atomic { Touch(t); task[t].waits = false } }
+
 inline Wait(t) {
     Out(t);
+    Retract(t);
     if
     :: got != NOTHING ->
         /* Reused since the last look: what came is the new owner's. */
@@ -468,19 +493,21 @@ proctype Thread(byte me) {
     bool asleep, last;
 
     atomic { !task[me].lock; Touch(me); task[me].state = RUNNING }
+    Announce(me);
     do
     :: NextRequest(me);
-        if :: got == NOTHING -> Wait(me) :: else fi;
+        if :: got == NOTHING -> Wait(me) :: else -> Retract(me) fi;
         if
         :: got == NOTHING
         :: got == REFRESH -> got = NOTHING; Refresh(me)
         :: else ->
             Serve(me);
-            atomic { Lock(me);
+            atomic { Touch(me);
                      if :: task[me].state == PROCESSING -> task[me].state = RUNNING :: else fi }
             if
-            :: Leaves(me) -> atomic { Unlock(me) } break
-            :: else -> atomic { Unlock(me) } RunTimers(me)
+            :: Leaves(me) -> break
+            :: !Leaves(me) && task[me].events + task[me].stops > 0 /* the next at once */
+            :: !Leaves(me) -> RunTimers(me)
             fi
         fi
     od;

@@ -412,6 +412,25 @@ TEST_F(TaskTest, TimersFollowTheirModel)
     }
 }
 
+// A task that sleeps beyond a timer's time-out is woken to look at it; nothing else about its queue
+// changes.  One that is busy looks by itself.
+TEST_F(TaskTest, ATimerSetFromOutsideEndsTheWait)
+{
+    Busy busy(manager.New(diary));
+    EXPECT_NE(AppTaskSetTimer(busy.hTask, 1, nullptr, nullptr), nullptr);
+    EXPECT_FALSE(busy.hTask->hEventQueue->bInterrupt);
+    HAppTask hTask = manager.New(own);
+    const auto sleepsFor = [&](uint32_t dwMs) { return app::Peek(hTask->dwWait) == dwMs; };
+    EXPECT_TRUE(test::WaitUntil([&] { return sleepsFor(5000); }));
+    EXPECT_NE(AppTaskSetTimer(hTask, 7000, nullptr, nullptr), nullptr);
+    EXPECT_TRUE(sleepsFor(5000));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_NE(AppTaskSetTimer(hTask, 1, nullptr, nullptr), nullptr);
+    own.Await("timeout");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+    EXPECT_EQ(_AppQueueGetTopSize(hTask->hEventQueue), 0u);
+}
+
 using Show = std::function<void(const std::string &)>;
 
 void Report(HAppTaskMgr hTaskMgr, Show show)

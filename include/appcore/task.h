@@ -199,8 +199,9 @@ APP_API HAppMemPool AppTaskGetMemPool(HAppTask hTask);
  * @{ */
 
 /**
- * Sets a timer.  One set by another thread while the task waits is noticed when that wait ends, at
- * most 5 seconds later; one set by a handler of the task is on time.
+ * Sets a timer.  Whoever sets it, it expires in the task's thread as soon as its time-out has passed
+ * in ticks of 10 ms: while the task waits, a tick and the thread's waking later; while its handlers
+ * run, after the one that runs.  A thread that sleeps beyond the time-out is woken to look again.
  * @param hTask      the task
  * @param dwTimeout  milliseconds; 0 expires at the next look at the timers
  * @param pfnHandler null is the task's handler, with the task's context

@@ -39,9 +39,10 @@ struct TAppTask {
     HAppLock hLock;
     HAppLock hExitLock; // given by the last user of the record, see leaving.cpp
     HAppQueue hEventQueue;
-    // Written under hLock; atomic only because reports peek at them.
+    // Written under hLock but for the thread's steps between RUNNING and PROCESSING, which admit the
+    // same and which no other step can meet: see thread.cpp.
     std::atomic<uint32_t> dwState;
-    std::atomic<uint32_t> dwIdleTimeout;
+    std::atomic<uint32_t> dwIdleTimeout; // written under hLock
     PFAppTaskHandler pfnHandler APP_GUARDED_BY(hLock); // null once the task has gone idle
     void *pvContext APP_GUARDED_BY(hLock);
     // In one of the manager's lists.
@@ -56,9 +57,14 @@ struct TAppTask {
     std::atomic<PFAppTaskHandler> pfnLastHandler;
     std::atomic<void *> pvLastContext;
 
-    uint32_t dwLastEventTick APP_GUARDED_BY(hLock); // when the last event came
+    uint32_t dwLastEventTick;         // when the last event came; the thread's own
     std::atomic<uint32_t> dwUsers;    // see leaving.cpp; grows only under the task's lock
     std::atomic<uint32_t> dwRequests; // EAppTaskRequest
+
+    // For who sets a timer: since when the thread waits, or is about to, and how long, in ms; 0 when
+    // it looks at its timers before it waits again.
+    uint32_t dwWaitTick APP_GUARDED_BY(hLock);
+    std::atomic<uint32_t> dwWait;
 };
 
 // What the manager wants of a task's thread lies in the record itself, so that neither reuse nor
@@ -151,6 +157,13 @@ void CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventT
 // Drops what is queued.  Without the task's lock, in a state that admits no work: so the queue runs
 // empty.
 void DropEvents(TAppTask *ptTask);
+
+// ---- thread.cpp -----------------------------------------------------------------------------
+
+// A timer has been set, under the task's lock: true when the thread waits beyond its time-out, and
+// has to be woken, with QueueWake(), after the lock.
+bool EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
+    APP_REQUIRES(ptTask->hLock);
 
 // ---- leaving.cpp ----------------------------------------------------------------------------
 

@@ -4,7 +4,14 @@
 // has brought neither, a look at the time-outs; after each the timers that are due.
 //
 // The state says what callers may do, the requests what the thread must do: the thread alone takes
-// a task out of the states that admit work, and only a new owner takes it back into them.
+// a task out of the states that admit work, and only a new owner takes it back into them.  So while
+// a task admits work its state is the thread's own, which steps between RUNNING and PROCESSING
+// without the lock: whoever asks under it finds either.
+//
+// After an event the lock is taken only when the thread has something to do under it: a timer may
+// be due, or it is about to wait.  The queue has no other consumer: an element that the thread has
+// seen there is there.  Before it waits it leaves word how long; who sets a timer that ends earlier
+// ends the wait, with an interrupt of the queue, which is kept for a wait that has not begun yet.
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "cross_linux/cross_linux.h"
@@ -12,12 +19,12 @@
 #include "task/timer.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
+#include "utils/queue.h"
 
 namespace
 {
 
-// Short, since a timer that is set before the thread has come to its first wait wakes nobody.
-constexpr uint32_t kFirstWaitMs = 300;
+constexpr uint32_t kFirstWaitMs = 300; // so that short idle time-outs are noticed in time
 
 constexpr TAppTaskEvent kRefresh = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
                                     nullptr};
@@ -26,51 +33,88 @@ constexpr TAppTaskEvent kGoForIdle = {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoFo
 constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
                                            _AppTaskGoForTerminateHandler, nullptr};
 
-void Start(TAppTask *ptTask)
+// The thread is about to wait.
+uint32_t Announce(TAppTask *ptTask, uint32_t dwWait) APP_REQUIRES(ptTask->hLock)
+{
+    ptTask->dwWaitTick = AppGetTick();
+    app::Poke(ptTask->dwWait, dwWait);
+    return dwWait;
+}
+
+// What ends a wait early from here on is kept for the next.  Relaxed: who misses it interrupts once
+// too often.
+void Retract(TAppTask *ptTask)
+{
+    app::Poke<uint32_t>(ptTask->dwWait, 0);
+}
+
+// Returns the first wait.
+uint32_t Start(TAppTask *ptTask)
 {
     app::LockGuard guard(ptTask);
     app::Poke(ptTask->nThreadId, _AppThreadGetTID());
     _AppThreadSetName(ptTask->szTaskName ? ptTask->szTaskName : "");
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
     ptTask->dwLastEventTick = AppGetTick();
+    // Timers may have been set already; they are run when the wait is over.
+    return Announce(ptTask, app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
+}
+
+bool Traces()
+{
+    return APP_LOG_DEBUG <= app::Peek(g_byAppLogLevel[0]);
 }
 
 void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
 {
-    if (APP_LOG_DEBUG > app::Peek(g_byAppLogLevel[0]))
+    if (!Traces())
         return;
     app::LockGuard guard(ptTask); // a new owner replaces the name
     AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: task %p %lu  szTaskName(%s)\n", szOp, app::Ptr(ptTask),
            app::Ul(dwWait), ptTask->szTaskName ? ptTask->szTaskName : "");
 }
 
+// The task's handler changes while the task is idle, under its lock: not while it has events.
+void Record(TAppTask *ptTask, const TAppTaskEvent &event) APP_NO_ANALYSIS
+{
+    if (event.pfnHandler)
+        app::RecordEvent(ptTask, event.dwEventType, event.pvArg, event.pfnHandler, event.pvContext);
+    else
+        app::RecordEvent(ptTask, event.dwEventType, event.pvArg, ptTask->pfnHandler,
+                         ptTask->pvContext);
+}
+
 void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
 {
-    {
-        app::LockGuard guard(ptTask);
+    // The clock is read for a time-out only.  That of an idle task runs from the request that sent
+    // it there, a new owner's from the refresh.
+    if (event.dwEventType != APP_TASK_EVENT_USER || app::Peek(ptTask->dwIdleTimeout) != 0)
         ptTask->dwLastEventTick = AppGetTick();
-        if (event.pfnHandler)
-            app::RecordEvent(ptTask, event.dwEventType, event.pvArg, event.pfnHandler,
-                             event.pvContext);
-        else
-            app::RecordEvent(ptTask, event.dwEventType, event.pvArg, ptTask->pfnHandler,
-                             ptTask->pvContext);
-        if (app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING)
-            app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_PROCESSING);
-    }
+    Record(ptTask, event);
+    if (app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING)
+        app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_PROCESSING);
     app::CallHandler(ptTask, event, event.dwEventType);
+}
+
+// Nothing calls for the lock before the next event.
+bool RunsOn(const TAppTask *ptTask)
+{
+    return app::QueueHolds(ptTask->hEventQueue) && !app::TimersMayBeDue(ptTask->ptTimerMgr) &&
+           !Traces();
 }
 
 // Looks at the state that a handler has left behind; false when the thread has to leave.
 bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait)
 {
-    app::LockGuard guard(ptTask);
     const uint32_t dwState = app::Peek(ptTask->dwState);
     if (dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT)
         return false;
     if (dwState == APP_TASK_STATE_PROCESSING)
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    *pdwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
+    if (RunsOn(ptTask))
+        return true;
+    app::LockGuard guard(ptTask);
+    *pdwWait = Announce(ptTask, _AppTimerMgrRun(ptTask->ptTimerMgr));
     return true;
 }
 
@@ -125,7 +169,7 @@ const TAppTaskEvent *AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
 {
     app::LockGuard guard(ptTask);
     const TAppTaskEvent *ptRequest = CheckIdleTimeouts(ptTask);
-    *pdwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
+    *pdwWait = Announce(ptTask, _AppTimerMgrRun(ptTask->ptTimerMgr));
     return ptRequest;
 }
 
@@ -141,10 +185,14 @@ const TAppTaskEvent *NextRequest(TAppTask *ptTask)
 // and passes what is there.
 bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait)
 {
-    if (const TAppTaskEvent *ptRequest = NextRequest(ptTask))
+    if (const TAppTaskEvent *ptRequest = NextRequest(ptTask)) {
+        Retract(ptTask);
         return ServeOne(ptTask, *ptRequest, pdwWait);
+    }
     void *pvEvent = nullptr;
-    if (AppQueueOut(ptTask->hEventQueue, *pdwWait, &pvEvent) == APP_OK) {
+    const uint32_t dwResult = AppQueueOut(ptTask->hEventQueue, *pdwWait, &pvEvent);
+    Retract(ptTask);
+    if (dwResult == APP_OK) {
         // Reused since the look above: the event is the new owner's already, or its end.
         if (TakeRefresh(ptTask))
             ServeOne(ptTask, kRefresh, pdwWait);
@@ -160,12 +208,21 @@ bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait)
 
 } // namespace
 
+bool app::EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
+{
+    const uint32_t dwWait = Peek(ptTask->dwWait);
+    const uint32_t dwWaited = ElapsedMs(ptTask->dwWaitTick, dwNowTick);
+    if (dwWaited >= dwWait || dwTimeout >= dwWait - dwWaited)
+        return false;
+    Retract(ptTask); // one interrupt is enough
+    return QueuePlaceInterrupt(ptTask->hEventQueue);
+}
+
 void *AppTask(void *pvTask)
 {
     auto ptTask = static_cast<TAppTask *>(pvTask);
     if (ptTask) {
-        Start(ptTask);
-        uint32_t dwWait = kFirstWaitMs;
+        uint32_t dwWait = Start(ptTask);
         do
             TraceWait(ptTask, dwWait, __func__);
         while (ServeNext(ptTask, &dwWait));

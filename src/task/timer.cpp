@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
-// The public operations of timers.  Setting one wakes nobody: the thread sees it when its wait ends,
-// five seconds later at most.  An ended timer's handle may name a later timer of the same task, so
-// that a late use reaches a live record, if the wrong one, as long as the task lives.
+// The public operations of timers.  Setting one ends the wait of a thread that would sleep beyond
+// its time-out; a reset only postpones.  An ended timer's handle may name a later timer of the same
+// task, so that a late use reaches a live record, if the wrong one, as long as the task lives.
 #include "task/timer.h"
 #include "appcore/platform.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
+#include "utils/queue.h"
 
 namespace
 {
@@ -39,14 +40,24 @@ HAppTimer AppTaskSetTimer(HAppTask hTask, uint32_t dwTimeout, PFAppTaskHandler p
 {
     if (!hTask)
         return nullptr;
-    app::LockGuard guard(hTask);
-    if (!AdmitsTimers(hTask, __func__))
-        return nullptr;
     HAppTimer hTimer = nullptr;
-    const uint32_t dwResult =
-        _AppTimerMgrNewTimer(hTask->ptTimerMgr, dwTimeout, pfnHandler, pvContext, &hTimer);
-    if (dwResult != APP_OK)
-        APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__);
+    bool bWake;
+    {
+        app::LockGuard guard(hTask);
+        if (!AdmitsTimers(hTask, __func__))
+            return nullptr;
+        const uint32_t dwResult =
+            _AppTimerMgrNewTimer(hTask->ptTimerMgr, dwTimeout, pfnHandler, pvContext, &hTimer);
+        if (dwResult != APP_OK) {
+            APP_LOG_RESULT(dwResult, "[ERROR] %s: _AppTimerMgrNewTimer failed %d\n", __func__);
+            return nullptr;
+        }
+        bWake = app::EndWaitFor(hTask, hTimer->dwStartTick, dwTimeout);
+    }
+    // After the lock, so that the thread does not run into it; which, interrupted, does not leave
+    // its wait before this.
+    if (bWake)
+        app::QueueWake(hTask->hEventQueue);
     return hTimer;
 }
 

@@ -137,7 +137,7 @@ TAppQueueNode *UnlinkHead(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
     if (hQueue->aptFinger[0] == ptNode)
         DropFinger(hQueue, 0);
     hQueue->ptHead = ptNode->ptNext;
-    --hQueue->dwCurSize;
+    app::SetCounter(hQueue->dwCurSize, hQueue->dwCurSize - 1);
     return ptNode;
 }
 
@@ -290,7 +290,8 @@ static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
     }
     *ptNode = {nullptr, pvData, nPriority};
     PlaceNode(hQueue, ptNode);
-    if (++hQueue->dwCurSize > hQueue->dwTopSize)
+    app::SetCounter(hQueue->dwCurSize, hQueue->dwCurSize + 1);
+    if (hQueue->dwCurSize > hQueue->dwTopSize)
         hQueue->dwTopSize = hQueue->dwCurSize;
     return APP_OK;
 }
@@ -317,19 +318,23 @@ void app::QueueWake(HAppQueue hQueue)
     AppLockGive(hQueue->hCountLock);
 }
 
+bool app::QueuePlaceInterrupt(HAppQueue hQueue)
+{
+    LockGuard guard(hQueue);
+    if (hQueue->dwSleepers == 0) {
+        hQueue->bInterrupt = true;
+        return false;
+    }
+    --hQueue->dwSleepers;
+    ++hQueue->dwInterrupted;
+    Verify(hQueue);
+    return true;
+}
+
 void app::QueueInterrupt(HAppQueue hQueue)
 {
-    {
-        LockGuard guard(hQueue);
-        if (hQueue->dwSleepers == 0) {
-            hQueue->bInterrupt = true;
-            return;
-        }
-        --hQueue->dwSleepers;
-        ++hQueue->dwInterrupted;
-        Verify(hQueue);
-    }
-    QueueWake(hQueue);
+    if (QueuePlaceInterrupt(hQueue))
+        QueueWake(hQueue);
 }
 
 uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce)

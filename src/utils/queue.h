@@ -5,6 +5,7 @@
 #define APPCORE_UTILS_QUEUE_H
 
 #include "appcore/containers.h"
+#include "base/field.h"
 #include "base/thread_safety.h"
 
 struct TAppQueueNode {
@@ -64,6 +65,14 @@ void QueueWake(HAppQueue hQueue);
 // first; size, marks and elements stay as they are, and no memory is needed.  The interrupted
 // consumer may destroy the queue as soon as it has returned.  Only for a queue with a lock.
 void QueueInterrupt(HAppQueue hQueue);
+// In two steps: true when QueueWake() has to follow, the last touch of the queue.
+bool QueuePlaceInterrupt(HAppQueue hQueue);
+
+// For the one consumer of a queue: what it sees there stays until it takes it.  No lock.
+inline bool QueueHolds(HAppQueue hQueue) APP_NO_ANALYSIS
+{
+    return PeekCounter(hQueue->dwCurSize) != 0;
+}
 
 // Order, tail, fingers and counts agree.  Only in builds with checks.
 bool QueueIsValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);
