@@ -15,6 +15,8 @@
 // A queue without hLock has nothing to guard these counts: there hCountLock counts every element.
 #include "utils/queue.h"
 
+#include <string.h>
+
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "base/rollback.h"
@@ -36,6 +38,7 @@ namespace
 constexpr uint32_t kCountCeiling = 4294967295u;
 // An insertion's messages name the one operation behind every way to insert.
 constexpr char kInsert[] = "_AppQueueIn";
+constexpr char kCreate[] = "AppQueueCreate";
 
 #ifdef APPCORE_CHECKS
 // Sleepers sleep because every element there is promised, and no interrupt has been kept.
@@ -153,6 +156,17 @@ bool Promise(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
     return true;
 }
 
+void *RecordOf(TAppQueueNode *ptNode)
+{
+    return ptNode + 1;
+}
+
+// Null for a null record.
+TAppQueueNode *NodeOf(void *pvRecord)
+{
+    return pvRecord ? static_cast<TAppQueueNode *>(pvRecord) - 1 : nullptr;
+}
+
 // False when the caller has to sleep.  Otherwise it has the first element that is not promised, or
 // none when an interrupt was kept for it.
 bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
@@ -218,20 +232,20 @@ uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwN
 
 } // namespace
 
-uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
-                        HAppQueue *phQueue)
+static uint32_t Create(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                       uint32_t dwRecordSize, HAppQueue *phQueue)
 {
     if (!phQueue)
         return APP_INVALID_ARG;
     *phQueue = nullptr;
     if (dwMaxSize == 0) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: change dwMaxSize(%u) ==> %u\n", __func__, dwMaxSize,
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: change dwMaxSize(%u) ==> %u\n", kCreate, dwMaxSize,
                APP_QUEUE_DEFAULT_MAX);
         dwMaxSize = APP_QUEUE_DEFAULT_MAX;
     }
     auto hQueue = static_cast<HAppQueue>(AppMemPoolMalloc(hMemPool, sizeof(TAppQueue)));
     if (!hQueue) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kCreate);
         return APP_NO_RESOURCE;
     }
     app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); }); // takes half a queue
@@ -239,6 +253,7 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
     *hQueue = {};
     hQueue->dwMaxSize = dwMaxSize;
     hQueue->hMemPool = hMemPool;
+    hQueue->wRecordSize = static_cast<uint16_t>(dwRecordSize);
     uint32_t dwResult = APP_OK;
     if (bLock == 1)
         dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hQueue->hLock);
@@ -246,12 +261,24 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
         dwResult =
             AppLockCreate(hMemPool, kCountCeiling, 0, APP_LOCK_TYPE_SEM, &hQueue->hCountLock);
     if (dwResult != APP_OK) {
-        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", __func__);
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", kCreate);
         return dwResult;
     }
     undo.Dismiss();
     *phQueue = hQueue;
     return APP_OK;
+}
+
+uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                        HAppQueue *phQueue)
+{
+    return Create(hMemPool, dwMaxSize, bLock, 0, phQueue);
+}
+
+uint32_t app::QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
+                                    HAppQueue *phQueue)
+{
+    return Create(hMemPool, dwMaxSize, 1, dwRecordSize, phQueue);
 }
 
 void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
@@ -279,37 +306,48 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
 
 // The allocation is made under the lock too: a full queue asks for no memory, and nobody comes in
 // between.
-static uint32_t InsertNode(HAppQueue hQueue, void *pvData, int32_t nPriority)
-    APP_REQUIRES(hQueue->hLock)
+template <typename Fill>
+static uint32_t Place(HAppQueue hQueue, int32_t nPriority, int32_t bForce, bool *pbWake, Fill fill)
 {
-    auto ptNode =
-        static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode)));
-    if (!ptNode) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
+    app::LockGuard guard(hQueue);
+    if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
+               app::Ul(hQueue->dwCurSize), app::Ul(hQueue->dwMaxSize));
         return APP_NO_RESOURCE;
     }
-    *ptNode = {nullptr, pvData, nPriority};
+    auto ptNode = static_cast<TAppQueueNode *>(
+        AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode) + hQueue->wRecordSize));
+    if (!ptNode)
+        return app::kQueueNoMemory;
+    *ptNode = {nullptr, nullptr, nPriority};
+    fill(ptNode);
     PlaceNode(hQueue, ptNode);
     app::SetCounter(hQueue->dwCurSize, hQueue->dwCurSize + 1);
     if (hQueue->dwCurSize > hQueue->dwTopSize)
         hQueue->dwTopSize = hQueue->dwCurSize;
+    *pbWake = Promise(hQueue);
+    Verify(hQueue);
     return APP_OK;
 }
 
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
                          bool *pbWake)
 {
-    LockGuard guard(hQueue);
-    if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
-               Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
-        return APP_NO_RESOURCE;
-    }
-    const uint32_t dwResult = InsertNode(hQueue, pvData, nPriority);
-    if (dwResult == APP_OK)
-        *pbWake = Promise(hQueue);
-    Verify(hQueue);
-    return dwResult;
+    const uint32_t dwResult = Place(hQueue, nPriority, bForce, pbWake,
+                                    [=](TAppQueueNode *ptNode) { ptNode->pvData = pvData; });
+    if (dwResult != kQueueNoMemory)
+        return dwResult;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
+    return APP_NO_RESOURCE;
+}
+
+uint32_t app::QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t nPriority,
+                               int32_t bForce, bool *pbWake)
+{
+    return Place(hQueue, nPriority, bForce, pbWake, [=](TAppQueueNode *ptNode) {
+        ptNode->pvData = RecordOf(ptNode);
+        memcpy(ptNode->pvData, pvRecord, hQueue->wRecordSize);
+    });
 }
 
 // The last touch: the woken consumer may destroy the queue.
@@ -353,23 +391,46 @@ uint32_t AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority)
     return _AppQueueIn(hQueue, pvData, nPriority, 0);
 }
 
+// The first element's node, which is the caller's.
+static uint32_t TakeNode(HAppQueue hQueue, uint32_t dwTimeout, TAppQueueNode **pptNode)
+{
+    if (!TakeFree(hQueue, pptNode)) {
+        const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
+        if (dwResult != APP_OK)
+            return dwResult;
+        *pptNode = TakePromised(hQueue);
+    }
+    return *pptNode ? APP_OK : APP_TIMEOUT; // interrupted
+}
+
 uint32_t AppQueueOut(HAppQueue hQueue, uint32_t dwTimeout, void **ppvData)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
     TAppQueueNode *ptNode = nullptr;
-    if (!TakeFree(hQueue, &ptNode)) {
-        const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
-        if (dwResult != APP_OK)
-            return dwResult;
-        ptNode = TakePromised(hQueue);
-    }
-    if (!ptNode)
-        return APP_TIMEOUT; // interrupted
+    const uint32_t dwResult = TakeNode(hQueue, dwTimeout, &ptNode);
+    if (dwResult != APP_OK)
+        return dwResult;
     if (ppvData)
         *ppvData = ptNode->pvData;
     AppMemPoolFree(ptNode);
     return APP_OK;
+}
+
+uint32_t app::QueueTakeRecord(HAppQueue hQueue, uint32_t dwTimeout, void **ppvRecord)
+{
+    AppMemPoolFree(NodeOf(*ppvRecord));
+    *ppvRecord = nullptr;
+    TAppQueueNode *ptNode = nullptr;
+    const uint32_t dwResult = TakeNode(hQueue, dwTimeout, &ptNode);
+    if (ptNode)
+        *ppvRecord = RecordOf(ptNode);
+    return dwResult;
+}
+
+void app::QueueGiveRecordBack(HAppQueue, void *pvRecord)
+{
+    AppMemPoolFree(NodeOf(pvRecord));
 }
 
 uint32_t AppQueueGetSize(HAppQueue hQueue)

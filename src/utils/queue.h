@@ -39,6 +39,7 @@ struct TAppQueue {
     uint32_t dwPromised APP_GUARDED_BY(hLock);    // elements for which a consumer has been woken
     uint32_t dwInterrupted APP_GUARDED_BY(hLock); // consumers that have been woken for nothing
     bool bInterrupt APP_GUARDED_BY(hLock); // an interrupt that found no sleeper: for the next one
+    uint16_t wRecordSize;                  // of what lies behind each node; 0 is nothing
 };
 
 extern "C" {
@@ -53,19 +54,41 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize);
 
 namespace app
 {
-// _AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
+// AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
 // element is placed, and QueueWake() wakes one consumer for it when `*pbWake` says so; otherwise
 // the queue must not be touched any more.
 uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
                     bool *pbWake);
 void QueueWake(HAppQueue hQueue);
 
+// A queue with a lock whose elements are records of so many bytes, a multiple of a pointer's and at
+// most kQueueRecordMax, which it keeps behind its nodes: a record needs no memory of its own.  Such
+// a queue is used through the four operations below; its records are aligned as pointers are.
+// Messages and results are those of AppQueueCreate(), which creates it with 0.
+constexpr uint32_t kQueueRecordMax = 128;
+uint32_t QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
+                               HAppQueue *phQueue);
+
+// QueuePlace() of a copy of the record.  Without memory the pool has logged its line, the queue
+// none: the result is kQueueNoMemory, and the caller's own line names who wanted it.
+constexpr uint32_t kQueueNoMemory = UINT32_MAX;
+uint32_t QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t nPriority, int32_t bForce,
+                          bool *pbWake);
+
+// AppQueueOut() of a record, which stays valid until it is given back.  `*ppvRecord` hands back the
+// one taken before, or null, in the same critical section and before any sleep, and receives the
+// next, or null when the result is not APP_OK.
+uint32_t QueueTakeRecord(HAppQueue hQueue, uint32_t dwTimeout, void **ppvRecord);
+// For who leaves without another take; null does nothing.
+void QueueGiveRecordBack(HAppQueue hQueue, void *pvRecord);
+
 // Ends the wait of one consumer, whose AppQueueOut() returns APP_TIMEOUT.  While none waits the
 // interrupt is kept, one at most, for the next that would have to.  An element that is there goes
 // first; size, marks and elements stay as they are, and no memory is needed.  The interrupted
 // consumer may destroy the queue as soon as it has returned.  Only for a queue with a lock.
 void QueueInterrupt(HAppQueue hQueue);
-// In two steps: true when QueueWake() has to follow, the last touch of the queue.
+// The same in two steps: true when QueueWake() has to follow, after the caller's lock; otherwise
+// the queue must not be touched any more.
 bool QueuePlaceInterrupt(HAppQueue hQueue);
 
 // For the one consumer of a queue: what it sees there stays until it takes it.  No lock.
