@@ -41,7 +41,8 @@ uint32_t CreateMembers(TAppTask *ptTask, uint32_t dwMaxEvent, uint32_t dwMemPool
         APP_LOG_RESULT(dwResult, "[ERROR] %s: AppLockCreate failed %d\n", szOp);
         return dwResult;
     }
-    dwResult = AppQueueCreate(hMgrPool, dwMaxEvent, 1, &ptTask->hEventQueue);
+    dwResult = app::QueueCreateForRecords(hMgrPool, dwMaxEvent, sizeof(TAppTaskEvent),
+                                          &ptTask->hEventQueue);
     if (dwResult != APP_OK) {
         APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueCreate failed %d\n", szOp);
         return dwResult;

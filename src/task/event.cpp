@@ -2,10 +2,9 @@
 //
 // Sending an event, dropping it, and the last one.
 //
-// The queue holds copies of the manager's own, so that a sender's record may be gone when its event
+// The queue holds copies of its own, so that a sender's record may be gone when its event
 // is served; the argument stays the sender's affair.  A send that is refused has told nobody, and
 // one that is accepted is told once, as what it is or as dropped.
-#include "appcore/mempool.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -60,11 +59,12 @@ void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
 // report.
 void app::DropEvents(TAppTask *ptTask)
 {
-    while (AppQueueGetSize(ptTask->hEventQueue) != 0) {
-        void *pvEvent = nullptr;
-        AppQueueOut(ptTask->hEventQueue, 0, &pvEvent);
+    void *pvEvent = nullptr;
+    while (QueueHolds(ptTask->hEventQueue)) {
+        QueueTakeRecord(ptTask->hEventQueue, 0, &pvEvent);
         _AppTaskDropEventCB(pvEvent, ptTask);
     }
+    QueueGiveRecordBack(ptTask->hEventQueue, pvEvent);
 }
 
 void _AppTaskDropEventCB(void *pvEvent, void *pvTask)
@@ -73,28 +73,22 @@ void _AppTaskDropEventCB(void *pvEvent, void *pvTask)
         return;
     app::CallHandler(static_cast<TAppTask *>(pvTask), *static_cast<TAppTaskEvent *>(pvEvent),
                      APP_TASK_EVENT_DROP);
-    AppMemPoolFree(pvEvent);
 }
 
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
                            uint32_t bForce, bool *pbWake)
 {
-    auto ptCopy = static_cast<TAppTaskEvent *>(
-        AppMemPoolMalloc(ptTask->ptTaskMgr->hMemPool, sizeof(TAppTaskEvent)));
-    if (!ptCopy) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
-        return APP_NO_RESOURCE;
-    }
-    *ptCopy = *ptEvent;
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", __func__,
               app::Ptr(ptTask), app::Int(ptEvent->dwEventType), app::Ptr(ptEvent->pfnHandler),
               ptEvent->pvArg);
-    const uint32_t dwResult = app::QueuePlace(ptTask->hEventQueue, ptCopy, nPriority,
-                                              static_cast<int32_t>(bForce), pbWake);
-    if (dwResult != APP_OK) {
-        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueIn failed %d\n", __func__);
-        AppMemPoolFree(ptCopy);
+    const uint32_t dwResult = app::QueuePlaceRecord(ptTask->hEventQueue, ptEvent, nPriority,
+                                                    static_cast<int32_t>(bForce), pbWake);
+    if (dwResult == app::kQueueNoMemory) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", __func__);
+        return APP_NO_RESOURCE;
     }
+    if (dwResult != APP_OK)
+        APP_LOG_RESULT(dwResult, "[ERROR] %s: AppQueueIn failed %d\n", __func__);
     return dwResult;
 }
 

@@ -42,7 +42,7 @@ struct TAppTask {
     // Written under hLock but for the thread's steps between RUNNING and PROCESSING, which admit the
     // same and which no other step can meet: see thread.cpp.
     std::atomic<uint32_t> dwState;
-    std::atomic<uint32_t> dwIdleTimeout; // written under hLock
+    std::atomic<uint32_t> dwIdleTimeout;               // written under hLock
     PFAppTaskHandler pfnHandler APP_GUARDED_BY(hLock); // null once the task has gone idle
     void *pvContext APP_GUARDED_BY(hLock);
     // In one of the manager's lists.
@@ -74,7 +74,7 @@ enum EAppTaskRequest {
     APP_TASK_REQUEST_REFRESH = 2,
 };
 
-// Copied into a record of its own for the queue.
+// The queue keeps copies.
 struct TAppTaskEvent {
     uint32_t dwEventType;
     void *pvArg;
@@ -122,7 +122,7 @@ uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *pv
 uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg,
                                        void *pvContext);
 uint32_t _AppTaskRefreshHandler(HAppTask hTask, uint32_t dwEventType, void *pvArg, void *pvContext);
-// Tells one event's drop and releases it.
+// Tells one event's drop.
 void _AppTaskDropEventCB(void *pvEvent, void *pvTask);
 // Waits for the task's thread and destroys the task; a callback for the lists' destruction.
 void __AppFreeTaskCB(void *pvTask, void *pvIgnored);

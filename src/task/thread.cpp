@@ -12,7 +12,6 @@
 // be due, or it is about to wait.  The queue has no other consumer: an element that the thread has
 // seen there is there.  Before it waits it leaves word how long; who sets a timer that ends earlier
 // ends the wait, with an interrupt of the queue, which is kept for a wait that has not begun yet.
-#include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "cross_linux/cross_linux.h"
 #include "task/task.h"
@@ -183,22 +182,19 @@ const TAppTaskEvent *NextRequest(TAppTask *ptTask)
 
 // One turn of the loop; false when the thread has to leave.  A request needs no place in the queue
 // and passes what is there.
-bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait)
+bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, void **ppvEvent)
 {
     if (const TAppTaskEvent *ptRequest = NextRequest(ptTask)) {
         Retract(ptTask);
         return ServeOne(ptTask, *ptRequest, pdwWait);
     }
-    void *pvEvent = nullptr;
-    const uint32_t dwResult = AppQueueOut(ptTask->hEventQueue, *pdwWait, &pvEvent);
+    const uint32_t dwResult = app::QueueTakeRecord(ptTask->hEventQueue, *pdwWait, ppvEvent);
     Retract(ptTask);
     if (dwResult == APP_OK) {
         // Reused since the look above: the event is the new owner's already, or its end.
         if (TakeRefresh(ptTask))
             ServeOne(ptTask, kRefresh, pdwWait);
-        const bool bStay = ServeOne(ptTask, *static_cast<TAppTaskEvent *>(pvEvent), pdwWait);
-        AppMemPoolFree(pvEvent);
-        return bStay;
+        return ServeOne(ptTask, *static_cast<TAppTaskEvent *>(*ppvEvent), pdwWait);
     }
     const TAppTaskEvent *ptRequest = NextRequest(ptTask); // what may have ended the wait
     if (!ptRequest)
@@ -223,9 +219,11 @@ void *AppTask(void *pvTask)
     auto ptTask = static_cast<TAppTask *>(pvTask);
     if (ptTask) {
         uint32_t dwWait = Start(ptTask);
+        void *pvEvent = nullptr; // the last one served, which goes back with the next take
         do
             TraceWait(ptTask, dwWait, __func__);
-        while (ServeNext(ptTask, &dwWait));
+        while (ServeNext(ptTask, &dwWait, &pvEvent));
+        app::QueueGiveRecordBack(ptTask->hEventQueue, pvEvent);
         app::Leave(ptTask);
     }
     _AppThreadExit();
