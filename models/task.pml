@@ -55,7 +55,8 @@ typedef Task {
     bool timer;        /* a timer runs, */
     bool seen;         /* for which the thread will wake by itself */
     bool waits;        /* dwWait: the thread waits, or is about to, for no other timer */
-    bool owner;        /* pfnHandler is set: somebody hears what is told */
+    bool owner;        /* pfnHandler is set: somebody hears what is told; */
+    bool stale;        /* a new one, of whom the thread knows nothing yet */
     bool made, freed;
     bool known;        /* the application has the handle, and the task has not ended by itself */
 }
@@ -162,12 +163,12 @@ inline EndLeaving() {
  * has; only a caller from outside must have come back before the destruction does. */
 #define Barred (!task[o].known || (me == OUTSIDER && releasing))
 
-/* AppTaskSendEvent and AppTaskTerminate */
+/* AppTaskSendEvent and AppTaskTerminate: under the queue's lock alone. */
 inline Send(what) {
-    atomic {
+    atomic { /* hEventQueue->hLock */
         if
         :: Barred
-        :: !Barred && !task[o].lock ->
+        :: !Barred ->
             Touch(o);
             if
             :: Admits(o) && scarce -> scarce = false /* refused */
@@ -259,9 +260,9 @@ inline Reuse(t) {
     if
     :: atomic { task[t].state == IDLE -> found = t }
         if
-        :: atomic { task[t].state = RUNNING; task[t].owner = true; task[t].list = ACTIVE;
-                    task[t].known = true }
-            Request(t, refresh)
+        :: atomic { task[t].owner = true; task[t].list = ACTIVE; task[t].known = true;
+                    task[t].stale = true; task[t].state = RUNNING; task[t].refresh = true }
+            Interrupt(t)
         :: atomic { task[t].list = NOWHERE; failed = t } /* more events wait than it allows */
         fi
     :: task[t].state != IDLE
@@ -442,13 +443,13 @@ inline GoForTerminate(t) {
 
 /* Gives the thread its new name; a late one would revive a task. */
 inline Refresh(t) {
-    atomic { !task[t].lock; Touch(t); assert(Admits(t)) }
+    atomic { !task[t].lock; Touch(t); assert(Admits(t)); task[t].stale = false }
     RunTimers(t)
 }
 
 inline Serve(t) {
     atomic { Touch(t);
-             assert(got == END || !task[t].refresh); /* the new owner's come later */
+             assert(got == END || !task[t].stale); /* the new owner's come later */
              if :: task[t].state == RUNNING -> task[t].state = PROCESSING :: else fi }
     if
     :: got == EVENT ->

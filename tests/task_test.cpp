@@ -39,11 +39,14 @@ void Send(HAppTask hTask, uintptr_t nArg)
     EXPECT_CODE(APP_OK, AppTaskSendEvent(hTask, Arg(nArg), nullptr, nullptr));
 }
 
-// Without the task's lock, and whatever its state.
+// Whatever the task's state.
 void SendUnchecked(HAppTask hTask, const TAppTaskEvent &event)
 {
     bool bWake = false;
-    EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &event, 0, 1, &bWake));
+    {
+        app::LockGuard guard(hTask->hEventQueue);
+        EXPECT_CODE(APP_OK, _AppTaskSendEvent(hTask, &event, 0, 1, &bWake));
+    }
     if (bWake)
         app::QueueWake(hTask->hEventQueue);
 }
@@ -104,13 +107,13 @@ TEST_F(TaskTest, ReusesTheTaskThatWasParkedLast)
     EXPECT_EQ(hFirst->szTaskName, nullptr);
 }
 
-// A sender that cannot have the task's lock neither looks at the state nor queues.
+// A sender that cannot have the queue's lock neither looks at the state nor queues.
 TEST_F(TaskTest, ReachTheirHandlersInOrder)
 {
     HAppTask hTask = manager.New(diary);
     const auto start = std::chrono::steady_clock::now();
     {
-        app::LockGuard guard(hTask);
+        app::LockGuard guard(hTask->hEventQueue);
         EXPECT_CODE(APP_TIMEOUT, AppTaskSendEvent(hTask, Arg(9), nullptr, nullptr));
         EXPECT_GE(test::ElapsedMs(start), 990);
     }

@@ -147,7 +147,7 @@ APP_API void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvCon
  * @{ */
 
 /**
- * Sends an event.  Blocks at most a second, for the task's lock.
+ * Sends an event.  Blocks at most a second, for the lock of the task's queue.
  * @param hTask      the task
  * @param pvArg      argument; stays the property of whoever handles it
  * @param pfnHandler handler of this event; null is the task's
@@ -155,13 +155,13 @@ APP_API void AppTaskMgrShow(HAppTaskMgr hTaskMgr, PFAppShow pfnShow, void *pvCon
  * @retval APP_OK          queued
  * @retval APP_INVALID_ARG null task, or a task that is idle or ending
  * @retval APP_NO_RESOURCE the task's queue is full, or no memory
- * @retval APP_TIMEOUT     the task's lock was not to be had; nothing is queued
+ * @retval APP_TIMEOUT     the queue's lock was not to be had; nothing is queued
  */
 APP_API uint32_t AppTaskSendEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandler,
                                   void *pvContext);
 
-/** As AppTaskSendEvent(), but a full queue takes the event too, and the task's lock is waited for
- *  without limit. */
+/** As AppTaskSendEvent(), but a full queue takes the event too, and the lock is waited for without
+ *  limit. */
 APP_API uint32_t AppTaskAssignEvent(HAppTask hTask, void *pvArg, PFAppTaskHandler pfnHandler,
                                     void *pvContext);
 

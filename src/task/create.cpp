@@ -107,9 +107,15 @@ uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t d
     app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     ptTask->pfnHandler = ptTask->ptTimerMgr->pfnHandler = pfnHandler;
     ptTask->pvContext = ptTask->ptTimerMgr->pvContext = pvContext;
-    app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
+    {
+        // One step, for whoever sends with a handle of the last owner's: what is admitted from here
+        // on is served after the refresh.
+        app::LockGuard guard(ptTask->hEventQueue);
+        app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
+        ptTask->dwRequests.fetch_or(APP_TASK_REQUEST_REFRESH);
+    }
     // Until the thread has served this it sends the task neither idle nor to its end: the new
     // owner's idle time-out runs from there.
-    app::Request(ptTask, APP_TASK_REQUEST_REFRESH);
+    app::QueueInterrupt(ptTask->hEventQueue);
     return APP_OK;
 }

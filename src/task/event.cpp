@@ -13,11 +13,12 @@
 namespace
 {
 
-// A task's lock is held for moments only.  Who does not get it within this time is told so instead
-// of being lost with whatever has gone wrong.
+// The queue's lock is held for moments only.  Who does not get it within this time is told so
+// instead of being lost with whatever has gone wrong.
 constexpr uint32_t kSendWaitMs = 1000;
 
-// What the public sends share: a copy of the event is queued while the task admits work.
+// What the public sends share: a copy of the event is queued while the task admits work.  Which the
+// queue's lock alone tells: see app::SetState().
 uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uint32_t bForce,
               uint32_t dwTimeout, const char *szOp)
 {
@@ -26,7 +27,7 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
     uint32_t dwResult = APP_INVALID_ARG;
     bool bWake = false;
     {
-        app::TimedLockGuard guard(hTask);
+        app::TimedLockGuard guard(hTask->hEventQueue);
         if (!guard.TakeByTime(dwTimeout))
             return APP_TIMEOUT;
         const uint32_t dwState = app::Peek(hTask->dwState);
@@ -36,8 +37,8 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Task State. Task %p state %s\n", szOp,
                    app::Ptr(hTask), _AppGetTaskStateString(dwState));
     }
-    // After the task's lock, so that the thread does not run into it.  The thread, promised the
-    // event, does not leave its wait before this: see leaving.cpp.
+    // After the lock, so that the thread does not run into it.  The thread, promised the event, does
+    // not leave its wait before this: see leaving.cpp.
     if (bWake)
         app::QueueWake(hTask->hEventQueue);
     return dwResult;

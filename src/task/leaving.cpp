@@ -5,9 +5,10 @@
 // Users of the record are its thread, and each AppTaskCancelTimer() under way, which runs the
 // timer's handler in the caller's thread without the task's lock.  They are counted in dwUsers; a
 // cancel counts itself under the task's lock while the task admits work.  A send need not be
-// counted: it touches the record under the task's lock, or else wakes the thread for the event that
-// it has just placed there, and a thread that has been promised an event does not leave its wait
-// before that wake-up has come.
+// counted: it touches the record under the queue's lock, which the change to a state that admits no
+// work needs too, or else wakes the thread for the event that it has just placed there; and a thread
+// that has been promised an event does not leave its wait before that wake-up has come.  Nor does
+// one that has been interrupted for a timer: the wake-up follows after the task's lock.
 //
 // A thread leaves its loop for one of two reasons:
 // - TERMINATE: somebody waits for it, the manager's destruction or the disposal of a task whose

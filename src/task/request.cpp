@@ -12,9 +12,9 @@
 namespace
 {
 
-void SetState(TAppTask *ptTask, uint32_t dwState, const char *szOp)
+void GoOn(TAppTask *ptTask, uint32_t dwState, const char *szOp) APP_REQUIRES(ptTask->hLock)
 {
-    app::Poke<uint32_t>(ptTask->dwState, dwState);
+    app::SetState(ptTask, dwState);
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p go on state %s\n", szOp, app::Ptr(ptTask),
               _AppGetTaskStateString(dwState));
 }
@@ -87,7 +87,7 @@ uint32_t _AppTaskGoForIdleHandler(HAppTask hTask, uint32_t dwEventType, void *, 
         }
         // Before the timers end: a handler that sets its timer anew whatever it is told would
         // otherwise be told again and again.
-        SetState(hTask, APP_TASK_STATE_IDLE, __func__);
+        GoOn(hTask, APP_TASK_STATE_IDLE, __func__);
         app::CancelTimers(hTask->ptTimerMgr, true);
         {
             app::WithoutLock unlocked(hTask);
@@ -112,7 +112,7 @@ uint32_t _AppTaskGoForTerminateHandler(HAppTask hTask, uint32_t dwEventType, voi
                __func__, _AppGetTaskStateString(dwState), app::Int(dwEventType));
         return APP_INVALID_STATE;
     }
-    SetState(hTask, APP_TASK_STATE_TERMINATE, __func__);
+    GoOn(hTask, APP_TASK_STATE_TERMINATE, __func__);
     if (app::MustEnd(hTask)) {
         StayToLeave(ptTaskMgr, __func__);
     } else { // an idle task's own end

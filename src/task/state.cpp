@@ -4,6 +4,8 @@
 #include "appcore/platform.h"
 #include "base/field.h"
 #include "task/task.h"
+#include "utils/lock_guard.h"
+#include "utils/queue.h"
 
 namespace
 {
@@ -25,6 +27,14 @@ bool app::AdmitsWork(uint32_t dwState)
 {
     return dwState == APP_TASK_STATE_INIT || dwState == APP_TASK_STATE_RUNNING ||
            dwState == APP_TASK_STATE_PROCESSING;
+}
+
+// Who sends asks for the state under the queue's lock alone: one who has found that the task admits
+// work has placed the event before this changes it, and one who comes later is refused.
+void app::SetState(TAppTask *ptTask, uint32_t dwState)
+{
+    LockGuard guard(ptTask->hEventQueue);
+    Poke(ptTask->dwState, dwState);
 }
 
 uint32_t app::ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick)

@@ -39,8 +39,8 @@ struct TAppTask {
     HAppLock hLock;
     HAppLock hExitLock; // given by the last user of the record, see leaving.cpp
     HAppQueue hEventQueue;
-    // Written under hLock but for the thread's steps between RUNNING and PROCESSING, which admit the
-    // same and which no other step can meet: see thread.cpp.
+    // What admits work is written under hLock and the queue's, so that either is enough to ask; but
+    // the thread's steps between RUNNING and PROCESSING, which admit the same, under neither.
     std::atomic<uint32_t> dwState;
     std::atomic<uint32_t> dwIdleTimeout;               // written under hLock
     PFAppTaskHandler pfnHandler APP_GUARDED_BY(hLock); // null once the task has gone idle
@@ -110,8 +110,8 @@ void _AppTaskDestroy(TAppTask *ptTask);
 // Makes an idle task the new owner's; called with the manager's and the task's lock held.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
                             uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext);
-// Queues a copy of the event.  Takes no task lock; `*pbWake` says that the task's thread has to be
-// woken for it, with QueueWake(), after the lock that the caller may hold.
+// Queues a copy of the event, under the queue's lock; `*pbWake` says that the task's thread has to
+// be woken for it, with QueueWake(), after it.
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
                            uint32_t bForce, bool *pbWake);
 
@@ -144,6 +144,8 @@ void ForEachTask(const TAppDoubleList *ptList, Visit visit)
 
 // Sends, timers and terminate requests are admitted in these states.
 bool AdmitsWork(uint32_t dwState);
+// Under the task's lock; takes the queue's.
+void SetState(TAppTask *ptTask, uint32_t dwState) APP_REQUIRES(ptTask->hLock);
 // Milliseconds from a tick to now.
 uint32_t ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick);
 // The last event, for diagnostics.

@@ -147,8 +147,9 @@ bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
 const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock)
 {
     const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, AppGetTick());
-    // What came since the wait ended counts: sends and reuse hold the lock held here.
-    if (AppQueueGetSize(ptTask->hEventQueue) != 0 || IsRefreshed(ptTask))
+    app::LockGuard guard(ptTask->hEventQueue);
+    // What came since the wait ended counts: sends and reuse hold a lock that is held here.
+    if (app::QueueHolds(ptTask->hEventQueue) || IsRefreshed(ptTask))
         return nullptr;
     if (app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING &&
         HasPassed(app::Peek(ptTask->dwIdleTimeout), dwElapsed)) {

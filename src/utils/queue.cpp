@@ -308,8 +308,8 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
 // between.
 template <typename Fill>
 static uint32_t Place(HAppQueue hQueue, int32_t nPriority, int32_t bForce, bool *pbWake, Fill fill)
+    APP_REQUIRES(hQueue->hLock)
 {
-    app::LockGuard guard(hQueue);
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
                app::Ul(hQueue->dwCurSize), app::Ul(hQueue->dwMaxSize));
@@ -333,6 +333,7 @@ static uint32_t Place(HAppQueue hQueue, int32_t nPriority, int32_t bForce, bool 
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
                          bool *pbWake)
 {
+    LockGuard guard(hQueue);
     const uint32_t dwResult = Place(hQueue, nPriority, bForce, pbWake,
                                     [=](TAppQueueNode *ptNode) { ptNode->pvData = pvData; });
     if (dwResult != kQueueNoMemory)

@@ -69,11 +69,12 @@ constexpr uint32_t kQueueRecordMax = 128;
 uint32_t QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
                                HAppQueue *phQueue);
 
-// QueuePlace() of a copy of the record.  Without memory the pool has logged its line, the queue
-// none: the result is kQueueNoMemory, and the caller's own line names who wanted it.
+// QueuePlace() of a copy of the record, under the queue's lock, so that what the caller asks before
+// is one step with it.  Without memory the pool has logged its line, the queue none: the result is
+// kQueueNoMemory, and the caller's own line names who wanted it.
 constexpr uint32_t kQueueNoMemory = UINT32_MAX;
 uint32_t QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t nPriority, int32_t bForce,
-                          bool *pbWake);
+                          bool *pbWake) APP_REQUIRES(hQueue->hLock);
 
 // AppQueueOut() of a record, which stays valid until it is given back.  `*ppvRecord` hands back the
 // one taken before, or null, in the same critical section and before any sleep, and receives the
