@@ -28,6 +28,7 @@ struct TAppTimerMgr {
     // No timer is due before dwCheckWait ms after this tick.
     uint32_t dwCheckTick APP_GUARDED_BY(ptTask->hLock);
     uint32_t dwCheckWait APP_GUARDED_BY(ptTask->hLock);
+    uint32_t dwDueTick; // the tick of that instant: written under the lock, read without it too
 
     // Where a report goes on; moved like hNext.
     HAppDoubleListNode hShown APP_GUARDED_BY(ptTask->hLock);
@@ -74,6 +75,13 @@ namespace app
 // Cancels every running timer, oldest first.  Under the task's lock, which is given for each call
 // of a handler.  `bRecord`: each becomes the task's last event.
 void CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord);
+// Whether it is worth taking the lock to run the timers: false, without a look at the clock, when
+// none runs.  Without the lock, for the task's thread alone.  A timer that another thread has set an
+// instant ago may be missed: the thread looks again under the lock before it sleeps.
+bool TimersMayBeDue(const TAppTimerMgr *ptTimerMgr);
+// Milliseconds until a timer may be due, 1 to `dwMost`; runs none.
+uint32_t NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock);
 // A timer has been set; see timer_run.cpp.
 void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock);

@@ -9,6 +9,7 @@
 // none of the timers passed over has become due.  Setting a timer moves the instant forward;
 // cancelling or resetting one leaves it too early, which costs a look and nothing else.
 #include "appcore/platform.h"
+#include "base/field.h"
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/double_list.h"
@@ -24,6 +25,13 @@ constexpr uint32_t kNever = 0xFFFFFFFF;
 // How long timers that were set during the run may hold back the task's events.  A count of
 // expiries would be no bound: their handlers take time.
 constexpr uint32_t kRearmedMs = 50;
+constexpr uint32_t kMsPerTick = 10;
+
+// The first tick that lies so long after another.
+uint32_t TickAfter(uint32_t dwTick, uint32_t dwMs)
+{
+    return dwTick + dwMs / kMsPerTick + (dwMs % kMsPerTick != 0);
+}
 
 // Milliseconds until a timer may be due.
 uint32_t LeftMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
@@ -94,6 +102,25 @@ void app::NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwT
     const uint32_t dwLeft = LeftMs(ptTimerMgr, dwNowTick);
     ptTimerMgr->dwCheckTick = dwNowTick;
     ptTimerMgr->dwCheckWait = dwLeft < dwTimeout ? dwLeft : dwTimeout;
+    SetCounter(ptTimerMgr->dwDueTick, TickAfter(dwNowTick, ptTimerMgr->dwCheckWait));
+}
+
+// Relaxed reads are enough: nothing is concluded from them but whether to take the lock, which shows
+// the rest.  What this thread has set itself it sees, and what another sets now is looked for later.
+bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
+{
+    return PeekCounter(ptTimerMgr->hTimerList->dwCurSize) != 0 &&
+           static_cast<int32_t>(AppGetTick() - PeekCounter(ptTimerMgr->dwDueTick)) >= 0;
+}
+
+uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
+{
+    if (ptTimerMgr->hTimerList->dwCurSize == 0)
+        return dwMost;
+    const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
+    if (dwLeft == 0) // 0 would be a wait without end
+        return 1;
+    return dwLeft < dwMost ? dwLeft : dwMost;
 }
 
 bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
@@ -129,17 +156,12 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
     if (!ptTimerMgr || !ptTimerMgr->hTimerList)
         return kLongestWaitMs;
     app::AssertHeld(ptTimerMgr->ptTask);
-    if (ptTimerMgr->hTimerList->dwCurSize == 0)
-        return kLongestWaitMs;
-    if (LeftMs(ptTimerMgr, AppGetTick()) == 0) {
+    if (ptTimerMgr->hTimerList->dwCurSize != 0 && LeftMs(ptTimerMgr, AppGetTick()) == 0) {
         ++ptTimerMgr->dwRun;
         Walk(ptTimerMgr, __func__);
         ++ptTimerMgr->dwRun;
+        app::SetCounter(ptTimerMgr->dwDueTick,
+                        TickAfter(ptTimerMgr->dwCheckTick, ptTimerMgr->dwCheckWait));
     }
-    if (ptTimerMgr->hTimerList->dwCurSize == 0)
-        return kLongestWaitMs;
-    const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
-    if (dwLeft == 0) // 0 would be a wait without end
-        return 1;
-    return dwLeft < kLongestWaitMs ? dwLeft : kLongestWaitMs;
+    return app::NextTimeoutMs(ptTimerMgr, kLongestWaitMs);
 }
