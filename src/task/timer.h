@@ -85,10 +85,6 @@ uint32_t NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
 // A timer has been set; see timer_run.cpp.
 void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock);
-// A timer may be due, or will be in so many ms.  TMP
-bool TimersMayBeDue(const TAppTimerMgr *ptTimerMgr);
-uint32_t NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
-    APP_REQUIRES(ptTimerMgr->ptTask->hLock);
 // Takes a timer out of the running ones, its node kept.
 HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);
 

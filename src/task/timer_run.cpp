@@ -123,19 +123,6 @@ uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
     return dwLeft < dwMost ? dwLeft : dwMost;
 }
 
-bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
-{
-    return PeekCounter(ptTimerMgr->hTimerList->dwCurSize) != 0;
-}
-
-uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
-{
-    if (ptTimerMgr->hTimerList->dwCurSize == 0)
-        return dwMost;
-    const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
-    return dwLeft == 0 ? 1 : dwLeft < dwMost ? dwLeft : dwMost;
-}
-
 HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
 {
     TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
