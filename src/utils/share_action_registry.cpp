@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "utils/share_action_registry.h"
 
+#include <string.h>
+
 #include "appcore/mempool.h"
-#include "appcore/platform.h"
 #include "base/field.h"
 #include "base/print.h"
 #include "base/rollback.h"
+#include "cross_linux/cross_linux.h"
 #include "utils/lock_guard.h"
 #include "utils/report_writer.h"
 
@@ -17,14 +19,23 @@ std::atomic<uint32_t> g_eAppShareActionLastCalledResult;
 namespace
 {
 
-constexpr uint32_t kSlots = 1024;
+constexpr unsigned kSlotBits = 10;
+constexpr unsigned kWords = APP_SHARE_ACTION_KEY_SIZE / 8;
 
-TAppShareAction *s_aptIndex[kSlots]; // under the list's lock
-std::atomic<uint32_t> s_bCreating;   // one thread at a time creates the registry
+// Chains of entries.  Written under the list's lock, with release once an entry is complete, and
+// read with acquire and no lock: entries are never removed.
+std::atomic<TAppShareAction *> s_aptIndex[1u << kSlotBits];
+std::atomic<const TAppShareAction *> s_ptLastCalled;
+std::atomic<uint32_t> s_bCreating; // one thread at a time creates the registry
 
 HAppDoubleList Registry()
 {
     return g_hAppShareActionList.load(std::memory_order_acquire);
+}
+
+HAppLock ActionsLock()
+{
+    return g_hAppShareActionRecursiveLock.load(std::memory_order_acquire);
 }
 
 uint32_t CreateRegistry()
@@ -57,15 +68,87 @@ uint32_t EnsureRegistry()
     return dwResult;
 }
 
-// Under the list's lock, which guards the index too.
+// A key as numbers, with zeros behind its end: compared, and spread over the slots, in a few steps.
+struct TKey {
+    uint64_t aqwWord[kWords];
+};
+
+// The same on every processor: the first byte is the lowest.
+uint64_t LoadWord(const char *achText)
+{
+    uint64_t qwWord;
+    memcpy(&qwWord, achText, sizeof(qwWord));
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    qwWord = __builtin_bswap64(qwWord);
+#endif
+    return qwWord;
+}
+
+// The last word of a text of `dwLen` characters, of which `dwLen` % 8 > 0 are in it.
+uint64_t LoadTail(const char *szText, uint32_t dwLen)
+{
+    if (dwLen > 8) // of the last eight characters the first ones are in the word before
+        return LoadWord(szText + dwLen - 8) >> (64 - dwLen % 8 * 8);
+    uint64_t qwWord = 0;
+    while (dwLen-- > 0)
+        qwWord = qwWord << 8 | static_cast<uint8_t>(szText[dwLen]);
+    return qwWord;
+}
+
+// False for a text that is too long for a key.
+bool LoadKey(const char *szText, TKey *ptKey)
+{
+    const uint32_t dwLen = AppStrlen(szText);
+    if (dwLen >= APP_SHARE_ACTION_KEY_SIZE)
+        return false;
+    for (uint32_t i = 0; i < kWords; ++i)
+        ptKey->aqwWord[i] = (i + 1) * 8 <= dwLen ? LoadWord(szText + i * 8) : 0;
+    if (dwLen % 8 != 0)
+        ptKey->aqwWord[dwLen / 8] = LoadTail(szText, dwLen);
+    return true;
+}
+
+// By products whose top bits depend on every character, and not on one another: AppStringHash()
+// waits for two multiplications a character.
+std::atomic<TAppShareAction *> &SlotOf(const TKey &key)
+{
+    static constexpr uint64_t kFactors[] = {0x9E3779B97F4A7C15, 0xC2B2AE3D27D4EB4F,
+                                            0xD6E8FEB86659FD93, 0xA0761D6478BD642F};
+    static_assert(sizeof(kFactors) == sizeof(TKey), "one for each word");
+    uint64_t qwSum = 0;
+    for (uint32_t i = 0; i < kWords; ++i)
+        qwSum += key.aqwWord[i] * kFactors[i];
+    return s_aptIndex[qwSum >> (64 - kSlotBits)];
+}
+
+bool HasKey(const TAppShareAction &entry, const TKey &key)
+{
+    uint64_t qwDifference = 0;
+    for (uint32_t i = 0; i < kWords; ++i)
+        qwDifference |= LoadWord(entry.achKey + i * 8) ^ key.aqwWord[i];
+    return qwDifference == 0;
+}
+
+// Needs no lock.
 const TAppShareAction *FindEntry(const char *szKey)
 {
-    app::AssertHeld(Registry());
-    const uint32_t dwHash = AppStringHash(szKey);
-    const TAppShareAction *ptEntry = s_aptIndex[dwHash % kSlots];
-    while (ptEntry && (ptEntry->dwHash != dwHash || AppStrcmp(ptEntry->achKey, szKey) != 0))
+    TKey key;
+    if (!LoadKey(szKey, &key))
+        return nullptr;
+    const TAppShareAction *ptEntry = SlotOf(key).load(std::memory_order_acquire);
+    while (ptEntry && !HasKey(*ptEntry, key))
         ptEntry = ptEntry->ptNextSame;
     return ptEntry;
+}
+
+// Under the list's lock.
+void Publish(TAppShareAction *ptEntry)
+{
+    TKey key;
+    LoadKey(ptEntry->achKey, &key);
+    std::atomic<TAppShareAction *> &slot = SlotOf(key);
+    ptEntry->ptNextSame = app::Peek(slot);
+    slot.store(ptEntry, std::memory_order_release);
 }
 
 // Under the list's lock.
@@ -86,23 +169,27 @@ uint32_t AddEntry(HAppDoubleList hList, const char *szKey, PFAppShareAction pfnA
         AppMemPoolFree(ptEntry);
         return dwResult;
     }
-    TAppShareAction **pptSlot = &s_aptIndex[ptEntry->dwHash % kSlots];
-    ptEntry->ptNextSame = *pptSlot;
-    *pptSlot = ptEntry;
+    Publish(ptEntry);
     return APP_OK;
 }
 
-// Looks the action up and notes it as the last one called.  The note is made under the list's lock,
-// which the report holds too: a key is never seen half written.
-PFAppShareAction BeginAction(HAppDoubleList hList, const char *szKey, uint32_t *pbBlock)
+// Looks the action up and notes it as the last one called: by its entry, so that a key is never
+// seen half written.  The result first: the report never shows it with that of the one before.
+const TAppShareAction *BeginAction(const char *szKey)
 {
-    app::LockGuard guard(hList);
-    PFAppShareAction pfnAction = _AppFindShareAction(hList, szKey, pbBlock);
-    if (pfnAction) {
-        AppStrncpy(g_achAppShareActionLastCalledKey, szKey, APP_SHARE_ACTION_KEY_SIZE);
-        app::Poke<uint32_t>(g_eAppShareActionLastCalledResult, APP_IN_PROGRESS);
-    }
-    return pfnAction;
+    const TAppShareAction *ptEntry = FindEntry(szKey);
+    if (!ptEntry || !ptEntry->pfnAction)
+        return nullptr;
+    app::Poke<uint32_t>(g_eAppShareActionLastCalledResult, APP_IN_PROGRESS);
+    s_ptLastCalled.store(ptEntry, std::memory_order_release);
+    return ptEntry;
+}
+
+// Under the list's lock, which keeps other reports out.
+void CopyLastCalled()
+{
+    if (const TAppShareAction *ptEntry = s_ptLastCalled.load(std::memory_order_acquire))
+        AppMemcpy(g_achAppShareActionLastCalledKey, ptEntry->achKey, APP_SHARE_ACTION_KEY_SIZE);
 }
 
 } // namespace
@@ -145,21 +232,18 @@ PFAppShareAction _AppFindShareAction(HAppDoubleList hList, const char *szKey, ui
 uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3,
                            uint32_t *pdwResult)
 {
-    HAppDoubleList hList = Registry();
-    if (!hList)
+    if (!Registry())
         return APP_FAILED;
     AppShareActionLock();
     app::Rollback unlock([] { AppShareActionUnlock(); });
-    uint32_t bBlock = 0;
-    // Entries are never removed, so what has been found stays good after the list's lock.
-    PFAppShareAction pfnAction = BeginAction(hList, szKey, &bBlock);
-    if (!pfnAction)
+    const TAppShareAction *ptEntry = BeginAction(szKey);
+    if (!ptEntry)
         return APP_INVALID_ARG;
-    if (bBlock == 1) {
+    if (ptEntry->bBlock == 1) {
         unlock.Dismiss();
         AppShareActionUnlock();
     }
-    const uint32_t dwResult = pfnAction(dwArg1, dwArg2, dwArg3);
+    const uint32_t dwResult = ptEntry->pfnAction(dwArg1, dwArg2, dwArg3);
     if (pdwResult)
         *pdwResult = dwResult;
     // Of actions that run at once the last to return is told.
@@ -167,16 +251,17 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
     return APP_OK;
 }
 
-// The lock's operations refuse a null handle.
 uint32_t AppShareActionLock(void)
 {
     APP_CHECK(!app::HeldLock::HoldsAny(), "the actions' lock is taken under another");
-    return AppLockTakeByTime(g_hAppShareActionRecursiveLock.load(std::memory_order_acquire), 0);
+    HAppLock hLock = ActionsLock();
+    return hLock ? _AppLockTakeByTime(hLock, 0) : static_cast<uint32_t>(APP_INVALID_ARG);
 }
 
 uint32_t AppShareActionUnlock(void)
 {
-    return AppLockGive(g_hAppShareActionRecursiveLock.load(std::memory_order_acquire));
+    HAppLock hLock = ActionsLock();
+    return hLock ? _AppLockGive(hLock) : static_cast<uint32_t>(APP_INVALID_ARG);
 }
 
 void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
@@ -187,6 +272,7 @@ void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
     app::ReportWriter writer(pfnShow, pvContext);
     {
         app::LockGuard guard(hList);
+        CopyLastCalled();
         writer.Line("Last called action: %s result %d\n", g_achAppShareActionLastCalledKey,
                     app::Int(app::Peek(g_eAppShareActionLastCalledResult)));
         writer.Line("========================================\n");

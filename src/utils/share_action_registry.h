@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The registry of named actions.  The list is the record of what is registered and in which order;
-// an index over the keys' hashes keeps a look-up independent of the number of entries.
+// an index over the keys keeps a look-up independent of the number of entries, and without a lock.
 #ifndef APPCORE_UTILS_SHARE_ACTION_REGISTRY_H
 #define APPCORE_UTILS_SHARE_ACTION_REGISTRY_H
 
@@ -13,8 +13,8 @@
 #include "appcore/share_action.h"
 
 struct TAppShareAction {
-    uint32_t dwHash; // AppStringHash of the key
-    char achKey[APP_SHARE_ACTION_KEY_SIZE];
+    uint32_t dwHash;                        // AppStringHash of the key
+    char achKey[APP_SHARE_ACTION_KEY_SIZE]; // zeros behind its end
     PFAppShareAction pfnAction;
     uint32_t bBlock;             // runs without the recursive lock
     TAppShareAction *ptNextSame; // next entry of the same index slot
@@ -28,11 +28,11 @@ extern "C" {
 // Null until the first registration; the list is published last, with release.
 extern std::atomic<HAppDoubleList> g_hAppShareActionList;
 extern std::atomic<HAppLock> g_hAppShareActionRecursiveLock;
-extern char g_achAppShareActionLastCalledKey[APP_SHARE_ACTION_KEY_SIZE]; // under the list's lock
+extern char g_achAppShareActionLastCalledKey[APP_SHARE_ACTION_KEY_SIZE]; // as last reported
 extern std::atomic<uint32_t> g_eAppShareActionLastCalledResult;
 
 uint32_t _AppRegisterShareAction(const char *szKey, PFAppShareAction pfnAction, uint32_t bBlock);
-// Called with the list's lock held.  Null for an unknown key.
+// Null for an unknown key.
 PFAppShareAction _AppFindShareAction(HAppDoubleList hList, const char *szKey, uint32_t *pbBlock);
 }
 
