@@ -69,6 +69,15 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     EXPECT_EQ(Send("x", 1), -1);
     EXPECT_EQ(Receive(1), -1);
     std::swap(udp.hSocket, hTcp);
+    log.OnLine([](const std::string &) { errno = EXDEV; }); // as a console may leave it
+    {
+        fault::Fail refusals(Fn::setsockopt, 1, EDOM, 2);
+        for (const int32_t nResult : {-1, -1, -2, -2})
+            EXPECT_TRUE(Receive(1) == (bUdp ? nResult : -2) &&
+                        (!bUdp || nResult == -2 || errno == EDOM));
+        EXPECT_EQ(refusals.Calls(), bUdp ? 3u : 0u) << "until it has succeeded once";
+        EXPECT_EQ(log.Lines().size(), refusals.Hits());
+    }
     {
         fault::Fail signal({Fn::sendto, Fn::send}, 1, EINTR);
         EXPECT_EQ(Send("hello", 0), 5);
@@ -95,9 +104,8 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     while (!bUdp && Send(std::string(8 << 20, 'x'), kShort) > 0) { // the peer does not read
     }
     EXPECT_EQ(Send("", kLong), -1);
-    log.OnLine([](const std::string &) { errno = EXDEV; }); // as a console may leave it
-    for (const Fn fn : {Fn::setsockopt, Fn::recvmsg, Fn::recv, Fn::epoll_create1, Fn::epoll_ctl,
-                        Fn::epoll_wait, Fn::sendto, Fn::send}) {
+    for (const Fn fn : {Fn::recvmsg, Fn::recv, Fn::epoll_create1, Fn::epoll_ctl, Fn::epoll_wait,
+                        Fn::sendto, Fn::send}) {
         fault::Fail failure(fn, 1, EDOM);
         const bool bSends = fn == (bUdp ? Fn::sendto : Fn::send);
         const int32_t nResult = bSends ? Send("x", 1) : Receive(1);

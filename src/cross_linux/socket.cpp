@@ -5,6 +5,8 @@
 
 #include <netinet/tcp.h>
 
+#include <new>
+
 #include "cross_linux/error_text.h"
 
 namespace
@@ -91,8 +93,7 @@ HAppSocket _AppSocketCreate(HAppMemPool hMemPool, uint32_t dwSockType)
         return nullptr;
     }
     // A refused descriptor is found by the first operation, which tells it with its cause.
-    *hSocket = {dwSockType, OpenDescriptor(dwSockType), 0};
-    return hSocket;
+    return new (hSocket) TAppSocket{dwSockType, OpenDescriptor(dwSockType), 0, {0}};
 }
 
 void _AppSocketDestroy(HAppSocket hSocket)

@@ -11,6 +11,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/deadline.h"
 
@@ -18,6 +20,7 @@ struct TAppSocket {
     uint32_t dwSockType;
     int32_t nFd;    // -1 when the system refused one: every operation then fails at once
     uint16_t wPort; // of the last bind, network byte order
+    std::atomic<uint8_t> bTellsDestination; // IP_PKTINFO has been set; several threads may receive
 };
 
 #if UINTPTR_MAX == UINT32_MAX

@@ -18,12 +18,12 @@ constexpr uint32_t kDefaultTimeoutMs = 30000;
 // With a source port of the system's choice, a connect to a port of this device that nobody listens
 // on can meet itself: TCP connects the socket to its own end.  There is no service; the connection
 // is reset, so that it does not keep the port from the service that may yet come.
-bool MetItself(int nFd)
+bool MetItself(int nFd, uint16_t wPeerPort)
 {
     struct sockaddr_in tOwn = {}, tPeer = {};
     socklen_t nOwnLen = sizeof(tOwn), nPeerLen = sizeof(tPeer);
-    if (getsockname(nFd, app::Generic(&tOwn), &nOwnLen) != 0 ||
-        getpeername(nFd, app::Generic(&tPeer), &nPeerLen) != 0 || tOwn.sin_port != tPeer.sin_port ||
+    if (getsockname(nFd, app::Generic(&tOwn), &nOwnLen) != 0 || tOwn.sin_port != wPeerPort ||
+        getpeername(nFd, app::Generic(&tPeer), &nPeerLen) != 0 ||
         tOwn.sin_addr.s_addr != tPeer.sin_addr.s_addr)
         return false;
     const struct linger tReset = {1, 0};
@@ -44,7 +44,7 @@ int FindPeer(int nFd, TAppNetAddr *ptPeerAddr)
         getsockopt(nFd, SOL_SOCKET, SO_ERROR, &nPending, &nPendingLen);
         return nPending != 0 ? nPending : nError;
     }
-    if (MetItself(nFd))
+    if (MetItself(nFd, tPeer.sin_port))
         return ECONNREFUSED;
     if (ptPeerAddr)
         app::FromInAddr(tPeer.sin_addr, ptPeerAddr);
@@ -68,7 +68,7 @@ bool Connect(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout, TAppN
              const char *szOp)
 {
     int nError = connect(nFd, app::Generic(&tAddr), sizeof(tAddr)) == 0 ? 0 : errno;
-    if (nError == 0 && MetItself(nFd))
+    if (nError == 0 && MetItself(nFd, tAddr.sin_port))
         nError = ECONNREFUSED;
     if (nError == EINPROGRESS) {
         if (!AwaitConnection(nFd, dwTimeout, szOp))

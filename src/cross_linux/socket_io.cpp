@@ -90,6 +90,18 @@ int32_t FinishReceive(const TOutcome &outcome, uint32_t *pdwLen, const char *szO
     return kFailed;
 }
 
+// Set until it has succeeded once.  With acquire and release, so that whoever finds it done receives
+// after the system has done it.
+bool WillTellDestination(HAppSocket hSocket)
+{
+    if (hSocket->bTellsDestination.load(std::memory_order_acquire))
+        return true;
+    if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_PKTINFO, 1))
+        return false;
+    hSocket->bTellsDestination.store(1, std::memory_order_release);
+    return true;
+}
+
 // The address that a datagram was sent to.
 void FindDestination(struct msghdr *ptMsg, TAppNetAddr *ptLocalAddr)
 {
@@ -117,7 +129,7 @@ int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uin
 {
     if (!IsKind(hSocket, APP_SOCKET_UDP))
         return kFailed;
-    if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_PKTINFO, 1)) {
+    if (!WillTellDestination(hSocket)) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  IP_PKTINFO failed %d %s\n", __func__);
         return kFailed;
     }
