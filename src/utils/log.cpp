@@ -45,6 +45,14 @@ void WriteToFile(uint8_t byChannel, uint8_t byLevel, const char *szText)
         _AppFileLog(byChannel, szText);
 }
 
+// For the two calls that every line makes, most of them only to be turned back at the threshold: no
+// guard on their stack, as nothing there can run over.  The buffer lies in LogText().
+#if __has_attribute(no_stack_protector)
+#define APP_NO_STACK_GUARD __attribute__((no_stack_protector))
+#else
+#define APP_NO_STACK_GUARD
+#endif
+
 // Out of line, so that a message below the threshold does not pay for the buffer and its stack
 // protection.
 [[gnu::noinline]] void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly,
@@ -76,7 +84,7 @@ void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const ch
     WriteToFile(byChannel, byLevel, szText);
 }
 
-void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+APP_NO_STACK_GUARD void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {
     if (!Passes(byChannel, byLevel) || !szFormat)
         return;
@@ -86,7 +94,7 @@ void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
     va_end(args);
 }
 
-void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+APP_NO_STACK_GUARD void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {
     if (!Passes(byChannel, byLevel) || !szFormat)
         return;
