@@ -31,8 +31,8 @@ bool MetItself(int nFd, uint16_t wPeerPort)
     return true;
 }
 
-// After the wait: 0 when there is a peer.  Otherwise the socket's pending error is the cause; that
-// getpeername() finds it "not connected" is not.
+// 0 when there is a peer.  Otherwise the socket's pending error is the cause; "not connected" is what
+// getpeername() finds, and no cause: the connection is not decided yet.
 int FindPeer(int nFd, TAppNetAddr *ptPeerAddr)
 {
     struct sockaddr_in tPeer = {};
@@ -71,9 +71,12 @@ bool Connect(int nFd, const struct sockaddr_in &tAddr, uint32_t dwTimeout, TAppN
     if (nError == 0 && MetItself(nFd, tAddr.sin_port))
         nError = ECONNREFUSED;
     if (nError == EINPROGRESS) {
-        if (!AwaitConnection(nFd, dwTimeout, szOp))
-            return false;
-        nError = FindPeer(nFd, ptPeerAddr);
+        nError = FindPeer(nFd, ptPeerAddr); // on this device it is decided by now
+        if (nError == ENOTCONN) {
+            if (!AwaitConnection(nFd, dwTimeout, szOp))
+                return false;
+            nError = FindPeer(nFd, ptPeerAddr);
+        }
     }
     if (nError != 0)
         APP_LOG_ERRNO(nError, "[ERROR] %s: connect failed %d %s\n", szOp);
