@@ -6,6 +6,7 @@
 #include <random>
 
 #include "appcore/appcore.h"
+#include "mempool/try_malloc.h"
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
@@ -106,6 +107,14 @@ TEST_F(MemPool, WhatThePoolNeverHandsOut)
     EXPECT_EQ(AppMemPoolRealloc(nullptr, achForeign + 65, 10), nullptr);
     EXPECT_EQ(AppMemPoolMalloc(hPool, UINT32_MAX), nullptr);
     AppMemPoolFree(AppMemPoolMalloc(hPool, 1)); // the only one: not a word
+    EXPECT_EQ(log.Lines().size(), 3u);
+    // By the limit; by the heap for a large block, a block, its node and the heap itself.
+    AppMemPoolFree(app::TryMalloc(hPool, 5000000));
+    EXPECT_EQ(app::TryMalloc(hPool, UINT32_MAX), nullptr);
+    for (const auto &[dwSize, nFailing] : {std::pair{5000000u, 1u}, {300, 1}, {300, 2}, {0, 1}}) {
+        fault::Fail fail(fault::Fn::malloc, nFailing);
+        EXPECT_EQ(app::TryMalloc(dwSize ? hPool : nullptr, dwSize + 1), nullptr);
+    }
     EXPECT_EQ(log.Lines().size(), 3u);
     _AppFree(nullptr, _AppMalloc(nullptr, 10)); // an engine without a record
     _AppFree(hPool->ptImpl, _AppMalloc(hPool->ptImpl, 0));

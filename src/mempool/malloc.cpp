@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "mempool/try_malloc.h"
 #include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
@@ -23,14 +24,18 @@ void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
     return ptHead + 1;
 }
 
-void *MallocFromHeap(uint32_t dwSize, const char *szOp)
+// Whether a refusal is an ERROR.
+enum class Refusal { logged, quiet };
+
+void *MallocFromHeap(uint32_t dwSize, Refusal refusal, const char *szOp)
 {
     auto ptHead = dwSize > kLargest
                       ? nullptr
                       : static_cast<TAppMemPoolHead *>(malloc(size_t{dwSize} + kHead));
     if (!ptHead) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPool NULL malloc failed with size %lu\n", szOp,
-               app::Ul(dwSize));
+        if (refusal == Refusal::logged)
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPool NULL malloc failed with size %lu\n",
+                   szOp, app::Ul(dwSize));
         return nullptr;
     }
     APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL  malloc %p with size %lu\n", szOp,
@@ -47,18 +52,21 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
            (dwSize > ptPool->dwMaxSize || ptPool->dwMaxSize - dwSize <= ptPool->dwCurSize);
 }
 
-void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
+void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, Refusal refusal, const char *szOp)
 {
     TAppMemPoolHead *ptHead;
     {
         app::LockGuard guard(hMemPool);
         if (IsFull(hMemPool, dwSize)) {
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
-                   szOp, app::Ptr(hMemPool), app::Ul(dwSize), app::Ul(hMemPool->dwCurSize),
-                   app::Ul(hMemPool->dwMaxSize));
+            if (refusal == Refusal::logged)
+                AppLog(
+                    0, APP_LOG_ERROR,
+                    "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
+                    szOp, app::Ptr(hMemPool), app::Ul(dwSize), app::Ul(hMemPool->dwCurSize),
+                    app::Ul(hMemPool->dwMaxSize));
             return nullptr;
         }
+        hMemPool->ptImpl->bQuiet = refusal == Refusal::quiet;
         ptHead =
             static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
         if (!ptHead)
@@ -72,6 +80,14 @@ void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
     }
     // Nobody else knows the block yet: what is written into cold memory need not hold up the others.
     return Finish(ptHead, hMemPool, dwSize);
+}
+
+void *Malloc(HAppMemPool hMemPool, uint32_t dwSize, Refusal refusal, const char *szOp)
+{
+    if (dwSize == 0)
+        return nullptr;
+    return hMemPool ? MallocFromPool(hMemPool, dwSize, refusal, szOp)
+                    : MallocFromHeap(dwSize, refusal, szOp);
 }
 
 // The header of a block, or null with a line when the pointer is not one of ours.
@@ -91,9 +107,12 @@ TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 
 void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 {
-    if (dwSize == 0)
-        return nullptr;
-    return hMemPool ? MallocFromPool(hMemPool, dwSize, __func__) : MallocFromHeap(dwSize, __func__);
+    return Malloc(hMemPool, dwSize, Refusal::logged, __func__);
+}
+
+void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
+{
+    return Malloc(hMemPool, dwSize, Refusal::quiet, "AppMemPoolMalloc"); // traced like any other
 }
 
 void AppMemPoolFree(void *pvData)

@@ -8,6 +8,7 @@
 
 #include <stdlib.h>
 
+#include "mempool/try_malloc.h"
 #include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/log.h"
@@ -77,14 +78,20 @@ void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
               app::Ul(ptImpl->dwTotalSize));
 }
 
+bool IsQuiet(const TAppMemPoolImpl *ptImpl)
+{
+    return ptImpl && ptImpl->bQuiet;
+}
+
 void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
 {
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p use malloc\n", szOp,
               app::Ul(dwNeed), app::Ptr(ptImpl));
     auto ptHead = static_cast<TAppMemBlockHead *>(malloc(dwNeed));
     if (!ptHead) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc with size %lu failed\n", szOp,
-               app::Ul(dwNeed));
+        if (!IsQuiet(ptImpl))
+            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc with size %lu failed\n", szOp,
+                   app::Ul(dwNeed));
         return nullptr;
     }
     *ptHead = {dwNeed, nullptr};
@@ -110,6 +117,24 @@ TAppMemBlockHead *ReuseBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t 
     return ptHead;
 }
 
+// The list's own insertion would log its want of a node.
+bool InsertQuietly(HAppDoubleList hList, TAppMemBlockHead *ptHead)
+{
+    auto hNode = static_cast<HAppDoubleListNode>(
+        app::TryMalloc(hList->hMemPool, sizeof(TAppDoubleListNode)));
+    if (!hNode)
+        return false;
+    hNode->pvData = ptHead;
+    app::LinkNode(hList, hList->ptTail, hNode, nullptr);
+    ptHead->hNode = hNode;
+    return true;
+}
+
+bool Insert(HAppDoubleList hList, TAppMemBlockHead *ptHead)
+{
+    return AppDoubleListInsertBefore(hList, nullptr, ptHead, &ptHead->hNode) == APP_OK;
+}
+
 TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
                            const char *szOp)
 {
@@ -122,10 +147,12 @@ TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dw
         return nullptr;
     }
     ptHead->dwBlockSize = dwBlockSize;
-    if (AppDoubleListInsertBefore(ptImpl->hOnList[dwClass], nullptr, ptHead, &ptHead->hNode) !=
-        APP_OK) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Size %lu, use MP %p offset %lu(%lu) insert failed\n",
-               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
+    const bool bQuiet = IsQuiet(ptImpl);
+    if (!(bQuiet ? InsertQuietly : Insert)(ptImpl->hOnList[dwClass], ptHead)) {
+        if (!bQuiet)
+            AppLog(0, APP_LOG_ERROR,
+                   "[ERROR] %s: Size %lu, use MP %p offset %lu(%lu) insert failed\n", szOp,
+                   app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
         free(ptHead);
         return nullptr;
     }

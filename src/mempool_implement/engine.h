@@ -36,6 +36,7 @@ struct TAppMemPoolImpl {
     uint32_t dwOnWorkCount;                         // blocks handed out, pooled and large alike
     uint32_t dwOnWorkSize;                          // their bytes, headers and rounding included
     uint32_t dwTotalSize;                           // bytes held from the heap
+    bool bQuiet; // the front's caller has a way out: a refusal is no ERROR
 };
 
 // At the start of every block that the engine takes from the heap.
@@ -45,7 +46,7 @@ struct alignas(app::kHeadAlign) TAppMemBlockHead {
 };
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(sizeof(TAppMemPoolImpl) == 156 && sizeof(TAppMemBlockHead) == 8, "fixed layout");
+static_assert(sizeof(TAppMemPoolImpl) == 160 && sizeof(TAppMemBlockHead) == 8, "fixed layout");
 #endif
 
 extern "C" {
