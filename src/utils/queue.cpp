@@ -17,19 +17,23 @@
 
 #include <string.h>
 
+#include <utility>
+
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "base/rollback.h"
 #include "utils/check.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
+#include "utils/queue_levels.h"
+#include "utils/queue_node.h"
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, aptFinger) == 32);
-static_assert(sizeof(TAppQueueNode) == 12 && offsetof(TAppQueueNode, nPriority) == 8);
-// With both pool headers the record fills a block of 128 bytes, a node one of 32.
-static_assert(sizeof(TAppQueue) + 20 <= 128);
+static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, ptLastLevel) == 32);
+static_assert(offsetof(TAppQueueNode, nPriority) == 8 && offsetof(TAppQueueNode, dwOffset) == 12);
 #endif
+// With both pool headers the record fills a block of 128 or 256 bytes.
+static_assert(sizeof(TAppQueue) + (sizeof(void *) == 4 ? 20 : 48) <= 32 * sizeof(void *));
 
 namespace
 {
@@ -60,90 +64,6 @@ void Verify([[maybe_unused]] const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLo
     APP_CHECK_WHOLE(ptQueue->dwCurSize, app::QueueIsValid(ptQueue), "the queue is broken");
 }
 
-// The fingers at priorities not below this one.
-uint32_t CountFingers(const TAppQueue *ptQueue, int32_t nPriority) APP_REQUIRES(ptQueue->hLock)
-{
-    uint32_t dwCount = 0;
-    while (dwCount < APP_QUEUE_FINGER_NUM && ptQueue->aptFinger[dwCount] &&
-           ptQueue->aptFinger[dwCount]->nPriority >= nPriority)
-        ++dwCount;
-    return dwCount;
-}
-
-void DropFinger(HAppQueue hQueue, uint32_t dwFinger) APP_REQUIRES(hQueue->hLock)
-{
-    for (; dwFinger + 1 < APP_QUEUE_FINGER_NUM; ++dwFinger)
-        hQueue->aptFinger[dwFinger] = hQueue->aptFinger[dwFinger + 1];
-    hQueue->aptFinger[dwFinger] = nullptr;
-}
-
-// Behind the fingers in front of it, of which the last may be that of the same level.  The finger
-// that makes room is the next in turn: to know the least used one would cost each insertion more.
-void AddFinger(HAppQueue hQueue, uint32_t dwBefore, TAppQueueNode *ptNode)
-    APP_REQUIRES(hQueue->hLock)
-{
-    TAppQueueNode **pptFinger = hQueue->aptFinger;
-    if (dwBefore > 0 && pptFinger[dwBefore - 1]->nPriority == ptNode->nPriority) {
-        pptFinger[dwBefore - 1] = ptNode;
-        return;
-    }
-    if (pptFinger[APP_QUEUE_FINGER_NUM - 1]) {
-        const uint32_t dwVictim = hQueue->dwVictim++ % APP_QUEUE_FINGER_NUM;
-        DropFinger(hQueue, dwVictim);
-        dwBefore -= dwVictim < dwBefore ? 1 : 0;
-    }
-    for (uint32_t i = APP_QUEUE_FINGER_NUM - 1; i > dwBefore; --i)
-        pptFinger[i] = pptFinger[i - 1];
-    pptFinger[dwBefore] = ptNode;
-}
-
-void PlaceAtTail(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
-{
-    TAppQueueNode *ptTail = hQueue->ptTail;
-    if (ptTail->nPriority != ptNode->nPriority) // the old tail ends its level from now on
-        AddFinger(hQueue, CountFingers(hQueue, ptTail->nPriority), ptTail);
-    ptTail->ptNext = ptNode;
-    hQueue->ptTail = ptNode;
-}
-
-void PlaceBetween(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
-{
-    const uint32_t dwBefore = CountFingers(hQueue, ptNode->nPriority);
-    // Only the levels behind that finger which have none of their own are walked.
-    TAppQueueNode *ptBefore = dwBefore > 0 ? hQueue->aptFinger[dwBefore - 1] : hQueue->ptHead;
-    while (ptBefore->ptNext->nPriority >= ptNode->nPriority)
-        ptBefore = ptBefore->ptNext;
-    ptNode->ptNext = ptBefore->ptNext;
-    ptBefore->ptNext = ptNode;
-    AddFinger(hQueue, dwBefore, ptNode);
-}
-
-// Behind all elements of equal or higher priority, before the first of lower priority.
-void PlaceNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
-{
-    if (hQueue->ptHead && hQueue->ptTail->nPriority >= ptNode->nPriority) {
-        PlaceAtTail(hQueue, ptNode);
-    } else if (hQueue->ptHead && hQueue->ptHead->nPriority >= ptNode->nPriority) {
-        PlaceBetween(hQueue, ptNode);
-    } else {
-        if (!hQueue->ptHead)
-            hQueue->ptTail = ptNode;
-        ptNode->ptNext = hQueue->ptHead;
-        hQueue->ptHead = ptNode;
-    }
-}
-
-TAppQueueNode *UnlinkHead(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
-{
-    TAppQueueNode *ptNode = hQueue->ptHead;
-    // The last of its level takes its finger along, which is the first: none stands before the head.
-    if (hQueue->aptFinger[0] == ptNode)
-        DropFinger(hQueue, 0);
-    hQueue->ptHead = ptNode->ptNext;
-    app::SetCounter(hQueue->dwCurSize, hQueue->dwCurSize - 1);
-    return ptNode;
-}
-
 // True when a consumer has to be woken for the element just placed.
 bool Promise(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
@@ -167,24 +87,20 @@ TAppQueueNode *NodeOf(void *pvRecord)
     return pvRecord ? static_cast<TAppQueueNode *>(pvRecord) - 1 : nullptr;
 }
 
-// False when the caller has to sleep.  Otherwise it has the first element that is not promised, or
-// none when an interrupt was kept for it.
-bool TakeFree(HAppQueue hQueue, TAppQueueNode **pptNode)
+void Release(void *pvMemory)
 {
-    if (!hQueue->hLock)
-        return false;
-    app::LockGuard guard(hQueue);
-    if (hQueue->dwCurSize > hQueue->dwPromised) {
-        *pptNode = UnlinkHead(hQueue);
-    } else if (hQueue->bInterrupt) {
-        hQueue->bInterrupt = false;
-    } else {
-        ++hQueue->dwSleepers;
-        Verify(hQueue);
-        return false;
-    }
-    Verify(hQueue);
-    return true;
+    if (pvMemory)
+        AppMemPoolFree(pvMemory);
+}
+
+// Takes the head's element.  A record stays with its node: the caller's own is what goes back then.
+TAppQueueNode *TakeHead(HAppQueue hQueue, TAppQueueNode *ptBack, void **ppvElement)
+    APP_REQUIRES(hQueue->hLock)
+{
+    TAppQueueNode *ptNode = app::UnlinkHead(hQueue);
+    if (ppvElement)
+        *ppvElement = ptNode->pvData;
+    return hQueue->wRecordSize == 0 ? ptNode : ptBack;
 }
 
 uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
@@ -205,24 +121,64 @@ uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
     return AppLockTakeByTime(hQueue->hCountLock, 0);
 }
 
-// With a unit in hand: a promised element, or null when that unit was an interrupt's.
-TAppQueueNode *TakePromised(HAppQueue hQueue)
+// With a unit in hand: takes a promised element, unless that unit was an interrupt's.
+uint32_t TakePromised(HAppQueue hQueue, void **ppvElement)
 {
-    app::LockGuard guard(hQueue);
-    if (hQueue->hLock) {
-        if (hQueue->dwPromised == 0) {
-            APP_CHECK(hQueue->dwInterrupted > 0, "a unit came for nobody");
-            --hQueue->dwInterrupted;
-            return nullptr;
+    void *pvRelease;
+    {
+        app::LockGuard guard(hQueue);
+        if (hQueue->hLock) {
+            if (hQueue->dwPromised == 0) {
+                APP_CHECK(hQueue->dwInterrupted > 0, "a unit came for nobody");
+                --hQueue->dwInterrupted;
+                return APP_TIMEOUT;
+            }
+            --hQueue->dwPromised;
         }
-        --hQueue->dwPromised;
+        TAppQueueNode *ptBack = TakeHead(hQueue, nullptr, ppvElement);
+        pvRelease = app::GiveNode(hQueue, ptBack);
+        Verify(hQueue);
     }
-    TAppQueueNode *ptNode = UnlinkHead(hQueue);
-    Verify(hQueue);
-    return ptNode;
+    Release(pvRelease);
+    return APP_OK;
 }
 
-uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField, uint32_t dwNull)
+[[gnu::noinline]] uint32_t TakeSleeping(HAppQueue hQueue, uint32_t dwTimeout, void **ppvElement)
+{
+    const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
+    return dwResult == APP_OK ? TakePromised(hQueue, ppvElement) : dwResult;
+}
+
+// Takes the first element that is not promised, or sleeps for one.  A record that the caller hands
+// back, or null, goes first.
+uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElement)
+{
+    if (!hQueue->hLock)
+        return TakeSleeping(hQueue, dwTimeout, ppvElement);
+    TAppQueueNode *ptBack = NodeOf(pvBack);
+    uint32_t dwResult = APP_OK;
+    bool bSleep = false;
+    void *pvRelease;
+    {
+        app::LockGuard guard(hQueue);
+        if (hQueue->dwCurSize > hQueue->dwPromised) {
+            ptBack = TakeHead(hQueue, ptBack, ppvElement);
+        } else {
+            bSleep = !hQueue->bInterrupt;
+            hQueue->dwSleepers += bSleep ? 1 : 0;
+            hQueue->bInterrupt = false;
+            dwResult = APP_TIMEOUT; // of the interrupt
+        }
+        pvRelease = app::GiveNode(hQueue, ptBack);
+        Verify(hQueue);
+    }
+    Release(pvRelease);
+    return bSleep ? TakeSleeping(hQueue, dwTimeout, ppvElement) : dwResult;
+}
+
+// Here and below, out of line: a guard is larger than a call.
+[[gnu::noinline]] uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField,
+                                     uint32_t dwNull)
 {
     if (!hQueue)
         return dwNull;
@@ -254,6 +210,7 @@ static uint32_t Create(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
     hQueue->dwMaxSize = dwMaxSize;
     hQueue->hMemPool = hMemPool;
     hQueue->wRecordSize = static_cast<uint16_t>(dwRecordSize);
+    hQueue->byBlockNodes = app::CountBlockNodes(dwRecordSize);
     uint32_t dwResult = APP_OK;
     if (bLock == 1)
         dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hQueue->hLock);
@@ -292,11 +249,12 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
     APP_CHECK(hQueue->dwSleepers + hQueue->dwPromised + hQueue->dwInterrupted == 0,
               "a consumer waits still");
     while (hQueue->ptHead) {
-        TAppQueueNode *ptNode = UnlinkHead(hQueue);
+        TAppQueueNode *ptNode = app::UnlinkHead(hQueue);
         if (pfnDrop)
             pfnDrop(ptNode->pvData, pvContext);
-        AppMemPoolFree(ptNode);
+        Release(app::GiveNode(hQueue, ptNode));
     }
+    APP_CHECK(!hQueue->ptBlocks, "a record has not been given back");
     AppLockDestroy(hQueue->hCountLock);
     hQueue->hCountLock = nullptr;
     AppLockDestroy(hQueue->hLock);
@@ -306,21 +264,22 @@ void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
 
 // The allocation is made under the lock too: a full queue asks for no memory, and nobody comes in
 // between.
-template <typename Fill>
-static uint32_t Place(HAppQueue hQueue, int32_t nPriority, int32_t bForce, bool *pbWake, Fill fill)
-    APP_REQUIRES(hQueue->hLock)
+uint32_t app::QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t nPriority,
+                               int32_t bForce, bool *pbWake)
 {
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
-               app::Ul(hQueue->dwCurSize), app::Ul(hQueue->dwMaxSize));
+               Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
         return APP_NO_RESOURCE;
     }
-    auto ptNode = static_cast<TAppQueueNode *>(
-        AppMemPoolMalloc(hQueue->hMemPool, sizeof(TAppQueueNode) + hQueue->wRecordSize));
+    TAppQueueNode *ptNode = TakeNode(hQueue);
     if (!ptNode)
-        return app::kQueueNoMemory;
-    *ptNode = {nullptr, nullptr, nPriority};
-    fill(ptNode);
+        return kQueueNoMemory;
+    ptNode->nPriority = nPriority;
+    if (hQueue->wRecordSize == 0)
+        ptNode->pvData = const_cast<void *>(pvRecord);
+    else
+        ptNode->pvData = memcpy(RecordOf(ptNode), pvRecord, hQueue->wRecordSize);
     PlaceNode(hQueue, ptNode);
     app::SetCounter(hQueue->dwCurSize, hQueue->dwCurSize + 1);
     if (hQueue->dwCurSize > hQueue->dwTopSize)
@@ -330,25 +289,16 @@ static uint32_t Place(HAppQueue hQueue, int32_t nPriority, int32_t bForce, bool 
     return APP_OK;
 }
 
+// An element is a record that the queue does not look at.
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
                          bool *pbWake)
 {
     LockGuard guard(hQueue);
-    const uint32_t dwResult = Place(hQueue, nPriority, bForce, pbWake,
-                                    [=](TAppQueueNode *ptNode) { ptNode->pvData = pvData; });
+    const uint32_t dwResult = QueuePlaceRecord(hQueue, pvData, nPriority, bForce, pbWake);
     if (dwResult != kQueueNoMemory)
         return dwResult;
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
     return APP_NO_RESOURCE;
-}
-
-uint32_t app::QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t nPriority,
-                               int32_t bForce, bool *pbWake)
-{
-    return Place(hQueue, nPriority, bForce, pbWake, [=](TAppQueueNode *ptNode) {
-        ptNode->pvData = RecordOf(ptNode);
-        memcpy(ptNode->pvData, pvRecord, hQueue->wRecordSize);
-    });
 }
 
 // The last touch: the woken consumer may destroy the queue.
@@ -357,7 +307,7 @@ void app::QueueWake(HAppQueue hQueue)
     AppLockGive(hQueue->hCountLock);
 }
 
-bool app::QueuePlaceInterrupt(HAppQueue hQueue)
+[[gnu::noinline]] bool app::QueuePlaceInterrupt(HAppQueue hQueue)
 {
     LockGuard guard(hQueue);
     if (hQueue->dwSleepers == 0) {
@@ -376,7 +326,8 @@ void app::QueueInterrupt(HAppQueue hQueue)
         QueueWake(hQueue);
 }
 
-uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce)
+[[gnu::noinline]] uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority,
+                                       int32_t bForce)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
@@ -392,46 +343,29 @@ uint32_t AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority)
     return _AppQueueIn(hQueue, pvData, nPriority, 0);
 }
 
-// The first element's node, which is the caller's.
-static uint32_t TakeNode(HAppQueue hQueue, uint32_t dwTimeout, TAppQueueNode **pptNode)
-{
-    if (!TakeFree(hQueue, pptNode)) {
-        const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
-        if (dwResult != APP_OK)
-            return dwResult;
-        *pptNode = TakePromised(hQueue);
-    }
-    return *pptNode ? APP_OK : APP_TIMEOUT; // interrupted
-}
-
 uint32_t AppQueueOut(HAppQueue hQueue, uint32_t dwTimeout, void **ppvData)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
-    TAppQueueNode *ptNode = nullptr;
-    const uint32_t dwResult = TakeNode(hQueue, dwTimeout, &ptNode);
-    if (dwResult != APP_OK)
-        return dwResult;
-    if (ppvData)
-        *ppvData = ptNode->pvData;
-    AppMemPoolFree(ptNode);
-    return APP_OK;
+    return Take(hQueue, dwTimeout, nullptr, ppvData);
 }
 
 uint32_t app::QueueTakeRecord(HAppQueue hQueue, uint32_t dwTimeout, void **ppvRecord)
 {
-    AppMemPoolFree(NodeOf(*ppvRecord));
-    *ppvRecord = nullptr;
-    TAppQueueNode *ptNode = nullptr;
-    const uint32_t dwResult = TakeNode(hQueue, dwTimeout, &ptNode);
-    if (ptNode)
-        *ppvRecord = RecordOf(ptNode);
-    return dwResult;
+    return Take(hQueue, dwTimeout, std::exchange(*ppvRecord, nullptr), ppvRecord);
 }
 
-void app::QueueGiveRecordBack(HAppQueue, void *pvRecord)
+void app::QueueGiveRecordBack(HAppQueue hQueue, void *pvRecord)
 {
-    AppMemPoolFree(NodeOf(pvRecord));
+    if (!pvRecord)
+        return;
+    void *pvRelease;
+    {
+        LockGuard guard(hQueue);
+        pvRelease = GiveNode(hQueue, NodeOf(pvRecord));
+        Verify(hQueue);
+    }
+    Release(pvRelease);
 }
 
 uint32_t AppQueueGetSize(HAppQueue hQueue)
@@ -464,21 +398,11 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
 #ifdef APPCORE_CHECKS
 bool app::QueueIsValid(const TAppQueue *ptQueue)
 {
-    uint32_t dwCount = 0;
-    uint32_t dwFingers = 0;
-    const TAppQueueNode *ptLast = nullptr;
-    for (const TAppQueueNode *ptNode = ptQueue->ptHead; ptNode; ptNode = ptNode->ptNext) {
-        if (++dwCount > ptQueue->dwCurSize || (ptLast && ptLast->nPriority < ptNode->nPriority))
-            return false;
-        if (dwFingers < APP_QUEUE_FINGER_NUM && ptNode == ptQueue->aptFinger[dwFingers]) {
-            if (!ptNode->ptNext || ptNode->ptNext->nPriority == ptNode->nPriority)
-                return false;
-            ++dwFingers;
-        }
-        ptLast = ptNode;
-    }
-    return CountsAgree(ptQueue) && dwCount == ptQueue->dwCurSize &&
-           (!ptLast || ptLast == ptQueue->ptTail) &&
-           (dwFingers == APP_QUEUE_FINGER_NUM || !ptQueue->aptFinger[dwFingers]);
+    if (!CountsAgree(ptQueue) || !LevelsAreValid(ptQueue) || !BlocksAreValid(ptQueue))
+        return false;
+    const TAppQueueNode *ptNode = ptQueue->ptHead;
+    while (ptNode && IsListedRightly(ptQueue, ptNode))
+        ptNode = ptNode->ptNext.Next();
+    return !ptNode;
 }
 #endif

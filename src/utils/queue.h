@@ -8,17 +8,56 @@
 #include "base/field.h"
 #include "base/thread_safety.h"
 
-struct TAppQueueNode {
-    TAppQueueNode *ptNext; // towards the tail
-    void *pvData;
-    int32_t nPriority;
+struct TAppQueueBlock;
+struct TAppQueueNode;
+
+namespace app
+{
+
+// The way to the next node and two marks of the node that has it, in the bits which addresses leave
+// free: so a node that stands alone fills one block of a pool's smallest class on 32-bit machines.
+class QueueLink
+{
+public:
+    static constexpr uintptr_t kOfBlock = 1; // the node came from a block of nodes
+    static constexpr uintptr_t kSeveral = 2; // it begins a level of several, not the last level
+
+    TAppQueueNode *Next() const { return reinterpret_cast<TAppQueueNode *>(m_uValue & ~kMarks); }
+    void SetNext(TAppQueueNode *ptNext)
+    {
+        m_uValue = reinterpret_cast<uintptr_t>(ptNext) | (m_uValue & kMarks);
+    }
+    bool Has(uintptr_t uMark) const { return (m_uValue & uMark) != 0; }
+    void Mark(uintptr_t uMark) { m_uValue |= uMark; }
+    void Clear(uintptr_t uMark) { m_uValue &= ~uMark; }
+    // No next node, and this mark alone or none.
+    void Reset(uintptr_t uMark) { m_uValue = uMark; }
+
+private:
+    static constexpr uintptr_t kMarks = kOfBlock | kSeveral;
+
+    uintptr_t m_uValue;
 };
 
-#define APP_QUEUE_FINGER_NUM 8u
+} // namespace app
+
+struct TAppQueueNode {
+    app::QueueLink ptNext; // towards the tail
+    void *pvData;
+    union {
+        int32_t nPriority;
+        // In the second node of a level, whose priority the first one tells; not in the last level.
+        TAppQueueNode *ptLevelTail;
+    };
+    // From the node's block.  A node alone ends before this when no record follows.
+    uint32_t dwOffset;
+};
+
+// As many as the pools' size class leaves room for in the record.
+#define APP_QUEUE_STOP_NUM (sizeof(void *) == 4 ? 5u : 9u)
 
 // From the head, priorities never increase; equal ones, a level, are in the order of insertion.
-// An insertion between the ends starts at a finger: so it costs nothing while the levels in use are
-// no more than the fingers, and a fraction of the elements' number beyond.
+// See queue_levels.h for the levels and stops, queue_node.h for the blocks.
 struct TAppQueue {
     TAppQueueNode *ptTail APP_GUARDED_BY(hLock); // meaningful only while ptHead is not null
     TAppQueueNode *ptHead APP_GUARDED_BY(hLock);
@@ -30,16 +69,20 @@ struct TAppQueue {
     // Highest dwCurSize since creation or the last change of the maximum.
     uint32_t dwTopSize APP_GUARDED_BY(hLock);
 
-    // Last nodes of levels, never the tail, from head to tail; unused ones are null.
-    TAppQueueNode *aptFinger[APP_QUEUE_FINGER_NUM] APP_GUARDED_BY(hLock);
-    uint32_t dwVictim APP_GUARDED_BY(hLock); // which finger makes room next
+    TAppQueueNode *ptLastLevel APP_GUARDED_BY(hLock); // its first node; null when empty
+    TAppQueueNode *aptStop[APP_QUEUE_STOP_NUM] APP_GUARDED_BY(hLock);
+    uint32_t adwSpan[APP_QUEUE_STOP_NUM + 1] APP_GUARDED_BY(hLock);
+
+    TAppQueueBlock *ptBlocks APP_GUARDED_BY(hLock); // those with a free node
+    uint16_t wRecordSize;                           // of what lies behind each node; 0 is nothing
+    uint8_t byBlockNodes;                           // nodes in a block
+    uint8_t byStops APP_GUARDED_BY(hLock);
 
     // Of a queue with hLock: see queue.cpp.
     uint32_t dwSleepers APP_GUARDED_BY(hLock);    // consumers for which no unit is on its way
     uint32_t dwPromised APP_GUARDED_BY(hLock);    // elements for which a consumer has been woken
     uint32_t dwInterrupted APP_GUARDED_BY(hLock); // consumers that have been woken for nothing
     bool bInterrupt APP_GUARDED_BY(hLock); // an interrupt that found no sleeper: for the next one
-    uint16_t wRecordSize;                  // of what lies behind each node; 0 is nothing
 };
 
 extern "C" {
@@ -98,7 +141,7 @@ inline bool QueueHolds(HAppQueue hQueue) APP_NO_ANALYSIS
     return PeekCounter(hQueue->dwCurSize) != 0;
 }
 
-// Order, tail, fingers and counts agree.  Only in builds with checks.
+// Order, tail, levels, stops, blocks and counts agree.  Only in builds with checks.
 bool QueueIsValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);
 } // namespace app
 

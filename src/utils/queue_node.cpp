@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: MIT
+#include "utils/queue_node.h"
+
+#include <stddef.h>
+
+#include "appcore/mempool.h"
+#include "mempool/try_malloc.h"
+
+namespace
+{
+
+// With both headers of the pools a block fills one class of theirs: 512 bytes on 32-bit machines,
+// 1024 on 64-bit ones.
+constexpr uint32_t kPoolHeads = sizeof(void *) == 4 ? 20 : 48;
+constexpr uint32_t kBlockSize = 128 * sizeof(void *) - kPoolHeads;
+// What a node alone takes from the pool when no record follows.
+constexpr uint32_t kBareNode = offsetof(TAppQueueNode, dwOffset);
+
+#if UINTPTR_MAX == UINT32_MAX
+static_assert(kBareNode == 12, "a node alone and both headers are 32 bytes");
+#endif
+static_assert((kBlockSize - sizeof(TAppQueueBlock)) / sizeof(TAppQueueNode) <= UINT8_MAX);
+static_assert((kBlockSize - sizeof(TAppQueueBlock)) /
+                  (sizeof(TAppQueueNode) + app::kQueueRecordMax) >=
+              2);
+
+uint32_t NodeSize(uint32_t dwRecordSize)
+{
+    return static_cast<uint32_t>(sizeof(TAppQueueNode)) + dwRecordSize;
+}
+
+TAppQueueNode *NodeAt(TAppQueueBlock *ptBlock, uint32_t dwOffset)
+{
+    return reinterpret_cast<TAppQueueNode *>(reinterpret_cast<char *>(ptBlock) + dwOffset);
+}
+
+TAppQueueBlock *BlockOf(const TAppQueueNode *ptNode)
+{
+    const auto uNode = reinterpret_cast<uintptr_t>(ptNode);
+    return reinterpret_cast<TAppQueueBlock *>(uNode - ptNode->dwOffset);
+}
+
+void List(HAppQueue hQueue, TAppQueueBlock *ptBlock) APP_REQUIRES(hQueue->hLock)
+{
+    ptBlock->ptPrev = nullptr;
+    ptBlock->ptNext = hQueue->ptBlocks;
+    if (ptBlock->ptNext)
+        ptBlock->ptNext->ptPrev = ptBlock;
+    hQueue->ptBlocks = ptBlock;
+}
+
+} // namespace
+
+void app::UnlistBlock(HAppQueue hQueue, TAppQueueBlock *ptBlock)
+{
+    if (ptBlock->ptNext)
+        ptBlock->ptNext->ptPrev = ptBlock->ptPrev;
+    if (ptBlock->ptPrev)
+        ptBlock->ptPrev->ptNext = ptBlock->ptNext;
+    else
+        hQueue->ptBlocks = ptBlock->ptNext;
+    ptBlock->ptPrev = ptBlock->ptNext = nullptr;
+}
+
+TAppQueueBlock *app::NewBlock(HAppQueue hQueue)
+{
+    auto ptBlock = static_cast<TAppQueueBlock *>(app::TryMalloc(hQueue->hMemPool, kBlockSize));
+    if (!ptBlock)
+        return nullptr;
+    const uint32_t dwStep = NodeSize(hQueue->wRecordSize);
+    *ptBlock = {};
+    for (uint32_t i = hQueue->byBlockNodes; i-- > 0;) {
+        const auto dwOffset = static_cast<uint32_t>(sizeof(TAppQueueBlock)) + i * dwStep;
+        TAppQueueNode *ptNode = NodeAt(ptBlock, dwOffset);
+        ptNode->dwOffset = dwOffset;
+        ptNode->ptNext.Reset(app::QueueLink::kOfBlock);
+        ptNode->ptNext.SetNext(ptBlock->ptFree);
+        ptBlock->ptFree = ptNode;
+    }
+    List(hQueue, ptBlock);
+    return ptBlock;
+}
+
+uint8_t app::CountBlockNodes(uint32_t dwRecordSize)
+{
+    constexpr uint32_t kRoom = kBlockSize - sizeof(TAppQueueBlock);
+    return static_cast<uint8_t>(kRoom / NodeSize(dwRecordSize));
+}
+
+TAppQueueNode *app::TakeLoneNode(HAppQueue hQueue)
+{
+    const uint32_t dwSize = hQueue->wRecordSize == 0 ? kBareNode : NodeSize(hQueue->wRecordSize);
+    auto ptNode = static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, dwSize));
+    if (ptNode)
+        ptNode->ptNext.Reset(0);
+    return ptNode;
+}
+
+TAppQueueBlock *app::GiveBlockNode(HAppQueue hQueue, TAppQueueNode *ptNode)
+{
+    TAppQueueBlock *ptBlock = BlockOf(ptNode);
+    if (!ptBlock->ptFree)
+        List(hQueue, ptBlock);
+    ptNode->ptNext.SetNext(ptBlock->ptFree);
+    ptBlock->ptFree = ptNode;
+    if (--ptBlock->dwUsed != 0)
+        return nullptr;
+    UnlistBlock(hQueue, ptBlock);
+    return ptBlock;
+}
+
+#ifdef APPCORE_CHECKS
+static bool BlockIsValid(const TAppQueue *ptQueue, const TAppQueueBlock *ptBlock)
+{
+    uint32_t dwFree = 0;
+    for (const TAppQueueNode *ptNode = ptBlock->ptFree; ptNode; ptNode = ptNode->ptNext.Next())
+        if (++dwFree > ptQueue->byBlockNodes || BlockOf(ptNode) != ptBlock)
+            return false;
+    return dwFree > 0 && ptBlock->dwUsed > 0 && dwFree + ptBlock->dwUsed == ptQueue->byBlockNodes;
+}
+
+bool app::BlocksAreValid(const TAppQueue *ptQueue)
+{
+    const TAppQueueBlock *ptPrev = nullptr;
+    for (const TAppQueueBlock *ptBlock = ptQueue->ptBlocks; ptBlock; ptBlock = ptBlock->ptNext) {
+        if (ptBlock->ptPrev != ptPrev || !BlockIsValid(ptQueue, ptBlock))
+            return false;
+        ptPrev = ptBlock;
+    }
+    return true;
+}
+
+bool app::IsListedRightly(const TAppQueue *ptQueue, const TAppQueueNode *ptNode)
+{
+    if (!ptNode->ptNext.Has(QueueLink::kOfBlock))
+        return true;
+    const TAppQueueBlock *ptBlock = BlockOf(ptNode);
+    const bool bListed = ptBlock->ptPrev || ptQueue->ptBlocks == ptBlock;
+    return bListed == (ptBlock->ptFree != nullptr);
+}
+#endif

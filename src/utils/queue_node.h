@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+//
+// Where a queue's nodes come from.  While the queue holds fewer elements than a block has nodes,
+// each comes from the pool alone: a short queue keeps nothing back, and an exhausted pool refuses
+// its next element.  Beyond that they come from blocks, which cost one allocation for many nodes
+// and spare each the pool's headers.  A block is listed exactly while it has a free node, and goes
+// back to the pool when none of its nodes is in use: after a drain nothing is left.  One that cannot
+// be had is no failure: the node comes alone then.
+#ifndef APPCORE_UTILS_QUEUE_NODE_H
+#define APPCORE_UTILS_QUEUE_NODE_H
+
+#include "utils/queue.h"
+
+struct TAppQueueBlock {
+    TAppQueueBlock *ptPrev; // among the listed
+    TAppQueueBlock *ptNext;
+    TAppQueueNode *ptFree; // the first of the free nodes
+    uint32_t dwUsed;
+};
+
+namespace app
+{
+
+// The nodes of a block, by the size of the records behind them.
+uint8_t CountBlockNodes(uint32_t dwRecordSize);
+// Listed; null when it cannot be had.
+TAppQueueBlock *NewBlock(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock);
+void UnlistBlock(HAppQueue hQueue, TAppQueueBlock *ptBlock) APP_REQUIRES(hQueue->hLock);
+// Null when that cannot be had: the pool has logged its line.
+TAppQueueNode *TakeLoneNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock);
+// A block, or null when it goes on being used.
+TAppQueueBlock *GiveBlockNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock);
+
+// Only in builds with checks: the listed blocks are as they should, and the node's is listed when
+// it has to be.
+bool BlocksAreValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);
+bool IsListedRightly(const TAppQueue *ptQueue, const TAppQueueNode *ptNode)
+    APP_REQUIRES(ptQueue->hLock);
+
+inline TAppQueueNode *TakeBlockNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
+{
+    TAppQueueBlock *ptBlock = hQueue->ptBlocks;
+    if (!ptBlock && !(ptBlock = NewBlock(hQueue)))
+        return nullptr;
+    TAppQueueNode *ptNode = ptBlock->ptFree;
+    ptBlock->ptFree = ptNode->ptNext.Next();
+    ++ptBlock->dwUsed;
+    if (!ptBlock->ptFree)
+        UnlistBlock(hQueue, ptBlock);
+    ptNode->ptNext.Reset(QueueLink::kOfBlock);
+    return ptNode;
+}
+
+inline TAppQueueNode *TakeNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
+{
+    if (hQueue->dwCurSize >= hQueue->byBlockNodes)
+        if (TAppQueueNode *ptNode = TakeBlockNode(hQueue))
+            return ptNode;
+    return TakeLoneNode(hQueue);
+}
+
+// What has to be released for it, after the lock, or null; a null node is none.
+inline void *GiveNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock)
+{
+    if (!ptNode || !ptNode->ptNext.Has(QueueLink::kOfBlock))
+        return ptNode;
+    return GiveBlockNode(hQueue, ptNode);
+}
+
+} // namespace app
+
+#endif
