@@ -72,16 +72,58 @@ TEST(DoubleList, KeepsItsOrderWithinItsMaximum)
     AppMemPoolDestroy(hPool);
 }
 
-// Beside a sorted model: few levels and more than the queue has fingers, with and without a limit.
+// A queue of elements or of records, which are the same to its test.
+struct AnyQueue {
+    struct Record {
+        void *pvData, *pvCopy;
+    };
+    uint32_t In(char ch, int32_t nPriority, int32_t bForce)
+    {
+        const Record record = {El(ch), El(ch)};
+        bool bWake = false;
+        if (!bRecords)
+            return _AppQueueIn(hQueue, El(ch), nPriority, bForce);
+        const uint32_t dwCode = app::QueuePlaceRecord(hQueue, &record, nPriority, bForce, &bWake);
+        return dwCode == app::kQueueNoMemory ? uint32_t{APP_NO_RESOURCE} : dwCode;
+    }
+    uint32_t Out(uint32_t dwTimeout, void **ppvData)
+    {
+        if (!bRecords)
+            return AppQueueOut(hQueue, dwTimeout, ppvData);
+        EXPECT_TRUE(!ptHeld || ptHeld->pvData == ptHeld->pvCopy); // still what it was
+        void *pvRecord = ptHeld;
+        const uint32_t dwCode = app::QueueTakeRecord(hQueue, dwTimeout, &pvRecord);
+        ptHeld = static_cast<Record *>(pvRecord);
+        EXPECT_EQ(dwCode == APP_OK, ptHeld != nullptr);
+        *ppvData = ptHeld ? ptHeld->pvData : *ppvData;
+        return dwCode;
+    }
+    void GiveBack() { app::QueueGiveRecordBack(hQueue, std::exchange(ptHeld, nullptr)); }
+
+    bool bRecords;
+    HAppQueue hQueue = nullptr;
+    Record *ptHeld = nullptr;
+};
+
+// Beside a sorted model: few levels and more than the queue has stops, short and of several blocks,
+// with and without a limit, elements and records, and a pool that refuses blocks or everything.
 TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
 {
     test::LogCapture log;
     std::mt19937 random(7);
-    for (const uint32_t dwLevels : {1u, 3u, 9u, 40u}) {
-        HAppQueue hQueue = nullptr;
-        ASSERT_CODE(APP_OK, AppQueueCreate(nullptr, dwLevels == 9 ? 0 : 5, dwLevels % 4, &hQueue));
+    HAppMemPool hPool = nullptr;
+    ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 0, 0, &hPool));
+    for (const uint32_t dwLevels : {1u, 3u, 9u, 40u, 1001u}) {
+        AnyQueue queue{dwLevels == 9 || dwLevels == 1001};
+        HAppQueue &hQueue = queue.hQueue;
+        const uint32_t dwFirstMax = dwLevels == 9 ? 0 : 5;
+        constexpr uint32_t kRecord = sizeof(AnyQueue::Record);
+        ASSERT_CODE(APP_OK, queue.bRecords
+                                ? app::QueueCreateForRecords(hPool, dwFirstMax, kRecord, &hQueue)
+                                : AppQueueCreate(hPool, dwFirstMax, dwLevels % 4, &hQueue));
         EXPECT_EQ(hQueue->hLock != nullptr, dwLevels % 4 == 1);
-        uint32_t dwMax = dwLevels == 9 ? APP_QUEUE_DEFAULT_MAX : 5, dwTop = 0;
+        const uint32_t dwIdle = hPool->dwCurSize;
+        uint32_t dwMax = dwFirstMax ? dwFirstMax : APP_QUEUE_DEFAULT_MAX, dwTop = 0, dwPeak = 0;
         bool bInterrupted = false;
         std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
         for (unsigned i = 0; i < test::Scaled(10000); ++i) {
@@ -99,36 +141,57 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
             } else if (dwOp < 4 && hQueue->hLock) {
                 app::QueueInterrupt(hQueue);
                 bInterrupted = true; // one at most is kept
-            } else if (dwOp < (i / 100 % 2 ? 30u : 70u)) {
+            } else if (dwOp < (i / (dwLevels < 40 ? 100 : 800) % 2 ? 30u : 70u)) {
                 const auto nPriority = static_cast<int32_t>(
                     static_cast<uint32_t>(random() % dwLevels) * 0x9E3779B1);  // far apart
                 const int32_t bForce = static_cast<int32_t>(random() % 4) - 2; // 0 is a quarter
                 const char ch = static_cast<char>('!' + i % 90);
                 const bool bFull = dwMax != 0 && bForce == 0 && dwSize >= dwMax;
-                fault::Fail fail(Fn::malloc, random() % 16 == 0);
-                const uint32_t dwCode = _AppQueueIn(hQueue, El(ch), nPriority, bForce);
-                ASSERT_CODE(bFull || fail.Hits() ? APP_NO_RESOURCE : APP_OK, dwCode);
+                const bool bShort = dwSize < hQueue->byBlockNodes;
+                const uint32_t dwUsed = hPool->dwCurSize, dwRefuse = random() % 16;
+                hPool->dwMaxSize = dwRefuse == 0 ? 1 : dwRefuse < 4 ? dwUsed + 200 : 0;
+                log.Clear();
+                const uint32_t dwCode = queue.In(ch, nPriority, bForce);
+                const uint32_t dwGrown = hPool->dwCurSize - dwUsed;
+                hPool->dwMaxSize = 0;
+                const bool bNone = dwRefuse == 0 && (bShort || dwCode != APP_OK);
+                ASSERT_CODE(bFull || bNone ? APP_NO_RESOURCE : APP_OK, dwCode);
+                ASSERT_EQ(log.Lines().empty(), dwCode == APP_OK); // a block is no loss
                 if (dwCode == APP_OK) {
+                    ASSERT_TRUE(bShort || dwRefuse < 4 ? dwGrown < 200
+                                                       : dwGrown == 0 || dwGrown > 200);
                     model.emplace(-int64_t{nPriority}, ch);
                     dwTop = dwTop > dwSize ? dwTop : dwSize + 1;
                 }
             } else if (!model.empty()) {
-                ASSERT_CODE(APP_OK, AppQueueOut(hQueue, 0, &pvData));
+                ASSERT_CODE(APP_OK, queue.Out(0, &pvData));
                 ASSERT_EQ(Letter(pvData), model.begin()->second);
                 model.erase(model.begin());
             } else if (bInterrupted || dwOp > 97) {
                 const uint32_t dwTimeout = std::exchange(bInterrupted, false) ? 0 : 2;
-                ASSERT_CODE(APP_TIMEOUT, AppQueueOut(hQueue, dwTimeout, &pvData));
+                fault::Fail sleeps(Fn::pthread_cond_timedwait, 1,
+                                   0); // what is held goes back first
+                sleeps.Action([&] { EXPECT_EQ(hPool->dwCurSize, dwIdle); });
+                ASSERT_CODE(APP_TIMEOUT, queue.Out(dwTimeout, &pvData));
                 ASSERT_EQ(Letter(pvData), 'u');
+            } else {
+                queue.GiveBack();
             }
+            dwPeak = model.empty() ? 0 : std::max<uint32_t>(dwPeak, AppQueueGetSize(hQueue));
+            for (const uint32_t dwSpan : hQueue->adwSpan)
+                ASSERT_LE(dwSpan, std::max(8u, dwPeak / 3 + 1));
+            ASSERT_TRUE(!model.empty() || queue.ptHeld || hPool->dwCurSize == dwIdle);
             ASSERT_EQ(AppQueueGetSize(hQueue), model.size());
             ASSERT_EQ(_AppQueueGetMaxSize(hQueue), dwMax);
             ASSERT_EQ(_AppQueueGetTopSize(hQueue), dwTop);
         }
         std::string dropped;
+        queue.GiveBack();
         AppQueueDestroy(hQueue, Note, &dropped);
         EXPECT_EQ(dropped.size(), model.size());
+        EXPECT_EQ(hPool->dwCurSize, 0u);
     }
+    AppMemPoolDestroy(hPool);
 }
 
 // Every element comes out once, also while time-outs expire and interrupts come; who takes the last
@@ -197,7 +260,7 @@ TEST(Checks, FindWhatIsBroken)
     list.dwCurSize = 1;
     EXPECT_DEATH(_AppDoubleListAttachNode(&list, nullptr, &node, 0), "the list is broken");
     TAppQueue queue = {};
-    queue.dwSleepers = 1;
+    queue.dwSleepers = queue.byBlockNodes = 1;
     EXPECT_DEATH(AppQueueIn(&queue, nullptr, 0), "the queue's counts do not agree");
     EXPECT_DEATH(AppQueueDestroy(&queue, nullptr, nullptr), "a consumer waits still");
     HAppMemPool hPool = nullptr;
