@@ -27,26 +27,30 @@ inline struct timespec ToTimespec(int64_t qnTime)
 }
 
 // The one instant at which a wait ends.  Created when a wait begins, not before: reading the clock
-// costs more than a take that need not wait.
+// costs more than a take that need not wait.  Who needs one reading for a check and
+// the end of the next slice uses the one that is kept.
 class Deadline
 {
 public:
     // A time-out of 0 has no end.
     explicit Deadline(uint32_t dwTimeout, clockid_t nClock = CLOCK_MONOTONIC)
-        : m_nClock(nClock), m_bLimited(dwTimeout != 0),
-          m_qnEnd(dwTimeout != 0 ? ClockNow(nClock) + dwTimeout * kNsPerMs : 0)
+        : m_nClock(nClock), m_bLimited(dwTimeout != 0), m_qnNow(ClockNow(nClock)),
+          m_qnEnd(m_qnNow + dwTimeout * kNsPerMs)
     {
     }
 
+    void ReadClock() { m_qnNow = ClockNow(m_nClock); }
+    // By the last reading.
+    bool Reached() const { return m_bLimited && m_qnNow >= m_qnEnd; }
     bool Passed() const { return m_bLimited && ClockNow(m_nClock) >= m_qnEnd; }
 
     // The deadline itself, for waits on the same clock.
     struct timespec End() const { return ToTimespec(m_qnEnd); }
 
-    // The end of the next slice of at most `dwSliceMs`: now plus the slice, or the deadline.
+    // The end of the next slice of at most `dwSliceMs` after the last reading, or the deadline.
     struct timespec SliceEnd(uint32_t dwSliceMs) const
     {
-        const int64_t qnSlice = ClockNow(m_nClock) + dwSliceMs * kNsPerMs;
+        const int64_t qnSlice = m_qnNow + dwSliceMs * kNsPerMs;
         return ToTimespec(m_bLimited && m_qnEnd < qnSlice ? m_qnEnd : qnSlice);
     }
 
@@ -64,6 +68,7 @@ public:
 private:
     clockid_t m_nClock;
     bool m_bLimited;
+    int64_t m_qnNow;
     int64_t m_qnEnd;
 };
 

@@ -18,6 +18,7 @@
 #include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/deadline.h"
+#include "cross_linux/lock_word.h"
 #include "cross_linux/mutex_guard.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -33,31 +34,28 @@
 typedef pthread_cond_t TPlacedCond __attribute__((aligned(sizeof(void *))));
 
 struct TAppLock {
-    TPlacedCond tCond;             // semaphore only: takers sleep here
-    pthread_mutex_t tMutex;        // semaphore: guards sleeping; recursive: the lock itself
-    std::atomic<uint32_t> dwCount; // units available, and kSleepers
-    uint32_t dwMaxCount;
+    app::TLockWord tWord;
     uint32_t dwType;
     uint32_t dwSleepers;            // takers in the slow path; under tMutex
     std::atomic<uint32_t> dwGivers; // gives that have published their unit and still touch the lock
+    TPlacedCond tCond;              // semaphore only: takers sleep here
+    pthread_mutex_t tMutex;         // semaphore: guards sleeping; recursive: the lock itself
 };
 
+static_assert(offsetof(TAppLock, tWord) == 0, "where the paths in line look for it");
 #if UINTPTR_MAX == UINT32_MAX && defined(__GLIBC__)
-static_assert(offsetof(TAppLock, tMutex) == sizeof(pthread_cond_t), "fixed layout");
-static_assert(offsetof(TAppLock, dwCount) == sizeof(pthread_cond_t) + sizeof(pthread_mutex_t),
+static_assert(sizeof(TAppLock) == 20 + sizeof(pthread_cond_t) + sizeof(pthread_mutex_t),
               "fixed layout");
-static_assert(offsetof(TAppLock, dwMaxCount) == offsetof(TAppLock, dwCount) + 4, "fixed layout");
-static_assert(offsetof(TAppLock, dwType) == offsetof(TAppLock, dwCount) + 8, "fixed layout");
-static_assert(offsetof(TAppLock, dwSleepers) == offsetof(TAppLock, dwType) + 4, "fixed layout");
 static_assert(alignof(TAppLock) == 4, "at most what the pools' headers leave");
 #endif
 
 namespace
 {
 
-constexpr uint32_t kSleepers = 0x80000000; // the bit in dwCount
-constexpr uint32_t kMaxUnits = 0x7FFFFFFF; // what the bit leaves: more units than any memory holds
-constexpr uint32_t kSliceMs = 1000;        // see SleepSlice
+using app::kMaxUnits;
+using app::kSleepers;
+
+constexpr uint32_t kSliceMs = 1000; // see SleepSlice
 constexpr int kAttempts = 100;
 
 uint32_t Least(uint32_t dwFirst, uint32_t dwSecond)
@@ -65,11 +63,16 @@ uint32_t Least(uint32_t dwFirst, uint32_t dwSecond)
     return dwFirst < dwSecond ? dwFirst : dwSecond;
 }
 
+std::atomic<uint32_t> &CountOf(HAppLock hLock)
+{
+    return hLock->tWord.dwCount;
+}
+
 inline bool TryTake(HAppLock hLock)
 {
-    uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     while ((dwCount & kMaxUnits) != 0)
-        if (hLock->dwCount.compare_exchange_weak(dwCount, dwCount - 1, std::memory_order_acquire,
+        if (CountOf(hLock).compare_exchange_weak(dwCount, dwCount - 1, std::memory_order_acquire,
                                                  std::memory_order_relaxed))
             return true;
     return false;
@@ -86,12 +89,12 @@ void SleepSlice(HAppLock hLock, const app::Deadline &deadline)
 // Under tMutex.  Takes a unit, or marks that gives must signal.
 bool TakeOrMark(HAppLock hLock)
 {
-    uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     for (;;) {
         const bool bTake = (dwCount & kMaxUnits) != 0;
         if (!bTake && (dwCount & kSleepers))
             return false;
-        if (hLock->dwCount.compare_exchange_weak(dwCount, bTake ? dwCount - 1 : dwCount | kSleepers,
+        if (CountOf(hLock).compare_exchange_weak(dwCount, bTake ? dwCount - 1 : dwCount | kSleepers,
                                                  std::memory_order_acquire,
                                                  std::memory_order_relaxed))
             if (bTake)
@@ -103,10 +106,10 @@ bool TakeOrMark(HAppLock hLock)
 void LeaveSleepers(HAppLock hLock)
 {
     if (--hLock->dwSleepers == 0) {
-        hLock->dwCount.fetch_and(kMaxUnits, std::memory_order_relaxed);
+        CountOf(hLock).fetch_and(kMaxUnits, std::memory_order_relaxed);
         return;
     }
-    const uint32_t dwCount = hLock->dwCount.fetch_or(kSleepers, std::memory_order_relaxed);
+    const uint32_t dwCount = CountOf(hLock).fetch_or(kSleepers, std::memory_order_relaxed);
     if ((dwCount & kMaxUnits) != 0)
         pthread_cond_signal(&hLock->tCond);
 }
@@ -114,13 +117,15 @@ void LeaveSleepers(HAppLock hLock)
 // Out of line, like every path that may sleep: the fast paths need no frame then.
 [[gnu::noinline]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
 {
-    const app::Deadline deadline(dwTimeout);
+    app::Deadline deadline(dwTimeout);
     app::MutexGuard guard(hLock->tMutex);
     ++hLock->dwSleepers;
     bool bTaken = TakeOrMark(hLock);
-    while (!bTaken && !deadline.Passed()) {
+    while (!bTaken && !deadline.Reached()) {
         SleepSlice(hLock, deadline);
         bTaken = TakeOrMark(hLock);
+        if (!bTaken)
+            deadline.ReadClock();
     }
     LeaveSleepers(hLock);
     return bTaken;
@@ -153,7 +158,7 @@ int LockUntil(pthread_mutex_t *ptMutex, const struct timespec &tEnd)
     return false;
 }
 
-bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
+inline bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
 {
     if (dwTimeout == 0)
         return pthread_mutex_lock(&hLock->tMutex) == 0;
@@ -163,13 +168,13 @@ bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
 // Under tMutex.  One unit more; the bit stays while the next give has to wake someone, too.
 void RaiseForSleepers(HAppLock hLock)
 {
-    const uint32_t dwMost = Least(hLock->dwSleepers, hLock->dwMaxCount);
-    uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
+    const uint32_t dwMost = Least(hLock->dwSleepers, hLock->tWord.dwMaxCount);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     uint32_t dwRaised;
     do {
-        const uint32_t dwUnits = Least((dwCount & kMaxUnits) + 1, hLock->dwMaxCount);
+        const uint32_t dwUnits = Least((dwCount & kMaxUnits) + 1, hLock->tWord.dwMaxCount);
         dwRaised = dwUnits < dwMost ? dwUnits | kSleepers : dwUnits;
-    } while (!hLock->dwCount.compare_exchange_weak(dwCount, dwRaised, std::memory_order_release,
+    } while (!CountOf(hLock).compare_exchange_weak(dwCount, dwRaised, std::memory_order_release,
                                                    std::memory_order_relaxed));
 }
 
@@ -243,8 +248,10 @@ uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwIn
         return APP_NO_RESOURCE;
     app::Rollback release([&] { AppMemPoolFree(hLock); });
     hLock->dwType = dwType;
-    hLock->dwMaxCount = Least(dwMaxCount, kMaxUnits);
-    hLock->dwCount.store(Least(dwInitCount, hLock->dwMaxCount));
+    hLock->tWord.dwMaxCount = Least(dwMaxCount, kMaxUnits);
+    CountOf(hLock).store(dwType == APP_LOCK_TYPE_RECURSIVE
+                             ? kSleepers // nothing for the paths in line
+                             : Least(dwInitCount, hLock->tWord.dwMaxCount));
     hLock->dwSleepers = 0;
     hLock->dwGivers.store(0);
     if ((dwType == APP_LOCK_TYPE_RECURSIVE ? InitRecursive(hLock, dwInitCount)
@@ -280,12 +287,12 @@ uint32_t _AppLockGive(HAppLock hLock)
         pthread_mutex_unlock(&hLock->tMutex);
         return APP_OK;
     }
-    uint32_t dwCount = hLock->dwCount.load(std::memory_order_relaxed);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     while (!(dwCount & kSleepers)) {
-        if (dwCount == hLock->dwMaxCount)
+        if (dwCount == hLock->tWord.dwMaxCount)
             return APP_OK;
         // From here on a taker may destroy the lock: nothing is touched after the exchange.
-        if (hLock->dwCount.compare_exchange_weak(dwCount, dwCount + 1, std::memory_order_release,
+        if (CountOf(hLock).compare_exchange_weak(dwCount, dwCount + 1, std::memory_order_release,
                                                  std::memory_order_relaxed))
             return APP_OK;
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "appcore/platform.h"
-#include "cross_linux/cross_linux.h"
+#include "cross_linux/lock_word.h"
 
 uint32_t AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCount,
                        uint32_t dwType, HAppLock *phLock)
@@ -20,12 +20,12 @@ uint32_t AppLockTakeByTime(HAppLock hLock, uint32_t dwTimeout)
 {
     if (!hLock)
         return APP_INVALID_ARG;
-    return _AppLockTakeByTime(hLock, dwTimeout);
+    return app::TakeInLine(hLock, dwTimeout);
 }
 
 uint32_t AppLockGive(HAppLock hLock)
 {
     if (!hLock)
         return APP_INVALID_ARG;
-    return _AppLockGive(hLock);
+    return app::GiveInLine(hLock);
 }
