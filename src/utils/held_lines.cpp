@@ -8,7 +8,7 @@
 
 #include "appcore/foundation.h"
 
-__thread app::HeldLines *app::t_ptHeldLines = nullptr;
+__thread app::THeldLines app::t_tHeldLines = {};
 
 // The text follows.
 struct app::THeldLine {
@@ -66,8 +66,11 @@ void Release(THeldLine *ptLine)
 
 } // namespace
 
-bool app::HeldLines::Keep(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
+bool app::KeepLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
 {
+    THeldLines &tLines = t_tHeldLines;
+    if (tLines.dwGuards == 0)
+        return false;
     const uint32_t dwTextSize = AppStrlen(szText) + 1;
     THeldLine *ptLine = NewLine(dwTextSize);
     if (!ptLine)
@@ -76,16 +79,20 @@ bool app::HeldLines::Keep(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, co
     ptLine->byLevel = byLevel;
     ptLine->bFileOnly = bFileOnly;
     AppMemcpy(ptLine->Text(), szText, dwTextSize);
-    (m_ptFirst ? m_ptLast->ptNext : m_ptFirst) = ptLine;
-    m_ptLast = ptLine;
+    (tLines.ptFirst ? tLines.ptLast->ptNext : tLines.ptFirst) = ptLine;
+    tLines.ptLast = ptLine;
     return true;
 }
 
-void app::HeldLines::Print()
+void app::PrintLines(THeldLines &tLines)
 {
-    while (THeldLine *ptLine = m_ptFirst) {
-        m_ptFirst = ptLine->ptNext;
+    // Taken off first: a console may use the library, whose guards must not find them.
+    THeldLine *ptLine = tLines.ptFirst;
+    tLines.ptFirst = nullptr;
+    while (ptLine) {
         PrintLine(ptLine->byChannel, ptLine->byLevel, ptLine->bFileOnly, ptLine->Text());
-        Release(ptLine);
+        THeldLine *ptPrinted = ptLine;
+        ptLine = ptLine->ptNext;
+        Release(ptPrinted);
     }
 }

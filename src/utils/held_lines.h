@@ -2,8 +2,8 @@
 //
 // Lines that are logged while a lock of the library is held.  A line on a serial console takes
 // milliseconds, and a console may call the library; printed under a lock, either would hold up
-// whoever needs that lock, or itself.  So the outermost guard of a thread keeps the lines, and
-// prints them in their order when its lock has been given.
+// whoever needs that lock, or itself.  So they wait while a guard of the thread holds one, and are
+// printed in their order when the outermost guard has given its own.
 #ifndef APPCORE_UTILS_HELD_LINES_H
 #define APPCORE_UTILS_HELD_LINES_H
 
@@ -15,64 +15,64 @@ namespace app
 {
 
 struct THeldLine;
-class HeldLines;
 
-// The calling thread's, or null.  Of the initial-exec model: read twice for each guard.
-extern __thread HeldLines *t_ptHeldLines __attribute__((tls_model("initial-exec")));
-
-class HeldLines
-{
-public:
-    HeldLines() = default;
-    HeldLines(const HeldLines &) = delete;
-    HeldLines &operator=(const HeldLines &) = delete;
-
-    // Lines wait from here on, unless an outer guard keeps them already.
-    void Begin()
-    {
-        if (!t_ptHeldLines)
-            t_ptHeldLines = this;
-    }
-    // The lock has been given: prints what has come, if this is the outermost guard's.
-    void End()
-    {
-        if (t_ptHeldLines != this)
-            return;
-        t_ptHeldLines = nullptr;
-        if (m_ptFirst)
-            Print();
-    }
-
-    // Keeps a copy of a finished text; false when there is no memory for it.
-    bool Keep(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText);
-    void Print();
-
-private:
-    THeldLine *m_ptFirst = nullptr;
-    THeldLine *m_ptLast = nullptr;
+// The calling thread's.
+struct THeldLines {
+    uint32_t dwGuards; // that hold a lock
+    bool bNoErrors;    // see WithoutErrors
+    THeldLine *ptFirst;
+    THeldLine *ptLast;
 };
+// Of the initial-exec model: looked at twice for each guard.
+extern __thread THeldLines t_tHeldLines __attribute__((tls_model("initial-exec")));
+
+// Prints what `tLines` holds; its guards stay.
+void PrintLines(THeldLines &tLines);
+// Keeps a copy of a finished text if a guard holds a lock and there is memory for it.
+bool KeepLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText);
+
+// A guard has taken its lock.
+inline void BeginHolding()
+{
+    ++t_tHeldLines.dwGuards;
+}
+// And given it.
+inline void EndHolding()
+{
+    if (--t_tHeldLines.dwGuards == 0 && t_tHeldLines.ptFirst)
+        PrintLines(t_tHeldLines);
+}
 
 // For a scope in which a callback runs: what it logs is its own affair and printed at once.
 class [[nodiscard]] LinesAtOnce
 {
 public:
-    LinesAtOnce() : m_ptHeld(t_ptHeldLines) { t_ptHeldLines = nullptr; }
-    ~LinesAtOnce() { t_ptHeldLines = m_ptHeld; }
+    LinesAtOnce() : m_tHeld(t_tHeldLines) { t_tHeldLines = {}; }
+    ~LinesAtOnce() { t_tHeldLines = m_tHeld; }
     LinesAtOnce(const LinesAtOnce &) = delete;
     LinesAtOnce &operator=(const LinesAtOnce &) = delete;
 
     // Prints what has been kept so far; no lock is held now.
-    void PrintHeld()
-    {
-        if (m_ptHeld)
-            m_ptHeld->Print();
-    }
+    void PrintHeld() { PrintLines(m_tHeld); }
 
 private:
-    HeldLines *m_ptHeld;
+    THeldLines m_tHeld;
 #ifdef APPCORE_CHECKS
     LocksAside m_locks;
 #endif
+};
+
+// For a scope whose failures harm nobody: their ERROR lines are dropped.
+class [[nodiscard]] WithoutErrors
+{
+public:
+    WithoutErrors() : m_bOuter(t_tHeldLines.bNoErrors) { t_tHeldLines.bNoErrors = true; }
+    ~WithoutErrors() { t_tHeldLines.bNoErrors = m_bOuter; }
+    WithoutErrors(const WithoutErrors &) = delete;
+    WithoutErrors &operator=(const WithoutErrors &) = delete;
+
+private:
+    bool m_bOuter;
 };
 
 // The last step of every log line: the channel's sinks.  In log.cpp.

@@ -8,6 +8,7 @@
 
 #include "appcore/platform.h"
 #include "base/thread_safety.h"
+#include "cross_linux/lock_word.h"
 #include "utils/check.h"
 #include "utils/held_lines.h"
 #include "utils/lock_rank.h"
@@ -32,12 +33,12 @@ protected:
 #ifdef APPCORE_CHECKS
         m_held.Enter(hLock, dwRank, dwTimeout);
 #endif
-        if (AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
+        if (_AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
             Forget();
             return false;
         }
         m_hLock = hLock;
-        m_lines.Begin();
+        BeginHolding();
         return true;
     }
     void Give()
@@ -45,16 +46,17 @@ protected:
         if (!m_hLock)
             return;
         Forget();
-        AppLockGive(m_hLock);
-        m_lines.End(); // touches nothing but the guard: the record may be gone
+        _AppLockGive(m_hLock);
+        EndHolding(); // touches nothing but the thread's own: the record may be gone
     }
     // The lock is taken for good: its owner is about to destroy it.
     void Keep()
     {
-        if (m_hLock)
-            Forget();
+        if (!m_hLock)
+            return;
+        Forget();
         m_hLock = nullptr;
-        m_lines.End();
+        EndHolding();
     }
 
 private:
@@ -66,7 +68,6 @@ private:
     }
 
     HAppLock m_hLock = nullptr;
-    HeldLines m_lines;
 #ifdef APPCORE_CHECKS
     HeldLock m_held;
 #endif
@@ -115,10 +116,10 @@ public:
     template <typename Record>
     explicit WithoutLock(Record *ptRecord) APP_RELEASE(ptRecord->hLock) : m_hLock(ptRecord->hLock)
     {
-        AppLockGive(m_hLock);
+        _AppLockGive(m_hLock);
         m_lines.PrintHeld();
     }
-    ~WithoutLock() APP_RELEASE() { AppLockTakeByTime(m_hLock, 0); }
+    ~WithoutLock() APP_RELEASE() { _AppLockTakeByTime(m_hLock, 0); }
     WithoutLock(const WithoutLock &) = delete;
     WithoutLock &operator=(const WithoutLock &) = delete;
 

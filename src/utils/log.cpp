@@ -59,11 +59,12 @@ void WriteToFile(uint8_t byChannel, uint8_t byLevel, const char *szText)
                                const char *szFormat, va_list args) APP_PRINTF(4, 0);
 void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szFormat, va_list args)
 {
+    if (byLevel == APP_LOG_ERROR && app::t_tHeldLines.bNoErrors)
+        return;
     char achText[kTextSize];
     FormatText(achText, szFormat, args);
     // Without memory to keep it: printed under the lock, for a line that is lost helps nobody.
-    app::HeldLines *ptHeld = app::t_ptHeldLines;
-    if (!ptHeld || !ptHeld->Keep(byChannel, byLevel, bFileOnly, achText))
+    if (!app::KeepLine(byChannel, byLevel, bFileOnly, achText))
         app::PrintLine(byChannel, byLevel, bFileOnly, achText);
 }
 
