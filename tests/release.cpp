@@ -31,8 +31,8 @@ TEST(Release, SurvivesSecondReleasesAndDamage)
     const int nBefore = s_nLines;
     AppMemPoolFree(pvThird);
     EXPECT_EQ(s_nLines - nBefore, 2); // more than is in use, and of no class
-    EXPECT_EQ(hPool->ptImpl->dwOnWorkCount, 1u);
-    EXPECT_EQ(hPool->ptImpl->dwOnWorkSize, 0u);
-    EXPECT_EQ(hPool->ptImpl->dwTotalSize, 0u);
+    const app::EngineFigures figures = app::ReadEngine(hPool->ptImpl);
+    EXPECT_EQ(figures.dwOnWorkCount, 1u);
+    EXPECT_EQ(figures.dwOnWorkSize + figures.dwTotalSize, 0u);
     AppMemPoolDestroy(hPool);
 }

@@ -18,24 +18,26 @@ constexpr uint32_t kHead = sizeof(TAppMemPoolHead);
 // machines, but the limit is the same everywhere.
 constexpr uint32_t kLargest = UINT32_MAX - kHead - sizeof(TAppMemBlockHead);
 
+// What is written into cold memory of a block that nobody else knows yet need not hold up the others.
 void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
 {
     *ptHead = {APP_MEMPOOL_MAGIC, hMemPool, dwSize};
     return ptHead + 1;
 }
 
-// Whether a refusal is an ERROR.
-enum class Refusal { logged, quiet };
+bool Traces()
+{
+    return app::Peek(g_byAppLogLevel[0]) >= APP_LOG_MEMDBG1;
+}
 
-void *MallocFromHeap(uint32_t dwSize, Refusal refusal, const char *szOp)
+[[gnu::noinline]] void *MallocFromHeap(uint32_t dwSize, const char *szOp)
 {
     auto ptHead = dwSize > kLargest
                       ? nullptr
                       : static_cast<TAppMemPoolHead *>(malloc(size_t{dwSize} + kHead));
     if (!ptHead) {
-        if (refusal == Refusal::logged)
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPool NULL malloc failed with size %lu\n",
-                   szOp, app::Ul(dwSize));
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPool NULL malloc failed with size %lu\n", szOp,
+               app::Ul(dwSize));
         return nullptr;
     }
     APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL  malloc %p with size %lu\n", szOp,
@@ -52,42 +54,51 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
            (dwSize > ptPool->dwMaxSize || ptPool->dwMaxSize - dwSize <= ptPool->dwCurSize);
 }
 
-void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, Refusal refusal, const char *szOp)
+// Out of the way of those for whom there is room and who trace nothing.
+[[gnu::noinline, gnu::cold]] void LogFull(const TAppMemPool *ptPool, uint32_t dwSize,
+                                          const char *szOp) APP_REQUIRES(ptPool->hLock)
 {
-    TAppMemPoolHead *ptHead;
-    {
-        app::LockGuard guard(hMemPool);
-        if (IsFull(hMemPool, dwSize)) {
-            if (refusal == Refusal::logged)
-                AppLog(
-                    0, APP_LOG_ERROR,
-                    "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n",
-                    szOp, app::Ptr(hMemPool), app::Ul(dwSize), app::Ul(hMemPool->dwCurSize),
-                    app::Ul(hMemPool->dwMaxSize));
-            return nullptr;
-        }
-        hMemPool->ptImpl->bQuiet = refusal == Refusal::quiet;
-        ptHead =
-            static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
-        if (!ptHead)
-            return nullptr; // the engine has logged
-        app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
-        APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
-        APP_TRACE(APP_LOG_MEMDBG1,
-                  "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
-                  app::Ptr(hMemPool), app::Ptr(hMemPool->ptImpl), static_cast<void *>(ptHead + 1),
-                  app::Ul(dwSize));
-    }
-    // Nobody else knows the block yet: what is written into cold memory need not hold up the others.
-    return Finish(ptHead, hMemPool, dwSize);
+    AppLog(0, APP_LOG_ERROR,
+           "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n", szOp,
+           app::Ptr(ptPool), app::Ul(dwSize), app::Ul(ptPool->dwCurSize),
+           app::Ul(ptPool->dwMaxSize));
 }
 
-void *Malloc(HAppMemPool hMemPool, uint32_t dwSize, Refusal refusal, const char *szOp)
+[[gnu::noinline, gnu::cold]] void TraceMalloc(const TAppMemPool *ptPool, const void *pvData,
+                                              uint32_t dwSize, const char *szOp)
 {
-    if (dwSize == 0)
+    AppLog(0, APP_LOG_MEMDBG1,
+           "[MEMDBG-1] %s: AppMemPool %p with MEMPOOL %p malloc %p with size %lu\n", szOp,
+           app::Ptr(ptPool), app::Ptr(ptPool->ptImpl), pvData, app::Ul(dwSize));
+}
+
+[[gnu::noinline, gnu::cold]] void TraceFree(const TAppMemPool *ptPool, const void *pvData,
+                                            uint32_t dwSize, const char *szOp)
+{
+    if (ptPool)
+        AppLog(0, APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", szOp,
+               app::Ptr(ptPool), pvData, app::Ul(dwSize));
+    else
+        AppLog(0, APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL free %p with size %lu\n", szOp,
+               pvData, app::Ul(dwSize));
+}
+
+TAppMemPoolHead *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
+{
+    app::LockGuard guard(hMemPool);
+    if (IsFull(hMemPool, dwSize)) {
+        LogFull(hMemPool, dwSize, szOp);
         return nullptr;
-    return hMemPool ? MallocFromPool(hMemPool, dwSize, refusal, szOp)
-                    : MallocFromHeap(dwSize, refusal, szOp);
+    }
+    auto ptHead =
+        static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
+    if (!ptHead)
+        return nullptr; // the engine has logged
+    app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+    APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
+    if (Traces())
+        TraceMalloc(hMemPool, ptHead + 1, dwSize, szOp);
+    return ptHead;
 }
 
 // The header of a block, or null with a line when the pointer is not one of ours.
@@ -107,12 +118,18 @@ TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 
 void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 {
-    return Malloc(hMemPool, dwSize, Refusal::logged, __func__);
+    if (dwSize == 0)
+        return nullptr;
+    if (!hMemPool)
+        return MallocFromHeap(dwSize, __func__);
+    TAppMemPoolHead *ptHead = MallocFromPool(hMemPool, dwSize, __func__);
+    return ptHead ? Finish(ptHead, hMemPool, dwSize) : nullptr;
 }
 
 void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 {
-    return Malloc(hMemPool, dwSize, Refusal::quiet, "AppMemPoolMalloc"); // traced like any other
+    const WithoutErrors quiet;
+    return AppMemPoolMalloc(hMemPool, dwSize);
 }
 
 void AppMemPoolFree(void *pvData)
@@ -129,14 +146,14 @@ void AppMemPoolFree(void *pvData)
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
         app::SetCounter(hMemPool->dwCurSize,
                         hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
-        APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool %p free %p with size %lu\n", __func__,
-                  app::Ptr(hMemPool), pvData, app::Ul(dwSize));
+        if (Traces())
+            TraceFree(hMemPool, pvData, dwSize, __func__);
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         return;
     }
-    APP_TRACE(APP_LOG_MEMDBG1, "[MEMDBG-1] %s: AppMemPool NULL free %p with size %lu\n", __func__,
-              pvData, app::Ul(dwSize));
+    if (Traces())
+        TraceFree(nullptr, pvData, dwSize, __func__);
     free(ptHead);
 }
 

@@ -48,9 +48,9 @@ void ShowPool(ReportWriter &writer, HAppMemPool hMemPool);
 inline bool PoolAddsUp(const TAppMemPool *ptPool) APP_REQUIRES(ptPool->hLock)
 {
     constexpr uint32_t kHeads = sizeof(TAppMemPoolHead) + sizeof(TAppMemBlockHead);
-    const TAppMemPoolImpl *ptImpl = ptPool->ptImpl;
-    return ptPool->dwCurSize + ptImpl->dwOnWorkCount * kHeads <= ptImpl->dwOnWorkSize &&
-           (ptPool->dwCurSize == 0) == (ptImpl->dwOnWorkCount == 0);
+    const EngineFigures figures = ReadEngine(ptPool->ptImpl);
+    return ptPool->dwCurSize + figures.dwOnWorkCount * kHeads <= figures.dwOnWorkSize &&
+           (ptPool->dwCurSize == 0) == (figures.dwOnWorkCount == 0);
 }
 // And its engine is valid.  Only in builds with checks.
 inline bool PoolIsValid(const TAppMemPool *ptPool) APP_REQUIRES(ptPool->hLock)

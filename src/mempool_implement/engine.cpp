@@ -8,7 +8,6 @@
 
 #include <stdlib.h>
 
-#include "mempool/try_malloc.h"
 #include "utils/check.h"
 #include "utils/double_list.h"
 #include "utils/log.h"
@@ -26,6 +25,14 @@ uint32_t ClassSize(uint32_t dwClass)
     return 1u << (dwClass + kSmallestShift);
 }
 
+inline uint32_t ClassOf(uint32_t dwSize)
+{
+    // Of 0 more than any class has.  The instruction knows no 0 itself, hence the bit.
+    const uint32_t dwUnits = (dwSize - 1) >> (kSmallestShift - 1) | 1;
+    const auto dwClass = static_cast<uint32_t>(31 - __builtin_clz(dwUnits));
+    return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
+}
+
 void *BehindHead(TAppMemBlockHead *ptHead)
 {
     return ptHead + 1;
@@ -34,8 +41,8 @@ void *BehindHead(TAppMemBlockHead *ptHead)
 // Poked, like every counter here: a report that does not get the pool's lock reads them all the same.
 void Count(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    app::SetCounter(ptImpl->dwOnWorkCount, ptImpl->dwOnWorkCount + 1);
-    app::SetCounter(ptImpl->dwOnWorkSize, ptImpl->dwOnWorkSize + dwBlockSize);
+    app::SetCounter(ptImpl->dwTotalCount, ptImpl->dwTotalCount + 1);
+    app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
 }
 
 // A header may be corrupt: the account ends at zero then.
@@ -46,14 +53,14 @@ void Lower(uint32_t &dwField, uint32_t dwAmount)
 
 void Uncount(TAppMemPoolImpl *ptImpl, uint32_t dwBlockSize)
 {
-    Lower(ptImpl->dwOnWorkCount, 1);
-    Lower(ptImpl->dwOnWorkSize, dwBlockSize);
+    Lower(ptImpl->dwTotalCount, 1);
+    Lower(ptImpl->dwTotalSize, dwBlockSize);
 }
 
-// A large block's need may be odd; it has no node.
+// A large block's need may be odd, too; it is of no class.
 bool IsIdle(const TAppMemBlockHead *ptHead)
 {
-    return (ptHead->dwBlockSize & kIdle) && ptHead->hNode &&
+    return (ptHead->dwBlockSize & kIdle) && ptHead->ptNext &&
            __AppMemGetOffset(ptHead->dwBlockSize - kIdle) < APP_MEMPOOL_CLASS_NUM;
 }
 
@@ -67,20 +74,43 @@ void Verify([[maybe_unused]] const TAppMemPoolImpl *ptImpl, [[maybe_unused]] uin
 {
     APP_CHECK(app::EngineAddsUp(ptImpl), "the engine's totals do not add up");
     if (dwClass < APP_MEMPOOL_CLASS_NUM)
-        APP_CHECK_WHOLE(ptImpl->hOnList[dwClass]->dwCurSize + ptImpl->hOffList[dwClass]->dwCurSize,
+        APP_CHECK_WHOLE(2 * ptImpl->atClass[dwClass].hBlocks->dwCurSize,
                         app::ClassIsValid(ptImpl, dwClass), "a block is on the wrong list");
 }
 
-void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
+// Behind the test of the level, out of the way of those who have no use for it.
+[[gnu::noinline, gnu::cold]] void TraceCounters(const TAppMemPoolImpl *ptImpl, const char *szOp)
 {
-    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: MP %p count=%lu, OnWorkSize=%lu TotalSize=%lu\n",
-              szOp, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkCount), app::Ul(ptImpl->dwOnWorkSize),
-              app::Ul(ptImpl->dwTotalSize));
+    const app::EngineFigures figures = app::ReadEngine(ptImpl);
+    AppLog(0, APP_LOG_MEMDBG2, "[MEMDBG-2] %s: MP %p count=%lu, OnWorkSize=%lu TotalSize=%lu\n",
+           szOp, app::Ptr(ptImpl), app::Ul(figures.dwOnWorkCount), app::Ul(figures.dwOnWorkSize),
+           app::Ul(figures.dwTotalSize));
 }
 
-bool IsQuiet(const TAppMemPoolImpl *ptImpl)
+[[gnu::noinline, gnu::cold]] void TraceReuse(const TAppMemPoolImpl *ptImpl,
+                                             const TAppMemBlockHead *ptHead, uint32_t dwNeed,
+                                             uint32_t dwClass, const char *szOp)
 {
-    return ptImpl && ptImpl->bQuiet;
+    AppLog(0, APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p\n",
+           szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(ClassSize(dwClass)),
+           app::Ptr(ptHead));
+    TraceCounters(ptImpl, szOp);
+}
+
+[[gnu::noinline, gnu::cold]] void TraceParking(const TAppMemPoolImpl *ptImpl,
+                                               const TAppMemBlockHead *ptHead, uint32_t dwClass,
+                                               const char *szOp)
+{
+    AppLog(0, APP_LOG_MEMDBG2,
+           "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p return to offlist\n", szOp,
+           app::Ul(SizeOf(ptHead)), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(ClassSize(dwClass)),
+           app::Ptr(ptHead));
+    TraceCounters(ptImpl, szOp);
+}
+
+bool TracesBlocks()
+{
+    return app::Peek(g_byAppLogLevel[0]) >= APP_LOG_MEMDBG2;
 }
 
 void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
@@ -89,54 +119,21 @@ void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
               app::Ul(dwNeed), app::Ptr(ptImpl));
     auto ptHead = static_cast<TAppMemBlockHead *>(malloc(dwNeed));
     if (!ptHead) {
-        if (!IsQuiet(ptImpl))
-            AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc with size %lu failed\n", szOp,
-                   app::Ul(dwNeed));
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc with size %lu failed\n", szOp,
+               app::Ul(dwNeed));
         return nullptr;
     }
     *ptHead = {dwNeed, nullptr};
     if (ptImpl) {
         Count(ptImpl, dwNeed);
-        app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwNeed);
-        TraceCounters(ptImpl, szOp);
+        if (TracesBlocks())
+            TraceCounters(ptImpl, szOp);
         Verify(ptImpl, APP_MEMPOOL_CLASS_NUM);
     }
     return BehindHead(ptHead);
 }
 
-TAppMemBlockHead *ReuseBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
-                             const char *szOp)
-{
-    HAppDoubleListNode hNode = ptImpl->hOffList[dwClass]->ptHead;
-    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p\n",
-              szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass),
-              app::Ul(ClassSize(dwClass)), hNode->pvData);
-    app::MoveNode(ptImpl->hOffList[dwClass], ptImpl->hOnList[dwClass], hNode);
-    auto ptHead = static_cast<TAppMemBlockHead *>(hNode->pvData);
-    ptHead->dwBlockSize = ClassSize(dwClass);
-    return ptHead;
-}
-
-// The list's own insertion would log its want of a node.
-bool InsertQuietly(HAppDoubleList hList, TAppMemBlockHead *ptHead)
-{
-    auto hNode = static_cast<HAppDoubleListNode>(
-        app::TryMalloc(hList->hMemPool, sizeof(TAppDoubleListNode)));
-    if (!hNode)
-        return false;
-    hNode->pvData = ptHead;
-    app::LinkNode(hList, hList->ptTail, hNode, nullptr);
-    ptHead->hNode = hNode;
-    return true;
-}
-
-bool Insert(HAppDoubleList hList, TAppMemBlockHead *ptHead)
-{
-    return AppDoubleListInsertBefore(hList, nullptr, ptHead, &ptHead->hNode) == APP_OK;
-}
-
-TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
-                           const char *szOp)
+void *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass, const char *szOp)
 {
     const uint32_t dwBlockSize = ClassSize(dwClass);
     auto ptHead = static_cast<TAppMemBlockHead *>(malloc(dwBlockSize));
@@ -146,21 +143,50 @@ TAppMemBlockHead *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dw
                   app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
         return nullptr;
     }
-    ptHead->dwBlockSize = dwBlockSize;
-    const bool bQuiet = IsQuiet(ptImpl);
-    if (!(bQuiet ? InsertQuietly : Insert)(ptImpl->hOnList[dwClass], ptHead)) {
-        if (!bQuiet)
-            AppLog(0, APP_LOG_ERROR,
-                   "[ERROR] %s: Size %lu, use MP %p offset %lu(%lu) insert failed\n", szOp,
-                   app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
+    *ptHead = {dwBlockSize, ptHead};
+    if (AppDoubleListInsertBefore(ptImpl->atClass[dwClass].hBlocks, nullptr, ptHead, nullptr) !=
+        APP_OK) {
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Size %lu, use MP %p offset %lu(%lu) insert failed\n",
+               szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize));
         free(ptHead);
         return nullptr;
     }
-    APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n",
-              szOp, app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
-              app::Ptr(ptHead));
-    app::SetCounter(ptImpl->dwTotalSize, ptImpl->dwTotalSize + dwBlockSize);
+    Count(ptImpl, dwBlockSize);
+    if (TracesBlocks()) {
+        AppLog(0, APP_LOG_MEMDBG2,
+               "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n", szOp,
+               app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
+               app::Ptr(ptHead));
+        TraceCounters(ptImpl, szOp);
+    }
+    Verify(ptImpl, dwClass);
+    return BehindHead(ptHead);
+}
+
+// Beyond the classes, or of a class without an idle block.
+[[gnu::noinline]] void *MallocFromHeap(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
+                                       const char *szOp)
+{
+    return ptImpl && dwClass < APP_MEMPOOL_CLASS_NUM ? NewBlock(ptImpl, dwNeed, dwClass, szOp)
+                                                     : MallocLarge(ptImpl, dwNeed, szOp);
+}
+
+// The one that has been idle for longest.
+TAppMemBlockHead *TakeIdle(TAppMemClass &tClass, uint32_t dwClass)
+{
+    TAppMemBlockHead *ptHead = tClass.ptOldest;
+    tClass.ptOldest = ptHead->ptNext;
+    app::SetCounter(tClass.dwIdle, tClass.dwIdle - 1);
+    ptHead->dwBlockSize = ClassSize(dwClass);
     return ptHead;
+}
+
+void AddIdle(TAppMemClass &tClass, TAppMemBlockHead *ptHead)
+{
+    ptHead->dwBlockSize += kIdle;
+    (tClass.dwIdle != 0 ? tClass.ptNewest->ptNext : tClass.ptOldest) = ptHead;
+    tClass.ptNewest = ptHead;
+    app::SetCounter(tClass.dwIdle, tClass.dwIdle + 1);
 }
 
 void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *szOp)
@@ -168,68 +194,75 @@ void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *sz
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p %p use free\n", szOp,
               app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), BehindHead(ptHead));
     if (ptImpl) {
-        Lower(ptImpl->dwTotalSize, ptHead->dwBlockSize);
         Uncount(ptImpl, ptHead->dwBlockSize);
         Verify(ptImpl, APP_MEMPOOL_CLASS_NUM);
     }
     free(ptHead);
 }
 
-void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwClass,
-               const char *szOp)
+inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwClass,
+                      const char *szOp)
 {
-    APP_TRACE(APP_LOG_MEMDBG2,
-              "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) block %p return to offlist\n",
-              szOp, app::Ul(ptHead->dwBlockSize), app::Ptr(ptImpl), app::Ul(dwClass),
-              app::Ul(ClassSize(dwClass)), app::Ptr(ptHead));
-    app::MoveNode(ptImpl->hOnList[dwClass], ptImpl->hOffList[dwClass], ptHead->hNode);
-    Uncount(ptImpl, ptHead->dwBlockSize);
-    ptHead->dwBlockSize += kIdle;
-    TraceCounters(ptImpl, szOp);
+    AddIdle(ptImpl->atClass[dwClass], ptHead);
+    if (TracesBlocks())
+        TraceParking(ptImpl, ptHead, dwClass, szOp);
     Verify(ptImpl, dwClass);
 }
 
-bool CreateList(HAppDoubleList *phList, uint32_t *pdwResult)
+// A large block, a second release or damage.
+[[gnu::noinline]] void FreeOther(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead,
+                                 const char *szOp)
 {
-    *pdwResult = AppDoubleListCreate(nullptr, 0, 0, phList);
-    return *pdwResult == APP_OK;
+    const bool bIdle = IsIdle(ptHead);
+    const uint32_t dwBlockSize = SizeOf(ptHead);
+    const uint32_t dwOnWorkSize = app::ReadEngine(ptImpl).dwOnWorkSize;
+    // Less in use than is released now: a header or the account is corrupt.  It goes on all the same,
+    // since a camera that stops releasing stops soon.
+    if (dwOnWorkSize < dwBlockSize)
+        AppLog(
+            0, APP_LOG_ERROR,
+            "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM LEAK may occured!!!!\n",
+            szOp, app::Ptr(ptImpl), app::Ul(dwOnWorkSize), BehindHead(ptHead),
+            app::Ul(dwBlockSize));
+    if (!ptHead->ptNext) {
+        FreeLarge(ptImpl, ptHead, szOp);
+        return;
+    }
+    if (bIdle)
+        return; // queued once more it would be handed out while its next owner has it
+    const uint32_t dwClass = __AppMemGetOffset(dwBlockSize);
+    if (dwClass < APP_MEMPOOL_CLASS_NUM) {
+        ParkBlock(ptImpl, ptHead, dwClass, szOp);
+        return;
+    }
+    // The header is corrupt.  The block is kept: it is still on its class's list, and the pool's
+    // destruction releases it.
+    AppLog(0, APP_LOG_ERROR,
+           "[ERROR] %s: WARING!!!!  %p(size=%lu) use MP %p, SHOULD NOT BE IN THE ON LIST!!!!\n",
+           szOp, BehindHead(ptHead), app::Ul(dwBlockSize), app::Ptr(ptImpl));
+    Uncount(ptImpl, dwBlockSize);
+    Verify(ptImpl, dwClass);
 }
 
 bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
 {
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        uint32_t dwResult;
-        if (!CreateList(&ptImpl->hOnList[k], &dwResult)) {
+        const uint32_t dwResult = AppDoubleListCreate(nullptr, 0, 0, &ptImpl->atClass[k].hBlocks);
+        if (dwResult != APP_OK) {
             APP_LOG_RESULT(dwResult,
                            "[ERROR] %s: AppDoubleListCreate for hOnList %lu failed, ret=%d\n", szOp,
                            app::Ul(k));
-            return false;
-        }
-        if (!CreateList(&ptImpl->hOffList[k], &dwResult)) {
-            APP_LOG_RESULT(dwResult,
-                           "[ERROR] %s: AppDoubleListCreate for hOffList %lu failed, ret=%d\n",
-                           szOp, app::Ul(k));
             return false;
         }
     }
     return true;
 }
 
-void DestroyList(HAppDoubleList *phList, TAppMemPoolImpl *ptImpl)
-{
-    AppDoubleListDestroy(*phList, __AppMemPoolFreeData, ptImpl);
-    *phList = nullptr;
-}
-
 } // namespace
 
 uint32_t __AppMemGetOffset(uint32_t dwSize)
 {
-    const uint32_t dwUnits = (dwSize - 1) >> kSmallestShift; // of 0 more than any class has
-    if (dwUnits == 0)
-        return 0; // the instruction below knows no 0
-    const auto dwClass = static_cast<uint32_t>(32 - __builtin_clz(dwUnits));
-    return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
+    return ClassOf(dwSize);
 }
 
 uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
@@ -255,10 +288,10 @@ void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl)
     AppLog(0, APP_LOG_INFO, "[INFO ] %s: Mempool %p\n", __func__, app::Ptr(ptImpl));
     if (!ptImpl)
         return;
-    ptImpl->dwOnWorkCount = ptImpl->dwOnWorkSize = ptImpl->dwTotalSize = 0;
-    for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        DestroyList(&ptImpl->hOnList[k], ptImpl);
-        DestroyList(&ptImpl->hOffList[k], ptImpl);
+    ptImpl->dwTotalCount = ptImpl->dwTotalSize = 0;
+    for (TAppMemClass &tClass : ptImpl->atClass) {
+        AppDoubleListDestroy(tClass.hBlocks, __AppMemPoolFreeData, ptImpl);
+        tClass = {};
     }
     free(ptImpl);
 }
@@ -272,19 +305,15 @@ void __AppMemPoolFreeData(void *pvBlock, void *pvImpl)
 
 void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
 {
-    if (dwSize == 0 || dwSize > UINT32_MAX - kHead)
+    if (dwSize - 1 >= UINT32_MAX - kHead) // 0, too
         return nullptr;
     const uint32_t dwNeed = dwSize + kHead;
-    const uint32_t dwClass = __AppMemGetOffset(dwNeed);
-    if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl)
-        return MallocLarge(ptImpl, dwNeed, __func__);
-    TAppMemBlockHead *ptHead = ptImpl->hOffList[dwClass]->ptHead
-                                   ? ReuseBlock(ptImpl, dwNeed, dwClass, __func__)
-                                   : NewBlock(ptImpl, dwNeed, dwClass, __func__);
-    if (!ptHead)
-        return nullptr;
-    Count(ptImpl, ptHead->dwBlockSize);
-    TraceCounters(ptImpl, __func__);
+    const uint32_t dwClass = ClassOf(dwNeed);
+    if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl || ptImpl->atClass[dwClass].dwIdle == 0)
+        return MallocFromHeap(ptImpl, dwNeed, dwClass, __func__);
+    TAppMemBlockHead *ptHead = TakeIdle(ptImpl->atClass[dwClass], dwClass);
+    if (TracesBlocks())
+        TraceReuse(ptImpl, ptHead, dwNeed, dwClass, __func__);
     Verify(ptImpl, dwClass);
     return BehindHead(ptHead);
 }
@@ -298,34 +327,12 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
         FreeLarge(ptImpl, ptHead, __func__);
         return;
     }
-    const bool bIdle = IsIdle(ptHead);
-    const uint32_t dwBlockSize = SizeOf(ptHead);
-    // Less in use than is released now: a header or the account is corrupt.  It goes on all the same,
-    // since a camera that stops releasing stops soon.
-    if (ptImpl->dwOnWorkSize < dwBlockSize)
-        AppLog(
-            0, APP_LOG_ERROR,
-            "[ERROR] %s: WARING!!!! MEMPOOL %p(OnWorkSize=%lu) is less than %p(size=%lu), MEM LEAK may occured!!!!\n",
-            __func__, app::Ptr(ptImpl), app::Ul(ptImpl->dwOnWorkSize), pvData,
-            app::Ul(dwBlockSize));
-    if (!ptHead->hNode) {
-        FreeLarge(ptImpl, ptHead, __func__);
-        return;
-    }
-    APP_CHECK(!bIdle, "the block has been released before");
-    if (bIdle)
-        return; // moved once more it would be handed out while its next owner has it
-    const uint32_t dwClass = __AppMemGetOffset(dwBlockSize);
-    if (dwClass < APP_MEMPOOL_CLASS_NUM) {
+    APP_CHECK(!IsIdle(ptHead), "the block has been released before");
+    const uint32_t dwClass = ClassOf(ptHead->dwBlockSize);
+    // Some block of its class is in use, or it would not be released.
+    if (ptHead->ptNext && !(ptHead->dwBlockSize & kIdle) && dwClass < APP_MEMPOOL_CLASS_NUM &&
+        ptImpl->atClass[dwClass].dwIdle < ptImpl->atClass[dwClass].hBlocks->dwCurSize)
         ParkBlock(ptImpl, ptHead, dwClass, __func__);
-        return;
-    }
-    // The header is corrupt.  The block is kept: its node is still on a list, and the pool's
-    // destruction releases it.
-    AppLog(0, APP_LOG_ERROR,
-           "[ERROR] %s: WARING!!!!  %p(size=%lu) use MP %p, SHOULD NOT BE IN THE ON LIST!!!!\n",
-           __func__, pvData, app::Ul(dwBlockSize), app::Ptr(ptImpl));
-    Lower(ptImpl->dwTotalSize, dwBlockSize);
-    Uncount(ptImpl, dwBlockSize);
-    Verify(ptImpl, dwClass);
+    else
+        FreeOther(ptImpl, ptHead, __func__);
 }

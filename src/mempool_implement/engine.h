@@ -30,23 +30,30 @@ class ReportWriter;
 
 } // namespace app
 
-struct TAppMemPoolImpl {
-    HAppDoubleList hOnList[APP_MEMPOOL_CLASS_NUM];  // blocks handed out
-    HAppDoubleList hOffList[APP_MEMPOOL_CLASS_NUM]; // released blocks, oldest release first
-    uint32_t dwOnWorkCount;                         // blocks handed out, pooled and large alike
-    uint32_t dwOnWorkSize;                          // their bytes, headers and rounding included
-    uint32_t dwTotalSize;                           // bytes held from the heap
-    bool bQuiet; // the front's caller has a way out: a refusal is no ERROR
-};
-
 // At the start of every block that the engine takes from the heap.
 struct alignas(app::kHeadAlign) TAppMemBlockHead {
-    uint32_t dwBlockSize;     // 32 << class, plus kIdle while idle; or the need of a large block
-    HAppDoubleListNode hNode; // in hOnList or hOffList; null for a large block
+    uint32_t dwBlockSize; // 32 << class, plus kIdle while idle; or the need of a large block
+    // Of an idle block the one released next, of the newest one any; else null for a large block
+    // alone.
+    TAppMemBlockHead *ptNext;
+};
+
+// One size.  A hand-out and a release touch this record, the block and its neighbour in the queue.
+struct TAppMemClass {
+    TAppMemBlockHead *ptOldest; // idle blocks, in the order of their release; with
+    TAppMemBlockHead *ptNewest; // dwIdle 0 neither means anything
+    HAppDoubleList hBlocks;     // every block of the class, in use or idle, as long as the pool
+    uint32_t dwIdle;
+};
+
+struct TAppMemPoolImpl {
+    TAppMemClass atClass[APP_MEMPOOL_CLASS_NUM];
+    uint32_t dwTotalCount; // blocks held from the heap: pooled ones, and large ones in use
+    uint32_t dwTotalSize;  // their bytes, headers and rounding included
 };
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(sizeof(TAppMemPoolImpl) == 160 && sizeof(TAppMemBlockHead) == 8, "fixed layout");
+static_assert(sizeof(TAppMemClass) == 16 && sizeof(TAppMemBlockHead) == 8, "fixed layout");
 #endif
 
 extern "C" {
@@ -71,18 +78,20 @@ struct EngineFigures {
     const TAppMemPoolImpl *ptImpl;
     uint32_t adwOnCount[APP_MEMPOOL_CLASS_NUM];
     uint32_t adwOffCount[APP_MEMPOOL_CLASS_NUM];
-    uint32_t dwOnWorkCount;
-    uint32_t dwOnWorkSize;
+    uint32_t dwOnWorkCount; // blocks handed out, pooled and large alike
+    uint32_t dwOnWorkSize;  // their bytes, headers and rounding included
     uint32_t dwTotalSize;
+    uint32_t dwIdleSize;
 };
+// Derived from what a hand-out and a release have to write anyway.  Without the pool's lock the
+// figures may not fit together.
 EngineFigures ReadEngine(const TAppMemPoolImpl *ptImpl);
 // _AppMemPoolShow() into a report that is already under way, which must have handed over.
 void ShowEngine(ReportWriter &writer, const EngineFigures &figures);
 
-// Only in builds with checks; the caller holds the pool's lock.  The totals agree with the lists'
-// lengths.
+// Only in builds with checks; the caller holds the pool's lock.  The totals agree with the classes.
 bool EngineAddsUp(const TAppMemPoolImpl *ptImpl);
-// The blocks on a class's two lists are of its size, marked when idle, and know their node.
+// The blocks of a class are of its size, and those that are marked idle stand in its queue.
 bool ClassIsValid(const TAppMemPoolImpl *ptImpl, uint32_t dwClass);
 // Both, and the lists themselves, of every class.
 bool EngineIsValid(const TAppMemPoolImpl *ptImpl);

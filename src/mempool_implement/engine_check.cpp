@@ -5,43 +5,47 @@
 #include "utils/double_list.h"
 
 #ifdef APPCORE_CHECKS
-static bool BlocksAreValid(const TAppDoubleList *ptList, uint32_t dwBlockSize)
-{
-    for (HAppDoubleListNode hNode = ptList->ptHead; hNode; hNode = hNode->ptNext) {
-        auto ptHead = static_cast<const TAppMemBlockHead *>(hNode->pvData);
-        if (ptHead->dwBlockSize != dwBlockSize || ptHead->hNode != hNode)
-            return false;
-    }
-    return true;
-}
-
 bool app::EngineAddsUp(const TAppMemPoolImpl *ptImpl)
 {
-    uint32_t dwOnCount = 0;
-    uint32_t dwOnSize = 0;
-    uint32_t dwOffSize = 0;
+    uint32_t dwCount = 0;
+    uint32_t dwSize = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        dwOnCount += ptImpl->hOnList[k]->dwCurSize;
-        dwOnSize += ptImpl->hOnList[k]->dwCurSize * (32u << k);
-        dwOffSize += ptImpl->hOffList[k]->dwCurSize * (32u << k);
+        const TAppMemClass &tClass = ptImpl->atClass[k];
+        if (tClass.dwIdle > tClass.hBlocks->dwCurSize)
+            return false;
+        dwCount += tClass.hBlocks->dwCurSize;
+        dwSize += tClass.hBlocks->dwCurSize * (32u << k);
     }
     // What goes beyond the lists are large blocks.
-    return ptImpl->dwOnWorkCount >= dwOnCount && ptImpl->dwOnWorkSize >= dwOnSize &&
-           (ptImpl->dwOnWorkCount == dwOnCount) == (ptImpl->dwOnWorkSize == dwOnSize) &&
-           ptImpl->dwTotalSize == ptImpl->dwOnWorkSize + dwOffSize;
+    return ptImpl->dwTotalCount >= dwCount && ptImpl->dwTotalSize >= dwSize &&
+           (ptImpl->dwTotalCount == dwCount) == (ptImpl->dwTotalSize == dwSize);
 }
 
 bool app::ClassIsValid(const TAppMemPoolImpl *ptImpl, uint32_t dwClass)
 {
-    return BlocksAreValid(ptImpl->hOnList[dwClass], 32u << dwClass) &&
-           BlocksAreValid(ptImpl->hOffList[dwClass], (32u << dwClass) | kIdle);
+    const TAppMemClass &tClass = ptImpl->atClass[dwClass];
+    const uint32_t dwBlockSize = 32u << dwClass;
+    uint32_t dwIdle = 0;
+    for (HAppDoubleListNode hNode = tClass.hBlocks->ptHead; hNode; hNode = hNode->ptNext) {
+        const auto ptHead = static_cast<const TAppMemBlockHead *>(hNode->pvData);
+        if ((ptHead->dwBlockSize & ~kIdle) != dwBlockSize || !ptHead->ptNext)
+            return false;
+        dwIdle += ptHead->dwBlockSize & kIdle;
+    }
+    const TAppMemBlockHead *ptLast = nullptr;
+    const TAppMemBlockHead *ptNext = tClass.ptOldest;
+    for (uint32_t i = 0; i < tClass.dwIdle; ++i, ptNext = ptLast->ptNext) {
+        ptLast = ptNext;
+        if (ptLast->dwBlockSize != (dwBlockSize | kIdle))
+            return false;
+    }
+    return dwIdle == tClass.dwIdle && (dwIdle == 0 || ptLast == tClass.ptNewest);
 }
 
 bool app::EngineIsValid(const TAppMemPoolImpl *ptImpl)
 {
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k)
-        if (!ListIsValid(ptImpl->hOnList[k]) || !ListIsValid(ptImpl->hOffList[k]) ||
-            !ClassIsValid(ptImpl, k))
+        if (!ListIsValid(ptImpl->atClass[k].hBlocks) || !ClassIsValid(ptImpl, k))
             return false;
     return EngineAddsUp(ptImpl);
 }

@@ -4,17 +4,28 @@
 #include "mempool_implement/engine.h"
 #include "utils/report_writer.h"
 
+// Of what was read at different moments.
+static uint32_t Rest(uint32_t dwWhole, uint32_t dwPart)
+{
+    return dwWhole > dwPart ? dwWhole - dwPart : 0;
+}
+
 app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
 {
     EngineFigures figures = {};
     figures.ptImpl = ptImpl;
+    uint32_t dwIdleCount = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
-        figures.adwOnCount[k] = PeekCounter(ptImpl->hOnList[k]->dwCurSize);
-        figures.adwOffCount[k] = PeekCounter(ptImpl->hOffList[k]->dwCurSize);
+        const TAppMemClass &tClass = ptImpl->atClass[k];
+        const uint32_t dwIdle = PeekCounter(tClass.dwIdle);
+        figures.adwOffCount[k] = dwIdle;
+        figures.adwOnCount[k] = Rest(PeekCounter(tClass.hBlocks->dwCurSize), dwIdle);
+        figures.dwIdleSize += dwIdle * (32u << k);
+        dwIdleCount += dwIdle;
     }
-    figures.dwOnWorkCount = PeekCounter(ptImpl->dwOnWorkCount);
-    figures.dwOnWorkSize = PeekCounter(ptImpl->dwOnWorkSize);
     figures.dwTotalSize = PeekCounter(ptImpl->dwTotalSize);
+    figures.dwOnWorkCount = Rest(PeekCounter(ptImpl->dwTotalCount), dwIdleCount);
+    figures.dwOnWorkSize = Rest(figures.dwTotalSize, figures.dwIdleSize);
     return figures;
 }
 
@@ -22,14 +33,12 @@ void app::ShowEngine(ReportWriter &writer, const EngineFigures &figures)
 {
     uint32_t dwOnCount = 0;
     uint32_t dwOnSize = 0;
-    uint32_t dwIdleSize = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         const uint32_t dwBlockSize = 32u << k;
         const uint32_t dwOn = figures.adwOnCount[k];
         const uint32_t dwOff = figures.adwOffCount[k];
         dwOnCount += dwOn;
         dwOnSize += dwOn * dwBlockSize;
-        dwIdleSize += dwOff * dwBlockSize;
         if (dwOn != 0)
             writer.Line("[%2lu] OnList count=%lu blocksize=%lu size=%lu\n", Ul(k), Ul(dwOn),
                         Ul(dwBlockSize), Ul(dwOn * dwBlockSize));
@@ -42,7 +51,7 @@ void app::ShowEngine(ReportWriter &writer, const EngineFigures &figures)
                 Ul(figures.dwOnWorkSize - dwOnSize));
     writer.Line("MEMPOOL %p OnWorkCount=%lu OnWorkSize=%lu TotalSize=%lu IdleSize=%lu\n",
                 Ptr(figures.ptImpl), Ul(figures.dwOnWorkCount), Ul(figures.dwOnWorkSize),
-                Ul(figures.dwTotalSize), Ul(dwIdleSize));
+                Ul(figures.dwTotalSize), Ul(figures.dwIdleSize));
     writer.Flush();
 }
 
