@@ -44,13 +44,22 @@ const TAppTimer *TimerOf(const TAppDoubleListNode *ptNode)
     return static_cast<const TAppTimer *>(ptNode->pvData);
 }
 
-// In the order in which they were set, which alone says in which run.
+// In the order in which they were set.
 bool IsInOrder(const TAppTimerMgr *ptTimerMgr, const TAppDoubleListNode *ptNode)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     const TAppTimer *ptTimer = TimerOf(ptNode);
-    const uint32_t dwNextRun = ptNode->ptNext ? TimerOf(ptNode->ptNext)->dwRun : ptTimerMgr->dwRun;
-    return static_cast<int32_t>(dwNextRun - ptTimer->dwRun) >= 0;
+    return ptNode->ptNext ? ptTimer->qwOrder < TimerOf(ptNode->ptNext)->qwOrder
+                          : ptTimer->qwOrder <= ptTimerMgr->qwOrder;
+}
+
+// In one of the heaps, and not due before the thread looks.
+bool IsInHeap(const TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    return ptTimer->tPlace.ptHeap == &ptTimerMgr->tDue ||
+           (ptTimer->tPlace.ptHeap == &ptTimerMgr->tWaiting &&
+            app::HasCome(ptTimerMgr->dwLookTick, ptTimer->dwDueTick));
 }
 
 } // namespace
@@ -89,14 +98,16 @@ bool app::TimerIsValid(const TAppDoubleList *ptList, const TAppDoubleListNode *p
 bool app::TimerMgrIsValid(const TAppTimerMgr *ptTimerMgr)
 {
     AssertHeld(ptTimerMgr->ptTask);
-    const bool bRuns = ptTimerMgr->dwRun % 2 == 1;
+    // Every timer is a root or somebody's child.
+    uint32_t dwTimers = (ptTimerMgr->tWaiting.ptRoot ? 1 : 0) + (ptTimerMgr->tDue.ptRoot ? 1 : 0);
     const auto isValid = [&](const TAppDoubleList *ptList, const TAppDoubleListNode *ptNode) {
         AssertHeld(ptTimerMgr->ptTask);
-        return TimerIsValid(ptList, ptNode) && IsInOrder(ptTimerMgr, ptNode);
+        return TimerIsValid(ptList, ptNode) && IsInOrder(ptTimerMgr, ptNode) &&
+               IsInHeap(ptTimerMgr, TimerOf(ptNode)) && PlaceIsValid(TimerOf(ptNode), &dwTimers);
     };
     return AllAreValid(ptTimerMgr->hTimerList, isValid) &&
+           ptTimerMgr->hTimerList->dwCurSize == dwTimers &&
            AllAreValid(ptTimerMgr->hIdleTimerList, TimerIsValid) &&
-           IsPlace(ptTimerMgr, ptTimerMgr->hShown) && (bRuns || !ptTimerMgr->hNext) &&
-           IsPlace(ptTimerMgr, ptTimerMgr->hNext);
+           IsPlace(ptTimerMgr, ptTimerMgr->hShown);
 }
 #endif

@@ -10,6 +10,10 @@
 #include "appcore/containers.h"
 #include "appcore/task.h"
 #include "task/task.h"
+#include "task/timer_heap.h"
+
+// Never wraps.  The pools align to four bytes on 32 bits.
+typedef uint64_t TAppTimerOrder __attribute__((aligned(4)));
 
 struct TAppTimerMgr {
     // Running, in the order in which they were set; ended, in the order in which they ended.
@@ -20,17 +24,17 @@ struct TAppTimerMgr {
     TAppTask *ptTask;
     HAppMemPool hMemPool;
 
-    // Of the run: see timer_run.cpp.
-    // Where the walk goes on; moved when its node leaves the list.
-    HAppDoubleListNode hNext APP_GUARDED_BY(ptTask->hLock);
-    uint32_t dwRun APP_GUARDED_BY(ptTask->hLock);     // odd during a run
-    uint32_t dwRunTick APP_GUARDED_BY(ptTask->hLock); // when the run began
-    // No timer is due before dwCheckWait ms after this tick.
-    uint32_t dwCheckTick APP_GUARDED_BY(ptTask->hLock);
-    uint32_t dwCheckWait APP_GUARDED_BY(ptTask->hLock);
-    uint32_t dwDueTick; // the tick of that instant: written under the lock, read without it too
+    // The running ones again, see timer_run.cpp: by due tick, and by the order of setting those
+    // that have been found due.
+    TAppTimerHeap tWaiting APP_GUARDED_BY(ptTask->hLock);
+    TAppTimerHeap tDue APP_GUARDED_BY(ptTask->hLock);
+    TAppTimerOrder qwOrder APP_GUARDED_BY(ptTask->hLock);    // of the timer that was set last
+    TAppTimerOrder qwRunOrder APP_GUARDED_BY(ptTask->hLock); // likewise, when the run began
+    uint32_t dwRunTick APP_GUARDED_BY(ptTask->hLock);        // when the run began
+    // While timers run, none is due before: written under the lock, read without it too.
+    uint32_t dwLookTick;
 
-    // Where a report goes on; moved like hNext.
+    // Where a report goes on; moved when its node leaves the list.
     HAppDoubleListNode hShown APP_GUARDED_BY(ptTask->hLock);
 };
 
@@ -41,15 +45,17 @@ struct TAppTimer {
     PFAppTaskHandler pfnHandler;
     void *pvContext;
     uint32_t dwStartTick;
-    uint32_t dwTimeout; // ms
-    uint32_t dwState;   // 1 running, 0 ended
-    uint32_t dwRun;     // the timer manager's when the timer was set
+    uint32_t dwTimeout;     // ms
+    uint32_t dwState;       // 1 running, 0 ended
+    uint32_t dwDueTick;     // not due before; too early once the timer has been reset
+    TAppTimerOrder qwOrder; // grows with each timer that is set
+    TAppTimerPlace tPlace;
 };
 
 #if UINTPTR_MAX == UINT32_MAX
 // What has been added stands behind the fixed part.
-static_assert(offsetof(TAppTimerMgr, hNext) == 24, "fixed layout");
-static_assert(offsetof(TAppTimer, dwRun) == 28, "fixed layout");
+static_assert(offsetof(TAppTimerMgr, tWaiting) == 24, "fixed layout");
+static_assert(offsetof(TAppTimer, dwDueTick) == 28, "fixed layout");
 #endif
 
 extern "C" {
@@ -72,6 +78,12 @@ void __AppFreeIdleTimerCB(void *pvTimer, void *pvIgnored);
 namespace app
 {
 
+// Ticks are counted modulo 2^32: one has come when it is less than half of that ago.
+inline bool HasCome(uint32_t dwTick, uint32_t dwNowTick)
+{
+    return static_cast<int32_t>(dwNowTick - dwTick) >= 0;
+}
+
 // Cancels every running timer, oldest first.  Under the task's lock, which is given for each call
 // of a handler.  `bRecord`: each becomes the task's last event.
 void CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord);
@@ -82,8 +94,8 @@ bool TimersMayBeDue(const TAppTimerMgr *ptTimerMgr);
 // Milliseconds until a timer may be due, 1 to `dwMost`; runs none.
 uint32_t NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock);
-// A timer has been set; see timer_run.cpp.
-void NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
+// A timer has been set and is on the list: gives it its places in the orders.
+void OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock);
 // Takes a timer out of the running ones, its node kept.
 HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);

@@ -129,6 +129,7 @@ uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHan
     }
     ptTimerMgr->ptTask = ptTask;
     app::AssertAlone(ptTimerMgr->ptTask);
+    ptTimerMgr->tDue.bBySetting = 1;
     ptTimerMgr->pfnHandler = pfnHandler;
     ptTimerMgr->pvContext = pvContext;
     ptTimerMgr->hMemPool = hMemPool;
@@ -168,12 +169,11 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
     ptTimer->dwTimeout = dwTimeout;
     ptTimer->pfnHandler = pfnHandler;
     ptTimer->pvContext = pvContext;
-    ptTimer->dwRun = ptTimerMgr->dwRun;
     ptTimer->dwStartTick = AppGetTick();
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: timer %p, init %lu\n", __func__, app::Ptr(ptTimer),
               app::Ul(ptTimer->dwStartTick));
     ptTimer->dwState = 1;
-    app::NoteTimeout(ptTimerMgr, ptTimer->dwStartTick, dwTimeout);
+    app::OrderTimer(ptTimerMgr, ptTimer);
     CheckTail(ptTimerMgr, ptTimerMgr->hTimerList);
     *phTimer = ptTimer;
     return APP_OK;
@@ -183,7 +183,7 @@ uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
 {
     if (ptTimer->dwState != 1)
         return APP_NOT_FOUND;
-    // It can only become due later: the next look stays where it is, too early at worst.
+    // It can only become due later: its place stays, too early, until a run finds it there.
     ptTimer->dwStartTick = AppGetTick();
     return APP_OK;
 }

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
 // The run of a task's timers.  Timers expire in the order in which they were set, counted again
-// from the head after each expiry, because a handler may have set, reset or cancelled any of them.
+// from the head of the list after each expiry, because a handler may have set, reset or cancelled
+// any of them.
 //
-// Two short cuts keep that affordable without changing the order.  The timer manager remembers an
-// instant before which no timer can be due: a run before it looks at no timer at all, and the walk
-// goes on behind an expired timer, instead of starting again, as long as that instant shows that
-// none of the timers passed over has become due.  Setting a timer moves the instant forward;
-// cancelling or resetting one leaves it too early, which costs a look and nothing else.
+// No run walks over the list for that.  The timers wait in a heap by due tick; each step moves what
+// has become due into a heap by the order of setting, whose first timer is the one that a walk from
+// the head would find.  Resetting a timer leaves it where it is: found too early in either heap, it
+// is put back with the time that is left.  So what is not due costs nothing.
 #include "appcore/platform.h"
 #include "base/field.h"
 #include "task/task.h"
@@ -27,39 +27,77 @@ constexpr uint32_t kNever = 0xFFFFFFFF;
 constexpr uint32_t kRearmedMs = 50;
 constexpr uint32_t kMsPerTick = 10;
 
-// The first tick that lies so long after another.
-uint32_t TickAfter(uint32_t dwTick, uint32_t dwMs)
+uint32_t LeftMs(const TAppTimer *ptTimer, uint32_t dwNowTick)
 {
-    return dwTick + dwMs / kMsPerTick + (dwMs % kMsPerTick != 0);
+    const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
+    return ptTimer->dwTimeout > dwPassed ? ptTimer->dwTimeout - dwPassed : 0;
 }
 
 // Milliseconds until a timer may be due.
-uint32_t LeftMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
+uint32_t NextMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
-    const uint32_t dwPassed = app::ElapsedMs(ptTimerMgr->dwCheckTick, dwNowTick);
-    return ptTimerMgr->dwCheckWait > dwPassed ? ptTimerMgr->dwCheckWait - dwPassed : 0;
+    if (ptTimerMgr->tDue.ptRoot)
+        return 0;
+    const TAppTimer *ptTimer = ptTimerMgr->tWaiting.ptRoot;
+    if (!ptTimer)
+        return kNever;
+    if (app::HasCome(ptTimer->dwDueTick, dwNowTick))
+        return 0;
+    const uint32_t dwTicks = ptTimer->dwDueTick - dwNowTick;
+    const uint32_t dwLeft = LeftMs(ptTimer, dwNowTick);
+    return dwTicks < dwLeft / kMsPerTick ? dwTicks * kMsPerTick : dwLeft;
 }
 
-void StartWalk(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick) APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+// 0 would be a wait without end.
+uint32_t Bounded(uint32_t dwMs, uint32_t dwMost)
 {
-    ptTimerMgr->hNext = ptTimerMgr->hTimerList->ptHead;
-    ptTimerMgr->dwCheckTick = dwNowTick;
-    ptTimerMgr->dwCheckWait = kNever;
+    if (dwMs == 0)
+        return 1;
+    return dwMs < dwMost ? dwMs : dwMost;
 }
 
-// Looks at one timer; true when it is due.
-bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
+// Into the heap where it belongs now.  Elapsed milliseconds wrap, so that a time-out near 2^32 can
+// have passed and be ahead again: what is left says when to look next.
+void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    const uint32_t dwLeft = LeftMs(ptTimer, dwNowTick);
+    ptTimer->dwDueTick = dwNowTick + dwLeft / kMsPerTick + (dwLeft % kMsPerTick != 0);
+    app::InsertTimer(dwLeft == 0 ? &ptTimerMgr->tDue : &ptTimerMgr->tWaiting, ptTimer);
+}
+
+void PlaceAnew(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    app::RemoveTimer(ptTimer);
+    Place(ptTimerMgr, ptTimer, dwNowTick);
+}
+
+bool IsDue(const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
 {
     const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p timeout %lu passed %lu %lu %lu\n", szOp,
               app::Ptr(ptTimer), app::Ul(ptTimer->dwTimeout), app::Ul(dwPassed),
               app::Ul(ptTimer->dwStartTick), app::Ul(dwNowTick));
-    if (ptTimer->dwTimeout <= dwPassed)
-        return true;
-    app::NoteTimeout(ptTimerMgr, dwNowTick, ptTimer->dwTimeout - dwPassed);
-    return false;
+    return ptTimer->dwTimeout <= dwPassed;
+}
+
+// Of the timers that are due, the one that was set first; null when none is.
+TAppTimer *FirstDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szOp)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    TAppTimer *ptTimer = ptTimerMgr->tWaiting.ptRoot;
+    while (ptTimer && app::HasCome(ptTimer->dwDueTick, dwNowTick)) {
+        PlaceAnew(ptTimerMgr, ptTimer, dwNowTick);
+        ptTimer = ptTimerMgr->tWaiting.ptRoot;
+    }
+    ptTimer = ptTimerMgr->tDue.ptRoot;
+    while (ptTimer && !IsDue(ptTimer, dwNowTick, szOp)) {
+        PlaceAnew(ptTimerMgr, ptTimer, dwNowTick);
+        ptTimer = ptTimerMgr->tDue.ptRoot;
+    }
+    return ptTimer;
 }
 
 // A handler that sets its timer anew must not hold the thread for ever: neither from its end, which
@@ -68,59 +106,35 @@ bool MustStop(const TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     return app::MustEnd(ptTimerMgr->ptTask) ||
-           (ptTimer->dwRun == ptTimerMgr->dwRun &&
+           (ptTimer->qwOrder > ptTimerMgr->qwRunOrder &&
             app::ElapsedMs(ptTimerMgr->dwRunTick, dwNowTick) >= kRearmedMs);
 }
 
-void Walk(TAppTimerMgr *ptTimerMgr, const char *szOp) APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+// Returns the tick of the last look.
+uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szOp)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
-    uint32_t dwNowTick = AppGetTick();
     ptTimerMgr->dwRunTick = dwNowTick;
-    StartWalk(ptTimerMgr, dwNowTick);
-    while (ptTimerMgr->hNext) {
-        auto ptTimer = static_cast<TAppTimer *>(ptTimerMgr->hNext->pvData);
-        ptTimerMgr->hNext = ptTimerMgr->hNext->ptNext;
-        if (!IsDue(ptTimerMgr, ptTimer, dwNowTick, szOp))
-            continue;
-        if (MustStop(ptTimerMgr, ptTimer, dwNowTick)) {
-            ptTimerMgr->dwCheckWait = 0;
-            break;
-        }
+    ptTimerMgr->qwRunOrder = ptTimerMgr->qwOrder;
+    TAppTimer *ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
+    while (ptTimer && !MustStop(ptTimerMgr, ptTimer, dwNowTick)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
         _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
         dwNowTick = AppGetTick();
-        if (LeftMs(ptTimerMgr, dwNowTick) == 0)
-            StartWalk(ptTimerMgr, dwNowTick);
+        ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     }
-    ptTimerMgr->hNext = nullptr;
+    return dwNowTick;
 }
 
 } // namespace
 
-void app::NoteTimeout(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, uint32_t dwTimeout)
+void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
 {
-    const uint32_t dwLeft = LeftMs(ptTimerMgr, dwNowTick);
-    ptTimerMgr->dwCheckTick = dwNowTick;
-    ptTimerMgr->dwCheckWait = dwLeft < dwTimeout ? dwLeft : dwTimeout;
-    SetCounter(ptTimerMgr->dwDueTick, TickAfter(dwNowTick, ptTimerMgr->dwCheckWait));
-}
-
-// Relaxed reads are enough: nothing is concluded from them but whether to take the lock, which shows
-// the rest.  What this thread has set itself it sees, and what another sets now is looked for later.
-bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
-{
-    return PeekCounter(ptTimerMgr->hTimerList->dwCurSize) != 0 &&
-           static_cast<int32_t>(AppGetTick() - PeekCounter(ptTimerMgr->dwDueTick)) >= 0;
-}
-
-uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
-{
-    if (ptTimerMgr->hTimerList->dwCurSize == 0)
-        return dwMost;
-    const uint32_t dwLeft = LeftMs(ptTimerMgr, AppGetTick());
-    if (dwLeft == 0) // 0 would be a wait without end
-        return 1;
-    return dwLeft < dwMost ? dwLeft : dwMost;
+    ptTimer->qwOrder = ++ptTimerMgr->qwOrder;
+    Place(ptTimerMgr, ptTimer, ptTimer->dwStartTick);
+    if (ptTimerMgr->hTimerList->dwCurSize == 1 ||
+        !HasCome(ptTimerMgr->dwLookTick, ptTimer->dwDueTick))
+        SetCounter(ptTimerMgr->dwLookTick, ptTimer->dwDueTick);
 }
 
 HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
@@ -128,14 +142,28 @@ HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
     TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
     AssertHeld(ptTimerMgr->ptTask);
     HAppDoubleListNode hNode = ptTimer->hListNode;
-    if (ptTimerMgr->hNext == hNode)
-        ptTimerMgr->hNext = hNode->ptNext;
     if (ptTimerMgr->hShown == hNode)
         ptTimerMgr->hShown = hNode->ptNext;
     _AppDoubleListDetachNode(ptTimerMgr->hTimerList, hNode);
+    RemoveTimer(ptTimer);
     ptTimer->hListNode = nullptr;
     ptTimer->dwState = 0;
     return hNode;
+}
+
+// Relaxed reads are enough: nothing is concluded from them but whether to take the lock, which shows
+// the rest.  What this thread has set itself it sees, and what another sets now is looked for later.
+bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
+{
+    return PeekCounter(ptTimerMgr->hTimerList->dwCurSize) != 0 &&
+           HasCome(PeekCounter(ptTimerMgr->dwLookTick), AppGetTick());
+}
+
+uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
+{
+    return ptTimerMgr->hTimerList->dwCurSize == 0
+               ? dwMost
+               : Bounded(NextMs(ptTimerMgr, AppGetTick()), dwMost);
 }
 
 uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
@@ -143,12 +171,13 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
     if (!ptTimerMgr || !ptTimerMgr->hTimerList)
         return kLongestWaitMs;
     app::AssertHeld(ptTimerMgr->ptTask);
-    if (ptTimerMgr->hTimerList->dwCurSize != 0 && LeftMs(ptTimerMgr, AppGetTick()) == 0) {
-        ++ptTimerMgr->dwRun;
-        Walk(ptTimerMgr, __func__);
-        ++ptTimerMgr->dwRun;
-        app::SetCounter(ptTimerMgr->dwDueTick,
-                        TickAfter(ptTimerMgr->dwCheckTick, ptTimerMgr->dwCheckWait));
-    }
-    return app::NextTimeoutMs(ptTimerMgr, kLongestWaitMs);
+    if (ptTimerMgr->hTimerList->dwCurSize == 0)
+        return kLongestWaitMs;
+    uint32_t dwNowTick = AppGetTick();
+    if (NextMs(ptTimerMgr, dwNowTick) == 0)
+        dwNowTick = ExpireDue(ptTimerMgr, dwNowTick, __func__);
+    const TAppTimer *ptNext = ptTimerMgr->tWaiting.ptRoot;
+    app::SetCounter(ptTimerMgr->dwLookTick,
+                    ptTimerMgr->tDue.ptRoot || !ptNext ? dwNowTick : ptNext->dwDueTick);
+    return Bounded(NextMs(ptTimerMgr, dwNowTick), kLongestWaitMs);
 }
