@@ -97,8 +97,6 @@ uint32_t NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
 // A timer has been set and is on the list: gives it its places in the orders.
 void OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock);
-// Takes a timer out of the running ones, its node kept.
-HAppDoubleListNode UnlistTimer(TAppTimer *ptTimer);
 
 #ifdef APPCORE_CHECKS
 // The node holds a timer that knows it, and whose state belongs into the list.

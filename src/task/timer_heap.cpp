@@ -118,7 +118,7 @@ void app::RemoveTimer(TAppTimer *ptTimer)
     ptLink = ptHeir;
     if (tPlace.ptHeap->ptLatest == ptTimer)
         tPlace.ptHeap->ptLatest = nullptr;
-    tPlace = {};
+    tPlace.ptHeap = nullptr;
 }
 
 #ifdef APPCORE_CHECKS

@@ -72,13 +72,27 @@ uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *s
     return APP_OK;
 }
 
+// Takes a timer out of the running ones, its node kept.
+HAppDoubleListNode Unlist(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    HAppDoubleListNode hNode = ptTimer->hListNode;
+    if (ptTimerMgr->hShown == hNode)
+        ptTimerMgr->hShown = hNode->ptNext;
+    app::UnlinkNode(ptTimerMgr->hTimerList, hNode);
+    app::RemoveTimer(ptTimer);
+    ptTimer->hListNode = nullptr;
+    ptTimer->dwState = 0;
+    return hNode;
+}
+
 // The task's lock is given for the handler's call.  Meanwhile the timer is on no list: a second end
 // finds it ended, and nobody is handed its record before the handler has returned.
 void EndRunning(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwEventType, bool bRecord)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     TAppTask *ptTask = ptTimerMgr->ptTask;
-    HAppDoubleListNode hNode = app::UnlistTimer(ptTimer);
+    HAppDoubleListNode hNode = Unlist(ptTimerMgr, ptTimer);
     const TNotice notice(ptTimer); // before the lock is given: a new owner changes the default
     if (notice.pfnHandler) {
         app::WithoutLock unlocked(ptTimerMgr->ptTask);
@@ -87,8 +101,15 @@ void EndRunning(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwEventTy
         notice.pfnHandler(ptTask, dwEventType, ptTimer, notice.pvContext);
     }
     ptTimer->hListNode = hNode;
-    _AppDoubleListAttachNode(ptTimerMgr->hIdleTimerList, nullptr, hNode, APP_ATTACH_AFTER);
+    app::LinkNode(ptTimerMgr->hIdleTimerList, ptTimerMgr->hIdleTimerList->ptTail, hNode, nullptr);
     CheckTail(ptTimerMgr, ptTimerMgr->hIdleTimerList);
+}
+
+// Apart, so that the usual end, under the lock, does not pay for the guard.
+__attribute__((noinline)) void TakeLockAndEnd(TAppTimer *ptTimer, uint32_t dwEventType)
+{
+    app::LockGuard guard(ptTimer->ptTimerMgr->ptTask);
+    _AppTaskEndTimer(ptTimer, dwEventType, 1);
 }
 
 } // namespace
@@ -163,8 +184,6 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
         const uint32_t dwResult = NewRecord(ptTimerMgr, &ptTimer, __func__);
         if (dwResult != APP_OK)
             return dwResult;
-    } else {
-        ptTimer->hListNode = ptTimerMgr->hTimerList->ptTail;
     }
     ptTimer->dwTimeout = dwTimeout;
     ptTimer->pfnHandler = pfnHandler;
@@ -190,13 +209,9 @@ uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
 
 void _AppTaskEndTimer(TAppTimer *ptTimer, uint32_t dwEventType, uint32_t bLocked)
 {
-    TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
-    if (bLocked == 0) {
-        app::LockGuard guard(ptTimerMgr->ptTask);
-        _AppTaskEndTimer(ptTimer, dwEventType, 1);
-        return;
-    }
-    app::AssertHeld(ptTimerMgr->ptTask);
+    if (bLocked == 0)
+        return TakeLockAndEnd(ptTimer, dwEventType);
+    app::AssertHeld(ptTimer->ptTimerMgr->ptTask);
     if (ptTimer->dwState != 0)
-        EndRunning(ptTimerMgr, ptTimer, dwEventType, true);
+        EndRunning(ptTimer->ptTimerMgr, ptTimer, dwEventType, true);
 }

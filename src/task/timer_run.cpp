@@ -12,7 +12,6 @@
 #include "base/field.h"
 #include "task/task.h"
 #include "task/timer.h"
-#include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
 
@@ -57,21 +56,21 @@ uint32_t Bounded(uint32_t dwMs, uint32_t dwMost)
     return dwMs < dwMost ? dwMs : dwMost;
 }
 
-// Into the heap where it belongs now.  Elapsed milliseconds wrap, so that a time-out near 2^32 can
-// have passed and be ahead again: what is left says when to look next.
-void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
+// Into the heap where it belongs with so much time left.
+void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick, uint32_t dwLeft)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
-    const uint32_t dwLeft = LeftMs(ptTimer, dwNowTick);
     ptTimer->dwDueTick = dwNowTick + dwLeft / kMsPerTick + (dwLeft % kMsPerTick != 0);
     app::InsertTimer(dwLeft == 0 ? &ptTimerMgr->tDue : &ptTimerMgr->tWaiting, ptTimer);
 }
 
+// Its tick has come, or it has been found due: that was before a reset, perhaps.  Elapsed
+// milliseconds wrap, too, so that a time-out near 2^32 can have passed and be ahead again.
 void PlaceAnew(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     app::RemoveTimer(ptTimer);
-    Place(ptTimerMgr, ptTimer, dwNowTick);
+    Place(ptTimerMgr, ptTimer, dwNowTick, LeftMs(ptTimer, dwNowTick));
 }
 
 bool IsDue(const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
@@ -131,24 +130,10 @@ uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szO
 void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
 {
     ptTimer->qwOrder = ++ptTimerMgr->qwOrder;
-    Place(ptTimerMgr, ptTimer, ptTimer->dwStartTick);
+    Place(ptTimerMgr, ptTimer, ptTimer->dwStartTick, ptTimer->dwTimeout);
     if (ptTimerMgr->hTimerList->dwCurSize == 1 ||
         !HasCome(ptTimerMgr->dwLookTick, ptTimer->dwDueTick))
         SetCounter(ptTimerMgr->dwLookTick, ptTimer->dwDueTick);
-}
-
-HAppDoubleListNode app::UnlistTimer(TAppTimer *ptTimer)
-{
-    TAppTimerMgr *ptTimerMgr = ptTimer->ptTimerMgr;
-    AssertHeld(ptTimerMgr->ptTask);
-    HAppDoubleListNode hNode = ptTimer->hListNode;
-    if (ptTimerMgr->hShown == hNode)
-        ptTimerMgr->hShown = hNode->ptNext;
-    _AppDoubleListDetachNode(ptTimerMgr->hTimerList, hNode);
-    RemoveTimer(ptTimer);
-    ptTimer->hListNode = nullptr;
-    ptTimer->dwState = 0;
-    return hNode;
 }
 
 // Relaxed reads are enough: nothing is concluded from them but whether to take the lock, which shows
