@@ -257,7 +257,10 @@ public:
     void Step()
     {
         m_nActs = 6; // for the handlers
-        if (Pick(4) == 0)
+        const unsigned n = Pick(100);
+        if (n == 0) // elapsed milliseconds wrap
+            m_clock.Pass(0xFFFFFFF0 - Pick(100) * 10);
+        if (n < 25)
             Run();
         else
             Act();
@@ -309,6 +312,11 @@ private:
             }
         return nullptr;
     }
+    bool AnyIsDue() const
+    {
+        return std::any_of(m_running.begin(), m_running.end(),
+                           [this](const Timed &timed) { return Left(timed) == 0; });
+    }
     uint32_t Wait() const
     {
         uint32_t dwWait = 5000;
@@ -347,10 +355,11 @@ private:
 
     void Act()
     {
-        static const uint32_t adwTimeout[] = {0, 0, 0, 10, 20, 50, 1000, 4999, 5001, 0xFFFFFFFF};
+        static const uint32_t adwTimeout[] = {0,    0,    0,          10,         20,        50,
+                                              1000, 4999, 0xFFFFFC18, 0xFFFFFFFE, 0xFFFFFFFF};
         const unsigned n = Pick(8);
         if (n < 3 || m_known.empty())
-            return Set(adwTimeout[Pick(10)]);
+            return Set(adwTimeout[Pick(std::size(adwTimeout))]);
         if (n == 3)
             return m_clock.Pass(Pick(7) * 10);
         HAppTimer hTimer = m_known[Pick(m_known.size())];
@@ -383,9 +392,13 @@ private:
     {
         ++m_dwRun;
         m_dwRunStart = m_clock.dwTick;
+        const TAppTimerMgr *ptTimerMgr = m_busy.hTask->ptTimerMgr;
+        EXPECT_TRUE(app::TimersMayBeDue(ptTimerMgr) || !AnyIsDue());
         app::LockGuard guard(m_busy.hTask);
         const uint32_t dwWait = _AppTimerMgrRun(m_busy.hTask->ptTimerMgr);
         EXPECT_EQ(Next(), nullptr);
+        EXPECT_EQ(app::NextTimeoutMs(ptTimerMgr, 9), std::min(dwWait, 9u));
+        EXPECT_EQ(app::TimersMayBeDue(ptTimerMgr), AnyIsDue());
         ++m_dwRun; // odd in a run
         EXPECT_TRUE(dwWait >= 1 && Ticks(dwWait) <= Ticks(Wait())) << dwWait;
         return dwWait;

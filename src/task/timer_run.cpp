@@ -158,6 +158,8 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
     app::AssertHeld(ptTimerMgr->ptTask);
     if (ptTimerMgr->hTimerList->dwCurSize == 0)
         return kLongestWaitMs;
+    if (app::MustEnd(ptTimerMgr->ptTask))
+        return 1;
     uint32_t dwNowTick = AppGetTick();
     if (NextMs(ptTimerMgr, dwNowTick) == 0)
         dwNowTick = ExpireDue(ptTimerMgr, dwNowTick, __func__);
