@@ -8,12 +8,13 @@ target_compile_options(appcore_flags INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     -fno-semantic-interposition -fstack-protector-strong
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
-# A log line's buffer is larger than the guard page below a thread's stack: without this a stack
-# that is too small would be left behind unnoticed.
+# For a file with frames larger than a page; any other is warned of.  On 32-bit ARM the probes would
+# cost every function a memory access and twelve bytes.
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-fstack-clash-protection APPCORE_HAS_STACK_CLASH_PROTECTION)
+set(APPCORE_LARGE_FRAME_OPTIONS -Wno-frame-larger-than)
 if(APPCORE_HAS_STACK_CLASH_PROTECTION)
-    target_compile_options(appcore_flags INTERFACE -fstack-clash-protection)
+    list(APPEND APPCORE_LARGE_FRAME_OPTIONS -fstack-clash-protection)
 endif()
 # Large files, and times beyond 2038, on 32-bit machines.  Only inside: the public headers have
 # neither sizes of files nor times of the system's.
@@ -22,6 +23,10 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     set(APPCORE_WIDE_DEFINITIONS _FILE_OFFSET_BITS=64 _TIME_BITS=64)
     target_compile_definitions(appcore_flags INTERFACE ${APPCORE_WIDE_DEFINITIONS})
 endif()
+# Nothing here throws, and a debugger finds the frames in the debug information.  Every function and
+# object in a section of its own: what nobody uses is left out of the shared library.
+target_compile_options(appcore_flags INTERFACE
+    -fno-asynchronous-unwind-tables -fno-unwind-tables -ffunction-sections -fdata-sections)
 # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions that it checks.
 if(NOT APPCORE_SANITIZE)
     target_compile_options(appcore_flags INTERFACE
@@ -52,6 +57,7 @@ endif()
 # its last instructions when the library would be unmapped.
 set(APPCORE_SHARED_LINK_OPTIONS
     -static-libgcc -Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,nodelete -Wl,-z,noexecstack
+    -Wl,--gc-sections -Wl,-z,noseparate-code
     -Wl,-Bsymbolic-functions
     -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/host.list
     -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/appcore.map)

@@ -83,8 +83,11 @@ TAppQueueBlock *app::NewBlock(HAppQueue hQueue)
 
 uint8_t app::CountBlockNodes(uint32_t dwRecordSize)
 {
-    constexpr uint32_t kRoom = kBlockSize - sizeof(TAppQueueBlock);
-    return static_cast<uint8_t>(kRoom / NodeSize(dwRecordSize));
+    uint8_t byCount = 0; // counted, since 32-bit processors divide in software
+    for (uint32_t dwRoom = kBlockSize - sizeof(TAppQueueBlock); dwRoom >= NodeSize(dwRecordSize);
+         dwRoom -= NodeSize(dwRecordSize))
+        ++byCount;
+    return byCount;
 }
 
 TAppQueueNode *app::TakeLoneNode(HAppQueue hQueue)

@@ -142,8 +142,8 @@ public:
         return true;
     }
 
-    // At least `nDigits` digits.
-    bool Append(uint32_t dwValue, int nDigits)
+    // At least `nDigits` digits.  Out of line: in line it is as long as the rest of this file.
+    [[gnu::noinline]] bool Append(uint32_t dwValue, int nDigits)
     {
         if ((nDigits > 1 || dwValue >= 10) && !Append(dwValue / 10, nDigits > 1 ? nDigits - 1 : 1))
             return false;
