@@ -271,11 +271,11 @@ public:
         m_nActs = 0;
         uint32_t dwWait = Run();
         // A look that came too early costs a look and nothing else.
-        for (int i = 0; i < 4 && Ticks(dwWait) != Ticks(Wait()); ++i) {
+        for (int i = 0; i < 4 && dwWait != Wait(); ++i) {
             m_clock.Pass(dwWait);
             dwWait = Run();
         }
-        EXPECT_EQ(Ticks(dwWait), Ticks(Wait()));
+        EXPECT_EQ(dwWait, Wait());
         Set(0);
         Set(0);
         m_bEnds = true;
@@ -291,7 +291,6 @@ private:
         uint32_t dwStart, dwTimeout, dwRun;
     };
     unsigned Pick(size_t nBelow) { return m_random() % nBelow; }
-    static uint32_t Ticks(uint32_t dwMs) { return (dwMs + 9) / 10; }
     uint32_t Elapsed(uint32_t dwStart) const { return (m_clock.dwTick - dwStart) * 10; }
     uint32_t Left(const Timed &timed) const
     {
@@ -319,10 +318,10 @@ private:
     }
     uint32_t Wait() const
     {
-        uint32_t dwWait = 5000;
+        uint32_t dwTicks = 500;
         for (const Timed &timed : m_running)
-            dwWait = std::min(dwWait, std::max(Left(timed), 1u));
-        return dwWait;
+            dwTicks = std::min(dwTicks, Left(timed) / 10 + (Left(timed) % 10 != 0));
+        return std::max(dwTicks * 10, 1u);
     }
 
     static uint32_t Handle(HAppTask hTask, uint32_t dwType, void *pvTimer, void *pvModel)
@@ -400,7 +399,7 @@ private:
         EXPECT_EQ(app::NextTimeoutMs(ptTimerMgr, 9), std::min(dwWait, 9u));
         EXPECT_EQ(app::TimersMayBeDue(ptTimerMgr), AnyIsDue());
         ++m_dwRun; // odd in a run
-        EXPECT_TRUE(dwWait >= 1 && Ticks(dwWait) <= Ticks(Wait())) << dwWait;
+        EXPECT_TRUE(dwWait >= 1 && dwWait <= Wait()) << dwWait;
         return dwWait;
     }
     std::minstd_rand m_random;

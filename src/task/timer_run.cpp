@@ -32,20 +32,15 @@ uint32_t LeftMs(const TAppTimer *ptTimer, uint32_t dwNowTick)
     return ptTimer->dwTimeout > dwPassed ? ptTimer->dwTimeout - dwPassed : 0;
 }
 
-// Milliseconds until a timer may be due.
+// Milliseconds until a timer may be due; whole ticks, since none becomes due between two.
 uint32_t NextMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
-    if (ptTimerMgr->tDue.ptRoot)
-        return 0;
     const TAppTimer *ptTimer = ptTimerMgr->tWaiting.ptRoot;
-    if (!ptTimer)
-        return kNever;
-    if (app::HasCome(ptTimer->dwDueTick, dwNowTick))
+    if (ptTimerMgr->tDue.ptRoot || (ptTimer && app::HasCome(ptTimer->dwDueTick, dwNowTick)))
         return 0;
-    const uint32_t dwTicks = ptTimer->dwDueTick - dwNowTick;
-    const uint32_t dwLeft = LeftMs(ptTimer, dwNowTick);
-    return dwTicks < dwLeft / kMsPerTick ? dwTicks * kMsPerTick : dwLeft;
+    const uint32_t dwTicks = ptTimer ? ptTimer->dwDueTick - dwNowTick : kNever;
+    return dwTicks < kNever / kMsPerTick ? dwTicks * kMsPerTick : kNever;
 }
 
 // 0 would be a wait without end.
