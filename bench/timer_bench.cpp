@@ -219,16 +219,18 @@ void Expire(benchmark::State &state, int nRunning)
 template <typename Timers>
 void AddTimers(const std::string &strName, bool bOurs = false)
 {
-    for (int nRunning : {10, 100, 1000, 10000})
+    const std::pair<int, const char *> apRows[] = {
+        {10, ""}, {100, "1.0"}, {1000, "0.9"}, {10000, "0.5"}};
+    for (const auto &[nRunning, szAim] : apRows)
         bench::Add(
             "timer_set_cancel running:" + std::to_string(nRunning), strName,
-            [=](benchmark::State &state) { SetCancel<Timers>(state, nRunning); },
-            bOurs && nRunning >= 100 ? "1.0" : "");
+            [nRunning = nRunning](benchmark::State &state) { SetCancel<Timers>(state, nRunning); },
+            bOurs ? szAim : "");
     for (int nRunning : {0, 10000})
         bench::AddManual(
             "timer_expire_1000 running:" + std::to_string(nRunning), strName,
             [=](benchmark::State &state) { Expire<Timers>(state, nRunning); },
-            bOurs && nRunning > 0 ? "0.5" : "")
+            bOurs && nRunning > 0 ? "0.3" : "")
             ->UseManualTime();
 }
 

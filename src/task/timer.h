@@ -78,7 +78,8 @@ void __AppFreeIdleTimerCB(void *pvTimer, void *pvIgnored);
 namespace app
 {
 
-// Ticks are counted modulo 2^32: one has come when it is less than half of that ago.
+// Ticks are counted modulo 2^32: one has come when it is less than half of that ago.  Time-outs reach
+// 50 days ahead, so that a handler may run for 198 days before two ticks are taken for each other.
 inline bool HasCome(uint32_t dwTick, uint32_t dwNowTick)
 {
     return static_cast<int32_t>(dwNowTick - dwTick) >= 0;

@@ -59,8 +59,8 @@ void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick, uin
     app::InsertTimer(dwLeft == 0 ? &ptTimerMgr->tDue : &ptTimerMgr->tWaiting, ptTimer);
 }
 
-// Its tick has come, or it has been found due: that was before a reset, perhaps.  Elapsed
-// milliseconds wrap, too, so that a time-out near 2^32 can have passed and be ahead again.
+// After a reset a timer is found before it is due.  Elapsed milliseconds wrap, too: one whose
+// time-out is near 2^32 may have been due and have most of it ahead again.
 void PlaceAnew(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
