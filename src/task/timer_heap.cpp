@@ -91,12 +91,13 @@ TAppTimer *&LinkTo(const TAppTimer *ptTimer)
 void app::InsertTimer(TAppTimerHeap *ptHeap, TAppTimer *ptTimer)
 {
     APP_CHECK(!ptTimer->tPlace.ptHeap, "the timer is in a heap already");
+    TAppTimer *ptLatest = ptHeap->ptLatest;
+    ptHeap->ptLatest = ptTimer;
     ptTimer->tPlace = {ptHeap, nullptr, nullptr, nullptr};
-    if (ptHeap->ptLatest && !IsBefore(ptTimer, ptHeap->ptLatest))
-        Adopt(ptHeap->ptLatest, ptTimer);
+    if (ptLatest && !IsBefore(ptTimer, ptLatest))
+        Adopt(ptLatest, ptTimer);
     else
         ptHeap->ptRoot = ptHeap->ptRoot ? Meld(ptHeap->ptRoot, ptTimer) : ptTimer;
-    ptHeap->ptLatest = ptTimer;
 }
 
 void app::RemoveTimer(TAppTimer *ptTimer)

@@ -51,11 +51,17 @@ uint32_t Bounded(uint32_t dwMs, uint32_t dwMost)
     return dwMs < dwMost ? dwMs : dwMost;
 }
 
+// The first tick so long after another.
+uint32_t TickAfter(uint32_t dwTick, uint32_t dwMs)
+{
+    return dwTick + dwMs / kMsPerTick + (dwMs % kMsPerTick != 0);
+}
+
 // Into the heap where it belongs with so much time left.
 void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick, uint32_t dwLeft)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
-    ptTimer->dwDueTick = dwNowTick + dwLeft / kMsPerTick + (dwLeft % kMsPerTick != 0);
+    ptTimer->dwDueTick = TickAfter(dwNowTick, dwLeft);
     app::InsertTimer(dwLeft == 0 ? &ptTimerMgr->tDue : &ptTimerMgr->tWaiting, ptTimer);
 }
 
@@ -124,11 +130,11 @@ uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szO
 
 void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
 {
+    const uint32_t dwDueTick = TickAfter(ptTimer->dwStartTick, ptTimer->dwTimeout);
+    if (ptTimerMgr->hTimerList->dwCurSize == 1 || !HasCome(ptTimerMgr->dwLookTick, dwDueTick))
+        SetCounter(ptTimerMgr->dwLookTick, dwDueTick);
     ptTimer->qwOrder = ++ptTimerMgr->qwOrder;
     Place(ptTimerMgr, ptTimer, ptTimer->dwStartTick, ptTimer->dwTimeout);
-    if (ptTimerMgr->hTimerList->dwCurSize == 1 ||
-        !HasCome(ptTimerMgr->dwLookTick, ptTimer->dwDueTick))
-        SetCounter(ptTimerMgr->dwLookTick, ptTimer->dwDueTick);
 }
 
 // Relaxed reads are enough: nothing is concluded from them but whether to take the lock, which shows
