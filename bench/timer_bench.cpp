@@ -3,6 +3,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <deque>
+#include <utility>
 
 #include "workers.h"
 
