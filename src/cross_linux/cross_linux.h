@@ -96,6 +96,7 @@ uint32_t _AppLockGive(HAppLock hLock);
 uint32_t _AppGetTick(void);
 // Modulo 2^32.
 uint32_t _AppConvertTickToMS(uint32_t dwTick);
+#define APP_MS_PER_TICK 10u // for who does so in line
 // Sleeps on the monotonic clock, never less than asked for; a signal does not cut it short.  0
 // returns at once.
 void _AppDelay(uint32_t dwMs);

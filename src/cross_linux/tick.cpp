@@ -8,7 +8,7 @@
 namespace
 {
 constexpr uint32_t kTicksPerSecond = 100;
-constexpr uint32_t kMsPerTick = 1000 / kTicksPerSecond;
+static_assert(APP_MS_PER_TICK == 1000 / kTicksPerSecond);
 constexpr long kNsPerTick = 1000000000L / kTicksPerSecond;
 } // namespace
 
@@ -25,7 +25,7 @@ uint32_t _AppGetTick(void)
 
 uint32_t _AppConvertTickToMS(uint32_t dwTick)
 {
-    return dwTick * kMsPerTick;
+    return dwTick * APP_MS_PER_TICK;
 }
 
 void _AppDelay(uint32_t dwMs)

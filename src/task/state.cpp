@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
 // The states' names and what they admit; the task's last event.
-#include "appcore/platform.h"
 #include "base/field.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -22,24 +21,12 @@ const char *_AppGetTaskStateString(uint32_t dwState)
     return dwState < kStates ? kStateNames[dwState] : "UNKNOWN";
 }
 
-// INIT too: the application has the handle before the thread has come to run.
-bool app::AdmitsWork(uint32_t dwState)
-{
-    return dwState == APP_TASK_STATE_INIT || dwState == APP_TASK_STATE_RUNNING ||
-           dwState == APP_TASK_STATE_PROCESSING;
-}
-
 // Who sends asks for the state under the queue's lock alone: one who has found that the task admits
 // work has placed the event before this changes it, and one who comes later is refused.
 void app::SetState(TAppTask *ptTask, uint32_t dwState)
 {
     LockGuard guard(ptTask->hEventQueue);
     Poke(ptTask->dwState, dwState);
-}
-
-uint32_t app::ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick)
-{
-    return AppConvertTickToMS(AppTickDiff(dwStartTick, dwNowTick));
 }
 
 void app::RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg,

@@ -15,7 +15,9 @@
 
 #include "appcore/containers.h"
 #include "appcore/task.h"
+#include "base/field.h"
 #include "base/thread_safety.h"
+#include "cross_linux/cross_linux.h"
 
 struct TAppTaskMgr {
     uint32_t dwIdleTaskTimeout; // ms; 0: idle tasks never end by themselves
@@ -142,12 +144,21 @@ void ForEachTask(const TAppDoubleList *ptList, Visit visit)
 
 // ---- state.cpp ------------------------------------------------------------------------------
 
-// Sends, timers and terminate requests are admitted in these states.
-bool AdmitsWork(uint32_t dwState);
+// Sends, timers and terminate requests are admitted in the first three states; in INIT too, for the
+// application has the handle before the thread has come to run.
+inline bool AdmitsWork(uint32_t dwState)
+{
+    static_assert(APP_TASK_STATE_INIT == 0 && APP_TASK_STATE_RUNNING < APP_TASK_STATE_IDLE &&
+                  APP_TASK_STATE_PROCESSING < APP_TASK_STATE_IDLE);
+    return dwState < APP_TASK_STATE_IDLE;
+}
 // Under the task's lock; takes the queue's.
 void SetState(TAppTask *ptTask, uint32_t dwState) APP_REQUIRES(ptTask->hLock);
-// Milliseconds from a tick to now.
-uint32_t ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick);
+// Milliseconds from a tick to another.
+inline uint32_t ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick)
+{
+    return (dwNowTick - dwStartTick) * APP_MS_PER_TICK;
+}
 // The last event, for diagnostics.
 void RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg, PFAppTaskHandler pfnHandler,
                  void *pvContext);
@@ -164,8 +175,12 @@ void DropEvents(TAppTask *ptTask);
 
 // A timer has been set, under the task's lock: true when the thread waits beyond its time-out, and
 // has to be woken, with QueueWake(), after the lock.
-bool EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
-    APP_REQUIRES(ptTask->hLock);
+bool EndWait(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout) APP_REQUIRES(ptTask->hLock);
+inline bool EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
+    APP_REQUIRES(ptTask->hLock)
+{
+    return dwTimeout < Peek(ptTask->dwWait) && EndWait(ptTask, dwNowTick, dwTimeout);
+}
 
 // ---- leaving.cpp ----------------------------------------------------------------------------
 

@@ -35,7 +35,7 @@ constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
 // The thread is about to wait.
 uint32_t Announce(TAppTask *ptTask, uint32_t dwWait) APP_REQUIRES(ptTask->hLock)
 {
-    ptTask->dwWaitTick = AppGetTick();
+    ptTask->dwWaitTick = _AppGetTick();
     app::Poke(ptTask->dwWait, dwWait);
     return dwWait;
 }
@@ -54,7 +54,7 @@ uint32_t Start(TAppTask *ptTask)
     app::Poke(ptTask->nThreadId, _AppThreadGetTID());
     _AppThreadSetName(ptTask->szTaskName ? ptTask->szTaskName : "");
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    ptTask->dwLastEventTick = AppGetTick();
+    ptTask->dwLastEventTick = _AppGetTick();
     // Timers may have been set already; they are run when the wait is over.
     return Announce(ptTask, app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
 }
@@ -88,7 +88,7 @@ void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
     // The clock is read for a time-out only.  That of an idle task runs from the request that sent
     // it there, a new owner's from the refresh.
     if (event.dwEventType != APP_TASK_EVENT_USER || app::Peek(ptTask->dwIdleTimeout) != 0)
-        ptTask->dwLastEventTick = AppGetTick();
+        ptTask->dwLastEventTick = _AppGetTick();
     Record(ptTask, event);
     if (app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING)
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_PROCESSING);
@@ -146,7 +146,7 @@ bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
 // send is admitted and no owner found before the request has been served.
 const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock)
 {
-    const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, AppGetTick());
+    const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, _AppGetTick());
     app::LockGuard guard(ptTask->hEventQueue);
     // What came since the wait ended counts: sends and reuse hold a lock that is held here.
     if (app::QueueHolds(ptTask->hEventQueue) || IsRefreshed(ptTask))
@@ -205,11 +205,11 @@ bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, void **ppvEvent)
 
 } // namespace
 
-bool app::EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
+bool app::EndWait(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
 {
     const uint32_t dwWait = Peek(ptTask->dwWait);
     const uint32_t dwWaited = ElapsedMs(ptTask->dwWaitTick, dwNowTick);
-    if (dwWaited >= dwWait || dwTimeout >= dwWait - dwWaited)
+    if (dwWaited >= dwWait || dwTimeout >= dwWait - dwWaited) // it ends in time by itself
         return false;
     Retract(ptTask); // one interrupt is enough
     return QueuePlaceInterrupt(ptTask->hEventQueue);

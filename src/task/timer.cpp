@@ -22,15 +22,17 @@ TAppTask *FindTask(HAppTimer hTimer, const char *szOp)
     return nullptr;
 }
 
-// Under the task's lock.
-bool AdmitsTimers(const TAppTask *ptTask, const char *szOp)
+[[gnu::cold]] bool Refuse(const TAppTask *ptTask, const char *szOp)
 {
-    const uint32_t dwState = app::Peek(ptTask->dwState);
-    if (app::AdmitsWork(dwState))
-        return true;
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid state %s of task %p\n", szOp,
-           _AppGetTaskStateString(dwState), app::Ptr(ptTask));
+           _AppGetTaskStateString(app::Peek(ptTask->dwState)), app::Ptr(ptTask));
     return false;
+}
+
+// Under the task's lock.
+inline bool AdmitsTimers(const TAppTask *ptTask, const char *szOp)
+{
+    return app::AdmitsWork(app::Peek(ptTask->dwState)) || Refuse(ptTask, szOp);
 }
 
 } // namespace
@@ -99,6 +101,6 @@ uint32_t AppTaskTimerGetRemainTime(HAppTimer hTimer)
     app::LockGuard guard(ptTask);
     if (!AdmitsTimers(ptTask, __func__))
         return 0;
-    const uint32_t dwPassed = app::ElapsedMs(hTimer->dwStartTick, AppGetTick());
+    const uint32_t dwPassed = app::ElapsedMs(hTimer->dwStartTick, _AppGetTick());
     return hTimer->dwTimeout > dwPassed ? hTimer->dwTimeout - dwPassed : 0;
 }

@@ -188,7 +188,7 @@ uint32_t _AppTimerMgrNewTimer(TAppTimerMgr *ptTimerMgr, uint32_t dwTimeout,
     ptTimer->dwTimeout = dwTimeout;
     ptTimer->pfnHandler = pfnHandler;
     ptTimer->pvContext = pvContext;
-    ptTimer->dwStartTick = AppGetTick();
+    ptTimer->dwStartTick = _AppGetTick();
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: timer %p, init %lu\n", __func__, app::Ptr(ptTimer),
               app::Ul(ptTimer->dwStartTick));
     ptTimer->dwState = 1;
@@ -203,7 +203,7 @@ uint32_t _AppTaskResetTimer(TAppTimer *ptTimer)
     if (ptTimer->dwState != 1)
         return APP_NOT_FOUND;
     // It can only become due later: its place stays, too early, until a run finds it there.
-    ptTimer->dwStartTick = AppGetTick();
+    ptTimer->dwStartTick = _AppGetTick();
     return APP_OK;
 }
 

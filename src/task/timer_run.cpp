@@ -24,7 +24,6 @@ constexpr uint32_t kNever = 0xFFFFFFFF;
 // How long timers that were set during the run may hold back the task's events.  A count of
 // expiries would be no bound: their handlers take time.
 constexpr uint32_t kRearmedMs = 50;
-constexpr uint32_t kMsPerTick = 10;
 
 uint32_t LeftMs(const TAppTimer *ptTimer, uint32_t dwNowTick)
 {
@@ -40,7 +39,7 @@ uint32_t NextMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
     if (ptTimerMgr->tDue.ptRoot || (ptTimer && app::HasCome(ptTimer->dwDueTick, dwNowTick)))
         return 0;
     const uint32_t dwTicks = ptTimer ? ptTimer->dwDueTick - dwNowTick : kNever;
-    return dwTicks < kNever / kMsPerTick ? dwTicks * kMsPerTick : kNever;
+    return dwTicks < kNever / APP_MS_PER_TICK ? dwTicks * APP_MS_PER_TICK : kNever;
 }
 
 // 0 would be a wait without end.
@@ -54,7 +53,7 @@ uint32_t Bounded(uint32_t dwMs, uint32_t dwMost)
 // The first tick so long after another.
 uint32_t TickAfter(uint32_t dwTick, uint32_t dwMs)
 {
-    return dwTick + dwMs / kMsPerTick + (dwMs % kMsPerTick != 0);
+    return dwTick + dwMs / APP_MS_PER_TICK + (dwMs % APP_MS_PER_TICK != 0);
 }
 
 // Into the heap where it belongs with so much time left.
@@ -120,7 +119,7 @@ uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szO
     while (ptTimer && !MustStop(ptTimerMgr, ptTimer, dwNowTick)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
         _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
-        dwNowTick = AppGetTick();
+        dwNowTick = _AppGetTick();
         ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     }
     return dwNowTick;
@@ -142,14 +141,14 @@ void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
 bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
 {
     return PeekCounter(ptTimerMgr->hTimerList->dwCurSize) != 0 &&
-           HasCome(PeekCounter(ptTimerMgr->dwLookTick), AppGetTick());
+           HasCome(PeekCounter(ptTimerMgr->dwLookTick), _AppGetTick());
 }
 
 uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
 {
     return ptTimerMgr->hTimerList->dwCurSize == 0
                ? dwMost
-               : Bounded(NextMs(ptTimerMgr, AppGetTick()), dwMost);
+               : Bounded(NextMs(ptTimerMgr, _AppGetTick()), dwMost);
 }
 
 uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
@@ -161,7 +160,7 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
         return kLongestWaitMs;
     if (app::MustEnd(ptTimerMgr->ptTask))
         return 1;
-    uint32_t dwNowTick = AppGetTick();
+    uint32_t dwNowTick = _AppGetTick();
     if (NextMs(ptTimerMgr, dwNowTick) == 0)
         dwNowTick = ExpireDue(ptTimerMgr, dwNowTick, __func__);
     const TAppTimer *ptNext = ptTimerMgr->tWaiting.ptRoot;
