@@ -52,13 +52,13 @@ inline bool GiveAtOnce(HAppLock hLock)
 // The twins behind those two.
 inline uint32_t TakeInLine(HAppLock hLock, uint32_t dwTimeout)
 {
-    if (TakeAtOnce(hLock))
+    if (__builtin_expect(TakeAtOnce(hLock), true))
         return APP_OK;
     return _AppLockTakeByTime(hLock, dwTimeout);
 }
 inline uint32_t GiveInLine(HAppLock hLock)
 {
-    if (GiveAtOnce(hLock))
+    if (__builtin_expect(GiveAtOnce(hLock), true))
         return APP_OK;
     return _AppLockGive(hLock);
 }

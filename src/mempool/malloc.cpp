@@ -19,8 +19,9 @@ constexpr uint32_t kHead = sizeof(TAppMemPoolHead);
 constexpr uint32_t kLargest = UINT32_MAX - kHead - sizeof(TAppMemBlockHead);
 
 // What is written into cold memory of a block that nobody else knows yet need not hold up the others.
-void *Finish(TAppMemPoolHead *ptHead, HAppMemPool hMemPool, uint32_t dwSize)
+void *Finish(void *pvHead, HAppMemPool hMemPool, uint32_t dwSize)
 {
+    const auto ptHead = static_cast<TAppMemPoolHead *>(pvHead);
     *ptHead = {APP_MEMPOOL_MAGIC, hMemPool, dwSize};
     return ptHead + 1;
 }
@@ -55,13 +56,14 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
 }
 
 // Out of the way of those for whom there is room and who trace nothing.
-[[gnu::noinline, gnu::cold]] void LogFull(const TAppMemPool *ptPool, uint32_t dwSize,
-                                          const char *szOp) APP_REQUIRES(ptPool->hLock)
+[[gnu::noinline, gnu::cold]] void *RefuseFull(const TAppMemPool *ptPool, uint32_t dwSize,
+                                              const char *szOp) APP_REQUIRES(ptPool->hLock)
 {
     AppLog(0, APP_LOG_ERROR,
            "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n", szOp,
            app::Ptr(ptPool), app::Ul(dwSize), app::Ul(ptPool->dwCurSize),
            app::Ul(ptPool->dwMaxSize));
+    return nullptr;
 }
 
 [[gnu::noinline, gnu::cold]] void TraceMalloc(const TAppMemPool *ptPool, const void *pvData,
@@ -83,22 +85,18 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
                pvData, app::Ul(dwSize));
 }
 
-TAppMemPoolHead *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
+void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 {
-    app::LockGuard guard(hMemPool);
-    if (IsFull(hMemPool, dwSize)) {
-        LogFull(hMemPool, dwSize, szOp);
-        return nullptr;
+    app::FastLockGuard guard(hMemPool);
+    void *pvHead = IsFull(hMemPool, dwSize) ? RefuseFull(hMemPool, dwSize, szOp)
+                                            : hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead);
+    if (pvHead) { // else it has been logged
+        app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+        APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
+        if (Traces())
+            TraceMalloc(hMemPool, static_cast<TAppMemPoolHead *>(pvHead) + 1, dwSize, szOp);
     }
-    auto ptHead =
-        static_cast<TAppMemPoolHead *>(hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead));
-    if (!ptHead)
-        return nullptr; // the engine has logged
-    app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
-    APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
-    if (Traces())
-        TraceMalloc(hMemPool, ptHead + 1, dwSize, szOp);
-    return ptHead;
+    return pvHead;
 }
 
 // The header of a block, or null with a line when the pointer is not one of ours.
@@ -122,8 +120,8 @@ void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
         return nullptr;
     if (!hMemPool)
         return MallocFromHeap(dwSize, __func__);
-    TAppMemPoolHead *ptHead = MallocFromPool(hMemPool, dwSize, __func__);
-    return ptHead ? Finish(ptHead, hMemPool, dwSize) : nullptr;
+    void *pvHead = MallocFromPool(hMemPool, dwSize, __func__);
+    return pvHead ? Finish(pvHead, hMemPool, dwSize) : nullptr;
 }
 
 void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
@@ -142,7 +140,7 @@ void AppMemPoolFree(void *pvData)
     // Copied: as soon as the engine has the block back, its next owner may write the header.
     const uint32_t dwSize = ptHead->dwSize;
     if (HAppMemPool hMemPool = ptHead->hMemPool) {
-        app::LockGuard guard(hMemPool);
+        app::FastLockGuard guard(hMemPool);
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
         app::SetCounter(hMemPool->dwCurSize,
                         hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);

@@ -152,6 +152,8 @@ void *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass, const
         return nullptr;
     }
     Count(ptImpl, dwBlockSize);
+    TAppMemClass &tClass = ptImpl->atClass[dwClass];
+    app::SetCounter(tClass.dwInUse, tClass.dwInUse + 1);
     if (TracesBlocks()) {
         AppLog(0, APP_LOG_MEMDBG2,
                "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n", szOp,
@@ -171,24 +173,6 @@ void *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass, const
                                                      : MallocLarge(ptImpl, dwNeed, szOp);
 }
 
-// The one that has been idle for longest.
-TAppMemBlockHead *TakeIdle(TAppMemClass &tClass, uint32_t dwClass)
-{
-    TAppMemBlockHead *ptHead = tClass.ptOldest;
-    tClass.ptOldest = ptHead->ptNext;
-    app::SetCounter(tClass.dwIdle, tClass.dwIdle - 1);
-    ptHead->dwBlockSize = ClassSize(dwClass);
-    return ptHead;
-}
-
-void AddIdle(TAppMemClass &tClass, TAppMemBlockHead *ptHead)
-{
-    ptHead->dwBlockSize += kIdle;
-    (tClass.dwIdle != 0 ? tClass.ptNewest->ptNext : tClass.ptOldest) = ptHead;
-    tClass.ptNewest = ptHead;
-    app::SetCounter(tClass.dwIdle, tClass.dwIdle + 1);
-}
-
 void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *szOp)
 {
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p %p use free\n", szOp,
@@ -200,10 +184,28 @@ void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *sz
     free(ptHead);
 }
 
+// The one that has been idle for longest.
+inline TAppMemBlockHead *TakeIdle(TAppMemClass *ptClass)
+{
+    TAppMemBlockHead *ptHead = ptClass->ptOldest;
+    ptClass->ptOldest = ptHead == ptClass->ptNewest ? nullptr : ptHead->ptNext;
+    ptHead->dwBlockSize -= kIdle;
+    app::SetCounter(ptClass->dwInUse, ptClass->dwInUse + 1);
+    return ptHead;
+}
+
+inline void AddIdle(TAppMemClass *ptClass, TAppMemBlockHead *ptHead)
+{
+    ptHead->dwBlockSize += kIdle;
+    app::SetCounter(ptClass->dwInUse, ptClass->dwInUse - 1);
+    (ptClass->ptOldest ? ptClass->ptNewest->ptNext : ptClass->ptOldest) = ptHead;
+    ptClass->ptNewest = ptHead;
+}
+
 inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_t dwClass,
                       const char *szOp)
 {
-    AddIdle(ptImpl->atClass[dwClass], ptHead);
+    AddIdle(&ptImpl->atClass[dwClass], ptHead);
     if (TracesBlocks())
         TraceParking(ptImpl, ptHead, dwClass, szOp);
     Verify(ptImpl, dwClass);
@@ -232,6 +234,8 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
         return; // queued once more it would be handed out while its next owner has it
     const uint32_t dwClass = __AppMemGetOffset(dwBlockSize);
     if (dwClass < APP_MEMPOOL_CLASS_NUM) {
+        // Of a class that has none in use, by what its header says: its count ends at zero, too.
+        app::SetCounter(ptImpl->atClass[dwClass].dwInUse, 1);
         ParkBlock(ptImpl, ptHead, dwClass, szOp);
         return;
     }
@@ -309,9 +313,9 @@ void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
         return nullptr;
     const uint32_t dwNeed = dwSize + kHead;
     const uint32_t dwClass = ClassOf(dwNeed);
-    if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl || ptImpl->atClass[dwClass].dwIdle == 0)
+    if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl || !ptImpl->atClass[dwClass].ptOldest)
         return MallocFromHeap(ptImpl, dwNeed, dwClass, __func__);
-    TAppMemBlockHead *ptHead = TakeIdle(ptImpl->atClass[dwClass], dwClass);
+    TAppMemBlockHead *ptHead = TakeIdle(&ptImpl->atClass[dwClass]);
     if (TracesBlocks())
         TraceReuse(ptImpl, ptHead, dwNeed, dwClass, __func__);
     Verify(ptImpl, dwClass);
@@ -331,7 +335,7 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     const uint32_t dwClass = ClassOf(ptHead->dwBlockSize);
     // Some block of its class is in use, or it would not be released.
     if (ptHead->ptNext && !(ptHead->dwBlockSize & kIdle) && dwClass < APP_MEMPOOL_CLASS_NUM &&
-        ptImpl->atClass[dwClass].dwIdle < ptImpl->atClass[dwClass].hBlocks->dwCurSize)
+        ptImpl->atClass[dwClass].dwInUse != 0)
         ParkBlock(ptImpl, ptHead, dwClass, __func__);
     else
         FreeOther(ptImpl, ptHead, __func__);

@@ -40,10 +40,10 @@ struct alignas(app::kHeadAlign) TAppMemBlockHead {
 
 // One size.  A hand-out and a release touch this record, the block and its neighbour in the queue.
 struct TAppMemClass {
-    TAppMemBlockHead *ptOldest; // idle blocks, in the order of their release; with
-    TAppMemBlockHead *ptNewest; // dwIdle 0 neither means anything
-    HAppDoubleList hBlocks;     // every block of the class, in use or idle, as long as the pool
-    uint32_t dwIdle;
+    TAppMemBlockHead *ptOldest; // idle blocks in the order of their release; null without any
+    TAppMemBlockHead *ptNewest; // means nothing without any
+    uint32_t dwInUse;
+    HAppDoubleList hBlocks; // every block of the class, in use or idle, as long as the pool
 };
 
 struct TAppMemPoolImpl {

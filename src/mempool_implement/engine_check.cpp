@@ -11,7 +11,7 @@ bool app::EngineAddsUp(const TAppMemPoolImpl *ptImpl)
     uint32_t dwSize = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         const TAppMemClass &tClass = ptImpl->atClass[k];
-        if (tClass.dwIdle > tClass.hBlocks->dwCurSize)
+        if (tClass.dwInUse > tClass.hBlocks->dwCurSize)
             return false;
         dwCount += tClass.hBlocks->dwCurSize;
         dwSize += tClass.hBlocks->dwCurSize * (32u << k);
@@ -34,12 +34,13 @@ bool app::ClassIsValid(const TAppMemPoolImpl *ptImpl, uint32_t dwClass)
     }
     const TAppMemBlockHead *ptLast = nullptr;
     const TAppMemBlockHead *ptNext = tClass.ptOldest;
-    for (uint32_t i = 0; i < tClass.dwIdle; ++i, ptNext = ptLast->ptNext) {
+    for (uint32_t i = 0; i < dwIdle; ++i, ptNext = ptLast->ptNext) {
         ptLast = ptNext;
-        if (ptLast->dwBlockSize != (dwBlockSize | kIdle))
+        if (!ptLast || ptLast->dwBlockSize != (dwBlockSize | kIdle))
             return false;
     }
-    return dwIdle == tClass.dwIdle && (dwIdle == 0 || ptLast == tClass.ptNewest);
+    return dwIdle == tClass.hBlocks->dwCurSize - tClass.dwInUse &&
+           (dwIdle == 0 ? !ptNext : ptLast == tClass.ptNewest);
 }
 
 bool app::EngineIsValid(const TAppMemPoolImpl *ptImpl)

@@ -17,9 +17,9 @@ app::EngineFigures app::ReadEngine(const TAppMemPoolImpl *ptImpl)
     uint32_t dwIdleCount = 0;
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         const TAppMemClass &tClass = ptImpl->atClass[k];
-        const uint32_t dwIdle = PeekCounter(tClass.dwIdle);
+        figures.adwOnCount[k] = PeekCounter(tClass.dwInUse);
+        const uint32_t dwIdle = Rest(PeekCounter(tClass.hBlocks->dwCurSize), figures.adwOnCount[k]);
         figures.adwOffCount[k] = dwIdle;
-        figures.adwOnCount[k] = Rest(PeekCounter(tClass.hBlocks->dwCurSize), dwIdle);
         figures.dwIdleSize += dwIdle * (32u << k);
         dwIdleCount += dwIdle;
     }
