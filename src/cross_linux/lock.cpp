@@ -68,9 +68,16 @@ std::atomic<uint32_t> &CountOf(HAppLock hLock)
     return hLock->tWord.dwCount;
 }
 
+// What an exchange expects first: of a lock for one what it is as a rule.
+inline uint32_t FirstGuess(HAppLock hLock, uint32_t dwAsARule)
+{
+    return hLock->tWord.dwMaxCount == 1 ? dwAsARule
+                                        : CountOf(hLock).load(std::memory_order_relaxed);
+}
+
 inline bool TryTake(HAppLock hLock)
 {
-    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
+    uint32_t dwCount = FirstGuess(hLock, 1);
     while ((dwCount & kMaxUnits) != 0)
         if (CountOf(hLock).compare_exchange_weak(dwCount, dwCount - 1, std::memory_order_acquire,
                                                  std::memory_order_relaxed))
@@ -248,10 +255,8 @@ uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwIn
         return APP_NO_RESOURCE;
     app::Rollback release([&] { AppMemPoolFree(hLock); });
     hLock->dwType = dwType;
-    hLock->tWord.dwMaxCount = Least(dwMaxCount, kMaxUnits);
-    CountOf(hLock).store(dwType == APP_LOCK_TYPE_RECURSIVE
-                             ? kSleepers // nothing for the paths in line
-                             : Least(dwInitCount, hLock->tWord.dwMaxCount));
+    hLock->tWord.dwMaxCount = dwType == APP_LOCK_TYPE_RECURSIVE ? 0 : Least(dwMaxCount, kMaxUnits);
+    CountOf(hLock).store(Least(dwInitCount, hLock->tWord.dwMaxCount));
     hLock->dwSleepers = 0;
     hLock->dwGivers.store(0);
     if ((dwType == APP_LOCK_TYPE_RECURSIVE ? InitRecursive(hLock, dwInitCount)
@@ -287,7 +292,7 @@ uint32_t _AppLockGive(HAppLock hLock)
         pthread_mutex_unlock(&hLock->tMutex);
         return APP_OK;
     }
-    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
+    uint32_t dwCount = FirstGuess(hLock, 0);
     while (!(dwCount & kSleepers)) {
         if (dwCount == hLock->tWord.dwMaxCount)
             return APP_OK;

@@ -18,8 +18,8 @@ constexpr uint32_t kSleepers = 0x80000000; // the bit in dwCount that says that 
 constexpr uint32_t kMaxUnits = 0x7FFFFFFF; // what it leaves: more units than any memory holds
 
 struct TLockWord {
-    std::atomic<uint32_t> dwCount; // units available, and kSleepers; of a recursive lock kSleepers
-    uint32_t dwMaxCount;
+    std::atomic<uint32_t> dwCount; // units available, and kSleepers
+    uint32_t dwMaxCount;           // 0 for a recursive lock, which has nothing for the paths here
 };
 
 inline TLockWord &WordOf(HAppLock hLock)
@@ -27,29 +27,23 @@ inline TLockWord &WordOf(HAppLock hLock)
     return *reinterpret_cast<TLockWord *>(hLock);
 }
 
-// False where there is no unit, and where it was lost to another taker in the meantime.
+// Of a lock for one: from free to held, and back where nobody sleeps.  It is guessed, since to look
+// first has to wait for the exchange before.  The twins sort out what fails.
 inline bool TakeAtOnce(HAppLock hLock)
 {
-    TLockWord &tWord = WordOf(hLock);
-    uint32_t dwCount = tWord.dwCount.load(std::memory_order_relaxed);
-    return (dwCount & kMaxUnits) != 0 &&
-           tWord.dwCount.compare_exchange_weak(dwCount, dwCount - 1, std::memory_order_acquire,
-                                               std::memory_order_relaxed);
+    uint32_t dwFree = 1;
+    return WordOf(hLock).dwCount.compare_exchange_weak(dwFree, 0, std::memory_order_acquire,
+                                                       std::memory_order_relaxed);
 }
-
-// False where somebody has to be woken, at the ceiling, and where the word has changed meanwhile.
 // Once it is true a taker may destroy the lock: nothing is touched after the exchange.
 inline bool GiveAtOnce(HAppLock hLock)
 {
-    TLockWord &tWord = WordOf(hLock);
-    uint32_t dwCount = tWord.dwCount.load(std::memory_order_relaxed);
-    // The bit is above every ceiling.
-    return dwCount < tWord.dwMaxCount &&
-           tWord.dwCount.compare_exchange_weak(dwCount, dwCount + 1, std::memory_order_release,
-                                               std::memory_order_relaxed);
+    uint32_t dwHeld = 0;
+    return WordOf(hLock).dwCount.compare_exchange_weak(dwHeld, 1, std::memory_order_release,
+                                                       std::memory_order_relaxed);
 }
 
-// The twins behind those two.
+// The twins behind those two: for semaphores, and meant for such that never hold more than one unit.
 inline uint32_t TakeInLine(HAppLock hLock, uint32_t dwTimeout)
 {
     if (__builtin_expect(TakeAtOnce(hLock), true))
