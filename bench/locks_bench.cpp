@@ -164,13 +164,13 @@ void AddHammer(const std::string &strName, const std::string &strAim = "")
 
 void bench::RegisterRows()
 {
-    Add("lock_uncontended", "appcore", TakeGive<AppcoreLock>, "1.0");
+    Add("lock_uncontended", "appcore", TakeGive<AppcoreLock>, "1.1");
     Add("lock_uncontended", "pthread_mutex", TakeGive<PthreadMutex>);
     Add("lock_uncontended", "posix_sem", TakeGive<PosixSem>);
     Add("lock_uncontended", "glib", TakeGive<GlibMutex>);
     Add("lock_uncontended", "condvar", TakeGive<CondSem>);
 
-    Add("lock_timed", "appcore", TakeTimedGive<AppcoreLock>, "0.5");
+    Add("lock_timed", "appcore", TakeTimedGive<AppcoreLock>, "0.3");
     Add("lock_timed", "pthread_mutex", TakeTimedGive<PthreadMutex>);
     Add("lock_timed", "posix_sem", TakeTimedGive<PosixSem>);
     Add("lock_timed", "limit_condvar", TakeTimedGive<CondSem>); // never reads the clock
@@ -181,11 +181,11 @@ void bench::RegisterRows()
     AddHammer<GlibMutex>("glib");
     AddHammer<CondSem>("condvar");
 
-    Add("lock_pingpong_1core", "appcore", PingPong<AppcoreLock>, "1.0");
+    Add("lock_pingpong_1core", "appcore", PingPong<AppcoreLock>, "1.15");
     Add("lock_pingpong_1core", "posix_sem", PingPong<PosixSem>);
     Add("lock_pingpong_1core", "condvar", PingPong<CondSem>);
 
-    Add("rlock_uncontended", "appcore", TakeGive<AppcoreRecursive>, "1.0");
+    Add("rlock_uncontended", "appcore", TakeGive<AppcoreRecursive>, "1.2");
     Add("rlock_uncontended", "pthread_mutex", TakeGive<PthreadRecursive>);
     Add("rlock_uncontended", "glib", TakeGive<GlibRecursive>);
 }

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <memory_resource>
+#include <mutex>
+#include <vector>
 
 #include "appcore/mempool.h"
 #include "bench.h"
@@ -53,6 +55,35 @@ struct Pmr {
     void *Allocate(uint32_t dwSize) { return resource.allocate(dwSize); }
     void Release(void *pvBlock, uint32_t dwSize) { resource.deallocate(pvBlock, dwSize); }
     Resource resource{std::pmr::pool_options{0, 8192}};
+};
+
+// The obvious pool of several threads: stacks of idle blocks by power of two behind a mutex.  No
+// accounts, no limit, no look at what is released.
+struct Naive {
+    ~Naive()
+    {
+        for (const auto &idle : aIdle)
+            for (void *pvBlock : idle)
+                free(pvBlock);
+    }
+    static unsigned ClassOf(uint32_t dwSize) { return 32 - __builtin_clz(dwSize); }
+    void *Allocate(uint32_t dwSize)
+    {
+        const unsigned nClass = ClassOf(dwSize);
+        std::lock_guard<std::mutex> guard(mutex);
+        if (aIdle[nClass].empty())
+            return malloc(size_t{1} << nClass);
+        void *pvBlock = aIdle[nClass].back();
+        aIdle[nClass].pop_back();
+        return pvBlock;
+    }
+    void Release(void *pvBlock, uint32_t dwSize)
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        aIdle[ClassOf(dwSize)].push_back(pvBlock);
+    }
+    std::mutex mutex;
+    std::array<std::vector<void *>, 33> aIdle;
 };
 
 using PmrLocked = Pmr<std::pmr::synchronized_pool_resource>;
@@ -120,14 +151,22 @@ void AddUnlocked(const std::string &strName, const char *szAim100 = "", const ch
     bench::Add("pool_mix unlocked", strName, Mix<Pool>, szAimMix);
 }
 
+struct Aims {
+    const char *szOneThread = "";
+    const char *szTwoThreads = "";
+};
+
 template <typename Pool>
-void AddLocked(const std::string &strName, const char *szAim100 = "", const char *szAimMix = "")
+void AddLocked(const std::string &strName, const Aims &aims100 = {}, const Aims &aimsMix = {})
 {
     for (int nThreads : {1, 2}) {
         const std::string strRow = " locked threads:" + std::to_string(nThreads);
-        bench::Add("pool_100" + strRow, strName, AllocateRelease<Pool>, szAim100)
+        const auto aim = [=](const Aims &aims) {
+            return nThreads == 1 ? aims.szOneThread : aims.szTwoThreads;
+        };
+        bench::Add("pool_100" + strRow, strName, AllocateRelease<Pool>, aim(aims100))
             ->Threads(nThreads);
-        bench::Add("pool_mix" + strRow, strName, Mix<Pool>, szAimMix)->Threads(nThreads);
+        bench::Add("pool_mix" + strRow, strName, Mix<Pool>, aim(aimsMix))->Threads(nThreads);
     }
 }
 
@@ -135,12 +174,14 @@ void AddLocked(const std::string &strName, const char *szAim100 = "", const char
 
 void bench::RegisterRows()
 {
-    AddUnlocked<AppcorePool<0>>("appcore", "2.0 of glibc,mimalloc", "1.0 of glibc");
+    AddUnlocked<AppcorePool<0>>("appcore", "1.2 of glibc", "0.6 of glibc");
     AddUnlocked<Glibc>("glibc");
     AddUnlocked<Mimalloc>("mimalloc");
     AddUnlocked<PmrUnlocked>("pmr_unlocked");
 
-    AddLocked<AppcorePool<1>>("appcore", "0.8 of pmr", "1.0 of glibc");
+    AddLocked<AppcorePool<1>>("appcore", {"1.5 of glibc", "0.9 of naive"},
+                              {"0.6 of glibc", "1.5 of glibc"});
+    AddLocked<Naive>("naive");
     AddLocked<Glibc>("glibc");
     AddLocked<Mimalloc>("mimalloc");
     AddLocked<PmrLocked>("pmr");
