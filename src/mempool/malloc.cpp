@@ -85,7 +85,8 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
                pvData, app::Ul(dwSize));
 }
 
-[[gnu::always_inline]] inline void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
+[[gnu::always_inline]] inline void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize,
+                                                   const char *szOp)
 {
     app::FastLockGuard guard(hMemPool);
     void *pvHead = IsFull(hMemPool, dwSize) ? RefuseFull(hMemPool, dwSize, szOp)

@@ -4,6 +4,10 @@
 // split, merged or searched for, so that both operations take the same short time after months of
 // use, and a pool holds what its busiest moment needed.  The block that has been idle for longest is
 // reused first: whoever still writes to what it has released harms nobody for a while.
+//
+// A block never leaves the list of its class, by which the pool's destruction finds it.  Idle ones
+// form a queue through their own headers, which a hand-out and a release have to touch anyway, and
+// nothing is counted twice: what a report says of blocks in use and their bytes is derived.
 #include "mempool_implement/engine.h"
 
 #include <stdlib.h>
@@ -185,11 +189,11 @@ void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *sz
 }
 
 // The one that has been idle for longest.
-inline TAppMemBlockHead *TakeIdle(TAppMemClass *ptClass)
+inline TAppMemBlockHead *TakeIdle(TAppMemClass *ptClass, uint32_t dwClass)
 {
     TAppMemBlockHead *ptHead = ptClass->ptOldest;
     ptClass->ptOldest = ptHead == ptClass->ptNewest ? nullptr : ptHead->ptNext;
-    ptHead->dwBlockSize -= kIdle;
+    ptHead->dwBlockSize = ClassSize(dwClass); // whatever has been written to it while it was idle
     app::SetCounter(ptClass->dwInUse, ptClass->dwInUse + 1);
     return ptHead;
 }
@@ -315,7 +319,7 @@ void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
     const uint32_t dwClass = ClassOf(dwNeed);
     if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl || !ptImpl->atClass[dwClass].ptOldest)
         return MallocFromHeap(ptImpl, dwNeed, dwClass, __func__);
-    TAppMemBlockHead *ptHead = TakeIdle(&ptImpl->atClass[dwClass]);
+    TAppMemBlockHead *ptHead = TakeIdle(&ptImpl->atClass[dwClass], dwClass);
     if (TracesBlocks())
         TraceReuse(ptImpl, ptHead, dwNeed, dwClass, __func__);
     Verify(ptImpl, dwClass);
