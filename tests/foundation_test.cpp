@@ -57,19 +57,26 @@ TEST(Log, GeneratedChannelsStartFresh)
     EXPECT_EQ(g_bAppLogViaStdout[1].load(), 1u);
 }
 
-// One too long for the slots, and no memory for a copy: printed at once.
-TEST(HeldLines, AreNotLostForWantOfMemory)
+// One too long for the slots, and no memory for a copy: printed at once.  The others once each, in
+// their order, though the console takes the lock for each.
+TEST(HeldLines, AreNotLostForWantOfMemoryNorPrintedTwice)
 {
     LogCapture log;
     HAppMemPool hPool = nullptr;
     ASSERT_CODE(APP_OK, AppMemPoolCreate(0, 1, 0, &hPool));
     {
         app::LockGuard guard(hPool);
+        AppLog(0, APP_LOG_ERROR, "1\n");
+        AppLog(0, APP_LOG_ERROR, "2\n");
         fault::Fail fail(fault::Fn::malloc);
         AppLog(0, APP_LOG_ERROR, "%s\n", std::string(2000, 'x').c_str());
         EXPECT_EQ(fail.Hits(), 1u);
         EXPECT_EQ(log.Lines().size(), 1u);
+        log.Clear();
+        log.OnLine([&](const std::string &) { AppMemPoolFree(AppMemPoolMalloc(hPool, 1)); });
     }
+    log.ExpectLines({"1\n", "2\n"});
+    log.OnLine(nullptr);
     AppMemPoolDestroy(hPool);
 }
 
