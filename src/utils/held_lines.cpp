@@ -8,7 +8,7 @@
 
 #include "appcore/foundation.h"
 
-__thread app::THeldLines app::t_tHeldLines = {};
+__thread app::THeldLines app::t_tHeldLines __attribute__((tls_model("initial-exec"))) = {};
 
 // The text follows.
 struct app::THeldLine {
