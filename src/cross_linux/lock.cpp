@@ -68,16 +68,9 @@ std::atomic<uint32_t> &CountOf(HAppLock hLock)
     return hLock->tWord.dwCount;
 }
 
-// What an exchange expects first: of a lock for one what it is as a rule.
-inline uint32_t FirstGuess(HAppLock hLock, uint32_t dwAsARule)
-{
-    return hLock->tWord.dwMaxCount == 1 ? dwAsARule
-                                        : CountOf(hLock).load(std::memory_order_relaxed);
-}
-
 inline bool TryTake(HAppLock hLock)
 {
-    uint32_t dwCount = FirstGuess(hLock, 1);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     while ((dwCount & kMaxUnits) != 0)
         if (CountOf(hLock).compare_exchange_weak(dwCount, dwCount - 1, std::memory_order_acquire,
                                                  std::memory_order_relaxed))
@@ -292,7 +285,7 @@ uint32_t _AppLockGive(HAppLock hLock)
         pthread_mutex_unlock(&hLock->tMutex);
         return APP_OK;
     }
-    uint32_t dwCount = FirstGuess(hLock, 0);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     while (!(dwCount & kSleepers)) {
         if (dwCount == hLock->tWord.dwMaxCount)
             return APP_OK;
