@@ -9,7 +9,7 @@
 #include "support/log_capture.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
-#include "utils/queue.h"
+#include "utils/queue_levels.h"
 
 using fault::Fn;
 
@@ -123,7 +123,9 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
                                 : AppQueueCreate(hPool, dwFirstMax, dwLevels % 4, &hQueue));
         EXPECT_EQ(hQueue->hLock != nullptr, dwLevels % 4 == 1);
         const uint32_t dwIdle = hPool->dwCurSize;
-        uint32_t dwMax = dwFirstMax ? dwFirstMax : APP_QUEUE_DEFAULT_MAX, dwTop = 0, dwPeak = 0;
+        uint32_t dwMax = dwFirstMax ? dwFirstMax : APP_QUEUE_DEFAULT_MAX, dwTop = 0;
+        uint32_t dwDistinct = 0, dwPeak = 0; // levels
+
         bool bInterrupted = false;
         std::multimap<int64_t, char> model; // equal keys stay in the order of their insertion
         for (unsigned i = 0; i < test::Scaled(10000); ++i) {
@@ -142,8 +144,9 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
                 app::QueueInterrupt(hQueue);
                 bInterrupted = true; // one at most is kept
             } else if (dwOp < (i / (dwLevels < 40 ? 100 : 800) % 2 ? 30u : 70u)) {
-                const auto nPriority = static_cast<int32_t>(
-                    static_cast<uint32_t>(random() % dwLevels) * 0x9E3779B1);  // far apart
+                const auto dwLevel =
+                    static_cast<uint32_t>(random() % (i % dwLevels + 1)); // clusters
+                const auto nPriority = static_cast<int32_t>(dwLevel * (UINT32_MAX / dwLevels));
                 const int32_t bForce = static_cast<int32_t>(random() % 4) - 2; // 0 is a quarter
                 const char ch = static_cast<char>('!' + i % 90);
                 const bool bFull = dwMax != 0 && bForce == 0 && dwSize >= dwMax;
@@ -160,13 +163,16 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
                 if (dwCode == APP_OK) {
                     ASSERT_TRUE(bShort || dwRefuse < 4 ? dwGrown < 200
                                                        : dwGrown == 0 || dwGrown > 200);
+                    dwDistinct += model.count(-int64_t{nPriority}) == 0 ? 1 : 0;
                     model.emplace(-int64_t{nPriority}, ch);
                     dwTop = dwTop > dwSize ? dwTop : dwSize + 1;
                 }
             } else if (!model.empty()) {
                 ASSERT_CODE(APP_OK, queue.Out(0, &pvData));
                 ASSERT_EQ(Letter(pvData), model.begin()->second);
+                const int64_t nKey = model.begin()->first;
                 model.erase(model.begin());
+                dwDistinct -= model.count(nKey) == 0 ? 1 : 0;
             } else if (bInterrupted || dwOp > 97) {
                 const uint32_t dwTimeout = std::exchange(bInterrupted, false) ? 0 : 2;
                 fault::Fail sleeps(Fn::pthread_cond_timedwait, 1,
@@ -177,9 +183,9 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
             } else {
                 queue.GiveBack();
             }
-            dwPeak = model.empty() ? 0 : std::max<uint32_t>(dwPeak, AppQueueGetSize(hQueue));
+            dwPeak = model.empty() ? 0 : std::max(dwPeak, dwDistinct);
             for (const uint32_t dwSpan : hQueue->adwSpan)
-                ASSERT_LE(dwSpan, std::max(8u, dwPeak / 3 + 1));
+                ASSERT_LE(dwSpan, std::max(8u, dwPeak / app::kQueueSpanPart + 1));
             ASSERT_TRUE(!model.empty() || queue.ptHeld || hPool->dwCurSize == dwIdle);
             ASSERT_EQ(AppQueueGetSize(hQueue), model.size());
             ASSERT_EQ(_AppQueueGetMaxSize(hQueue), dwMax);

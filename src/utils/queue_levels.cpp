@@ -60,13 +60,13 @@ void AddStop(HAppQueue hQueue, uint32_t dwSpan, TAppQueueNode *ptLevel, uint32_t
     hQueue->adwSpan[dwSpan] = dwBefore;
 }
 
-// Whether a span, which has just grown, needs a stop and can have one.  Its number may change.
-// When no stop is free the two shortest neighbours among the others are at most half of what this
-// one leaves: longer than this one only while it is less than a third of all.
+// Whether a span, which has just grown, is to be divided and a stop there for it.  Its number may
+// change.  Too long is half more than its share.
 bool MakeStop(HAppQueue hQueue, uint32_t *pdwSpan) APP_REQUIRES(hQueue->hLock)
 {
     const uint32_t dwLength = hQueue->adwSpan[*pdwSpan];
-    if (dwLength <= kShortSpan || dwLength <= CountLevels(hQueue) / 4)
+    if (dwLength <= kShortSpan ||
+        dwLength <= CountLevels(hQueue) * 3 / (APP_QUEUE_STOP_NUM + 1) / 2)
         return false;
     if (hQueue->byStops < APP_QUEUE_STOP_NUM)
         return true;

@@ -10,9 +10,9 @@
 // stops divide the levels in front of the last one into spans, whose lengths adwSpan counts: from
 // the head to the first stop, from each stop to the next, and behind the last.  None is at the head.
 // A span that becomes too long is halved by one more stop; when there is none to be had, the two
-// shortest neighbours elsewhere are joined for it.  So an insertion passes at most a third of the
-// levels which the queue has held since it was last empty, or kShortSpan, whatever the number of
-// elements; at the ends, and a removal, it costs the same always.
+// shortest neighbours elsewhere are joined for it.  So an insertion passes at most one level in
+// kQueueSpanPart of those which the queue has held since it was last empty, or a few, whatever the
+// number of elements; at the ends, and a removal, it costs the same always.
 #ifndef APPCORE_UTILS_QUEUE_LEVELS_H
 #define APPCORE_UTILS_QUEUE_LEVELS_H
 
@@ -20,6 +20,10 @@
 
 namespace app
 {
+
+// When no span can be joined for the longest one, the others make at least as many pairs as this
+// less one, each longer than it.
+constexpr uint32_t kQueueSpanPart = (APP_QUEUE_STOP_NUM + 1) / 2;
 
 // Where the queue is neither empty nor the last level the element's.
 void PlaceInLevel(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock);
