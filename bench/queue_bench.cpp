@@ -139,12 +139,12 @@ void Backlog(benchmark::State &state, int nDepth, int nLevels)
 template <typename Queue>
 void AddQueue(const std::string &strName, bool bOurs = false)
 {
-    bench::Add("queue_push_pop", strName, PushPop<Queue>, bOurs ? "1.2" : "");
+    bench::Add("queue_push_pop", strName, PushPop<Queue>, bOurs ? "1.5" : "");
     for (int nPairs : {1, 2}) {
         const std::string strRow = "queue_stream pairs:" + std::to_string(nPairs);
         const auto run = [nPairs](benchmark::State &state) { Stream<Queue>(state, nPairs); };
         bench::Add(strRow, strName, run, bOurs ? "1.0" : "");
-        bench::Add(strRow + "_1core", strName, run, bOurs ? "1.0" : "");
+        bench::Add(strRow + "_1core", strName, run, bOurs ? "1.2" : "");
     }
 }
 
@@ -157,7 +157,7 @@ void AddBacklog(const std::string &strName, bool bOurs = false)
                 "queue_backlog depth:" + std::to_string(nDepth) +
                     " levels:" + std::to_string(nLevels),
                 strName, [=](benchmark::State &state) { Backlog<Queue>(state, nDepth, nLevels); },
-                bOurs && nDepth == 1000 ? "0.5" : "");
+                bOurs && nDepth == 1000 ? "0.2" : "");
 }
 
 } // namespace

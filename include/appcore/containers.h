@@ -112,6 +112,14 @@ APP_API uint32_t AppDoubleListRemove(HAppDoubleList hList, HAppDoubleListNode hN
 /** @name Queue
  * A blocking priority queue: larger priorities come out first, equal ones in the order they went
  * in.  Created with a lock it may be used by any number of producers and consumers at once.
+ *
+ * A removal, and an insertion of the highest or lowest priority, cost the same at any size.  One in
+ * between steps from priority to priority, whatever their elements: at most 12 times, or half as
+ * often as the queue has held priorities at once since it was last empty; usually a tenth of it.
+ *
+ * On 32-bit machines an element costs 32 bytes of the pool, headers included.  As soon as a queue
+ * holds 29, further ones share blocks of 512 bytes, 29 in each; a block goes back to the pool with
+ * the last of its elements, and an empty queue keeps nothing.
  * @{ */
 
 #define APP_QUEUE_DEFAULT_MAX 1048576u /**< maximum of a queue created with maximum 0 */

@@ -11,8 +11,8 @@
 // the head to the first stop, from each stop to the next, and behind the last.  None is at the head.
 // A span that becomes too long is halved by one more stop; when there is none to be had, the two
 // shortest neighbours elsewhere are joined for it.  So an insertion passes at most one level in
-// kQueueSpanPart of those which the queue has held since it was last empty, or a few, whatever the
-// number of elements; at the ends, and a removal, it costs the same always.
+// kQueueSpanPart of those which the queue has held at once since it was last empty, or a few, and
+// half as many again when it halves the span; at the ends, and a removal, it costs the same always.
 #ifndef APPCORE_UTILS_QUEUE_LEVELS_H
 #define APPCORE_UTILS_QUEUE_LEVELS_H
 
