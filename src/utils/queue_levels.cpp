@@ -66,7 +66,7 @@ bool MakeStop(HAppQueue hQueue, uint32_t *pdwSpan) APP_REQUIRES(hQueue->hLock)
 {
     const uint32_t dwLength = hQueue->adwSpan[*pdwSpan];
     if (dwLength <= kShortSpan ||
-        dwLength - dwLength / 3 <= CountLevels(hQueue) / (APP_QUEUE_STOP_NUM + 1))
+        dwLength - dwLength / 3 <= CountLevels(hQueue) / APP_QUEUE_STOP_NUM)
         return false;
     if (hQueue->byStops < APP_QUEUE_STOP_NUM)
         return true;

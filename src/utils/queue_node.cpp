@@ -24,16 +24,6 @@ static_assert((kBlockSize - sizeof(TAppQueueBlock)) /
                   (sizeof(TAppQueueNode) + app::kQueueRecordMax) >=
               2);
 
-uint32_t NodeSize(uint32_t dwRecordSize)
-{
-    return static_cast<uint32_t>(sizeof(TAppQueueNode)) + dwRecordSize;
-}
-
-TAppQueueNode *NodeAt(TAppQueueBlock *ptBlock, uint32_t dwOffset)
-{
-    return reinterpret_cast<TAppQueueNode *>(reinterpret_cast<char *>(ptBlock) + dwOffset);
-}
-
 TAppQueueBlock *BlockOf(const TAppQueueNode *ptNode)
 {
     const auto uNode = reinterpret_cast<uintptr_t>(ptNode);
@@ -67,16 +57,8 @@ TAppQueueBlock *app::NewBlock(HAppQueue hQueue)
     auto ptBlock = static_cast<TAppQueueBlock *>(app::TryMalloc(hQueue->hMemPool, kBlockSize));
     if (!ptBlock)
         return nullptr;
-    const uint32_t dwStep = NodeSize(hQueue->wRecordSize);
     *ptBlock = {};
-    for (uint32_t i = hQueue->byBlockNodes; i-- > 0;) {
-        const auto dwOffset = static_cast<uint32_t>(sizeof(TAppQueueBlock)) + i * dwStep;
-        TAppQueueNode *ptNode = NodeAt(ptBlock, dwOffset);
-        ptNode->dwOffset = dwOffset;
-        ptNode->ptNext.Reset(app::QueueLink::kOfBlock);
-        ptNode->ptNext.SetNext(ptBlock->ptFree);
-        ptBlock->ptFree = ptNode;
-    }
+    ptBlock->wFresh = sizeof(TAppQueueBlock);
     List(hQueue, ptBlock);
     return ptBlock;
 }
@@ -102,11 +84,11 @@ TAppQueueNode *app::TakeLoneNode(HAppQueue hQueue)
 TAppQueueBlock *app::GiveBlockNode(HAppQueue hQueue, TAppQueueNode *ptNode)
 {
     TAppQueueBlock *ptBlock = BlockOf(ptNode);
-    if (!ptBlock->ptFree)
+    if (ptBlock->wUsed == hQueue->byBlockNodes)
         List(hQueue, ptBlock);
     ptNode->ptNext.SetNext(ptBlock->ptFree);
     ptBlock->ptFree = ptNode;
-    if (--ptBlock->dwUsed != 0)
+    if (--ptBlock->wUsed != 0)
         return nullptr;
     UnlistBlock(hQueue, ptBlock);
     return ptBlock;
@@ -115,11 +97,13 @@ TAppQueueBlock *app::GiveBlockNode(HAppQueue hQueue, TAppQueueNode *ptNode)
 #ifdef APPCORE_CHECKS
 static bool BlockIsValid(const TAppQueue *ptQueue, const TAppQueueBlock *ptBlock)
 {
-    uint32_t dwFree = 0;
+    const uint32_t dwSize = app::NodeSize(ptQueue->wRecordSize);
+    uint32_t dwKnown = ptBlock->wUsed; // nodes that have been used
     for (const TAppQueueNode *ptNode = ptBlock->ptFree; ptNode; ptNode = ptNode->ptNext.Next())
-        if (++dwFree > ptQueue->byBlockNodes || BlockOf(ptNode) != ptBlock)
+        if (++dwKnown > ptQueue->byBlockNodes || BlockOf(ptNode) != ptBlock)
             return false;
-    return dwFree > 0 && ptBlock->dwUsed > 0 && dwFree + ptBlock->dwUsed == ptQueue->byBlockNodes;
+    return ptBlock->wUsed > 0 && ptBlock->wUsed < ptQueue->byBlockNodes &&
+           ptBlock->wFresh == sizeof(TAppQueueBlock) + dwKnown * dwSize;
 }
 
 bool app::BlocksAreValid(const TAppQueue *ptQueue)
@@ -139,6 +123,6 @@ bool app::IsListedRightly(const TAppQueue *ptQueue, const TAppQueueNode *ptNode)
         return true;
     const TAppQueueBlock *ptBlock = BlockOf(ptNode);
     const bool bListed = ptBlock->ptPrev || ptQueue->ptBlocks == ptBlock;
-    return bListed == (ptBlock->ptFree != nullptr);
+    return bListed == (ptBlock->wUsed < ptQueue->byBlockNodes);
 }
 #endif

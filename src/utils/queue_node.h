@@ -14,8 +14,9 @@
 struct TAppQueueBlock {
     TAppQueueBlock *ptPrev; // among the listed
     TAppQueueBlock *ptNext;
-    TAppQueueNode *ptFree; // the first of the free nodes
-    uint32_t dwUsed;
+    TAppQueueNode *ptFree; // the first of those given back
+    uint16_t wUsed;        // nodes in use
+    uint16_t wFresh;       // where those begin that have never been used: a block costs no walk
 };
 
 namespace app
@@ -37,15 +38,26 @@ bool BlocksAreValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);
 bool IsListedRightly(const TAppQueue *ptQueue, const TAppQueueNode *ptNode)
     APP_REQUIRES(ptQueue->hLock);
 
+inline uint32_t NodeSize(uint32_t dwRecordSize)
+{
+    return static_cast<uint32_t>(sizeof(TAppQueueNode)) + dwRecordSize;
+}
+
 inline TAppQueueNode *TakeBlockNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueBlock *ptBlock = hQueue->ptBlocks;
     if (!ptBlock && !(ptBlock = NewBlock(hQueue)))
         return nullptr;
     TAppQueueNode *ptNode = ptBlock->ptFree;
-    ptBlock->ptFree = ptNode->ptNext.Next();
-    ++ptBlock->dwUsed;
-    if (!ptBlock->ptFree)
+    if (ptNode) {
+        ptBlock->ptFree = ptNode->ptNext.Next();
+    } else {
+        char *pchBlock = reinterpret_cast<char *>(ptBlock);
+        ptNode = reinterpret_cast<TAppQueueNode *>(pchBlock + ptBlock->wFresh);
+        ptNode->dwOffset = ptBlock->wFresh;
+        ptBlock->wFresh = static_cast<uint16_t>(ptBlock->wFresh + NodeSize(hQueue->wRecordSize));
+    }
+    if (++ptBlock->wUsed == hQueue->byBlockNodes)
         UnlistBlock(hQueue, ptBlock);
     ptNode->ptNext.Reset(QueueLink::kOfBlock);
     return ptNode;
