@@ -10,6 +10,7 @@
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/queue_levels.h"
+#include "utils/queue_node.h"
 
 using fault::Fn;
 
@@ -266,7 +267,8 @@ TEST(Checks, FindWhatIsBroken)
     list.dwCurSize = 1;
     EXPECT_DEATH(_AppDoubleListAttachNode(&list, nullptr, &node, 0), "the list is broken");
     TAppQueue queue = {};
-    queue.dwSleepers = queue.byBlockNodes = 1;
+    app::SizeNodes(&queue, 0);
+    queue.dwSleepers = 1;
     EXPECT_DEATH(AppQueueIn(&queue, nullptr, 0), "the queue's counts do not agree");
     EXPECT_DEATH(AppQueueDestroy(&queue, nullptr, nullptr), "a consumer waits still");
     HAppMemPool hPool = nullptr;

@@ -209,8 +209,7 @@ static uint32_t Create(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
     *hQueue = {};
     hQueue->dwMaxSize = dwMaxSize;
     hQueue->hMemPool = hMemPool;
-    hQueue->wRecordSize = static_cast<uint16_t>(dwRecordSize);
-    hQueue->byBlockNodes = app::CountBlockNodes(dwRecordSize);
+    app::SizeNodes(hQueue, dwRecordSize);
     uint32_t dwResult = APP_OK;
     if (bLock == 1)
         dwResult = AppLockCreate(hMemPool, 1, 1, APP_LOCK_TYPE_SEM, &hQueue->hLock);

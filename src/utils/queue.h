@@ -75,6 +75,7 @@ struct TAppQueue {
 
     TAppQueueBlock *ptBlocks APP_GUARDED_BY(hLock); // those with a free node
     uint16_t wRecordSize;                           // of what lies behind each node; 0 is nothing
+    uint16_t wLoneSize;                             // of a node alone, with its record
     uint8_t byBlockNodes;                           // nodes in a block
     uint8_t byStops APP_GUARDED_BY(hLock);
 

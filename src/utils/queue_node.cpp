@@ -3,7 +3,6 @@
 
 #include <stddef.h>
 
-#include "appcore/mempool.h"
 #include "mempool/try_malloc.h"
 
 namespace
@@ -63,22 +62,14 @@ TAppQueueBlock *app::NewBlock(HAppQueue hQueue)
     return ptBlock;
 }
 
-uint8_t app::CountBlockNodes(uint32_t dwRecordSize)
+void app::SizeNodes(HAppQueue hQueue, uint32_t dwRecordSize)
 {
-    uint8_t byCount = 0; // counted, since 32-bit processors divide in software
-    for (uint32_t dwRoom = kBlockSize - sizeof(TAppQueueBlock); dwRoom >= NodeSize(dwRecordSize);
-         dwRoom -= NodeSize(dwRecordSize))
-        ++byCount;
-    return byCount;
-}
-
-TAppQueueNode *app::TakeLoneNode(HAppQueue hQueue)
-{
-    const uint32_t dwSize = hQueue->wRecordSize == 0 ? kBareNode : NodeSize(hQueue->wRecordSize);
-    auto ptNode = static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, dwSize));
-    if (ptNode)
-        ptNode->ptNext.Reset(0);
-    return ptNode;
+    const uint32_t dwSize = NodeSize(dwRecordSize);
+    hQueue->wRecordSize = static_cast<uint16_t>(dwRecordSize);
+    hQueue->wLoneSize = static_cast<uint16_t>(dwRecordSize == 0 ? kBareNode : dwSize);
+    hQueue->byBlockNodes = 0; // counted, since 32-bit processors divide in software
+    for (uint32_t dwRoom = kBlockSize - sizeof(TAppQueueBlock); dwRoom >= dwSize; dwRoom -= dwSize)
+        ++hQueue->byBlockNodes;
 }
 
 TAppQueueBlock *app::GiveBlockNode(HAppQueue hQueue, TAppQueueNode *ptNode)

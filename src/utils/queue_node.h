@@ -9,6 +9,7 @@
 #ifndef APPCORE_UTILS_QUEUE_NODE_H
 #define APPCORE_UTILS_QUEUE_NODE_H
 
+#include "appcore/mempool.h"
 #include "utils/queue.h"
 
 struct TAppQueueBlock {
@@ -22,13 +23,11 @@ struct TAppQueueBlock {
 namespace app
 {
 
-// The nodes of a block, by the size of the records behind them.
-uint8_t CountBlockNodes(uint32_t dwRecordSize);
+// A queue's figures for nodes with records of so many bytes.
+void SizeNodes(HAppQueue hQueue, uint32_t dwRecordSize);
 // Listed; null when it cannot be had.
 TAppQueueBlock *NewBlock(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock);
 void UnlistBlock(HAppQueue hQueue, TAppQueueBlock *ptBlock) APP_REQUIRES(hQueue->hLock);
-// Null when that cannot be had: the pool has logged its line.
-TAppQueueNode *TakeLoneNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock);
 // A block, or null when it goes on being used.
 TAppQueueBlock *GiveBlockNode(HAppQueue hQueue, TAppQueueNode *ptNode) APP_REQUIRES(hQueue->hLock);
 
@@ -63,12 +62,17 @@ inline TAppQueueNode *TakeBlockNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock
     return ptNode;
 }
 
+// Null when there is no memory: the pool has logged its line.
 inline TAppQueueNode *TakeNode(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
 {
     if (hQueue->dwCurSize >= hQueue->byBlockNodes)
         if (TAppQueueNode *ptNode = TakeBlockNode(hQueue))
             return ptNode;
-    return TakeLoneNode(hQueue);
+    auto ptNode =
+        static_cast<TAppQueueNode *>(AppMemPoolMalloc(hQueue->hMemPool, hQueue->wLoneSize));
+    if (ptNode)
+        ptNode->ptNext.Reset(0);
+    return ptNode;
 }
 
 // What has to be released for it, after the lock, or null; a null node is none.
