@@ -234,6 +234,9 @@ uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock
 uint32_t app::QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
                                     HAppQueue *phQueue)
 {
+    APP_CHECK(dwRecordSize != 0 && dwRecordSize <= kQueueRecordMax &&
+                  dwRecordSize % sizeof(void *) == 0,
+              "a queue cannot keep records of this size");
     return Create(hMemPool, dwMaxSize, 1, dwRecordSize, phQueue);
 }
 

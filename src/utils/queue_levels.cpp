@@ -61,7 +61,7 @@ void AddStop(HAppQueue hQueue, uint32_t dwSpan, TAppQueueNode *ptLevel, uint32_t
 }
 
 // Whether a span, which has just grown, is to be divided and a stop there for it.  Its number may
-// change.  Too long is half more than its share.
+// change.  It is too long with half more than its share.
 bool MakeStop(HAppQueue hQueue, uint32_t *pdwSpan) APP_REQUIRES(hQueue->hLock)
 {
     const uint32_t dwLength = hQueue->adwSpan[*pdwSpan];
