@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "appcore/appcore.h"
+#include "appcore/log_fast.h"
 
 #include "mempool/mempool.h"
 #include "support/expect.h"
@@ -25,13 +26,16 @@ TEST(Log, ThresholdAndSwitchDecideWhoSeesALine)
                     g_byAppLogLevel[byChannel].store(APP_LOG_INFO);
                     AppSetLogLevel(byChannel, bySet);
                     AppSetLogViaStdout(byChannel, bViaStdout);
-                    AppLog(byChannel, byLevel, "%s-%d", "text", 7);
+                    int nArgument = 7; // not even looked at when the line is off
+                    AppLog(byChannel, byLevel, "%s-%d", "text", nArgument);
+                    APP_LOG_FAST(byChannel, byLevel, "%s-%d", "text", nArgument++);
                     AppLogFile(byChannel, byLevel, "to no file\n");
                     AppLog(byChannel, byLevel, nullptr);
                     const bool bSeen =
                         byLevel <= (byChannel == 0 && bySet < 16 ? int{APP_LOG_INFO} : int{bySet});
-                    log.ExpectLines(std::vector<std::string>(bSeen, "text-7"));
-                    EXPECT_EQ(output.End(), bSeen && bViaStdout == 1 ? "text-7" : "");
+                    EXPECT_EQ(nArgument, 7 + bSeen);
+                    log.ExpectLines(std::vector<std::string>(2 * bSeen, "text-7"));
+                    EXPECT_EQ(output.End(), bSeen && bViaStdout == 1 ? "text-7text-7" : "");
                 }
 }
 

@@ -2,8 +2,8 @@
 /**
  * @file appcore.h
  * The whole library, without host.h: what the device and the application provide is the business of
- * the few sources that provide it.  Programs that do not use the XML helpers may include the single
- * headers and need no Mini-XML headers then.
+ * the few sources that provide it; and without log_fast.h, which has its price.  Programs that do
+ * not use the XML helpers may include the single headers and need no Mini-XML headers then.
  */
 #ifndef APPCORE_APPCORE_H
 #define APPCORE_APPCORE_H

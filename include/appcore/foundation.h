@@ -92,7 +92,8 @@ APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
  * Logs a message to the platform's console (QorPrintf()), to standard output when the channel has
  * it on, and, at level 0 only, to the channel's log file.
  *
- * A message that does not pass the threshold costs one comparison.  The text is formatted in 5120
+ * A message that does not pass the threshold costs the call and one comparison; log_fast.h has a
+ * form that costs the comparison only.  The text is formatted in 5120
  * bytes on the caller's stack; a longer one keeps its first 5118 characters and a newline.  No tag,
  * stamp or newline is added.  Failures of the console and of standard output are ignored.  The
  * lines of the library itself that arise while it holds a lock are printed once the lock has been

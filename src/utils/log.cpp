@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include "appcore/host.h"
+#include "appcore/log_fast.h"
 #include "cross_linux/cross_linux.h"
 #include "utils/held_lines.h"
 
@@ -103,6 +104,13 @@ APP_NO_STACK_GUARD void AppLogFile(uint8_t byChannel, uint8_t byLevel, const cha
     va_start(args, szFormat);
     LogText(byChannel, byLevel, true, szFormat, args);
     va_end(args);
+}
+
+// For programs that test the threshold themselves: they read bytes, whatever they are to us.
+const uint8_t *AppGetLogLevels(void)
+{
+    static_assert(sizeof(g_byAppLogLevel) == 256, "a byte for each channel");
+    return reinterpret_cast<const uint8_t *>(g_byAppLogLevel);
 }
 
 uint8_t AppGenerateLogChannel(void)

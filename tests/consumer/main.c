@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 #include "appcore/appcore.h"
+#include "appcore/log_fast.h"
 
 int main(void)
 {
@@ -17,5 +18,6 @@ int main(void)
         return 4;
     AppQueueDestroy(hQueue, NULL, NULL);
     AppMemPoolDestroy(hMemPool);
-    return 0;
+    APP_LOG_FAST(0, APP_LOG_DEBUG, "%d\n", ++nElement); /* off: nothing is counted */
+    return nElement == 42 ? 0 : 5;
 }
