@@ -97,6 +97,24 @@ struct GlibTable {
     GRecMutex tMutex;
 };
 
+struct NaiveList {
+    explicit NaiveList(int nKeys)
+    {
+        for (int i = 0; i < nKeys; ++i)
+            actions.emplace_back(Key(i), Sum);
+    }
+    uint32_t Run(const char *szKey)
+    {
+        std::lock_guard<std::recursive_mutex> guard(mutex);
+        for (const auto &[strKey, pfnAction] : actions)
+            if (strKey == szKey)
+                return pfnAction(1, 2, 3);
+        return 0;
+    }
+    std::vector<std::pair<std::string, Action>> actions;
+    std::recursive_mutex mutex;
+};
+
 template <typename Registry>
 void RunActions(benchmark::State &state, int nKeys)
 {
@@ -116,9 +134,10 @@ void bench::RegisterRows()
         Add(
             strRow, "appcore",
             [=](benchmark::State &state) { RunActions<AppcoreRegistry>(state, nKeys); },
-            nKeys == 10 ? "1.5" : "1.0");
+            nKeys == 1000 ? "1.2" : "1.5");
         Add(strRow, "unordered_map_view",
             [=](benchmark::State &state) { RunActions<StdMap>(state, nKeys); });
         Add(strRow, "glib", [=](benchmark::State &state) { RunActions<GlibTable>(state, nKeys); });
+        Add(strRow, "naive", [=](benchmark::State &state) { RunActions<NaiveList>(state, nKeys); });
     }
 }

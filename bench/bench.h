@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
 // What the benchmarks share.  Each is named <row>/<implementation>: the table puts the
-// implementations of a row side by side.  "appcore" is this library; names that begin with "limit"
-// are shown, but are no peers.  Rows that end with "_1core" are meant for one processor:
-// scripts/bench runs them pinned.
+// implementations of a row side by side.  "appcore" is this library and "naive" the obvious way to
+// do the same; names that begin with "limit" are shown, but are no peers.  scripts/bench runs every
+// row pinned to one processor and free on two.
 #ifndef APPCORE_BENCH_BENCH_H
 #define APPCORE_BENCH_BENCH_H
 
@@ -20,8 +20,9 @@ namespace bench
 // Defined once per program: registers its rows.
 void RegisterRows();
 
-// `strAim`: the ratio to the best peer that the row aims at, for example "1.0", or to one named
-// peer, for example "2.0 of glibc".
+// `strAim`: the ratio to the best peer that the row aims at on one processor, for example "1.2", or
+// to the best of those named, "1.2 of glibc,naive"; "1.2/1.0" on one and on two, "/1.0" on two only.
+// Or a time, "12 ms".
 template <typename Run>
 benchmark::internal::Benchmark *AddManual(const std::string &strRow, const std::string &strName,
                                           Run run, const std::string &strAim = "")
@@ -37,7 +38,7 @@ template <typename Run>
 benchmark::internal::Benchmark *Add(const std::string &strRow, const std::string &strName, Run run,
                                     const std::string &strAim = "")
 {
-    return AddManual(strRow, strName, run, strAim)->UseRealTime();
+    return AddManual(strRow, strName, run, strAim)->UseRealTime()->MeasureProcessCPUTime();
 }
 
 // A set-up step that failed would make every figure after it worthless.

@@ -75,7 +75,7 @@ void AddNumbers()
                          uint32_t bErr;
                          return AppConvertStrtoU32(strText.c_str(), &bErr) + bErr;
                      }),
-               "1.0 of libc");
+               "0.7 of libc");
     bench::Add("conv_s32", "appcore",
                Reads(s_signed,
                      [](const std::string &strText) {
@@ -83,7 +83,7 @@ void AddNumbers()
                          return AppConvertStrtoS32(strText.c_str(), &bErr) +
                                 static_cast<int32_t>(bErr);
                      }),
-               "1.0 of libc");
+               "0.7 of libc");
     const auto charconv = [](auto zero) {
         return [zero](const std::string &strText) {
             auto value = zero;
@@ -121,7 +121,7 @@ void AddAddresses()
                          AppConvertStrtoNet(strText.c_str(), &tAddr);
                          return tAddr.dwIpv4;
                      }),
-               "1.1");
+               "0.8");
     bench::Add("conv_to_addr", "libc", Reads(s_addresses, [](const std::string &strText) {
                    in_addr tAddr;
                    inet_pton(AF_INET, strText.c_str(), &tAddr);
@@ -137,7 +137,7 @@ void AddAddresses()
                    tAddr.dwIpv4 = dw;
                    AppConvertNettoStr(&tAddr, szBuf, static_cast<uint32_t>(nSize));
                }),
-               "0.5");
+               "0.15");
     bench::Add("conv_from_addr", "libc", Writes([](uint32_t dw, char *szBuf, size_t nSize) {
                    const in_addr tAddr{dw};
                    inet_ntop(AF_INET, &tAddr, szBuf, static_cast<socklen_t>(nSize));
@@ -166,7 +166,7 @@ void AddTimes()
                                                    &nZoneMin);
                          return dwTime + dwMs;
                      }),
-               "0.5");
+               "0.3");
     bench::Add("conv_read_time", "libc", Reads(s_times, [](const std::string &strText) {
                    tm tBroken{};
                    char *szRest = strptime(strText.c_str(), "%Y-%m-%dT%H:%M:%S", &tBroken);
@@ -197,7 +197,7 @@ void AddTimes()
                    AppConvertU322XsdDatetime(dw & INT32_MAX, 1, &dwMs, &nZoneMin, szBuf,
                                              static_cast<uint32_t>(nSize));
                }),
-               "0.5");
+               "0.3");
     bench::Add("conv_write_time", "libc", Writes([](uint32_t dw, char *szBuf, size_t nSize) {
                    PrintTime(szBuf, nSize, dw, dw % 1000);
                }));

@@ -4,7 +4,7 @@
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
-#include "appcore/foundation.h"
+#include "appcore/log_fast.h"
 #include "bench.h"
 
 namespace
@@ -31,6 +31,16 @@ void AppcoreDisabled(benchmark::State &state)
     unsigned dwValue = 0;
     for (auto _ : state) {
         AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: value %u of %s\n", __func__, dwValue++, "camera");
+        benchmark::ClobberMemory();
+    }
+}
+
+void AppcoreDisabledMacro(benchmark::State &state)
+{
+    unsigned dwValue = 0;
+    for (auto _ : state) {
+        APP_LOG_FAST(0, APP_LOG_DEBUG, "[DEBUG] %s: value %u of %s\n", __func__, dwValue++,
+                     "camera");
         benchmark::ClobberMemory();
     }
 }
@@ -102,19 +112,59 @@ void SpdlogFile(benchmark::State &state)
     }
 }
 
+int g_nNaiveLevel = APP_LOG_ERROR;
+
+void NaiveDisabled(benchmark::State &state)
+{
+    unsigned dwValue = 0;
+    for (auto _ : state) {
+        if (APP_LOG_DEBUG <= g_nNaiveLevel)
+            printf("[DEBUG] %s: value %u of %s\n", __func__, dwValue++, "camera");
+        benchmark::ClobberMemory();
+    }
+}
+
+void NaiveFile(benchmark::State &state)
+{
+    static const std::string s_strPath = TemporaryPath("naive.log");
+    static FILE *s_ptFile;
+    static std::mutex s_mutex;
+    if (state.thread_index() == 0)
+        bench::Require((s_ptFile = fopen(s_strPath.c_str(), "w")) != nullptr);
+    unsigned dwValue = 0;
+    for (auto _ : state) {
+        const time_t tNow = time(nullptr);
+        tm tBroken;
+        char achStamp[32];
+        strftime(achStamp, sizeof achStamp, "%Y/%m/%d %H:%M:%S", localtime_r(&tNow, &tBroken));
+        std::lock_guard<std::mutex> guard(s_mutex);
+        if (ftell(s_ptFile) > static_cast<long>(kFileLimit))
+            rewind(s_ptFile); // stands for the rotation
+        fprintf(s_ptFile, "[%s ] [INFO ] %s: value %u of %s\n", achStamp, __func__, dwValue++,
+                "camera");
+        fflush(s_ptFile);
+    }
+    if (state.thread_index() == 0) {
+        fclose(s_ptFile);
+        unlink(s_strPath.c_str());
+    }
+}
+
 } // namespace
 
 void bench::RegisterRows()
 {
     Add("log_disabled", "appcore", AppcoreDisabled, "0.2");
     Add("log_disabled", "spdlog", SpdlogDisabled);
-    Add("log_formatted", "appcore", AppcoreFormatted, "1.2");
+    Add("log_disabled", "naive", NaiveDisabled);
+    Add("log_disabled macro", "appcore", AppcoreDisabledMacro);
+    Add("log_disabled macro", "spdlog", SpdlogDisabled);
+    Add("log_formatted", "appcore", AppcoreFormatted, "1.0");
     Add("log_formatted", "spdlog", SpdlogFormatted);
     for (int nThreads : {1, 2}) {
         const std::string strRow = "log_file threads:" + std::to_string(nThreads);
         Add(strRow, "appcore", AppcoreFile, "0.85")->Threads(nThreads);
         Add(strRow, "spdlog", SpdlogFile)->Threads(nThreads);
+        Add(strRow, "naive", NaiveFile)->Threads(nThreads);
     }
-    Add("log_file threads:2_1core", "appcore", AppcoreFile, "0.85")->Threads(2);
-    Add("log_file threads:2_1core", "spdlog", SpdlogFile)->Threads(2);
 }

@@ -3,8 +3,6 @@
 
 #include <array>
 #include <memory_resource>
-#include <mutex>
-#include <vector>
 
 #include "appcore/mempool.h"
 #include "bench.h"
@@ -57,33 +55,37 @@ struct Pmr {
     Resource resource{std::pmr::pool_options{0, 8192}};
 };
 
-// The obvious pool of several threads: stacks of idle blocks by power of two behind a mutex.  No
-// accounts, no limit, no look at what is released.
-struct Naive {
-    ~Naive()
-    {
-        for (const auto &idle : aIdle)
-            for (void *pvBlock : idle)
-                free(pvBlock);
-    }
-    static unsigned ClassOf(uint32_t dwSize) { return 32 - __builtin_clz(dwSize); }
+// A list of free blocks for each power of two.
+template <typename Mutex>
+struct NaivePool {
+    struct Block {
+        Block *ptNext;
+    };
+    static unsigned ClassOf(uint32_t dwSize) { return 32u - __builtin_clz(dwSize - 1); }
     void *Allocate(uint32_t dwSize)
     {
         const unsigned nClass = ClassOf(dwSize);
-        std::lock_guard<std::mutex> guard(mutex);
-        if (aIdle[nClass].empty())
+        std::lock_guard<Mutex> guard(mutex);
+        Block *ptBlock = aptFree[nClass];
+        if (!ptBlock)
             return malloc(size_t{1} << nClass);
-        void *pvBlock = aIdle[nClass].back();
-        aIdle[nClass].pop_back();
-        return pvBlock;
+        aptFree[nClass] = ptBlock->ptNext;
+        return ptBlock;
     }
     void Release(void *pvBlock, uint32_t dwSize)
     {
-        std::lock_guard<std::mutex> guard(mutex);
-        aIdle[ClassOf(dwSize)].push_back(pvBlock);
+        const auto ptBlock = static_cast<Block *>(pvBlock);
+        std::lock_guard<Mutex> guard(mutex);
+        ptBlock->ptNext = aptFree[ClassOf(dwSize)];
+        aptFree[ClassOf(dwSize)] = ptBlock;
     }
-    std::mutex mutex;
-    std::array<std::vector<void *>, 33> aIdle;
+    Mutex mutex;
+    Block *aptFree[33] = {};
+};
+
+struct NoMutex {
+    void lock() {}
+    void unlock() {}
 };
 
 using PmrLocked = Pmr<std::pmr::synchronized_pool_resource>;
@@ -145,28 +147,28 @@ void Mix(benchmark::State &state)
 
 // For one thread at a time the unlocked pools, else the locked ones.
 template <typename Pool>
-void AddUnlocked(const std::string &strName, const char *szAim100 = "", const char *szAimMix = "")
+void AddUnlocked(const std::string &strName, const char *szAim100 = "")
 {
     bench::Add("pool_100 unlocked", strName, AllocateRelease<Pool>, szAim100);
-    bench::Add("pool_mix unlocked", strName, Mix<Pool>, szAimMix);
+    bench::Add("pool_mix unlocked", strName, Mix<Pool>);
 }
 
-struct Aims {
-    const char *szOneThread = "";
-    const char *szTwoThreads = "";
-};
-
 template <typename Pool>
-void AddLocked(const std::string &strName, const Aims &aims100 = {}, const Aims &aimsMix = {})
+void AddLocked(const std::string &strName, bool bOurs = false)
 {
     for (int nThreads : {1, 2}) {
         const std::string strRow = " locked threads:" + std::to_string(nThreads);
-        const auto aim = [=](const Aims &aims) {
-            return nThreads == 1 ? aims.szOneThread : aims.szTwoThreads;
-        };
-        bench::Add("pool_100" + strRow, strName, AllocateRelease<Pool>, aim(aims100))
+        const bool bAlone = nThreads == 1;
+        bench::Add("pool_100" + strRow, strName, AllocateRelease<Pool>,
+                   !bOurs   ? ""
+                   : bAlone ? "1.5 of glibc"
+                            : "/0.9 of naive")
             ->Threads(nThreads);
-        bench::Add("pool_mix" + strRow, strName, Mix<Pool>, aim(aimsMix))->Threads(nThreads);
+        bench::Add("pool_mix" + strRow, strName, Mix<Pool>,
+                   !bOurs   ? ""
+                   : bAlone ? "0.6 of glibc"
+                            : "/1.5 of glibc")
+            ->Threads(nThreads);
     }
 }
 
@@ -174,19 +176,19 @@ void AddLocked(const std::string &strName, const Aims &aims100 = {}, const Aims 
 
 void bench::RegisterRows()
 {
-    AddUnlocked<AppcorePool<0>>("appcore", "1.2 of glibc", "0.6 of glibc");
+    AddUnlocked<AppcorePool<0>>("appcore", "1.2 of glibc");
     AddUnlocked<Glibc>("glibc");
     AddUnlocked<Mimalloc>("mimalloc");
     AddUnlocked<PmrUnlocked>("pmr_unlocked");
 
-    AddLocked<AppcorePool<1>>("appcore", {"1.5 of glibc", "0.9 of naive"},
-                              {"0.6 of glibc", "1.5 of glibc"});
-    AddLocked<Naive>("naive");
+    AddLocked<AppcorePool<1>>("appcore", true);
     AddLocked<Glibc>("glibc");
     AddLocked<Mimalloc>("mimalloc");
     AddLocked<PmrLocked>("pmr");
+    AddUnlocked<NaivePool<NoMutex>>("naive");
+    AddLocked<NaivePool<std::mutex>>("naive");
 
-    Add("pool_100 heap", "appcore", AllocateRelease<AppcoreHeap>, "2.0 of glibc");
+    Add("pool_100 heap", "appcore", AllocateRelease<AppcoreHeap>);
     Add("pool_100 heap", "glibc", AllocateRelease<Glibc>);
     Add("pool_100 heap", "mimalloc", AllocateRelease<Mimalloc>);
 }

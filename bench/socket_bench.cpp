@@ -357,7 +357,7 @@ template <typename Udp>
 void AddUdp(const std::string &strName, bool bOurs = false)
 {
     bench::Add("udp_self", strName, SendToSelf<Udp>, bOurs ? "1.1" : "");
-    bench::Add("udp_echo_1core", strName, Echo<Udp>, bOurs ? "1.1" : "");
+    bench::Add("udp_echo", strName, Echo<Udp>, bOurs ? "1.1" : "");
 }
 
 } // namespace
@@ -371,8 +371,8 @@ void bench::RegisterRows()
     AddUdp<TimedOptionUdp>("rcvtimeo");
     AddUdp<GlibUdp>("glib");
     AddUdp<AprUdp>("apr");
-    Add("tcp_connect_1core", "appcore", ConnectClose<AppcoreTcp>, "1.0");
-    Add("tcp_connect_1core", "poll", ConnectClose<PollTcp>);
-    Add("tcp_connect_1core", "glib", ConnectClose<GlibTcp>);
-    Add("tcp_connect_1core", "apr", ConnectClose<AprTcp>);
+    Add("tcp_connect", "appcore", ConnectClose<AppcoreTcp>, "1.1");
+    Add("tcp_connect", "poll", ConnectClose<PollTcp>);
+    Add("tcp_connect", "glib", ConnectClose<GlibTcp>);
+    Add("tcp_connect", "apr", ConnectClose<AprTcp>);
 }

@@ -1,70 +1,102 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Turns the JSON files of benchmark programs into one table: row, ours, each peer, ratio, aim.
+"""Turns the JSON files of benchmark programs into two tables: one processor and two.
 
-Benchmarks are named <row>/<implementation>; figures are the medians of their repetitions, per
-operation.  The ratio is ours to the best peer, or to the best of those that the aim names.
+Arguments: files named one-PROGRAM.json and two-PROGRAM.json.  Benchmarks are named
+<row>/<implementation>; figures are the medians of their repetitions, wall time per operation.
+"process" is what the whole process used of the processors meanwhile.  The ratio is ours to the best
+peer, or to the best of those that the aim names.
 """
 import json
+import os
 import re
 import sys
 
 OURS = "appcore"
+NAIVE = "naive"
+TITLES = {"one": "One core", "two": "Two cores"}
+UNITS = {"ns": 1, "us": 1e3, "µs": 1e3, "ms": 1e6, "s": 1e9}
 
 
 def read(paths):
     rows = {}
-    for number, path in enumerate(paths):
+    for path in paths:
         with open(path, encoding="utf-8") as file:
             runs = json.load(file)["benchmarks"]
-        single = all(run["run_type"] != "aggregate" for run in runs)
         for run in runs:
-            if run.get("aggregate_name") == "median" or single:
-                row, name = run["name"].split("/")[:2]
-                order = (number, run.get("family_index", 0))
-                row = rows.setdefault(row, {"times": {}, "aim": "", "order": order})
+            if run.get("aggregate_name") == "median" or run.get("repetitions", 1) == 1:
+                name, implementation = run["name"].split("/")[:2]
+                order = (path, run.get("family_index", 0))
+                row = rows.setdefault(name, {"times": {}, "aim": "", "process": None, "order": order})
                 row["order"] = min(row["order"], order)
-                row["times"][re.sub(r"_median$", "", name)] = nanoseconds(run)
-                row["aim"] = run.get("label") or row["aim"]
-    return rows
+                implementation = re.sub(r"_median$", "", implementation)
+                row["times"][implementation], process = nanoseconds(run)
+                if implementation == OURS:
+                    row["aim"], row["process"] = run.get("label", ""), process
+    return dict(sorted(rows.items(), key=lambda item: item[1]["order"]))
 
 
 def nanoseconds(run):
-    if "items_per_second" in run:
-        return 1e9 / run["items_per_second"]
-    return run["real_time"] * {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[run["time_unit"]]
+    """Wall and process time of one operation; the latter only where the clock is not the row's own."""
+    unit = UNITS[run["time_unit"]]
+    wall = 1e9 / run["items_per_second"] if "items_per_second" in run else run["real_time"] * unit
+    if "process_time" not in run["name"]:
+        return wall, None
+    return wall, wall * run["cpu_time"] / run["real_time"]
 
 
 def show(time):
+    if time is None:
+        return "–"
     for limit, factor, unit in ((1e3, 1, "ns"), (1e6, 1e3, "µs"), (1e9, 1e6, "ms")):
         if time < limit:
             return f"{time / factor:.3g} {unit}"
     return f"{time / 1e9:.3g} s"
 
 
-def judge(row):
-    """The ratio and whether it misses the aim."""
-    times = {name: time for name, time in row["times"].items() if not name.startswith("limit")}
-    ours = times.pop(OURS, None)
-    aim, _, names = row["aim"].partition(" of ")
-    if names:
-        times = {name: time for name, time in times.items() if name in names.split(",")}
-    if ours is None or not times:
-        return "–", row["aim"]
-    ratio = ours / min(times.values())
-    missed = " (missed)" if aim and ratio > float(aim) * 1.005 else ""
-    return f"{ratio:.2f}", (row["aim"] + missed) or "–"
+def is_peer(name):
+    return name not in (OURS, NAIVE) and not name.startswith("limit")
+
+
+def judge(row, cores):
+    """The ratio, and the aim with a word when it is missed."""
+    times = row["times"]
+    ours = times.get(OURS)
+    absolute = re.fullmatch(r"([\d.]+) (\w+)", row["aim"])
+    if absolute:
+        missed = ours > float(absolute[1]) * UNITS[absolute[2]]
+        return "–", row["aim"] + " (missed)" * missed
+    aims, _, names = row["aim"].partition(" of ")
+    aim = (aims.split("/") + [""])[list(TITLES).index(cores)]
+    chosen = names.split(",") if aim and names else filter(is_peer, times)
+    best = min((times[name] for name in chosen if name in times), default=None)
+    if ours is None or best is None:
+        return "–", aim or "–"
+    ratio = ours / best
+    missed = " (missed)" * (bool(aim) and ratio > float(aim) * 1.005)
+    of_names = " of " + names if aim and names else ""
+    return f"{ratio:.2f}", (aim + of_names + missed) or "–"
+
+
+def print_table(rows, cores):
+    print(f"\n## {TITLES[cores]}\n")
+    print("| operation | ours | process | best peer | ratio | aim | naive | others |")
+    print("|---|---|---|---|---|---|---|---|")
+    for name, row in rows.items():
+        times = row["times"]
+        peers = sorted((time, peer) for peer, time in times.items() if is_peer(peer))
+        listed = [f"{peer} {show(time)}" for time, peer in peers] or ["–"]
+        listed += [f"{peer} {show(time)}" for peer, time in times.items() if peer.startswith("limit")]
+        ratio, aim = judge(row, cores)
+        print(f"| {name} | {show(times.get(OURS))} | {show(row['process'])} | {listed[0]} | {ratio} | {aim} "
+              f"| {show(times.get(NAIVE))} | {', '.join(listed[1:]) or '–'} |")
 
 
 def main():
-    rows = read(sys.argv[1:])
-    print("| operation | ours | peers | ratio | aim |\n|---|---|---|---|---|")
-    for name, row in sorted(rows.items(), key=lambda item: item[1]["order"]):
-        peers = sorted((time, peer) for peer, time in row["times"].items() if peer != OURS)
-        listed = ", ".join(f"{peer} {show(time)}" for time, peer in peers)
-        ours = show(row["times"][OURS]) if OURS in row["times"] else "–"
-        ratio, aim = judge(row)
-        print(f"| {name} | {ours} | {listed} | {ratio} | {aim} |")
+    for cores in TITLES:
+        paths = [path for path in sys.argv[1:] if os.path.basename(path).startswith(cores + "-")]
+        if paths:
+            print_table(read(paths), cores)
 
 
 if __name__ == "__main__":

@@ -205,10 +205,9 @@ void AddWorker(const std::string &strName, bool bOurs = false)
     for (int nSenders : {1, 4}) {
         const std::string strRow = "event_throughput senders:" + std::to_string(nSenders);
         const auto run = [=](benchmark::State &state) { Throughput<Worker>(state, nSenders); };
-        bench::Add(strRow, strName, run, bOurs ? "1.0 of asio" : "");
-        bench::Add(strRow + "_1core", strName, run, bOurs ? "1.0 of asio" : "");
+        bench::Add(strRow, strName, run, bOurs ? "1.0/0.5 of asio" : "");
     }
-    bench::Add("event_roundtrip_1core", strName, RoundTrip<Worker>, bOurs ? "1.0" : "");
+    bench::Add("event_roundtrip", strName, RoundTrip<Worker>, bOurs ? "1.15" : "");
 }
 
 } // namespace
@@ -221,12 +220,13 @@ void bench::RegisterRows()
     AddWorker<GlibContextWorker>("glib_main_context");
     AddWorker<UvWorker>("libuv");
     AddWorker<AsioWorker>("asio");
+    AddWorker<NaiveWorker>("naive");
 
-    Add("task_reused_1core", "appcore", TaskReused, "1.0");
-    Add("task_reused_1core", "asio_pool", AsioPool);
-    Add("task_reused_1core", "glib_pool", GlibPool);
-    Add("task_new_1core", "appcore", TaskNew, "1.0");
-    Add("task_new_1core", "std_thread", StdThread);
-    Add("task_new_1core", "glib_thread", GlibThread);
-    Add("task_new_1core", "apr_thread", AprThread);
+    Add("task_reused", "appcore", TaskReused, "1.5");
+    Add("task_reused", "asio_pool", AsioPool);
+    Add("task_reused", "glib_pool", GlibPool);
+    Add("task_new", "appcore", TaskNew, "1.5");
+    Add("task_new", "std_thread", StdThread);
+    Add("task_new", "glib_thread", GlibThread);
+    Add("task_new", "apr_thread", AprThread);
 }

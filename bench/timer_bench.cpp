@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include <algorithm>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <deque>
-#include <utility>
+#include <map>
 
 #include "workers.h"
 
@@ -197,6 +198,49 @@ struct GlibTimers {
     GMainContext *ptContext;
 };
 
+// A sorted tree behind a mutex.
+struct NaiveTimers {
+    using Timer = std::pair<void (*)(void *), void *>;
+    using Tree = std::multimap<Clock::time_point, Timer>;
+    Tree::iterator Set(uint32_t dwTimeout, void (*pfnCall)(void *), void *pvContext)
+    {
+        const auto due = Clock::now() + std::chrono::milliseconds(dwTimeout);
+        std::lock_guard<std::mutex> guard(mutex);
+        return tree.emplace(due, Timer{pfnCall, pvContext});
+    }
+    static void Ignore(void *) {}
+    static void Count(void *pvMissing) { --*static_cast<int *>(pvMissing); }
+    void Fill(int nRunning)
+    {
+        for (int i = 0; i < nRunning; ++i)
+            Set(FarTimeout(i), Ignore, nullptr);
+    }
+    void SetCancel(int i)
+    {
+        const auto timer = Set(FarTimeout(i), Ignore, nullptr);
+        std::lock_guard<std::mutex> guard(mutex);
+        tree.erase(timer);
+    }
+    double Expire()
+    {
+        int nMissing = kDue;
+        for (int i = 0; i < kDue; ++i)
+            Set(0, Count, &nMissing);
+        const auto start = Clock::now();
+        std::unique_lock<std::mutex> guard(mutex);
+        while (!tree.empty() && tree.begin()->first <= start) {
+            const Timer timer = tree.extract(tree.begin()).mapped();
+            guard.unlock();
+            timer.first(timer.second);
+            guard.lock();
+        }
+        bench::Require(nMissing == 0);
+        return std::chrono::duration<double>(Clock::now() - start).count();
+    }
+    std::mutex mutex;
+    Tree tree;
+};
+
 template <typename Timers>
 void SetCancel(benchmark::State &state, int nRunning)
 {
@@ -220,19 +264,84 @@ void Expire(benchmark::State &state, int nRunning)
 template <typename Timers>
 void AddTimers(const std::string &strName, bool bOurs = false)
 {
-    const std::pair<int, const char *> apRows[] = {
-        {10, ""}, {100, "1.0"}, {1000, "0.9"}, {10000, "0.5"}};
-    for (const auto &[nRunning, szAim] : apRows)
+    for (int nRunning : {10, 100, 1000, 10000})
         bench::Add(
             "timer_set_cancel running:" + std::to_string(nRunning), strName,
-            [nRunning = nRunning](benchmark::State &state) { SetCancel<Timers>(state, nRunning); },
-            bOurs ? szAim : "");
+            [=](benchmark::State &state) { SetCancel<Timers>(state, nRunning); },
+            !bOurs || nRunning < 100 ? ""
+            : nRunning == 100        ? "1.0"
+            : nRunning == 1000       ? "0.9"
+                                     : "0.5");
     for (int nRunning : {0, 10000})
         bench::AddManual(
             "timer_expire_1000 running:" + std::to_string(nRunning), strName,
             [=](benchmark::State &state) { Expire<Timers>(state, nRunning); },
             bOurs && nRunning > 0 ? "0.3" : "")
             ->UseManualTime();
+}
+
+// ---- Lateness ---------------------------------------------------------------------------------
+
+// Timers set by another thread while their task sleeps: how much later than asked they expire.
+constexpr int kTasks = 50; // each has one timer at a time
+constexpr int kRounds = 20;
+constexpr auto kLimit = std::chrono::seconds(4); // no further round: late timers would take minutes
+
+struct LateTimer {
+    static uint32_t Expire(HAppTask, uint32_t, void *, void *pvSelf)
+    {
+        const auto self = static_cast<LateTimer *>(pvSelf);
+        self->late = std::chrono::duration<double>(Clock::now() - self->due).count();
+        self->ptAll->Arrive();
+        return 0;
+    }
+    Clock::time_point due;
+    double late;
+    bench::Arrivals *ptAll;
+};
+
+// Sorted, in seconds.
+std::vector<double> MeasureLateness()
+{
+    std::vector<double> all;
+    std::vector<LateTimer> timers(kTasks);
+    std::vector<HAppTask> tasks(kTasks);
+    HAppTaskMgr hTaskMgr;
+    bench::Require(AppTaskMgrCreate(nullptr, kTasks, 0, &hTaskMgr) == APP_OK);
+    for (HAppTask &hTask : tasks)
+        bench::Require(AppTaskMgrNewTask(hTaskMgr, "late", 0, 65536, 0, 0, IgnoreTimer, nullptr,
+                                         &hTask) == APP_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // past the tasks' first wake-up
+    const auto start = Clock::now();
+    for (int nRound = 0; nRound < kRounds && Clock::now() - start < kLimit; ++nRound) {
+        bench::Arrivals arrivals(kTasks);
+        for (size_t i = 0; i < timers.size(); ++i) {
+            const uint32_t dwTimeout = 50 + static_cast<uint32_t>(i) * 37 % 100;
+            timers[i].due = Clock::now() + std::chrono::milliseconds(dwTimeout);
+            timers[i].ptAll = &arrivals;
+            bench::Require(AppTaskSetTimer(tasks[i], dwTimeout, LateTimer::Expire, &timers[i]));
+        }
+        arrivals.Wait();
+        for (const LateTimer &timer : timers)
+            all.push_back(timer.late);
+    }
+    AppTaskMgrDestroy(hTaskMgr);
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+// One measurement for all its rows.
+void AddLateness(const std::string &strName, double part, const std::string &strAim)
+{
+    const auto run = [part](benchmark::State &state) {
+        static const std::vector<double> s_late = MeasureLateness();
+        for (auto _ : state)
+            state.SetIterationTime(s_late[static_cast<size_t>(part * (s_late.size() - 1))]);
+    };
+    bench::AddManual("timer_lateness " + strName, "appcore", run, strAim)
+        ->UseManualTime()
+        ->Iterations(1)
+        ->Repetitions(1);
 }
 
 } // namespace
@@ -243,4 +352,7 @@ void bench::RegisterRows()
     AddTimers<UvTimers>("libuv");
     AddTimers<AsioTimers>("asio");
     AddTimers<GlibTimers>("glib");
+    AddTimers<NaiveTimers>("naive");
+    AddLateness("median", 0.5, "12 ms");
+    AddLateness("99 %", 0.99, "25 ms");
 }

@@ -9,6 +9,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <deque>
 #include <thread>
 #include <vector>
 
@@ -147,6 +148,45 @@ private:
     std::mutex m_mutex;
     std::vector<Job *> m_jobs;
     std::vector<Job *> m_batch;
+    std::thread m_thread;
+};
+
+// A queue behind a mutex and a condition variable.
+class NaiveWorker
+{
+public:
+    NaiveWorker() : m_thread([this] { Serve(); }) {}
+    ~NaiveWorker()
+    {
+        Post(nullptr);
+        m_thread.join();
+    }
+    void Post(Job *ptJob)
+    {
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_jobs.push_back(ptJob);
+        }
+        m_filled.notify_one();
+    }
+
+private:
+    Job *Take()
+    {
+        std::unique_lock<std::mutex> guard(m_mutex);
+        m_filled.wait(guard, [this] { return !m_jobs.empty(); });
+        Job *ptJob = m_jobs.front();
+        m_jobs.pop_front();
+        return ptJob;
+    }
+    void Serve()
+    {
+        while (Job *ptJob = Take())
+            ptJob->Run();
+    }
+    std::mutex m_mutex;
+    std::condition_variable m_filled;
+    std::deque<Job *> m_jobs;
     std::thread m_thread;
 };
 
