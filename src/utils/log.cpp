@@ -60,7 +60,7 @@ void WriteToFile(uint8_t byChannel, uint8_t byLevel, const char *szText)
                                const char *szFormat, va_list args) APP_PRINTF(4, 0);
 void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szFormat, va_list args)
 {
-    if (byLevel == APP_LOG_ERROR && app::t_tHeldLines.bNoErrors)
+    if (!szFormat || (byLevel == APP_LOG_ERROR && app::t_tHeldLines.bNoErrors))
         return;
     char achText[kTextSize];
     FormatText(achText, szFormat, args);
@@ -88,7 +88,7 @@ void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const ch
 
 APP_NO_STACK_GUARD void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {
-    if (!Passes(byChannel, byLevel) || !szFormat)
+    if (!Passes(byChannel, byLevel))
         return;
     va_list args;
     va_start(args, szFormat);
@@ -98,7 +98,7 @@ APP_NO_STACK_GUARD void AppLog(uint8_t byChannel, uint8_t byLevel, const char *s
 
 APP_NO_STACK_GUARD void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {
-    if (!Passes(byChannel, byLevel) || !szFormat)
+    if (!Passes(byChannel, byLevel))
         return;
     va_list args;
     va_start(args, szFormat);
