@@ -197,6 +197,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
     CheckAppending(first.value_or(""), second, dwSize);
     CheckMemory(first.value_or("") + '\0', second.value_or("") + '\0');
     CheckHash(first);
+    CheckHash(first.value_or("") + second.value_or("") + first.value_or("") + second.value_or(""));
     CheckFormats(first.value_or(""), dwNumber, dwSize);
     CheckDump(std::string(pbyData, pbyData + std::min<size_t>(nSize, 40)),
               parts.Byte() + parts.Byte() % 2 * 256u);
