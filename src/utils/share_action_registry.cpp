@@ -20,7 +20,7 @@ namespace
 {
 
 constexpr unsigned kSlotBits = 10;
-constexpr unsigned kWords = APP_SHARE_ACTION_KEY_SIZE / 8;
+constexpr size_t kWords = APP_SHARE_ACTION_KEY_SIZE / 8;
 
 // Chains of entries.  Written under the list's lock, with release once an entry is complete, and
 // read with acquire and no lock: entries are never removed.
@@ -101,7 +101,7 @@ bool LoadKey(const char *szText, TKey *ptKey)
     const uint32_t dwLen = AppStrlen(szText);
     if (dwLen >= APP_SHARE_ACTION_KEY_SIZE)
         return false;
-    for (uint32_t i = 0; i < kWords; ++i)
+    for (size_t i = 0; i < kWords; ++i)
         ptKey->aqwWord[i] = (i + 1) * 8 <= dwLen ? LoadWord(szText + i * 8) : 0;
     if (dwLen % 8 != 0)
         ptKey->aqwWord[dwLen / 8] = LoadTail(szText, dwLen);
@@ -116,7 +116,7 @@ std::atomic<TAppShareAction *> &SlotOf(const TKey &key)
                                             0xD6E8FEB86659FD93, 0xA0761D6478BD642F};
     static_assert(sizeof(kFactors) == sizeof(TKey), "one for each word");
     uint64_t qwSum = 0;
-    for (uint32_t i = 0; i < kWords; ++i)
+    for (size_t i = 0; i < kWords; ++i)
         qwSum += key.aqwWord[i] * kFactors[i];
     return s_aptIndex[qwSum >> (64 - kSlotBits)];
 }
@@ -124,7 +124,7 @@ std::atomic<TAppShareAction *> &SlotOf(const TKey &key)
 bool HasKey(const TAppShareAction &entry, const TKey &key)
 {
     uint64_t qwDifference = 0;
-    for (uint32_t i = 0; i < kWords; ++i)
+    for (size_t i = 0; i < kWords; ++i)
         qwDifference |= LoadWord(entry.achKey + i * 8) ^ key.aqwWord[i];
     return qwDifference == 0;
 }
