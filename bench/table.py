@@ -4,8 +4,8 @@
 
 Arguments: files named one-PROGRAM.json and two-PROGRAM.json.  Benchmarks are named
 <row>/<implementation>; figures are the medians of their repetitions, wall time per operation.
-"process" is what the whole process used of the processors meanwhile.  The ratio is ours to the best
-peer, or to the best of those that the aim names.
+"process" is what the whole process used of the processors meanwhile, which other work on the machine
+disturbs less.  A ratio is ours to the best peer, or to the best of those that the aim names.
 """
 import json
 import os
@@ -27,12 +27,13 @@ def read(paths):
             if run.get("aggregate_name") == "median" or run.get("repetitions", 1) == 1:
                 name, implementation = run["name"].split("/")[:2]
                 order = (path, run.get("family_index", 0))
-                row = rows.setdefault(name, {"times": {}, "aim": "", "process": None, "order": order})
+                row = rows.setdefault(name, {"times": {}, "process": {}, "aim": "", "order": order})
                 row["order"] = min(row["order"], order)
                 implementation = re.sub(r"_median$", "", implementation)
                 row["times"][implementation], process = nanoseconds(run)
-                if implementation == OURS:
-                    row["aim"], row["process"] = run.get("label", ""), process
+                if process is not None:
+                    row["process"][implementation] = process
+                row["aim"] = run.get("label") or row["aim"]
     return dict(sorted(rows.items(), key=lambda item: item[1]["order"]))
 
 
@@ -58,38 +59,42 @@ def is_peer(name):
     return name not in (OURS, NAIVE) and not name.startswith("limit")
 
 
+def ratio_to(names, times):
+    """Ours to the best of those named, or of all peers."""
+    chosen = [name for name in times if (name in names if names else is_peer(name))]
+    return times[OURS] / min(times[name] for name in chosen) if OURS in times and chosen else None
+
+
 def judge(row, cores):
-    """The ratio, and the aim with a word when it is missed."""
-    times = row["times"]
-    ours = times.get(OURS)
-    absolute = re.fullmatch(r"([\d.]+) (\w+)", row["aim"])
-    if absolute:
-        missed = ours > float(absolute[1]) * UNITS[absolute[2]]
-        return "–", row["aim"] + " (missed)" * missed
-    aims, _, names = row["aim"].partition(" of ")
-    aim = (aims.split("/") + [""])[list(TITLES).index(cores)]
-    chosen = names.split(",") if aim and names else filter(is_peer, times)
-    best = min((times[name] for name in chosen if name in times), default=None)
-    if ours is None or best is None:
-        return "–", aim or "–"
-    ratio = ours / best
-    missed = " (missed)" * (bool(aim) and ratio > float(aim) * 1.005)
-    of_names = " of " + names if aim and names else ""
-    return f"{ratio:.2f}", (aim + of_names + missed) or "–"
+    """The ratios of wall and process time, and the aim with a word when it is missed."""
+    aim, _, names = row["aim"].partition(" of ")
+    names = names.split(",") if names else []
+    if re.fullmatch(r"[\d.]+ \w+", aim):
+        limit, unit = aim.split()
+        missed = row["times"][OURS] > float(limit) * UNITS[unit]
+        return None, None, aim + " (missed)" * missed
+    aim = (aim.split("/") + [""])[list(TITLES).index(cores)]
+    if not aim:
+        names = []
+    ratios = [ratio_to(names, row[which]) for which in ("times", "process")]
+    missed = " (missed)" * bool(aim and ratios[0] and ratios[0] > float(aim) * 1.005)
+    return *ratios, aim + (" of " + ", ".join(names)) * bool(names) + missed
 
 
 def print_table(rows, cores):
     print(f"\n## {TITLES[cores]}\n")
-    print("| operation | ours | process | best peer | ratio | aim | naive | others |")
-    print("|---|---|---|---|---|---|---|---|")
+    print("| operation | ours | best peer | ratio | aim | process | ratio | naive | others |")
+    print("|---|---|---|---|---|---|---|---|---|")
     for name, row in rows.items():
         times = row["times"]
         peers = sorted((time, peer) for peer, time in times.items() if is_peer(peer))
         listed = [f"{peer} {show(time)}" for time, peer in peers] or ["–"]
         listed += [f"{peer} {show(time)}" for peer, time in times.items() if peer.startswith("limit")]
-        ratio, aim = judge(row, cores)
-        print(f"| {name} | {show(times.get(OURS))} | {show(row['process'])} | {listed[0]} | {ratio} | {aim} "
-              f"| {show(times.get(NAIVE))} | {', '.join(listed[1:]) or '–'} |")
+        wall, process, aim = judge(row, cores)
+        cells = [name, show(times.get(OURS)), listed[0], f"{wall:.2f}" if wall else "–", aim or "–",
+                 show(row["process"].get(OURS)), f"{process:.2f}" if process else "–", show(times.get(NAIVE)),
+                 ", ".join(listed[1:]) or "–"]
+        print(f"| {' | '.join(cells)} |")
 
 
 def main():

@@ -69,6 +69,10 @@ TEST(ShareAction, ServesManyThreads)
     });
     EXPECT_CODE(APP_OK, AppRegisterShareAction(keys[1].c_str(), Nest)); // the first one stays
     EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction(std::string(32, 'k').c_str(), 0, 0, 0, nullptr));
+    uint32_t bBlock = 0;
+    EXPECT_EQ(_AppFindShareAction(g_hAppShareActionList.load(), keys[2].c_str(), &bBlock), Add);
+    EXPECT_EQ(bBlock, 1u);
+    EXPECT_EQ(_AppFindShareAction(nullptr, keys[2].c_str(), nullptr), nullptr);
     EXPECT_CODE(APP_OK, AppRunShareAction(keys[1].c_str(), 2, 3, 0, nullptr));
     std::string expected =
         "Last called action: key 413285 result 5\n" + std::string(40, '=') + "\n";
