@@ -21,6 +21,7 @@ TEST(Release, SurvivesSecondReleasesAndDamage)
     for (int i = 0; i < 5; ++i)
         AppMemPoolFree(pvFirst);
     EXPECT_EQ(hPool->dwCurSize, 0u);
+    EXPECT_EQ(app::ReadEngine(hPool->ptImpl).dwOnWorkCount, 1u); // the other one
     AppMemPoolFree(pvOther);
     void *pvThird = AppMemPoolMalloc(hPool, 100), *pvFourth = AppMemPoolMalloc(hPool, 100);
     EXPECT_TRUE(pvThird && pvFourth && pvThird != pvFourth);
