@@ -112,7 +112,7 @@ bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait)
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
     if (RunsOn(ptTask))
         return true;
-    app::LockGuard guard(ptTask);
+    app::FastLockGuard guard(ptTask);
     *pdwWait = Announce(ptTask, _AppTimerMgrRun(ptTask->ptTimerMgr));
     return true;
 }

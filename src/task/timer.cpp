@@ -45,7 +45,7 @@ HAppTimer AppTaskSetTimer(HAppTask hTask, uint32_t dwTimeout, PFAppTaskHandler p
     HAppTimer hTimer = nullptr;
     bool bWake;
     {
-        app::LockGuard guard(hTask);
+        app::FastLockGuard guard(hTask);
         if (!AdmitsTimers(hTask, __func__))
             return nullptr;
         const uint32_t dwResult =
@@ -82,7 +82,7 @@ void AppTaskCancelTimer(HAppTimer hTimer)
     if (!ptTask)
         return;
     {
-        app::LockGuard guard(ptTask);
+        app::FastLockGuard guard(ptTask);
         if (!AdmitsTimers(ptTask, __func__))
             return;
         // The handler runs without the lock: meanwhile the task may go idle and end, and its

@@ -53,7 +53,11 @@ public:
     LinesAtOnce &operator=(const LinesAtOnce &) = delete;
 
     // Prints what has been kept so far; no lock is held now.
-    void PrintHeld() { PrintLines(m_tHeld); }
+    void PrintHeld()
+    {
+        if (m_tHeld.ptFirst)
+            PrintLines(m_tHeld);
+    }
 
 private:
     THeldLines m_tHeld;

@@ -46,7 +46,7 @@ protected:
 #ifdef APPCORE_CHECKS
         m_held.Enter(hLock, dwRank, dwTimeout);
 #endif
-        if (_AppLockTakeByTime(hLock, dwTimeout) != APP_OK) {
+        if (TakeInLine(hLock, dwTimeout) != APP_OK) {
             Forget();
             return false;
         }
@@ -105,7 +105,7 @@ using LockGuard = ScopedLock<false>;
 // Where a call counts: some 80 bytes of code each.
 using FastLockGuard = ScopedLock<true>;
 
-// Holds a record's lock until its scope ends, if it was to be had in time.
+// Holds a record's lock until its scope ends, if it was to be had in time.  In line, as senders are.
 class APP_SCOPED_CAPABILITY [[nodiscard]] TimedLockGuard : LockHolder
 {
 public:
@@ -114,7 +114,7 @@ public:
         : m_hWanted(ptRecord->hLock), m_dwRank(RankOf(ptRecord))
     {
     }
-    ~TimedLockGuard() APP_RELEASE() { Give<false>(); }
+    ~TimedLockGuard() APP_RELEASE() { Give<true>(); }
 
     bool TakeByTime(uint32_t dwTimeout) APP_TRY_ACQUIRE(true)
     {
@@ -134,10 +134,10 @@ public:
     template <typename Record>
     explicit WithoutLock(Record *ptRecord) APP_RELEASE(ptRecord->hLock) : m_hLock(ptRecord->hLock)
     {
-        _AppLockGive(m_hLock);
+        GiveInLine(m_hLock);
         m_lines.PrintHeld();
     }
-    ~WithoutLock() APP_RELEASE() { _AppLockTakeByTime(m_hLock, 0); }
+    ~WithoutLock() APP_RELEASE() { TakeInLine(m_hLock, 0); }
     WithoutLock(const WithoutLock &) = delete;
     WithoutLock &operator=(const WithoutLock &) = delete;
 

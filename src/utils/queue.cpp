@@ -160,7 +160,7 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
     bool bSleep = false;
     void *pvRelease;
     {
-        app::LockGuard guard(hQueue);
+        app::FastLockGuard guard(hQueue);
         if (hQueue->dwCurSize > hQueue->dwPromised) {
             ptBack = TakeHead(hQueue, ptBack, ppvElement);
         } else {
@@ -295,7 +295,7 @@ uint32_t app::QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t n
 uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
                          bool *pbWake)
 {
-    LockGuard guard(hQueue);
+    FastLockGuard guard(hQueue);
     const uint32_t dwResult = QueuePlaceRecord(hQueue, pvData, nPriority, bForce, pbWake);
     if (dwResult != kQueueNoMemory)
         return dwResult;
