@@ -92,8 +92,8 @@ inline WakeIfAsked(t) {
     if :: atomic { wake -> Wake(t); wake = false } :: !wake fi
 }
 
-/* app::QueueInterrupt */
-inline Interrupt(t) {
+/* app::QueueInterrupt, in its two steps */
+inline PlaceInterrupt(t) {
     atomic {
         Touch(t);
         if
@@ -101,8 +101,8 @@ inline Interrupt(t) {
         :: else -> task[t].interrupted = true
         fi
     }
-    WakeIfAsked(t)
 }
+inline Interrupt(t) { PlaceInterrupt(t); WakeIfAsked(t) }
 
 inline Unlink(t) {
     if
@@ -262,7 +262,7 @@ inline Reuse(t) {
         if
         :: atomic { task[t].owner = true; task[t].list = ACTIVE; task[t].known = true;
                     task[t].stale = true; task[t].state = RUNNING; task[t].refresh = true }
-            Interrupt(t)
+            PlaceInterrupt(t)
         :: atomic { task[t].list = NOWHERE; failed = t } /* more events wait than it allows */
         fi
     :: task[t].state != IDLE
@@ -298,6 +298,7 @@ inline NewTask() {
         if :: failed != NOBODY -> leaving++; Request(failed, end) :: else fi
     fi;
     atomic { UnlockManager() }
+    if :: found != NOBODY -> WakeIfAsked(found) :: else fi;
     if
     :: failed != NOBODY ->
         atomic { task[failed].exit -> Touch(failed); task[failed].exit = false }

@@ -91,7 +91,8 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
 
 // With the task's lock.  The state is IDLE until the new owner's handler is in place.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
-                            uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext)
+                            uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext,
+                            bool *pbWake)
 {
     // First, since it is the one step that may be refused.
     const uint32_t dwResult = _AppQueueChangeMaxSize(ptTask->hEventQueue, dwMaxEvent);
@@ -116,6 +117,6 @@ uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t d
     }
     // Until the thread has served this it sends the task neither idle nor to its end: the new
     // owner's idle time-out runs from there.
-    app::QueueInterrupt(ptTask->hEventQueue);
+    *pbWake = app::QueuePlaceInterrupt(ptTask->hEventQueue);
     return APP_OK;
 }

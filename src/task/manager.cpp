@@ -13,6 +13,7 @@
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
 #include "utils/log.h"
+#include "utils/queue.h"
 
 namespace
 {
@@ -27,6 +28,13 @@ struct TWanted {
     uint32_t dwIdleTimeout;
     PFAppTaskHandler pfnHandler;
     void *pvContext;
+};
+
+// What comes of it.
+struct TProvided {
+    TAppTask *ptTask;   // null when there is none
+    TAppTask *ptFailed; // one whose thread runs, and that must be disposed of
+    bool bWake;         // the thread of the reused one has to be woken, after the locks
 };
 
 // The lists have changed.
@@ -81,47 +89,42 @@ uint32_t CheckAdmission(const TAppTaskMgr *ptTaskMgr, const char *szOp)
     return APP_OK;
 }
 
-// Under the task's lock.  *pptFailed receives a task that must be disposed of.
-uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TAppTask **pptFailed)
+// Under the task's lock.
+uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TProvided *ptProvided)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
     AppLog(0, APP_LOG_INFO, "[INFO ] %s: Reuse Task: %p\n", wanted.szOp, app::Ptr(ptTask));
     const uint32_t dwResult =
         _AppTaskRefreshArg(ptTask, wanted.szTaskName, wanted.dwMaxEvent, wanted.dwIdleTimeout,
-                           wanted.pfnHandler, wanted.pvContext);
+                           wanted.pfnHandler, wanted.pvContext, &ptProvided->bWake);
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: _AppTaskRefreshArg failed: %d %p destroyed\n",
                wanted.szOp, app::Int(dwResult), app::Ptr(ptTask));
         app::UnlistTask(ptTask, ptTaskMgr->hIdleTaskList);
-        *pptFailed = ptTask;
+        ptProvided->ptFailed = ptTask;
         return dwResult;
     }
     app::MoveTask(ptTask, ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList);
+    ptProvided->ptTask = ptTask;
     return APP_OK;
 }
 
-// Hands out the task that went idle last and has not chosen to end; *pptTask stays null when there
-// is none.
-uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                   TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
+// Hands out the task that went idle last and has not chosen to end.
+uint32_t ReuseLast(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TProvided *ptProvided)
+    APP_REQUIRES(ptTaskMgr->hLock)
 {
     HAppDoubleListNode hNode = ptTaskMgr->hIdleTaskList->ptTail;
     for (; hNode; hNode = hNode->ptPrev) {
         auto ptTask = static_cast<TAppTask *>(hNode->pvData);
         app::LockGuard guard(ptTask);
-        if (app::Peek(ptTask->dwState) != APP_TASK_STATE_IDLE)
-            continue;
-        const uint32_t dwResult = Reuse(ptTask, wanted, pptFailed);
-        if (dwResult == APP_OK)
-            *pptTask = ptTask;
-        return dwResult;
+        if (app::Peek(ptTask->dwState) == APP_TASK_STATE_IDLE)
+            return Reuse(ptTask, wanted, ptProvided);
     }
     return APP_OK;
 }
 
-// *pptFailed receives a task whose thread runs, and that must be disposed of.
-uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
+uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TProvided *ptProvided)
+    APP_REQUIRES(ptTaskMgr->hLock)
 {
     TAppTask *ptTask = nullptr;
     uint32_t dwResult = _AppTaskCreate(
@@ -137,22 +140,22 @@ uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTas
     if (dwResult != APP_OK) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppDoubleListInsertAfter failed: %d %p destroyed\n",
                wanted.szOp, app::Int(dwResult), app::Ptr(ptTask));
-        *pptFailed = ptTask;
+        ptProvided->ptFailed = ptTask;
         return dwResult;
     }
     CheckTail(ptTaskMgr, ptTaskMgr->hTaskList);
-    *pptTask = ptTask;
+    ptProvided->ptTask = ptTask;
     return APP_OK;
 }
 
-uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TAppTask **pptTask,
-                 TAppTask **pptFailed) APP_REQUIRES(ptTaskMgr->hLock)
+uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TProvided *ptProvided)
+    APP_REQUIRES(ptTaskMgr->hLock)
 {
     uint32_t dwResult = CheckAdmission(ptTaskMgr, wanted.szOp);
     if (dwResult == APP_OK)
-        dwResult = ReuseLast(ptTaskMgr, wanted, pptTask, pptFailed);
-    if (dwResult == APP_OK && !*pptTask)
-        dwResult = Create(ptTaskMgr, wanted, pptTask, pptFailed);
+        dwResult = ReuseLast(ptTaskMgr, wanted, ptProvided);
+    if (dwResult == APP_OK && !ptProvided->ptTask)
+        dwResult = Create(ptTaskMgr, wanted, ptProvided);
     return dwResult;
 }
 
@@ -259,20 +262,25 @@ uint32_t AppTaskMgrNewTask(HAppTaskMgr hTaskMgr, const char *szTaskName, uint32_
     if (!hTaskMgr || !phTask)
         return APP_INVALID_ARG;
     *phTask = nullptr;
-    TAppTask *ptFailed = nullptr;
+    TProvided provided = {};
     uint32_t dwResult;
     {
         app::LockGuard guard(hTaskMgr);
         dwResult = Provide(hTaskMgr,
                            {__func__, szTaskName, dwMaxEvent, dwStackSize, dwMemPoolSize,
                             dwIdleTimeout, pfnHandler, pvContext},
-                           phTask, &ptFailed);
-        if (ptFailed) { // counted before the lock is given: a destruction waits for the disposal
+                           &provided);
+        if (provided.ptFailed) { // counted under the lock: a destruction waits for the disposal
             app::BeginLeaving(hTaskMgr);
-            app::Request(ptFailed, APP_TASK_REQUEST_END);
+            app::Request(provided.ptFailed, APP_TASK_REQUEST_END);
         }
     }
-    if (ptFailed)
-        Dispose(ptFailed);
+    // After the locks, so that the thread does not run into them; interrupted, it does not leave its
+    // wait before this.
+    if (provided.bWake)
+        app::QueueWake(provided.ptTask->hEventQueue);
+    if (provided.ptFailed)
+        Dispose(provided.ptFailed);
+    *phTask = provided.ptTask;
     return dwResult;
 }

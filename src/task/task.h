@@ -109,9 +109,11 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
                         PFAppTaskHandler pfnHandler, void *pvContext, HAppTask *phTask);
 // Tells what is left and releases the record.  No thread uses it, no list walks over it.
 void _AppTaskDestroy(TAppTask *ptTask);
-// Makes an idle task the new owner's; called with the manager's and the task's lock held.
+// Makes an idle task the new owner's; called with the manager's and the task's lock held.  `*pbWake`
+// says that its thread has to be woken, with QueueWake(), after them.
 uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t dwMaxEvent,
-                            uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext);
+                            uint32_t dwIdleTimeout, PFAppTaskHandler pfnHandler, void *pvContext,
+                            bool *pbWake);
 // Queues a copy of the event, under the queue's lock; `*pbWake` says that the task's thread has to
 // be woken for it, with QueueWake(), after it.
 uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32_t nPriority,
