@@ -27,6 +27,11 @@ endif()
 # object in a section of its own: what nobody uses is left out of the shared library.
 target_compile_options(appcore_flags INTERFACE
     -fno-asynchronous-unwind-tables -fno-unwind-tables -ffunction-sections -fdata-sections)
+# Everything is bound when the library is loaded: a call through the table of addresses needs no stub,
+# and is shorter than the two together where an instruction holds the way there.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
+    target_compile_options(appcore_flags INTERFACE -fno-plt)
+endif()
 # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions that it checks.
 if(NOT APPCORE_SANITIZE)
     target_compile_options(appcore_flags INTERFACE

@@ -115,7 +115,7 @@ void LeaveSleepers(HAppLock hLock)
 }
 
 // Out of line, like every path that may sleep: the fast paths need no frame then.
-[[gnu::noinline]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
+[[gnu::noinline, gnu::cold]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
 {
     app::Deadline deadline(dwTimeout);
     app::MutexGuard guard(hLock->tMutex);
@@ -147,7 +147,7 @@ int LockUntil(pthread_mutex_t *ptMutex, const struct timespec &tEnd)
 }
 #endif
 
-[[gnu::noinline]] bool TakeRecursiveUntil(HAppLock hLock, uint32_t dwTimeout)
+[[gnu::noinline, gnu::cold]] bool TakeRecursiveUntil(HAppLock hLock, uint32_t dwTimeout)
 {
     const struct timespec tEnd = app::Deadline(dwTimeout, kMutexClock).End();
     for (int i = 0; i < kAttempts; ++i) {
@@ -178,7 +178,7 @@ void RaiseForSleepers(HAppLock hLock)
                                                    std::memory_order_relaxed));
 }
 
-[[gnu::noinline]] uint32_t GiveSleeping(HAppLock hLock)
+[[gnu::noinline, gnu::cold]] uint32_t GiveSleeping(HAppLock hLock)
 {
     {
         app::MutexGuard guard(hLock->tMutex);
@@ -216,7 +216,7 @@ int InitMonotonicCond(pthread_cond_t *ptCond)
     return nError != 0 ? nError : pthread_cond_init(ptCond, &tAttr);
 }
 
-int InitRecursive(HAppLock hLock, uint32_t dwInitCount)
+[[gnu::cold]] int InitRecursive(HAppLock hLock, uint32_t dwInitCount)
 {
     const int nError = InitRecursiveMutex(&hLock->tMutex);
     if (nError == 0 && dwInitCount == 0)
@@ -224,7 +224,7 @@ int InitRecursive(HAppLock hLock, uint32_t dwInitCount)
     return nError;
 }
 
-int InitSemaphore(HAppLock hLock)
+[[gnu::cold]] int InitSemaphore(HAppLock hLock)
 {
     int nError = pthread_mutex_init(&hLock->tMutex, nullptr);
     if (nError != 0)
@@ -237,8 +237,8 @@ int InitSemaphore(HAppLock hLock)
 
 } // namespace
 
-uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwInitCount,
-                        uint32_t dwType, HAppLock *phLock)
+[[gnu::cold]] uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount,
+                                      uint32_t dwInitCount, uint32_t dwType, HAppLock *phLock)
 {
     if (dwMaxCount == 0 || (dwType == APP_LOCK_TYPE_RECURSIVE && dwMaxCount > 1))
         return APP_INVALID_ARG;
@@ -260,7 +260,7 @@ uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwIn
     return APP_OK;
 }
 
-void _AppLockDestroy(HAppLock hLock)
+[[gnu::cold]] void _AppLockDestroy(HAppLock hLock)
 {
     // Yields first; sleeps when that does not let the giver run (a caller of higher priority).
     for (int i = 0; hLock->dwGivers.load(std::memory_order_acquire) != 0; ++i)

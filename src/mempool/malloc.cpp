@@ -156,7 +156,7 @@ void AppMemPoolFree(void *pvData)
     free(ptHead);
 }
 
-void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
+[[gnu::cold]] void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)
 {
     if (!pvData)
         return AppMemPoolMalloc(hMemPool, dwSize);

@@ -170,8 +170,8 @@ void *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass, const
 }
 
 // Beyond the classes, or of a class without an idle block.
-[[gnu::noinline]] void *MallocFromHeap(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass,
-                                       const char *szOp)
+[[gnu::noinline, gnu::cold]] void *MallocFromHeap(TAppMemPoolImpl *ptImpl, uint32_t dwNeed,
+                                                  uint32_t dwClass, const char *szOp)
 {
     return ptImpl && dwClass < APP_MEMPOOL_CLASS_NUM ? NewBlock(ptImpl, dwNeed, dwClass, szOp)
                                                      : MallocLarge(ptImpl, dwNeed, szOp);
@@ -216,8 +216,8 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
 }
 
 // A large block, a second release or damage.
-[[gnu::noinline]] void FreeOther(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead,
-                                 const char *szOp)
+[[gnu::noinline, gnu::cold]] void FreeOther(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead,
+                                            const char *szOp)
 {
     const bool bIdle = IsIdle(ptHead);
     const uint32_t dwBlockSize = SizeOf(ptHead);
@@ -252,7 +252,7 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
     Verify(ptImpl, dwClass);
 }
 
-bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
+[[gnu::cold]] bool CreateLists(TAppMemPoolImpl *ptImpl, const char *szOp)
 {
     for (uint32_t k = 0; k < APP_MEMPOOL_CLASS_NUM; ++k) {
         const uint32_t dwResult = AppDoubleListCreate(nullptr, 0, 0, &ptImpl->atClass[k].hBlocks);
@@ -273,7 +273,7 @@ uint32_t __AppMemGetOffset(uint32_t dwSize)
     return ClassOf(dwSize);
 }
 
-uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
+[[gnu::cold]] uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
 {
     auto ptImpl = static_cast<TAppMemPoolImpl *>(malloc(sizeof(TAppMemPoolImpl)));
     if (!ptImpl) {
@@ -291,7 +291,7 @@ uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
     return APP_OK;
 }
 
-void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl)
+[[gnu::cold]] void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl)
 {
     AppLog(0, APP_LOG_INFO, "[INFO ] %s: Mempool %p\n", __func__, app::Ptr(ptImpl));
     if (!ptImpl)
@@ -304,7 +304,7 @@ void _AppMemPoolDestroy(TAppMemPoolImpl *ptImpl)
     free(ptImpl);
 }
 
-void __AppMemPoolFreeData(void *pvBlock, void *pvImpl)
+[[gnu::cold]] void __AppMemPoolFreeData(void *pvBlock, void *pvImpl)
 {
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: Size %lu, use MP %p block %p free\n", __func__,
               app::Ul(SizeOf(static_cast<TAppMemBlockHead *>(pvBlock))), pvImpl, pvBlock);

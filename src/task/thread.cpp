@@ -48,7 +48,7 @@ void Retract(TAppTask *ptTask)
 }
 
 // Returns the first wait.
-uint32_t Start(TAppTask *ptTask)
+[[gnu::cold]] uint32_t Start(TAppTask *ptTask)
 {
     app::LockGuard guard(ptTask);
     app::Poke(ptTask->nThreadId, _AppThreadGetTID());
@@ -64,10 +64,8 @@ bool Traces()
     return APP_LOG_DEBUG <= app::Peek(g_byAppLogLevel[0]);
 }
 
-void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
+[[gnu::cold]] void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
 {
-    if (!Traces())
-        return;
     app::LockGuard guard(ptTask); // a new owner replaces the name
     AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: task %p %lu  szTaskName(%s)\n", szOp, app::Ptr(ptTask),
            app::Ul(dwWait), ptTask->szTaskName ? ptTask->szTaskName : "");
@@ -165,7 +163,7 @@ const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hL
 }
 
 // After a wait that ended without an event.
-const TAppTaskEvent *AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
+[[gnu::cold]] const TAppTaskEvent *AfterWait(TAppTask *ptTask, uint32_t *pdwWait)
 {
     app::LockGuard guard(ptTask);
     const TAppTaskEvent *ptRequest = CheckIdleTimeouts(ptTask);
@@ -222,7 +220,8 @@ void *AppTask(void *pvTask)
         uint32_t dwWait = Start(ptTask);
         void *pvEvent = nullptr; // the last one served, which goes back with the next take
         do
-            TraceWait(ptTask, dwWait, __func__);
+            if (Traces())
+                TraceWait(ptTask, dwWait, __func__);
         while (ServeNext(ptTask, &dwWait, &pvEvent));
         app::QueueGiveRecordBack(ptTask->hEventQueue, pvEvent);
         app::Leave(ptTask);

@@ -50,7 +50,7 @@ TAppTimer *ReuseRecord(TAppTimerMgr *ptTimerMgr, const char *szOp)
     return ptTimer;
 }
 
-uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *szOp)
+[[gnu::cold]] uint32_t NewRecord(TAppTimerMgr *ptTimerMgr, TAppTimer **pptTimer, const char *szOp)
 {
     auto ptTimer =
         static_cast<TAppTimer *>(AppMemPoolMalloc(ptTimerMgr->hMemPool, sizeof(TAppTimer)));
@@ -106,7 +106,7 @@ void EndRunning(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwEventTy
 }
 
 // Apart, so that the usual end, under the lock, does not pay for the guard.
-__attribute__((noinline)) void TakeLockAndEnd(TAppTimer *ptTimer, uint32_t dwEventType)
+[[gnu::cold]] void TakeLockAndEnd(TAppTimer *ptTimer, uint32_t dwEventType)
 {
     app::LockGuard guard(ptTimer->ptTimerMgr->ptTask);
     _AppTaskEndTimer(ptTimer, dwEventType, 1);
@@ -114,7 +114,7 @@ __attribute__((noinline)) void TakeLockAndEnd(TAppTimer *ptTimer, uint32_t dwEve
 
 } // namespace
 
-void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
+[[gnu::cold]] void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
 {
     AssertHeld(ptTimerMgr->ptTask);
     // From the head each time: a handler may cancel any of them.
@@ -123,8 +123,9 @@ void app::CancelTimers(TAppTimerMgr *ptTimerMgr, bool bRecord)
                    bRecord);
 }
 
-uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHandler pfnHandler,
-                            void *pvContext, TAppTimerMgr **pptTimerMgr)
+[[gnu::cold]] uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask,
+                                          PFAppTaskHandler pfnHandler, void *pvContext,
+                                          TAppTimerMgr **pptTimerMgr)
 {
     if (!pptTimerMgr)
         return APP_INVALID_ARG;
@@ -159,7 +160,7 @@ uint32_t _AppTimerMgrCreate(HAppMemPool hMemPool, TAppTask *ptTask, PFAppTaskHan
     return APP_OK;
 }
 
-void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr)
+[[gnu::cold]] void _AppTimerMgrDestroy(TAppTimerMgr *ptTimerMgr)
 {
     if (!ptTimerMgr)
         return;

@@ -37,8 +37,8 @@ void _AppDoubleListDetachNode(HAppDoubleList hList, HAppDoubleListNode hNode)
     app::UnlinkNode(hList, hNode);
 }
 
-uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
-                             HAppDoubleList *phList)
+[[gnu::cold]] uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                                           HAppDoubleList *phList)
 {
     if (!phList)
         return APP_INVALID_ARG;
@@ -63,7 +63,7 @@ uint32_t AppDoubleListCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t 
     return APP_OK;
 }
 
-void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvContext)
+[[gnu::cold]] void AppDoubleListDestroy(HAppDoubleList hList, PFAppFree pfnFree, void *pvContext)
 {
     if (!hList)
         return;

@@ -143,7 +143,8 @@ uint32_t TakePromised(HAppQueue hQueue, void **ppvElement)
     return APP_OK;
 }
 
-[[gnu::noinline]] uint32_t TakeSleeping(HAppQueue hQueue, uint32_t dwTimeout, void **ppvElement)
+[[gnu::noinline, gnu::cold]] uint32_t TakeSleeping(HAppQueue hQueue, uint32_t dwTimeout,
+                                                   void **ppvElement)
 {
     const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
     return dwResult == APP_OK ? TakePromised(hQueue, ppvElement) : dwResult;
@@ -177,8 +178,8 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
 }
 
 // Here and below, out of line: a guard is larger than a call.
-[[gnu::noinline]] uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField,
-                                     uint32_t dwNull)
+[[gnu::noinline, gnu::cold]] uint32_t ReadField(HAppQueue hQueue, uint32_t TAppQueue::*pdwField,
+                                                uint32_t dwNull)
 {
     if (!hQueue)
         return dwNull;
@@ -188,8 +189,8 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
 
 } // namespace
 
-static uint32_t Create(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
-                       uint32_t dwRecordSize, HAppQueue *phQueue)
+[[gnu::cold]] static uint32_t Create(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                                     uint32_t dwRecordSize, HAppQueue *phQueue)
 {
     if (!phQueue)
         return APP_INVALID_ARG;
@@ -225,14 +226,14 @@ static uint32_t Create(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
     return APP_OK;
 }
 
-uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
-                        HAppQueue *phQueue)
+[[gnu::cold]] uint32_t AppQueueCreate(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t bLock,
+                                      HAppQueue *phQueue)
 {
     return Create(hMemPool, dwMaxSize, bLock, 0, phQueue);
 }
 
-uint32_t app::QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
-                                    HAppQueue *phQueue)
+[[gnu::cold]] uint32_t app::QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize,
+                                                  uint32_t dwRecordSize, HAppQueue *phQueue)
 {
     APP_CHECK(dwRecordSize != 0 && dwRecordSize <= kQueueRecordMax &&
                   dwRecordSize % sizeof(void *) == 0,
@@ -240,7 +241,7 @@ uint32_t app::QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, ui
     return Create(hMemPool, dwMaxSize, 1, dwRecordSize, phQueue);
 }
 
-void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
+[[gnu::cold]] void AppQueueDestroy(HAppQueue hQueue, PFAppFree pfnDrop, void *pvContext)
 {
     if (!hQueue)
         return;
@@ -309,7 +310,7 @@ void app::QueueWake(HAppQueue hQueue)
     AppLockGive(hQueue->hCountLock);
 }
 
-[[gnu::noinline]] bool app::QueuePlaceInterrupt(HAppQueue hQueue)
+[[gnu::noinline, gnu::cold]] bool app::QueuePlaceInterrupt(HAppQueue hQueue)
 {
     LockGuard guard(hQueue);
     if (hQueue->dwSleepers == 0) {
@@ -357,7 +358,7 @@ uint32_t app::QueueTakeRecord(HAppQueue hQueue, uint32_t dwTimeout, void **ppvRe
     return Take(hQueue, dwTimeout, std::exchange(*ppvRecord, nullptr), ppvRecord);
 }
 
-void app::QueueGiveRecordBack(HAppQueue hQueue, void *pvRecord)
+[[gnu::cold]] void app::QueueGiveRecordBack(HAppQueue hQueue, void *pvRecord)
 {
     if (!pvRecord)
         return;
@@ -385,7 +386,7 @@ uint32_t _AppQueueGetTopSize(HAppQueue hQueue)
     return ReadField(hQueue, &TAppQueue::dwTopSize, 0);
 }
 
-uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
+[[gnu::cold]] uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize)
 {
     if (!hQueue)
         return APP_INVALID_ARG;

@@ -38,7 +38,7 @@ HAppLock ActionsLock()
     return g_hAppShareActionRecursiveLock.load(std::memory_order_acquire);
 }
 
-uint32_t CreateRegistry()
+[[gnu::cold]] uint32_t CreateRegistry()
 {
     HAppLock hLock = nullptr;
     uint32_t dwResult = AppLockCreate(nullptr, 1, 1, APP_LOCK_TYPE_RECURSIVE, &hLock);
@@ -57,7 +57,7 @@ uint32_t CreateRegistry()
 }
 
 // There is no lock yet that could keep a second thread out, so it waits in short sleeps.
-uint32_t EnsureRegistry()
+[[gnu::cold]] uint32_t EnsureRegistry()
 {
     if (Registry())
         return APP_OK;
@@ -142,7 +142,7 @@ const TAppShareAction *FindEntry(const char *szKey)
 }
 
 // Under the list's lock.
-void Publish(TAppShareAction *ptEntry)
+[[gnu::cold]] void Publish(TAppShareAction *ptEntry)
 {
     TKey key;
     LoadKey(ptEntry->achKey, &key);
@@ -152,8 +152,8 @@ void Publish(TAppShareAction *ptEntry)
 }
 
 // Under the list's lock.
-uint32_t AddEntry(HAppDoubleList hList, const char *szKey, PFAppShareAction pfnAction,
-                  uint32_t bBlock)
+[[gnu::cold]] uint32_t AddEntry(HAppDoubleList hList, const char *szKey, PFAppShareAction pfnAction,
+                                uint32_t bBlock)
 {
     auto ptEntry =
         static_cast<TAppShareAction *>(AppMemPoolMalloc(nullptr, sizeof(TAppShareAction)));
@@ -194,7 +194,8 @@ void CopyLastCalled()
 
 } // namespace
 
-uint32_t _AppRegisterShareAction(const char *szKey, PFAppShareAction pfnAction, uint32_t bBlock)
+[[gnu::cold]] uint32_t _AppRegisterShareAction(const char *szKey, PFAppShareAction pfnAction,
+                                               uint32_t bBlock)
 {
     if (!szKey || AppStrlen(szKey) >= APP_SHARE_ACTION_KEY_SIZE)
         return APP_INVALID_ARG;
@@ -264,7 +265,7 @@ uint32_t AppShareActionUnlock(void)
     return hLock ? _AppLockGive(hLock) : static_cast<uint32_t>(APP_INVALID_ARG);
 }
 
-void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
+[[gnu::cold]] void AppShareActionShow(PFAppShow pfnShow, void *pvContext)
 {
     HAppDoubleList hList = Registry();
     if (!hList)

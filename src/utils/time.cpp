@@ -123,55 +123,77 @@ bool ReadZone(const char *szText, TZone *ptZone)
     return true;
 }
 
-// Appends pieces to the caller's buffer; false once a piece has been cut.
+// The text as a whole, before it is known how much of it the caller's buffer takes.
 class TextWriter
 {
 public:
-    TextWriter(char *szBuf, uint32_t dwSize) : m_szEnd(szBuf), m_dwRoom(dwSize - 1)
+    void Append(char ch) { *m_szEnd++ = ch; }
+    void AppendTwo(uint32_t dwValue)
     {
-        *m_szEnd = '\0';
+        Append(static_cast<char>('0' + dwValue / 10));
+        Append(static_cast<char>('0' + dwValue % 10));
     }
 
-    bool Append(char ch)
+    // False when it is cut.
+    bool CopyTo(char *szBuf, uint32_t dwSize) const
     {
-        if (m_dwRoom == 0)
-            return false;
-        --m_dwRoom;
-        *m_szEnd++ = ch;
-        *m_szEnd = '\0';
-        return true;
-    }
-
-    // At least `nDigits` digits.  Out of line: in line it is as long as the rest of this file.
-    [[gnu::noinline]] bool Append(uint32_t dwValue, int nDigits)
-    {
-        if ((nDigits > 1 || dwValue >= 10) && !Append(dwValue / 10, nDigits > 1 ? nDigits - 1 : 1))
-            return false;
-        return Append(static_cast<char>('0' + dwValue % 10));
+        const auto dwLen = static_cast<uint32_t>(m_szEnd - m_achText);
+        const uint32_t dwCopied = dwLen < dwSize ? dwLen : dwSize - 1;
+        AppMemcpy(szBuf, m_achText, dwCopied);
+        szBuf[dwCopied] = '\0';
+        return dwCopied == dwLen;
     }
 
 private:
-    char *m_szEnd;
-    uint32_t m_dwRoom; // characters, the terminator not counted
+    char m_achText[48]; // the date, milliseconds, and a zone of eight digits' hours are 35
+    char *m_szEnd = m_achText;
 };
 
-bool WriteDateTime(TextWriter &writer, const TAppTime &time)
+void WriteDateTime(TextWriter &writer, const TAppTime &time)
 {
-    return writer.Append(time.wYear, 4) && writer.Append('-') && writer.Append(time.byMonth, 2) &&
-           writer.Append('-') && writer.Append(time.byDay, 2) && writer.Append('T') &&
-           writer.Append(time.byHour, 2) && writer.Append(':') && writer.Append(time.byMinute, 2) &&
-           writer.Append(':') && writer.Append(time.bySecond, 2);
+    writer.AppendTwo(time.wYear / 100u); // 1970 to 2106
+    writer.AppendTwo(time.wYear % 100u);
+    writer.Append('-');
+    writer.AppendTwo(time.byMonth);
+    writer.Append('-');
+    writer.AppendTwo(time.byDay);
+    writer.Append('T');
+    writer.AppendTwo(time.byHour);
+    writer.Append(':');
+    writer.AppendTwo(time.byMinute);
+    writer.Append(':');
+    writer.AppendTwo(time.bySecond);
 }
 
-bool WriteZone(TextWriter &writer, const int32_t *pnZoneMin)
+void WriteMs(TextWriter &writer, uint32_t dwMs)
+{
+    writer.Append('.');
+    writer.Append(static_cast<char>('0' + dwMs / 100));
+    writer.AppendTwo(dwMs % 100);
+}
+
+// Two digits, or as many as it takes.
+void WriteHours(TextWriter &writer, uint32_t dwHours)
+{
+    char achDigit[10]; // from the last one on
+    uint32_t dwCount = 0;
+    for (; dwHours > 0 || dwCount < 2; dwHours /= 10)
+        achDigit[dwCount++] = static_cast<char>('0' + dwHours % 10);
+    while (dwCount > 0)
+        writer.Append(achDigit[--dwCount]);
+}
+
+void WriteZone(TextWriter &writer, const int32_t *pnZoneMin)
 {
     if (!pnZoneMin || *pnZoneMin == 0)
         return writer.Append('Z');
     // Unsigned, because the most negative offset has no positive twin.
     const uint32_t dwMinutes =
         *pnZoneMin < 0 ? 0u - static_cast<uint32_t>(*pnZoneMin) : static_cast<uint32_t>(*pnZoneMin);
-    return writer.Append(*pnZoneMin < 0 ? '-' : '+') && writer.Append(dwMinutes / 60, 2) &&
-           writer.Append(':') && writer.Append(dwMinutes % 60, 2);
+    writer.Append(*pnZoneMin < 0 ? '-' : '+');
+    WriteHours(writer, dwMinutes / 60);
+    writer.Append(':');
+    writer.AppendTwo(dwMinutes % 60);
 }
 
 } // namespace
@@ -219,16 +241,13 @@ uint32_t AppConvertU322XsdDatetime(uint32_t dwTime, uint32_t bHasZone, const uin
                        dwTime);
         return dwResult;
     }
-    TextWriter writer(szBuf, dwBufSize);
-    if (!WriteDateTime(writer, time))
-        return APP_BUFFER_TOO_SMALL;
-    if (pdwMs) {
-        if (*pdwMs >= 1000)
-            return APP_INVALID_ARG;
-        if (!writer.Append('.') || !writer.Append(*pdwMs, 3))
-            return APP_BUFFER_TOO_SMALL;
-    }
-    if (bHasZone != 0 && !WriteZone(writer, pnZoneMin))
-        return APP_BUFFER_TOO_SMALL;
-    return APP_OK;
+    TextWriter writer;
+    WriteDateTime(writer, time);
+    if (pdwMs && *pdwMs >= 1000)
+        return writer.CopyTo(szBuf, dwBufSize) ? APP_INVALID_ARG : APP_BUFFER_TOO_SMALL;
+    if (pdwMs)
+        WriteMs(writer, *pdwMs);
+    if (bHasZone != 0)
+        WriteZone(writer, pnZoneMin);
+    return writer.CopyTo(szBuf, dwBufSize) ? APP_OK : APP_BUFFER_TOO_SMALL;
 }
