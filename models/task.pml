@@ -139,7 +139,9 @@ inline Out(t) {
 
 /* ---- the end of a record --------------------------------------------------------------------- */
 
-inline DropUser(t) { atomic { Touch(t); task[t].users--; last = task[t].users == 0 } }
+inline DropUser(t) {
+    atomic { !task[t].lock -> Touch(t); task[t].users--; last = task[t].users == 0 }
+}
 
 /* The bit first: the thread looks at it before each wait. */
 #define Request(t, request) atomic { Touch(t); task[t].request = true } Interrupt(t)
@@ -231,7 +233,6 @@ inline CancelTimer() {
     }
     if
     :: inside ->
-        atomic { !task[o].lock -> Touch(o) }
         DropUser(o);
         if :: last -> atomic { Touch(o); task[o].exit = true; last = false } :: else fi;
         inside = false

@@ -114,8 +114,8 @@ uint32_t AppTaskTerminate(HAppTask hTask)
 }
 
 // A timer's end is recorded without the lock: what is read meanwhile may belong to two.
-uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvArg,
-                             PFAppTaskHandler *ppfnHandler, void **ppvContext)
+[[gnu::cold]] uint32_t AppTaskGetLastEvent(HAppTask hTask, uint32_t *pdwEventType, void **ppvArg,
+                                           PFAppTaskHandler *ppfnHandler, void **ppvContext)
 {
     if (!hTask || !pdwEventType || !ppvArg || !ppfnHandler || !ppvContext)
         return APP_INVALID_ARG;

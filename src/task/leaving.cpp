@@ -3,8 +3,8 @@
 // The end of a task: who may touch its record last, who gives what, and who waits.
 //
 // Users of the record are its thread, and each AppTaskCancelTimer() under way, which runs the
-// timer's handler in the caller's thread without the task's lock.  They are counted in dwUsers; a
-// cancel counts itself under the task's lock while the task admits work.  A send need not be
+// timer's handler in the caller's thread without the task's lock.  They are counted in dwUsers, under
+// that lock; a cancel counts itself while the task admits work.  A send need not be
 // counted: it touches the record under the queue's lock, which the change to a state that admits no
 // work needs too, or else wakes the thread for the event that it has just placed there; and a thread
 // that has been promised an event does not leave its wait before that wake-up has come.  Nor does
@@ -38,12 +38,10 @@
 namespace
 {
 
-// A user of the record leaves; true for the last one.  Any other must not touch it any more.
-bool DropUser(TAppTask *ptTask)
+bool DropThread(TAppTask *ptTask)
 {
-    const uint32_t dwUsers = ptTask->dwUsers.fetch_sub(1, std::memory_order_acq_rel);
-    APP_CHECK(dwUsers != 0, "more users leave than have come");
-    return dwUsers == 1;
+    app::LockGuard guard(ptTask);
+    return app::DropUser(ptTask);
 }
 
 } // namespace
@@ -56,20 +54,23 @@ void app::Request(TAppTask *ptTask, uint32_t dwRequest)
     QueueInterrupt(ptTask->hEventQueue);
 }
 
-void app::DropVisitor(TAppTask *ptTask)
+bool app::DropUser(TAppTask *ptTask)
 {
-    if (DropUser(ptTask))
-        AppLockGive(ptTask->hExitLock); // the last touch: the record may be gone
+    APP_CHECK(ptTask->dwUsers != 0, "more users leave than have come");
+    return --ptTask->dwUsers == 0;
 }
 
 void app::Leave(TAppTask *ptTask)
 {
-    if (Peek(ptTask->dwState) != APP_TASK_STATE_UNINIT) {
-        DropVisitor(ptTask);
+    TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
+    const bool bAwaited = Peek(ptTask->dwState) != APP_TASK_STATE_UNINIT;
+    const bool bLast = DropThread(ptTask);
+    if (bAwaited) {
+        if (bLast)
+            AppLockGive(ptTask->hExitLock); // the last touch: the record may be gone
         return;
     }
-    TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
-    if (!DropUser(ptTask))
+    if (!bLast)
         AppLockTakeByTime(ptTask->hExitLock, 0); // the last cancel gives it
     _AppTaskDestroy(ptTask);
     EndLeaving(ptTaskMgr);

@@ -59,9 +59,9 @@ struct TAppTask {
     std::atomic<PFAppTaskHandler> pfnLastHandler;
     std::atomic<void *> pvLastContext;
 
-    uint32_t dwLastEventTick;         // when the last event came; the thread's own
-    std::atomic<uint32_t> dwUsers;    // see leaving.cpp; grows only under the task's lock
-    std::atomic<uint32_t> dwRequests; // EAppTaskRequest
+    uint32_t dwLastEventTick;               // when the last event came; the thread's own
+    uint32_t dwUsers APP_GUARDED_BY(hLock); // see leaving.cpp
+    std::atomic<uint32_t> dwRequests;       // EAppTaskRequest
 
     // For who sets a timer: since when the thread waits, or is about to, and how long, in ms; 0 when
     // it looks at its timers before it waits again.
@@ -192,8 +192,9 @@ inline bool MustEnd(const TAppTask *ptTask)
 {
     return (ptTask->dwRequests.load() & APP_TASK_REQUEST_END) != 0;
 }
-// A cancel has counted itself as user of the record, and is done with it.
-void DropVisitor(TAppTask *ptTask);
+// A cancel has counted itself as user of the record, and is done with it: true for the last one,
+// who gives hExitLock after the task's lock.  Any other must not touch the record after that.
+bool DropUser(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock);
 // The thread's last step.
 void Leave(TAppTask *ptTask);
 // Returns when the task's thread has left and nobody else uses the record.

@@ -203,7 +203,7 @@ bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, void **ppvEvent)
 
 } // namespace
 
-bool app::EndWait(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
+[[gnu::cold]] bool app::EndWait(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
 {
     const uint32_t dwWait = Peek(ptTask->dwWait);
     const uint32_t dwWaited = ElapsedMs(ptTask->dwWaitTick, dwNowTick);

@@ -13,16 +13,20 @@
 namespace
 {
 
-// The task of a timer, or null with a line for what is not a timer.
-TAppTask *FindTask(HAppTimer hTimer, const char *szOp)
+[[gnu::cold]] TAppTask *RefuseTimer(const char *szOp)
 {
-    if (hTimer && hTimer->ptTimerMgr && hTimer->ptTimerMgr->ptTask)
-        return hTimer->ptTimerMgr->ptTask;
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Arg\n", szOp);
     return nullptr;
 }
 
-[[gnu::cold]] bool Refuse(const TAppTask *ptTask, const char *szOp)
+// The task of a timer, or null with a line for what is not a timer.
+TAppTask *FindTask(HAppTimer hTimer, const char *szOp)
+{
+    return hTimer && hTimer->ptTimerMgr && hTimer->ptTimerMgr->ptTask ? hTimer->ptTimerMgr->ptTask
+                                                                      : RefuseTimer(szOp);
+}
+
+[[gnu::cold]] bool RefuseState(const TAppTask *ptTask, const char *szOp)
 {
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid state %s of task %p\n", szOp,
            _AppGetTaskStateString(app::Peek(ptTask->dwState)), app::Ptr(ptTask));
@@ -32,7 +36,7 @@ TAppTask *FindTask(HAppTimer hTimer, const char *szOp)
 // Under the task's lock.
 inline bool AdmitsTimers(const TAppTask *ptTask, const char *szOp)
 {
-    return app::AdmitsWork(app::Peek(ptTask->dwState)) || Refuse(ptTask, szOp);
+    return app::AdmitsWork(app::Peek(ptTask->dwState)) || RefuseState(ptTask, szOp);
 }
 
 } // namespace
@@ -81,19 +85,22 @@ void AppTaskCancelTimer(HAppTimer hTimer)
     TAppTask *ptTask = FindTask(hTimer, __func__);
     if (!ptTask)
         return;
+    bool bLast;
     {
         app::FastLockGuard guard(ptTask);
         if (!AdmitsTimers(ptTask, __func__))
             return;
         // The handler runs without the lock: meanwhile the task may go idle and end, and its
         // record must wait for this call.
-        ptTask->dwUsers.fetch_add(1, std::memory_order_relaxed);
+        ++ptTask->dwUsers;
         _AppTaskEndTimer(hTimer, APP_TASK_EVENT_TIMER_CANCEL, 1);
+        bLast = app::DropUser(ptTask);
     }
-    app::DropVisitor(ptTask);
+    if (bLast)
+        AppLockGive(ptTask->hExitLock); // the last touch: the record may be gone
 }
 
-uint32_t AppTaskTimerGetRemainTime(HAppTimer hTimer)
+[[gnu::cold]] uint32_t AppTaskTimerGetRemainTime(HAppTimer hTimer)
 {
     TAppTask *ptTask = FindTask(hTimer, __func__);
     if (!ptTask)

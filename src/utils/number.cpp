@@ -15,10 +15,13 @@ void SetFlag(uint32_t *pbErr, bool bFailed)
 }
 
 struct TDecimal {
-    uint64_t qwValue; // the digits' value, saturated
+    uint64_t qwValue;  // the digits' value, saturated
+    const char *szEnd; // behind the digits
     bool bNegative;
     bool bOverflow; // of 64 bits
 };
+
+constexpr uint64_t kRoomForOne = (UINT64_MAX - 9) / 10; // up to here any digit more fits
 
 bool IsSpace(char ch)
 {
@@ -37,14 +40,21 @@ TDecimal ReadDecimal(const char *szStr)
         ++szStr;
     for (; *szStr >= '0' && *szStr <= '9'; ++szStr) {
         const auto qwDigit = static_cast<uint64_t>(*szStr - '0');
-        if (decimal.qwValue > (UINT64_MAX - qwDigit) / 10)
-            decimal.bOverflow = true;
-        else
+        if (decimal.qwValue <= kRoomForOne || decimal.qwValue <= (UINT64_MAX - qwDigit) / 10)
             decimal.qwValue = decimal.qwValue * 10 + qwDigit;
+        else
+            decimal.bOverflow = true;
     }
+    decimal.szEnd = szStr;
     if (decimal.bOverflow)
         decimal.qwValue = UINT64_MAX;
     return decimal;
+}
+
+// Unsigned numbers come without one, and without one in what follows them.
+bool HasMinus(const TDecimal &decimal)
+{
+    return decimal.bNegative || (*decimal.szEnd != '\0' && AppStrchr(decimal.szEnd, '-'));
 }
 
 // strtof() and strtod().
@@ -106,12 +116,13 @@ uint32_t AppConvertStrtoU32(const char *szStr, uint32_t *pbErr)
     SetFlag(pbErr, false);
     if (!szStr)
         return 0;
-    const uint64_t qwValue = ReadDecimal(szStr).qwValue;
-    if (AppStrchr(szStr, '-') || (qwValue >= UINT32_MAX && AppStrcmp(szStr, "4294967295") != 0)) {
+    const TDecimal decimal = ReadDecimal(szStr);
+    if (HasMinus(decimal) ||
+        (decimal.qwValue >= UINT32_MAX && AppStrcmp(szStr, "4294967295") != 0)) {
         SetFlag(pbErr, true);
         return 0;
     }
-    return static_cast<uint32_t>(qwValue);
+    return static_cast<uint32_t>(decimal.qwValue);
 }
 
 uint64_t AppConvertStrtoU64(const char *szStr, uint32_t *pbErr)
@@ -120,7 +131,7 @@ uint64_t AppConvertStrtoU64(const char *szStr, uint32_t *pbErr)
     if (!szStr)
         return 0;
     const TDecimal decimal = ReadDecimal(szStr);
-    if (AppStrchr(szStr, '-') || decimal.bOverflow) {
+    if (HasMinus(decimal) || decimal.bOverflow) {
         SetFlag(pbErr, true);
         return 0;
     }

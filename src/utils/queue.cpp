@@ -292,18 +292,6 @@ uint32_t app::QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t n
     return APP_OK;
 }
 
-// An element is a record that the queue does not look at.
-uint32_t app::QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                         bool *pbWake)
-{
-    FastLockGuard guard(hQueue);
-    const uint32_t dwResult = QueuePlaceRecord(hQueue, pvData, nPriority, bForce, pbWake);
-    if (dwResult != kQueueNoMemory)
-        return dwResult;
-    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
-    return APP_NO_RESOURCE;
-}
-
 // The last touch: the woken consumer may destroy the queue.
 void app::QueueWake(HAppQueue hQueue)
 {
@@ -329,16 +317,24 @@ void app::QueueInterrupt(HAppQueue hQueue)
         QueueWake(hQueue);
 }
 
+// An element is a record that the queue does not look at.
 [[gnu::noinline]] uint32_t _AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority,
                                        int32_t bForce)
 {
     if (!hQueue)
         return APP_INVALID_ARG;
     bool bWake = false;
-    const uint32_t dwResult = app::QueuePlace(hQueue, pvData, nPriority, bForce, &bWake);
+    uint32_t dwResult;
+    {
+        app::FastLockGuard guard(hQueue);
+        dwResult = app::QueuePlaceRecord(hQueue, pvData, nPriority, bForce, &bWake);
+    }
     if (bWake)
         app::QueueWake(hQueue);
-    return dwResult;
+    if (dwResult != app::kQueueNoMemory)
+        return dwResult;
+    AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPoolMalloc failed\n", kInsert);
+    return APP_NO_RESOURCE;
 }
 
 uint32_t AppQueueIn(HAppQueue hQueue, void *pvData, int32_t nPriority)

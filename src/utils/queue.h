@@ -98,13 +98,6 @@ uint32_t _AppQueueChangeMaxSize(HAppQueue hQueue, uint32_t dwMaxSize);
 
 namespace app
 {
-// AppQueueIn() in two steps, for callers that hold a lock which the consumer takes next: the
-// element is placed, and QueueWake() wakes one consumer for it when `*pbWake` says so; otherwise
-// the queue must not be touched any more.
-uint32_t QueuePlace(HAppQueue hQueue, void *pvData, int32_t nPriority, int32_t bForce,
-                    bool *pbWake);
-void QueueWake(HAppQueue hQueue);
-
 // A queue with a lock whose elements are records of so many bytes, a multiple of a pointer's and at
 // most kQueueRecordMax, which it keeps behind its nodes: a record needs no memory of its own.  Such
 // a queue is used through the four operations below; its records are aligned as pointers are.
@@ -113,12 +106,14 @@ constexpr uint32_t kQueueRecordMax = 128;
 uint32_t QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
                                HAppQueue *phQueue);
 
-// QueuePlace() of a copy of the record, under the queue's lock, so that what the caller asks before
-// is one step with it.  Without memory the pool has logged its line, the queue none: the result is
-// kQueueNoMemory, and the caller's own line names who wanted it.
+// AppQueueIn() of a copy of the record, under the queue's lock, so that what the caller asks before
+// is one step with it; when `*pbWake` says so QueueWake() wakes a consumer, after the lock, and
+// otherwise the queue must not be touched any more.  Without memory the pool has logged its line,
+// the queue none: the result is kQueueNoMemory, and the caller's own line names who wanted it.
 constexpr uint32_t kQueueNoMemory = UINT32_MAX;
 uint32_t QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t nPriority, int32_t bForce,
                           bool *pbWake) APP_REQUIRES(hQueue->hLock);
+void QueueWake(HAppQueue hQueue);
 
 // AppQueueOut() of a record, which stays valid until it is given back.  `*ppvRecord` hands back the
 // one taken before, or null, in the same critical section and before any sleep, and receives the
