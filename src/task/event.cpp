@@ -82,6 +82,7 @@ uint32_t _AppTaskSendEvent(TAppTask *ptTask, const TAppTaskEvent *ptEvent, int32
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: task %p type %d Handler %p arg %p\n", __func__,
               app::Ptr(ptTask), app::Int(ptEvent->dwEventType), app::Ptr(ptEvent->pfnHandler),
               ptEvent->pvArg);
+    app::AssertHeld(ptTask->hEventQueue);
     const uint32_t dwResult = app::QueuePlaceRecord(ptTask->hEventQueue, ptEvent, nPriority,
                                                     static_cast<int32_t>(bForce), pbWake);
     if (dwResult == app::kQueueNoMemory) {

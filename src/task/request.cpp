@@ -133,8 +133,7 @@ uint32_t _AppTaskRefreshHandler(HAppTask hTask, uint32_t, void *, void *)
     // it admits work.
     if (app::Peek(hTask->dwState) != APP_TASK_STATE_PROCESSING)
         return APP_INVALID_STATE;
-    app::Poke(hTask->nThreadId, _AppThreadGetTID());
-    _AppThreadSetName(hTask->szTaskName ? hTask->szTaskName : "");
+    app::NameThread(hTask); // the thread is the same, and so is its id
     app::Poke<uint32_t>(hTask->dwState, APP_TASK_STATE_RUNNING);
     return APP_OK;
 }

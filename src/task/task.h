@@ -60,6 +60,7 @@ struct TAppTask {
     std::atomic<void *> pvLastContext;
 
     uint32_t dwLastEventTick;               // when the last event came; the thread's own
+    char achThreadName[16];                 // what the system calls the thread; the thread's own
     uint32_t dwUsers APP_GUARDED_BY(hLock); // see leaving.cpp
     std::atomic<uint32_t> dwRequests;       // EAppTaskRequest
 
@@ -183,6 +184,9 @@ inline bool EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
 {
     return dwTimeout < Peek(ptTask->dwWait) && EndWait(ptTask, dwNowTick, dwTimeout);
 }
+
+// Names the calling thread after its task.  Under the task's lock.
+void NameThread(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock);
 
 // ---- leaving.cpp ----------------------------------------------------------------------------
 

@@ -51,10 +51,11 @@ void Retract(TAppTask *ptTask)
 [[gnu::cold]] uint32_t Start(TAppTask *ptTask)
 {
     app::LockGuard guard(ptTask);
+    app::NameThread(ptTask);
     app::Poke(ptTask->nThreadId, _AppThreadGetTID());
-    _AppThreadSetName(ptTask->szTaskName ? ptTask->szTaskName : "");
     app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
     ptTask->dwLastEventTick = _AppGetTick();
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     // Timers may have been set already; they are run when the wait is over.
     return Announce(ptTask, app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
 }
@@ -211,6 +212,18 @@ bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, void **ppvEvent)
         return false;
     Retract(ptTask); // one interrupt is enough
     return QueuePlaceInterrupt(ptTask->hEventQueue);
+}
+
+// The system is told only what is new to it: tasks for one job are reused under one name.
+void app::NameThread(TAppTask *ptTask)
+{
+    constexpr uint32_t kSize = sizeof(ptTask->achThreadName);
+    const char *szName = ptTask->szTaskName ? ptTask->szTaskName : "";
+    const bool bNamed = Peek(ptTask->nThreadId) != 0; // else it bears its creator's name
+    if (bNamed && AppStrncmp(ptTask->achThreadName, szName, kSize - 1) == 0)
+        return;
+    AppStrncpy(ptTask->achThreadName, szName, kSize);
+    _AppThreadSetName(ptTask->achThreadName);
 }
 
 void *AppTask(void *pvTask)

@@ -77,7 +77,7 @@ HAppDoubleListNode Unlist(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     HAppDoubleListNode hNode = ptTimer->hListNode;
-    if (ptTimerMgr->hShown == hNode)
+    if (hNode == ptTimerMgr->hShown && hNode)
         ptTimerMgr->hShown = hNode->ptNext;
     app::UnlinkNode(ptTimerMgr->hTimerList, hNode);
     app::RemoveTimer(ptTimer);
