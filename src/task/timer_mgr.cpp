@@ -77,8 +77,9 @@ HAppDoubleListNode Unlist(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     HAppDoubleListNode hNode = ptTimer->hListNode;
-    if (hNode == ptTimerMgr->hShown && hNode)
-        ptTimerMgr->hShown = hNode->ptNext;
+    HAppDoubleListNode hNext = hNode->ptNext; // a running timer has a node
+    if (ptTimerMgr->hShown == hNode)
+        ptTimerMgr->hShown = hNext;
     app::UnlinkNode(ptTimerMgr->hTimerList, hNode);
     app::RemoveTimer(ptTimer);
     ptTimer->hListNode = nullptr;
