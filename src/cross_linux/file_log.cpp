@@ -23,14 +23,15 @@ namespace
 {
 
 // What a channel has beside its record; all of it under the mutex, so that a line is written, and
-// the file rotated, by one thread at a time.  Zero at start.
+// the file rotated, by one thread at a time.  Initialised when the library is built: written when it
+// is loaded, the table would cost every process four pages.
 struct TChannel {
     pthread_mutex_t tMutex = PTHREAD_MUTEX_INITIALIZER;
-    time_t nLooked;     // the second in which the path was last looked at
-    int nGone;          // why a file that has vanished could not be opened anew; 0: it is there
-    uint32_t dwLost;    // lines lost since the last one that was written
-    uint32_t dwTorn;    // bytes of a torn line at the end of the file, still to be taken back
-    uint32_t bNoBackup; // a refused rename has been told, and none has succeeded since
+    time_t nLooked = 0;     // the second in which the path was last looked at
+    int nGone = 0;          // why a file that has vanished could not be opened anew; 0: it is there
+    uint32_t dwLost = 0;    // lines lost since the last one that was written
+    uint32_t dwTorn = 0;    // bytes of a torn line at the end of the file, still to be taken back
+    uint32_t bNoBackup = 0; // a refused rename has been told, and none has succeeded since
 };
 TChannel s_atChannel[256];
 
