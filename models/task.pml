@@ -113,26 +113,28 @@ inline Unlink(t) {
 
 inline Timely(t) { assert(!task[t].timer || task[t].seen) }
 
-/* AppQueueOut of the task's thread.  An expired wait that has been promised something already ends
- * with the unit like any other. */
+/* AppQueueOut of the task's thread, which takes back its word that it waits when it has come out; a
+ * moment later in truth, and who sets a timer meanwhile interrupts for nothing.  An expired wait that
+ * has been promised something already ends with the unit like any other. */
 inline Out(t) {
     atomic {
         Touch(t);
         if
-        :: task[t].events + task[t].stops > 0 -> Unlink(t)
+        :: task[t].events + task[t].stops > 0 -> Unlink(t); task[t].waits = false
         :: else ->
             if
-            :: task[t].interrupted -> task[t].interrupted = false
+            :: task[t].interrupted -> task[t].interrupted = false; task[t].waits = false
             :: else -> task[t].asleep = true; asleep = true; assert(task[t].waits); Timely(t)
             fi
         fi
     }
     if
     :: atomic { asleep && task[t].unit ->
-                Touch(t); task[t].unit = false; asleep = false;
+                Touch(t); task[t].unit = false; asleep = false; task[t].waits = false;
                 if :: task[t].promised -> task[t].promised = false; Unlink(t) :: else fi }
     :: atomic { asleep && task[t].asleep && waits > 0 ->
-                Touch(t); waits--; task[t].asleep = false; asleep = false }
+                Touch(t); waits--; task[t].asleep = false; asleep = false;
+                task[t].waits = false }
     :: !asleep
     fi
 }
@@ -370,8 +372,9 @@ inline NextRequest(t) {
     atomic {
         Touch(t);
         if
-        :: task[t].end -> got = END
-        :: !task[t].end && task[t].refresh -> task[t].refresh = false; got = REFRESH
+        :: task[t].end -> got = END; task[t].waits = false
+        :: !task[t].end && task[t].refresh ->
+            task[t].refresh = false; got = REFRESH; task[t].waits = false
         :: else
         fi
     }
@@ -476,11 +479,8 @@ inline Leave(t) {
     fi
 }
 
-inline Retract(t) { atomic { Touch(t); task[t].waits = false } }
-
 inline Wait(t) {
     Out(t);
-    Retract(t);
     if
     :: got != NOTHING ->
         /* Reused since the last look: what came is the new owner's. */
@@ -499,7 +499,7 @@ proctype Thread(byte me) {
     Announce(me);
     do
     :: NextRequest(me);
-        if :: got == NOTHING -> Wait(me) :: else -> Retract(me) fi;
+        if :: got == NOTHING -> Wait(me) :: else fi;
         if
         :: got == NOTHING
         :: got == REFRESH -> got = NOTHING; Refresh(me)
