@@ -93,7 +93,7 @@ char *AppStrncpy(char *szDst, const char *szSrc, uint32_t dwSize)
     return szDst;
 }
 
-char *AppStrncat(char *szDst, const char *szSrc, uint32_t dwSize)
+[[gnu::cold]] char *AppStrncat(char *szDst, const char *szSrc, uint32_t dwSize)
 {
     if (!szDst || !szSrc || dwSize == 0)
         return szDst;
@@ -105,7 +105,7 @@ char *AppStrncat(char *szDst, const char *szSrc, uint32_t dwSize)
     return szDst;
 }
 
-char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
+[[gnu::cold]] char *AppStrndup(HAppMemPool hMemPool, const char *szSrc, uint32_t dwSize)
 {
     if (dwSize == 0 || !szSrc || !*szSrc)
         return nullptr;

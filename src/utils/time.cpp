@@ -35,6 +35,7 @@ struct TField {
 constexpr TField kDateTime[] = {{0, 4, '-'},  {5, 2, '-'},  {8, 2, 'T'},
                                 {11, 2, ':'}, {14, 2, ':'}, {17, 2, '\0'}};
 constexpr int kFields = 6;
+constexpr int kPlainLength = 19;
 
 // The plain form, in one pass.  Stops at the first difference, so it never reads past the end.
 bool ReadPlain(const char *szText, int (&anField)[kFields])
@@ -49,13 +50,50 @@ bool ReadPlain(const char *szText, int (&anField)[kFields])
     return true;
 }
 
-bool ReadDateTime(const char *szText, TAppTime *ptTime)
+// What may follow the seconds, each the first of its kind; null where there is none.
+struct TTail {
+    const char *szDot;
+    const char *szZulu;
+    const char *szMinus; // the signs behind the first colon only: those before are the date's
+    const char *szPlus;
+};
+
+void Note(const char **pszFirst, const char *szAt)
+{
+    if (!*pszFirst)
+        *pszFirst = szAt;
+}
+
+TTail FindTail(const char *szText, bool bBehindColon)
+{
+    TTail tail = {};
+    for (; *szText != '\0'; ++szText) {
+        if (*szText == '.')
+            Note(&tail.szDot, szText);
+        else if (*szText == 'Z')
+            Note(&tail.szZulu, szText);
+        else if (*szText == ':')
+            bBehindColon = true;
+        else if (*szText == '-' && bBehindColon)
+            Note(&tail.szMinus, szText);
+        else if (*szText == '+' && bBehindColon)
+            Note(&tail.szPlus, szText);
+    }
+    return tail;
+}
+
+bool ReadDateTime(const char *szText, TAppTime *ptTime, TTail *ptTail)
 {
     int anField[kFields] = {};
+    if (!szText)
+        return false;
+    if (ReadPlain(szText, anField))
+        *ptTail = FindTail(szText + kPlainLength, true);
     // Shortened fields, signs and blanks are the pattern's to judge.
-    if (!szText || (!ReadPlain(szText, anField) &&
-                    AppSscanf(szText, "%04d-%02d-%02dT%02d:%02d:%02d", &anField[0], &anField[1],
-                              &anField[2], &anField[3], &anField[4], &anField[5]) != kFields))
+    else if (AppSscanf(szText, "%04d-%02d-%02dT%02d:%02d:%02d", &anField[0], &anField[1],
+                       &anField[2], &anField[3], &anField[4], &anField[5]) == kFields)
+        *ptTail = FindTail(szText, false);
+    else
         return false;
     ptTime->wYear = static_cast<uint16_t>(anField[0]);
     ptTime->byMonth = static_cast<uint8_t>(anField[1]);
@@ -66,12 +104,11 @@ bool ReadDateTime(const char *szText, TAppTime *ptTime)
     return true;
 }
 
-uint32_t ReadMs(const char *szText)
+uint32_t ReadMs(const char *szDot)
 {
-    const char *szDigit = AppStrchr(szText, '.');
-    if (!szDigit)
+    if (!szDot)
         return 0;
-    ++szDigit;
+    const char *szDigit = szDot + 1;
     uint32_t dwMs = 0;
     for (int i = 0; i < 3; ++i) {
         dwMs *= 10;
@@ -101,24 +138,18 @@ struct TZone {
     int32_t nMinutes;
 };
 
-bool ReadZone(const char *szText, TZone *ptZone)
+bool ReadZone(const TTail &tail, TZone *ptZone)
 {
     *ptZone = {};
-    if (AppStrchr(szText, 'Z')) {
-        ptZone->bHas = 1;
-        return true;
-    }
-    const char *szTime = AppStrchr(szText, ':'); // behind the date and its hyphens
     // A minus wins over a plus, wherever they stand.
-    const char *szMinus = AppStrchr(szTime, '-');
-    const char *szSign = szMinus ? szMinus : AppStrchr(szTime, '+');
-    if (!szSign)
+    const char *szSign = tail.szMinus ? tail.szMinus : tail.szPlus;
+    ptZone->bHas = tail.szZulu || szSign ? 1 : 0;
+    if (tail.szZulu || !szSign)
         return true;
     if (!ReadOffset(szSign, &ptZone->nMinutes))
         return false;
-    ptZone->bHas = 1;
     ptZone->bNumeric = true;
-    if (szMinus)
+    if (tail.szMinus)
         ptZone->nMinutes = -ptZone->nMinutes;
     return true;
 }
@@ -215,14 +246,15 @@ uint32_t AppConvertXsdDatetime2U32(const char *szDatetime, uint32_t *pdwTime, ui
 {
     TAppTime time = {};
     TZone zone;
-    if (!ReadDateTime(szDatetime, &time) || !ReadZone(szDatetime, &zone))
+    TTail tail;
+    if (!ReadDateTime(szDatetime, &time, &tail) || !ReadZone(tail, &zone))
         return APP_INVALID_ARG;
     if (pdwTime)
         *pdwTime = AppConvertTimeToU32(&time);
     if (pbHasZone)
         *pbHasZone = zone.bHas;
     if (pdwMs)
-        *pdwMs = ReadMs(szDatetime);
+        *pdwMs = ReadMs(tail.szDot);
     // "Z" leaves the caller's value alone.
     if (pnZoneMin && zone.bNumeric)
         *pnZoneMin = zone.nMinutes;
