@@ -9,6 +9,7 @@
 #include "support/log_capture.h"
 #include "utils/double_list.h"
 #include "utils/lock_guard.h"
+#include "utils/queue.h"
 #include "utils/queue_levels.h"
 #include "utils/queue_node.h"
 

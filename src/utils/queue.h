@@ -1,90 +1,11 @@
 // SPDX-License-Identifier: MIT
 //
-// The queue's operations for the task manager, and its record for tests.
+// The queue's operations for the task manager.
 #ifndef APPCORE_UTILS_QUEUE_H
 #define APPCORE_UTILS_QUEUE_H
 
-#include "appcore/containers.h"
 #include "base/field.h"
-#include "base/thread_safety.h"
-
-struct TAppQueueBlock;
-struct TAppQueueNode;
-
-namespace app
-{
-
-// The way to the next node and two marks of the node that has it, in the bits which addresses leave
-// free: so a node that stands alone fills one block of a pool's smallest class on 32-bit machines.
-class QueueLink
-{
-public:
-    static constexpr uintptr_t kOfBlock = 1; // the node came from a block of nodes
-    static constexpr uintptr_t kSeveral = 2; // it begins a level of several, not the last level
-
-    TAppQueueNode *Next() const { return reinterpret_cast<TAppQueueNode *>(m_uValue & ~kMarks); }
-    void SetNext(TAppQueueNode *ptNext)
-    {
-        m_uValue = reinterpret_cast<uintptr_t>(ptNext) | (m_uValue & kMarks);
-    }
-    bool Has(uintptr_t uMark) const { return (m_uValue & uMark) != 0; }
-    void Mark(uintptr_t uMark) { m_uValue |= uMark; }
-    void Clear(uintptr_t uMark) { m_uValue &= ~uMark; }
-    // No next node, and this mark alone or none.
-    void Reset(uintptr_t uMark) { m_uValue = uMark; }
-
-private:
-    static constexpr uintptr_t kMarks = kOfBlock | kSeveral;
-
-    uintptr_t m_uValue;
-};
-
-} // namespace app
-
-struct TAppQueueNode {
-    app::QueueLink ptNext; // towards the tail
-    void *pvData;
-    union {
-        int32_t nPriority;
-        // In the second node of a level, whose priority the first one tells; not in the last level.
-        TAppQueueNode *ptLevelTail;
-    };
-    // From the node's block.  A node alone ends before this when no record follows.
-    uint32_t dwOffset;
-};
-
-// As many as the pools' size class leaves room for in the record.
-#define APP_QUEUE_STOP_NUM (sizeof(void *) == 4 ? 5u : 9u)
-
-// From the head, priorities never increase; equal ones, a level, are in the order of insertion.
-// See queue_levels.h for the levels and stops, queue_node.h for the blocks.
-struct TAppQueue {
-    TAppQueueNode *ptTail APP_GUARDED_BY(hLock); // meaningful only while ptHead is not null
-    TAppQueueNode *ptHead APP_GUARDED_BY(hLock);
-    HAppLock hLock;      // null for a queue without
-    HAppLock hCountLock; // consumers sleep on it; one unit for each that is woken
-    HAppMemPool hMemPool;
-    uint32_t dwCurSize APP_GUARDED_BY(hLock);
-    uint32_t dwMaxSize APP_GUARDED_BY(hLock); // for ordinary insertions; 0 is no limit
-    // Highest dwCurSize since creation or the last change of the maximum.
-    uint32_t dwTopSize APP_GUARDED_BY(hLock);
-
-    TAppQueueNode *ptLastLevel APP_GUARDED_BY(hLock); // its first node; null when empty
-    TAppQueueNode *aptStop[APP_QUEUE_STOP_NUM] APP_GUARDED_BY(hLock);
-    uint32_t adwSpan[APP_QUEUE_STOP_NUM + 1] APP_GUARDED_BY(hLock);
-
-    TAppQueueBlock *ptBlocks APP_GUARDED_BY(hLock); // those with a free node
-    uint16_t wRecordSize;                           // of what lies behind each node; 0 is nothing
-    uint16_t wLoneSize;                             // of a node alone, with its record
-    uint8_t byBlockNodes;                           // nodes in a block
-    uint8_t byStops APP_GUARDED_BY(hLock);
-
-    // Of a queue with hLock: see queue.cpp.
-    uint32_t dwSleepers APP_GUARDED_BY(hLock);    // consumers for which no unit is on its way
-    uint32_t dwPromised APP_GUARDED_BY(hLock);    // elements for which a consumer has been woken
-    uint32_t dwInterrupted APP_GUARDED_BY(hLock); // consumers that have been woken for nothing
-    bool bInterrupt APP_GUARDED_BY(hLock); // an interrupt that found no sleeper: for the next one
-};
+#include "utils/queue_record.h"
 
 extern "C" {
 // AppQueueIn() that may pass the maximum.
@@ -102,7 +23,6 @@ namespace app
 // most kQueueRecordMax, which it keeps behind its nodes: a record needs no memory of its own.  Such
 // a queue is used through the four operations below; its records are aligned as pointers are.
 // Messages and results are those of AppQueueCreate(), which creates it with 0.
-constexpr uint32_t kQueueRecordMax = 128;
 uint32_t QueueCreateForRecords(HAppMemPool hMemPool, uint32_t dwMaxSize, uint32_t dwRecordSize,
                                HAppQueue *phQueue);
 

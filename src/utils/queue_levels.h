@@ -16,7 +16,8 @@
 #ifndef APPCORE_UTILS_QUEUE_LEVELS_H
 #define APPCORE_UTILS_QUEUE_LEVELS_H
 
-#include "utils/queue.h"
+#include "base/field.h"
+#include "utils/queue_record.h"
 
 namespace app
 {

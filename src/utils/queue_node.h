@@ -10,7 +10,7 @@
 #define APPCORE_UTILS_QUEUE_NODE_H
 
 #include "appcore/mempool.h"
-#include "utils/queue.h"
+#include "utils/queue_record.h"
 
 struct TAppQueueBlock {
     TAppQueueBlock *ptPrev; // among the listed
