@@ -26,11 +26,6 @@ void *Finish(void *pvHead, HAppMemPool hMemPool, uint32_t dwSize)
     return ptHead + 1;
 }
 
-bool Traces()
-{
-    return app::Peek(g_byAppLogLevel[0]) >= APP_LOG_MEMDBG1;
-}
-
 [[gnu::noinline]] void *MallocFromHeap(uint32_t dwSize, const char *szOp)
 {
     auto ptHead = dwSize > kLargest
@@ -94,7 +89,7 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
     if (pvHead) { // else it has been logged
         app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
-        if (Traces())
+        if (app::Traces(APP_LOG_MEMDBG1))
             TraceMalloc(hMemPool, static_cast<TAppMemPoolHead *>(pvHead) + 1, dwSize, szOp);
     }
     return pvHead;
@@ -145,13 +140,13 @@ void AppMemPoolFree(void *pvData)
         // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
         app::SetCounter(hMemPool->dwCurSize,
                         hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
-        if (Traces())
+        if (app::Traces(APP_LOG_MEMDBG1))
             TraceFree(hMemPool, pvData, dwSize, __func__);
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         return;
     }
-    if (Traces())
+    if (app::Traces(APP_LOG_MEMDBG1))
         TraceFree(nullptr, pvData, dwSize, __func__);
     free(ptHead);
 }

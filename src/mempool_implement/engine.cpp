@@ -112,11 +112,6 @@ void Verify([[maybe_unused]] const TAppMemPoolImpl *ptImpl, [[maybe_unused]] uin
     TraceCounters(ptImpl, szOp);
 }
 
-bool TracesBlocks()
-{
-    return app::Peek(g_byAppLogLevel[0]) >= APP_LOG_MEMDBG2;
-}
-
 void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
 {
     APP_TRACE(APP_LOG_MEMDBG2, "[MEMDBG-2] %s: size %lu, use MP %p use malloc\n", szOp,
@@ -130,7 +125,7 @@ void *MallocLarge(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, const char *szOp)
     *ptHead = {dwNeed, nullptr};
     if (ptImpl) {
         Count(ptImpl, dwNeed);
-        if (TracesBlocks())
+        if (app::Traces(APP_LOG_MEMDBG2))
             TraceCounters(ptImpl, szOp);
         Verify(ptImpl, APP_MEMPOOL_CLASS_NUM);
     }
@@ -158,7 +153,7 @@ void *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass, const
     Count(ptImpl, dwBlockSize);
     TAppMemClass &tClass = ptImpl->atClass[dwClass];
     app::SetCounter(tClass.dwInUse, tClass.dwInUse + 1);
-    if (TracesBlocks()) {
+    if (app::Traces(APP_LOG_MEMDBG2)) {
         AppLog(0, APP_LOG_MEMDBG2,
                "[MEMDBG-2] %s: Size %lu, use MP %p offset %lu(%lu) new block %p\n", szOp,
                app::Ul(dwNeed), app::Ptr(ptImpl), app::Ul(dwClass), app::Ul(dwBlockSize),
@@ -210,7 +205,7 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
                       const char *szOp)
 {
     AddIdle(&ptImpl->atClass[dwClass], ptHead);
-    if (TracesBlocks())
+    if (app::Traces(APP_LOG_MEMDBG2))
         TraceParking(ptImpl, ptHead, dwClass, szOp);
     Verify(ptImpl, dwClass);
 }
@@ -320,7 +315,7 @@ void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
     if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl || !ptImpl->atClass[dwClass].ptOldest)
         return MallocFromHeap(ptImpl, dwNeed, dwClass, __func__);
     TAppMemBlockHead *ptHead = TakeIdle(&ptImpl->atClass[dwClass], dwClass);
-    if (TracesBlocks())
+    if (app::Traces(APP_LOG_MEMDBG2))
         TraceReuse(ptImpl, ptHead, dwNeed, dwClass, __func__);
     Verify(ptImpl, dwClass);
     return BehindHead(ptHead);

@@ -60,11 +60,6 @@ void Retract(TAppTask *ptTask)
     return Announce(ptTask, app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
 }
 
-bool Traces()
-{
-    return APP_LOG_DEBUG <= app::Peek(g_byAppLogLevel[0]);
-}
-
 [[gnu::cold]] void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
 {
     app::LockGuard guard(ptTask); // a new owner replaces the name
@@ -98,7 +93,7 @@ void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
 bool RunsOn(const TAppTask *ptTask)
 {
     return app::QueueHolds(ptTask->hEventQueue) && !app::TimersMayBeDue(ptTask->ptTimerMgr) &&
-           !Traces();
+           !app::Traces(APP_LOG_DEBUG);
 }
 
 // Looks at the state that a handler has left behind; false when the thread has to leave.
@@ -233,7 +228,7 @@ void *AppTask(void *pvTask)
         uint32_t dwWait = Start(ptTask);
         void *pvEvent = nullptr; // the last one served, which goes back with the next take
         do
-            if (Traces())
+            if (app::Traces(APP_LOG_DEBUG))
                 TraceWait(ptTask, dwWait, __func__);
         while (ServeNext(ptTask, &dwWait, &pvEvent));
         app::QueueGiveRecordBack(ptTask->hEventQueue, pvEvent);

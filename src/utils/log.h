@@ -19,11 +19,20 @@ extern std::atomic<uint32_t> g_bAppLogViaStdout[256];
 extern std::atomic<uint8_t> g_byAppLogNextChannel;
 }
 
+namespace app
+{
+// Whether the library's own lines of a level are wanted.
+inline bool Traces(uint8_t byLevel)
+{
+    return byLevel <= Peek(g_byAppLogLevel[0]);
+}
+} // namespace app
+
 // AppLog on channel 0 for the levels that are normally off: the threshold is tested before the
 // arguments are even evaluated.
 #define APP_TRACE(byLevel, ...)                                                                    \
     do {                                                                                           \
-        if ((byLevel) <= app::Peek(g_byAppLogLevel[0]))                                            \
+        if (app::Traces(byLevel))                                                                  \
             AppLog(0, (byLevel), __VA_ARGS__);                                                     \
     } while (0)
 
