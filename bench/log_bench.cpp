@@ -52,6 +52,29 @@ void AppcoreFormatted(benchmark::State &state)
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: value %u of %s\n", __func__, dwValue++, "camera");
 }
 
+int NaiveFormat(char *szBuf, size_t nSize, const char *szFormat, ...) APP_PRINTF(3, 4);
+int NaiveFormat(char *szBuf, size_t nSize, const char *szFormat, ...)
+{
+    va_list args;
+    va_start(args, szFormat);
+    const int nWritten = vsnprintf(szBuf, nSize, szFormat, args);
+    va_end(args);
+    return nWritten;
+}
+
+// The C library's formatting and nothing else: no threshold, no console.
+void NaiveFormatted(benchmark::State &state)
+{
+    char achText[256];
+    unsigned dwValue = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(NaiveFormat(achText, sizeof achText,
+                                             "[ERROR] %s: value %u of %s\n", __func__, dwValue++,
+                                             "camera"));
+        benchmark::ClobberMemory();
+    }
+}
+
 void AppcoreFile(benchmark::State &state)
 {
     static const std::string s_strPath = TemporaryPath("appcore.log");
@@ -161,6 +184,7 @@ void bench::RegisterRows()
     Add("log_disabled macro", "spdlog", SpdlogDisabled);
     Add("log_formatted", "appcore", AppcoreFormatted, "1.0");
     Add("log_formatted", "spdlog", SpdlogFormatted);
+    Add("log_formatted", "naive", NaiveFormatted);
     for (int nThreads : {1, 2}) {
         const std::string strRow = "log_file threads:" + std::to_string(nThreads);
         Add(strRow, "appcore", AppcoreFile, "0.85")->Threads(nThreads);

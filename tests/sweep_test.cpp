@@ -311,7 +311,7 @@ void LogFiles(Run &run)
     works();
     EXPECT_EQ(AppSetFileLog(9, path.c_str(), 0), 1u); // the line rotates
     run.Do(OP((AppLogFile(9, APP_LOG_ALWAYS, "[INFO ] AppLogFile: text\n"), APP_OK)),
-           {Fn::writev, Fn::rename, Fn::fopen, Fn::ftruncate, Fn::fcntl});
+           {Fn::write, Fn::rename, Fn::fopen, Fn::ftruncate, Fn::fcntl});
     works();
     AppCloseFileLog(9);
     std::filesystem::remove_all(dir);

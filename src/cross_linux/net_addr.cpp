@@ -78,6 +78,12 @@ uint32_t ReadFailed(const char *szIp, const char *szOp)
 
 uint32_t _AppConvertStrtoNet(const char *szIp, TAppNetAddr *ptAddr)
 {
+    uint32_t dwIpv4 = 0;
+    if (ReadQuad(szIp, &dwIpv4)) {
+        ptAddr->dwType = APP_NET_ADDR_IPV4;
+        ptAddr->dwIpv4 = dwIpv4;
+        return APP_OK;
+    }
     if (strchr(szIp, ':')) {
         ptAddr->dwType = APP_NET_ADDR_IPV6;
         // Read aside: of a text that is no address only the kind gets into the record.
@@ -90,8 +96,7 @@ uint32_t _AppConvertStrtoNet(const char *szIp, TAppNetAddr *ptAddr)
     if (!strchr(szIp, '.'))
         return APP_INVALID_ARG;
     ptAddr->dwType = APP_NET_ADDR_IPV4;
-    uint32_t dwIpv4 = 0;
-    if (!ReadQuad(szIp, &dwIpv4) && inet_pton(AF_INET, szIp, &dwIpv4) != 1)
+    if (inet_pton(AF_INET, szIp, &dwIpv4) != 1)
         return ReadFailed(szIp, __func__);
     ptAddr->dwIpv4 = dwIpv4;
     return APP_OK;

@@ -133,18 +133,20 @@ int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uin
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  IP_PKTINFO failed %d %s\n", __func__);
         return kFailed;
     }
-    struct sockaddr_in tRemote = {};
+    struct sockaddr_in tRemote;
     struct iovec tPiece = {pvBuf, *pdwLen};
     alignas(struct cmsghdr) char achControl[32];
-    struct msghdr tMsg = {};
+    struct msghdr tMsg;
     const TOutcome outcome = Run(hSocket, EPOLLIN, dwTimeout, __func__, [&](int nFlags) {
         tMsg = {};
         tMsg.msg_name = &tRemote;
         tMsg.msg_namelen = sizeof(tRemote);
         tMsg.msg_iov = &tPiece;
         tMsg.msg_iovlen = 1;
-        tMsg.msg_control = achControl;
-        tMsg.msg_controllen = sizeof(achControl);
+        if (ptLocalAddr) { // nobody else asks for the destination
+            tMsg.msg_control = achControl;
+            tMsg.msg_controllen = sizeof(achControl);
+        }
         return recvmsg(hSocket->nFd, &tMsg, nFlags);
     });
     const int32_t nResult = FinishReceive(outcome, pdwLen, __func__);

@@ -13,40 +13,29 @@ bool IsDigit(char ch)
     return ch >= '0' && ch <= '9';
 }
 
-// `nDigits` digits at `szText`; false when there is anything else.
-bool ReadDigits(const char *szText, int nDigits, int *pnValue)
+// Two digits; false when there is anything else.  Never reads past the end.
+inline bool ReadTwo(const char *szText, int *pnValue)
 {
-    *pnValue = 0;
-    for (int i = 0; i < nDigits; ++i) {
-        if (!IsDigit(szText[i]))
-            return false;
-        *pnValue = *pnValue * 10 + (szText[i] - '0');
-    }
+    if (!IsDigit(szText[0]) || !IsDigit(szText[1]))
+        return false;
+    *pnValue = (szText[0] - '0') * 10 + (szText[1] - '0');
     return true;
 }
 
-struct TField {
-    int nOffset;
-    int nDigits;
-    char chAfter; // behind the digits; '\0' for whatever stands there
-};
-
-// "2024-03-05T14:07:09"
-constexpr TField kDateTime[] = {{0, 4, '-'},  {5, 2, '-'},  {8, 2, 'T'},
-                                {11, 2, ':'}, {14, 2, ':'}, {17, 2, '\0'}};
 constexpr int kFields = 6;
 constexpr int kPlainLength = 19;
 
-// The plain form, in one pass.  Stops at the first difference, so it never reads past the end.
+// The plain form, "2024-03-05T14:07:09".
 bool ReadPlain(const char *szText, int (&anField)[kFields])
 {
-    for (int i = 0; i < kFields; ++i) {
-        const TField &field = kDateTime[i];
-        if (!ReadDigits(szText + field.nOffset, field.nDigits, &anField[i]))
+    int nCentury;
+    if (!ReadTwo(szText, &nCentury) || !ReadTwo(szText + 2, &anField[0]))
+        return false;
+    anField[0] += nCentury * 100;
+    const char *szField = szText + 4;
+    for (int i = 0; i < kFields - 1; ++i, szField += 3)
+        if (*szField != "--T::"[i] || !ReadTwo(szField + 1, &anField[i + 1]))
             return false;
-        if (field.chAfter != '\0' && szText[field.nOffset + field.nDigits] != field.chAfter)
-            return false;
-    }
     return true;
 }
 
@@ -68,6 +57,8 @@ TTail FindTail(const char *szText, bool bBehindColon)
 {
     TTail tail = {};
     for (; *szText != '\0'; ++szText) {
+        if (IsDigit(*szText)) // most are
+            continue;
         if (*szText == '.')
             Note(&tail.szDot, szText);
         else if (*szText == 'Z')
@@ -124,8 +115,7 @@ bool ReadOffset(const char *szZone, int32_t *pnMinutes)
 {
     int nHours = 0;
     int nMinutes = 0;
-    if ((!ReadDigits(szZone + 1, 2, &nHours) || szZone[3] != ':' ||
-         !ReadDigits(szZone + 4, 2, &nMinutes)) &&
+    if ((!ReadTwo(szZone + 1, &nHours) || szZone[3] != ':' || !ReadTwo(szZone + 4, &nMinutes)) &&
         AppSscanf(szZone + 1, "%02d:%02d", &nHours, &nMinutes) != 2)
         return false;
     *pnMinutes = static_cast<uint8_t>(nHours) * 60 + static_cast<uint8_t>(nMinutes);

@@ -9,7 +9,7 @@ set(fault_gates
     pthread_condattr_init/1 pthread_condattr_setclock/2 pthread_cond_init/2 pthread_cond_signal/1
     pthread_cond_timedwait/3/__pthread_cond_timedwait64
     clock_gettime/2/__clock_gettime64 gmtime_r/2/__gmtime64_r timegm/1/__timegm64
-    fopen/2/fopen64 fdopen/2 writev/3 ftruncate/2/ftruncate64 rename/2
+    fopen/2/fopen64 fdopen/2 write/3 writev/3 ftruncate/2/ftruncate64 rename/2
     socket/3 bind/3 connect/3 setsockopt/5/__setsockopt64 getsockname/3 getpeername/3
     epoll_create1/1 epoll_ctl/4 epoll_wait/4 recv/4 recvmsg/3/__recvmsg64 send/4 sendto/6
     inet_pton/3 inet_ntop/4 getifaddrs/1 iconv_open/2 iconv/5
