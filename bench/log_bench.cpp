@@ -52,25 +52,14 @@ void AppcoreFormatted(benchmark::State &state)
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: value %u of %s\n", __func__, dwValue++, "camera");
 }
 
-int NaiveFormat(char *szBuf, size_t nSize, const char *szFormat, ...) APP_PRINTF(3, 4);
-int NaiveFormat(char *szBuf, size_t nSize, const char *szFormat, ...)
-{
-    va_list args;
-    va_start(args, szFormat);
-    const int nWritten = vsnprintf(szBuf, nSize, szFormat, args);
-    va_end(args);
-    return nWritten;
-}
-
 // The C library's formatting and nothing else: no threshold, no console.
 void NaiveFormatted(benchmark::State &state)
 {
     char achText[256];
     unsigned dwValue = 0;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(NaiveFormat(achText, sizeof achText,
-                                             "[ERROR] %s: value %u of %s\n", __func__, dwValue++,
-                                             "camera"));
+        snprintf(achText, sizeof achText, "[ERROR] %s: value %u of %s\n", __func__, dwValue++,
+                 "camera");
         benchmark::ClobberMemory();
     }
 }

@@ -22,12 +22,15 @@ TAppFileLogInfo g_atAppFileLogInfo[256];
 namespace
 {
 
+constexpr uint32_t kHeadSize = 40;
+
 // What a channel has beside its record; all of it under the mutex, so that a line is written, and
 // the file rotated, by one thread at a time.  Initialised when the library is built: written when it
 // is loaded, the table would cost every process four pages.
 struct TChannel {
     pthread_mutex_t tMutex = PTHREAD_MUTEX_INITIALIZER;
-    time_t nLooked = 0;     // the second in which the path was last looked at
+    time_t nSecond = 0;           // for which the head was made and the path was looked at
+    char achHead[kHeadSize] = {}; // "[stamp] "
     int nGone = 0;          // why a file that has vanished could not be opened anew; 0: it is there
     uint32_t dwLost = 0;    // lines lost since the last one that was written
     uint32_t dwTorn = 0;    // bytes of a torn line at the end of the file, still to be taken back
@@ -43,27 +46,14 @@ struct TNews {
     int nStopped;
 };
 
-constexpr uint32_t kHeadSize = 40;
-
-// The head "[stamp] " of the present second, made once and used by every channel.
-pthread_mutex_t s_tHeadMutex = PTHREAD_MUTEX_INITIALIZER;
-time_t s_nHeadTime = -1;
-char s_achHead[kHeadSize];
-
-time_t CopyHead(char (&achHead)[kHeadSize])
+// tzset, for localtime_r need not look at TZ again: a changed zone shows within a second.
+void MakeHead(char (&achHead)[kHeadSize], time_t nNow)
 {
-    const time_t nNow = time(nullptr);
-    app::MutexGuard guard(s_tHeadMutex);
-    if (nNow != s_nHeadTime) {
-        struct tm tLocal = {};
-        tzset(); // localtime_r need not look at TZ again; a changed zone shows within a second
-        localtime_r(&nNow, &tLocal);
-        if (strftime(s_achHead, kHeadSize, "[%Y/%m/%d %H:%M:%S ] ", &tLocal) == 0)
-            s_achHead[0] = '\0';
-        s_nHeadTime = nNow;
-    }
-    memcpy(achHead, s_achHead, kHeadSize);
-    return nNow;
+    struct tm tLocal = {};
+    tzset();
+    localtime_r(&nNow, &tLocal);
+    if (strftime(achHead, kHeadSize, "[%Y/%m/%d %H:%M:%S ] ", &tLocal) == 0)
+        achHead[0] = '\0';
 }
 
 uint32_t Saturated(uint64_t qwSize)
@@ -137,16 +127,13 @@ bool IsInPlace(const struct stat &tFile, const char *szPath)
            tPath.st_ino == tFile.st_ino;
 }
 
-// Once a second: a file that was deleted or moved away is opened anew.  Where that fails, one moved
-// away is written on, and of one deleted the lines are lost until it succeeds.
-void LookAtPath(TAppFileLogInfo &tInfo, TChannel &tChannel, time_t nNow)
+// A file that was deleted or moved away is opened anew.  Where that fails, one moved away is written
+// on, and of one deleted the lines are lost until it succeeds.
+void LookAtPath(TAppFileLogInfo &tInfo, TChannel &tChannel)
 {
     FILE *ptOld = tInfo.ptFile.load();
     struct stat tFile;
-    if (nNow == tChannel.nLooked || fstat(fileno(ptOld), &tFile) != 0)
-        return;
-    tChannel.nLooked = nNow;
-    if (IsInPlace(tFile, tInfo.achFilePath))
+    if (fstat(fileno(ptOld), &tFile) != 0 || IsInPlace(tFile, tInfo.achFilePath))
         return;
     if (FILE *ptFile = OpenStream(tInfo.achFilePath, "ab+e")) {
         Adopt(tInfo, tChannel, ptFile);
@@ -177,7 +164,7 @@ ssize_t WritePieces(int nFd, const struct iovec (&atPiece)[kPieces], size_t nLin
     char achLine[kShortLine];
     char *szEnd = achLine;
     for (const struct iovec &tPiece : atPiece) {
-        memcpy(szEnd, tPiece.iov_base, tPiece.iov_len);
+        AppMemcpy(szEnd, tPiece.iov_base, static_cast<uint32_t>(tPiece.iov_len));
         szEnd += tPiece.iov_len;
     }
     return write(nFd, achLine, nLine);
@@ -187,15 +174,19 @@ ssize_t WritePieces(int nFd, const struct iovec (&atPiece)[kPieces], size_t nLin
 // Returns 0, or why the line is lost.
 int WriteLine(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szText)
 {
-    char achHead[kHeadSize];
-    LookAtPath(tInfo, tChannel, CopyHead(achHead));
+    const time_t nNow = time(nullptr);
+    if (nNow != tChannel.nSecond) {
+        tChannel.nSecond = nNow;
+        MakeHead(tChannel.achHead, nNow);
+        LookAtPath(tInfo, tChannel);
+    }
     if (tChannel.nGone != 0)
         return tChannel.nGone;
     const int nFd = fileno(tInfo.ptFile.load());
     CutTorn(tChannel, nFd);
     char achEnd[] = "\n";
     const struct iovec atPiece[kPieces] = {{achEnd, tChannel.dwTorn > 0 ? 1u : 0u},
-                                           {achHead, strlen(achHead)},
+                                           {tChannel.achHead, strlen(tChannel.achHead)},
                                            {const_cast<char *>(szText), strlen(szText)}};
     const size_t nLine = atPiece[0].iov_len + atPiece[1].iov_len + atPiece[2].iov_len;
     ssize_t nWritten;
@@ -266,7 +257,7 @@ uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSi
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     AppStrncpy(tInfo.achFilePath, szPath, sizeof(tInfo.achFilePath));
     tInfo.dwMaxSize = dwMaxSize;
-    tChannel.nLooked = 0;
+    tChannel.nSecond = 0;
     tChannel.bNoBackup = 0;
     if (!ReplaceStream(tInfo, tChannel, "ab+e"))
         return 0;
