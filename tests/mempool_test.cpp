@@ -116,6 +116,14 @@ TEST_F(MemPool, WhatThePoolNeverHandsOut)
         EXPECT_EQ(app::TryMalloc(dwSize ? hPool : nullptr, dwSize + 1), nullptr);
     }
     EXPECT_EQ(log.Lines().size(), 3u);
+    // What a console logs while it prints such an attempt's trace is its own affair.
+    log.OnLine([](const std::string &) { AppLog(0, APP_LOG_ERROR, "[ERROR] AppLog: console\n"); });
+    AppSetLogLevel(0, APP_LOG_MEMDBG1);
+    void *pvBlock = app::TryMalloc(hPool, 10);
+    log.OnLine(nullptr);
+    AppSetLogLevel(0, APP_LOG_ERROR);
+    AppMemPoolFree(pvBlock);
+    EXPECT_EQ(log.Count("[ERROR] AppLog: console\n"), 1u);
     _AppFree(nullptr, _AppMalloc(nullptr, 10)); // an engine without a record
     _AppFree(hPool->ptImpl, _AppMalloc(hPool->ptImpl, 0));
     EXPECT_EQ(__AppMemGetOffset(32), 0u); // less than the headers on 64-bit machines

@@ -122,7 +122,7 @@ void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 
 void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 {
-    const WithoutErrors quiet;
+    const ErrorLines drop(true);
     return AppMemPoolMalloc(hMemPool, dwSize);
 }
 

@@ -19,7 +19,7 @@ struct THeldLine;
 // The calling thread's.
 struct THeldLines {
     uint32_t dwGuards; // that hold a lock
-    bool bNoErrors;    // see WithoutErrors
+    bool bNoErrors;    // see ErrorLines
     THeldLine *ptFirst;
     THeldLine *ptLast;
 };
@@ -66,14 +66,18 @@ private:
 #endif
 };
 
-// For a scope whose failures harm nobody: their ERROR lines are dropped.
-class [[nodiscard]] WithoutErrors
+// For a scope whose failures harm nobody: their ERROR lines are dropped; or, within such a scope,
+// for one whose lines are not.
+class [[nodiscard]] ErrorLines
 {
 public:
-    WithoutErrors() : m_bOuter(t_tHeldLines.bNoErrors) { t_tHeldLines.bNoErrors = true; }
-    ~WithoutErrors() { t_tHeldLines.bNoErrors = m_bOuter; }
-    WithoutErrors(const WithoutErrors &) = delete;
-    WithoutErrors &operator=(const WithoutErrors &) = delete;
+    explicit ErrorLines(bool bDrop) : m_bOuter(t_tHeldLines.bNoErrors)
+    {
+        t_tHeldLines.bNoErrors = bDrop;
+    }
+    ~ErrorLines() { t_tHeldLines.bNoErrors = m_bOuter; }
+    ErrorLines(const ErrorLines &) = delete;
+    ErrorLines &operator=(const ErrorLines &) = delete;
 
 private:
     bool m_bOuter;

@@ -73,6 +73,7 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 
 void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
 {
+    const ErrorLines keep(false); // what a console or a file has to tell is its own affair
     if (!bFileOnly) {
         // What a sink refuses has nowhere to be told.
         if (Peek(g_bAppLogViaStdout[byChannel]) == 1)
