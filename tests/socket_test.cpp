@@ -35,6 +35,8 @@ int Option(HAppSocket hSocket, int nLevel, int nOption)
     return nValue;
 }
 
+constexpr uint32_t kUdpTo = 77; // UDP whose receiver asks where a datagram was sent to
+
 // A socket of the library's; at the other end is one of the system's, or the very same.
 struct Transfer : testing::TestWithParam<uint32_t> {
     Transfer() { connect(udp.hSocket->nFd, app::Generic(&udp.tAddr), sizeof(udp.tAddr)); }
@@ -48,11 +50,13 @@ struct Transfer : testing::TestWithParam<uint32_t> {
     int32_t Receive(uint32_t dwTimeout)
     {
         dwLen = sizeof(achBuf);
-        return bUdp ? AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, dwTimeout, nullptr, nullptr,
-                                       nullptr, nullptr)
+        TAppNetAddr local;
+        return bUdp ? AppSocketUDPRecv(udp.hSocket, achBuf, &dwLen, dwTimeout,
+                                       GetParam() == kUdpTo ? &local : nullptr, nullptr, nullptr,
+                                       nullptr)
                     : AppSocketTCPRecv(hTcp, achBuf, &dwLen, dwTimeout);
     }
-    const bool bUdp = GetParam() == APP_SOCKET_UDP;
+    const bool bUdp = GetParam() != APP_SOCKET_TCP;
     test::TUdp udp;
     test::TListener listener;
     HAppSocket hTcp = listener.Connect(), hSocket = bUdp ? udp.hSocket : hTcp;
@@ -61,7 +65,7 @@ struct Transfer : testing::TestWithParam<uint32_t> {
     uint32_t dwLen = 0;
     test::LogCapture log;
 };
-INSTANTIATE_TEST_SUITE_P(Socket, Transfer, testing::Values(APP_SOCKET_UDP, APP_SOCKET_TCP));
+INSTANTIATE_TEST_SUITE_P(Socket, Transfer, testing::Values(APP_SOCKET_UDP, kUdpTo, APP_SOCKET_TCP));
 
 TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
 {
@@ -89,7 +93,7 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     EXPECT_EQ(Receive(1), -2);
     { // Always ready, but somebody else takes what came.
         fault::Fail waits(Fn::epoll_wait, 1, 0, 1u << 30);
-        fault::Fail thief({Fn::recvmsg, Fn::recv}, 2, 0, 1u << 30);
+        fault::Fail thief({Fn::recvmsg, Fn::recvfrom, Fn::recv}, 2, 0, 1u << 30);
         waits.Action([&] { send(nPeer, "x", 1, 0); });
         thief.Action([&] { recv(hSocket->nFd, achBuf, 1, 0); });
         const auto start = std::chrono::steady_clock::now();
@@ -104,8 +108,8 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     while (!bUdp && Send(std::string(8 << 20, 'x'), kShort) > 0) { // the peer does not read
     }
     EXPECT_EQ(Send("", kLong), -1);
-    for (const Fn fn : {Fn::recvmsg, Fn::recv, Fn::epoll_create1, Fn::epoll_ctl, Fn::epoll_wait,
-                        Fn::sendto, Fn::send}) {
+    for (const Fn fn : {Fn::recvmsg, Fn::recvfrom, Fn::recv, Fn::epoll_create1, Fn::epoll_ctl,
+                        Fn::epoll_wait, Fn::sendto, Fn::send}) {
         fault::Fail failure(fn, 1, EDOM);
         const bool bSends = fn == (bUdp ? Fn::sendto : Fn::send);
         const int32_t nResult = bSends ? Send("x", 1) : Receive(1);

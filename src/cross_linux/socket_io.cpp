@@ -116,6 +116,23 @@ void FindDestination(struct msghdr *ptMsg, TAppNetAddr *ptLocalAddr)
     }
 }
 
+ssize_t ReceiveWithDestination(int nFd, struct iovec tPiece, int nFlags,
+                               struct sockaddr_in *ptRemote, TAppNetAddr *ptLocalAddr)
+{
+    alignas(struct cmsghdr) char achControl[32];
+    struct msghdr tMsg = {};
+    tMsg.msg_name = ptRemote;
+    tMsg.msg_namelen = sizeof(*ptRemote);
+    tMsg.msg_iov = &tPiece;
+    tMsg.msg_iovlen = 1;
+    tMsg.msg_control = achControl;
+    tMsg.msg_controllen = sizeof(achControl);
+    const ssize_t nCount = recvmsg(nFd, &tMsg, nFlags);
+    if (nCount > 0)
+        FindDestination(&tMsg, ptLocalAddr);
+    return nCount;
+}
+
 bool IsKind(HAppSocket hSocket, uint32_t dwSockType)
 {
     return hSocket && hSocket->dwSockType == dwSockType;
@@ -134,20 +151,12 @@ int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uin
         return kFailed;
     }
     struct sockaddr_in tRemote;
-    struct iovec tPiece = {pvBuf, *pdwLen};
-    alignas(struct cmsghdr) char achControl[32];
-    struct msghdr tMsg;
     const TOutcome outcome = Run(hSocket, EPOLLIN, dwTimeout, __func__, [&](int nFlags) {
-        tMsg = {};
-        tMsg.msg_name = &tRemote;
-        tMsg.msg_namelen = sizeof(tRemote);
-        tMsg.msg_iov = &tPiece;
-        tMsg.msg_iovlen = 1;
-        if (ptLocalAddr) { // nobody else asks for the destination
-            tMsg.msg_control = achControl;
-            tMsg.msg_controllen = sizeof(achControl);
-        }
-        return recvmsg(hSocket->nFd, &tMsg, nFlags);
+        if (ptLocalAddr)
+            return ReceiveWithDestination(hSocket->nFd, {pvBuf, *pdwLen}, nFlags, &tRemote,
+                                          ptLocalAddr);
+        socklen_t dwSize = sizeof(tRemote); // the shorter way through the system
+        return recvfrom(hSocket->nFd, pvBuf, *pdwLen, nFlags, app::Generic(&tRemote), &dwSize);
     });
     const int32_t nResult = FinishReceive(outcome, pdwLen, __func__);
     if (nResult < 0)
@@ -156,8 +165,6 @@ int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uin
         app::FromInAddr(tRemote.sin_addr, ptRemoteAddr);
     if (pwRemotePort)
         *pwRemotePort = tRemote.sin_port;
-    if (ptLocalAddr)
-        FindDestination(&tMsg, ptLocalAddr);
     if (pwLocalPort)
         *pwLocalPort = hSocket->wPort;
     return nResult;

@@ -11,7 +11,7 @@ set(fault_gates
     clock_gettime/2/__clock_gettime64 gmtime_r/2/__gmtime64_r timegm/1/__timegm64
     fopen/2/fopen64 fdopen/2 write/3 writev/3 ftruncate/2/ftruncate64 rename/2
     socket/3 bind/3 connect/3 setsockopt/5/__setsockopt64 getsockname/3 getpeername/3
-    epoll_create1/1 epoll_ctl/4 epoll_wait/4 recv/4 recvmsg/3/__recvmsg64 send/4 sendto/6
+    epoll_create1/1 epoll_ctl/4 epoll_wait/4 recv/4 recvmsg/3/__recvmsg64 recvfrom/6 send/4 sendto/6
     inet_pton/3 inet_ntop/4 getifaddrs/1 iconv_open/2 iconv/5
     mxmlGetOpaque/1 mxmlGetCDATA/1 _AppVsnprintf/4 AppMemPoolMalloc/2 AppTaskSetTimer/4)
 foreach(gate ${fault_gates})
