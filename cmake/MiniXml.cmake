@@ -5,7 +5,7 @@ if(PKG_CONFIG_FOUND)
 endif()
 if(NOT MXML_FOUND AND CMAKE_CROSSCOMPILING)
     message(FATAL_ERROR "Mini-XML for ${CMAKE_SYSTEM_PROCESSOR} was not found. "
-                        "For the arm preset run scripts/fetch-armhf-mxml first.")
+                        "scripts/fetch-mxml gets it for Debian's architectures.")
 elseif(NOT MXML_FOUND)
     message(FATAL_ERROR "Mini-XML was not found. On Debian: apt-get install pkg-config libmxml-dev")
 endif()

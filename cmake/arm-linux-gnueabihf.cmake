@@ -1,11 +1,11 @@
 # 32-bit ARM (hard float) from Debian's cross compiler; programs run under qemu-arm.
-# Mini-XML for the target is unpacked by scripts/fetch-armhf-mxml, never installed over the system.
+# Mini-XML for the target is unpacked by scripts/fetch-mxml armhf, never installed over the system.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 
-cmake_path(SET APPCORE_ARM_SYSROOT NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build/arm-sysroot)
+cmake_path(SET APPCORE_ARM_SYSROOT NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf)
 set(CMAKE_FIND_ROOT_PATH /usr/arm-linux-gnueabihf ${APPCORE_ARM_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
