@@ -2,6 +2,8 @@
  *
  * The semaphore of src/cross_linux/lock.cpp as a model: every interleaving of takers (with and
  * without time-out), givers and a destroyer; and, with USERS, of threads that use it as a mutex.
+ * A recursive lock is used so: what its holder knows beside is touched after its take and before
+ * its give.
  * Run by scripts/check/model.
  *
  * Proved: no taker sleeps for ever beside a unit (spin reports it as an invalid end state), nor

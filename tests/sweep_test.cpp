@@ -34,8 +34,7 @@ namespace
 using Fns = std::vector<Fn>;
 
 // These only shorten a wait; what fails then says that the time is over.
-const Fns kWaits = {Fn::clock_gettime, Fn::pthread_mutex_clocklock, Fn::pthread_mutex_timedlock,
-                    Fn::pthread_cond_timedwait};
+const Fns kWaits = {Fn::clock_gettime, Fn::pthread_cond_timedwait};
 // What fails in these is told at most by what they call.
 constexpr char kSilent[] =
     "AppLockCreate AppMemPoolMalloc AppMemPoolRealloc AppStrndup AppRegisterShareAction "

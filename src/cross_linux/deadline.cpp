@@ -8,10 +8,10 @@ constexpr uint32_t kMsPerSecond = 1000;
 constexpr long kNsPerMs = 1000000;
 constexpr long kNsPerSecond = 1000000000;
 
-struct timespec ReadNow(clockid_t nClock)
+struct timespec ReadNow()
 {
     struct timespec tNow = {};
-    clock_gettime(nClock, &tNow);
+    clock_gettime(CLOCK_MONOTONIC, &tNow);
     return tNow;
 }
 
@@ -34,20 +34,19 @@ bool IsBefore(const struct timespec &tOne, const struct timespec &tOther)
 
 } // namespace
 
-app::Deadline::Deadline(uint32_t dwTimeout, clockid_t nClock)
-    : m_nClock(nClock), m_bLimited(dwTimeout != 0), m_tNow(ReadNow(nClock)),
-      m_tEnd(Later(m_tNow, dwTimeout))
+app::Deadline::Deadline(uint32_t dwTimeout)
+    : m_bLimited(dwTimeout != 0), m_tNow(ReadNow()), m_tEnd(Later(m_tNow, dwTimeout))
 {
 }
 
 void app::Deadline::ReadClock()
 {
-    m_tNow = ReadNow(m_nClock);
+    m_tNow = ReadNow();
 }
 
 bool app::Deadline::Passed() const
 {
-    return m_bLimited && !IsBefore(ReadNow(m_nClock), m_tEnd);
+    return m_bLimited && !IsBefore(ReadNow(), m_tEnd);
 }
 
 bool app::Deadline::Reached() const
@@ -65,7 +64,7 @@ int32_t app::Deadline::LeftMs(int32_t nMost) const
 {
     if (!m_bLimited)
         return nMost;
-    const struct timespec tNow = ReadNow(m_nClock);
+    const struct timespec tNow = ReadNow();
     if (!IsBefore(tNow, m_tEnd))
         return 0;
     const auto dwSeconds = static_cast<uint32_t>(m_tEnd.tv_sec - tNow.tv_sec);

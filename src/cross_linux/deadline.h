@@ -8,14 +8,14 @@
 namespace app
 {
 
-// The one instant at which a wait ends.  Created when a wait begins, not before: reading the clock
-// costs more than a take that need not wait.  In seconds and nanoseconds, as the system takes and
-// gives them: 32-bit processors divide 64 bits in software.
+// The one instant at which a wait ends, on the monotonic clock.  Created when a wait begins, not
+// before: reading the clock costs more than a take that need not wait.  In seconds and nanoseconds,
+// as the system takes and gives them: 32-bit processors divide 64 bits in software.
 class Deadline
 {
 public:
     // A time-out of 0 has no end.
-    explicit Deadline(uint32_t dwTimeout, clockid_t nClock = CLOCK_MONOTONIC);
+    explicit Deadline(uint32_t dwTimeout);
 
     // Reads the clock.
     bool Passed() const;
@@ -33,7 +33,6 @@ public:
     int32_t LeftMs(int32_t nMost) const;
 
 private:
-    clockid_t m_nClock;
     bool m_bLimited;
     struct timespec m_tNow;
     struct timespec m_tEnd;

@@ -9,25 +9,20 @@
 // is fast again after one give.  Every sleeper on its way out, with a unit or without, sets the bit
 // again when others still sleep and passes a unit that is left on to them.  So a signal that
 // reached a taker whose time had just run out is never lost.
-#include <errno.h>
+//
+// The recursive lock is such a semaphore with one unit, whose holder is known: so its waits are the
+// semaphore's, on the monotonic clock with every C library.
 #include <pthread.h>
 #include <sched.h>
 #include <stddef.h>
 #include <unistd.h>
 
+#include "base/fast_tls.h"
 #include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/deadline.h"
 #include "cross_linux/lock_word.h"
 #include "cross_linux/mutex_guard.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define APP_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define APP_THREAD_SANITIZER 1
-#endif
-#endif
 
 // On 32-bit machines the headers of the pools leave a record at 4 modulo 8, less than the condition
 // asks for; it is made of 32-bit words and needs no more.
@@ -38,8 +33,15 @@ struct TAppLock {
     uint32_t dwType;
     uint32_t dwSleepers;            // takers in the slow path; under tMutex
     std::atomic<uint32_t> dwGivers; // gives that have published their unit and still touch the lock
-    TPlacedCond tCond;              // semaphore only: takers sleep here
-    pthread_mutex_t tMutex;         // semaphore: guards sleeping; recursive: the lock itself
+    TPlacedCond tCond;              // takers sleep here
+    pthread_mutex_t tMutex;         // guards sleeping
+};
+
+// Written by the holder alone, between its take and its give.  Others may look at the owner at any
+// moment: a thread finds its own number there only while it holds the lock itself.
+struct TRecursiveLock : TAppLock {
+    std::atomic<uint32_t> dwOwner; // its number, 0 while nobody holds the lock
+    uint32_t dwDepth;              // takes not yet given
 };
 
 static_assert(offsetof(TAppLock, tWord) == 0, "where the paths in line look for it");
@@ -57,6 +59,33 @@ using app::kSleepers;
 
 constexpr uint32_t kSliceMs = 1000; // see SleepSlice
 constexpr int kAttempts = 100;
+
+// Threads that use recursive locks are numbered: unlike the system's, the number of one that has
+// ended while it held a lock is not another's soon.
+std::atomic<uint32_t> s_dwLastNumber;
+__thread uint32_t t_dwNumber APP_FAST_TLS;
+
+[[gnu::noinline, gnu::cold]] uint32_t TakeNumber()
+{
+    while (t_dwNumber == 0)
+        t_dwNumber = s_dwLastNumber.fetch_add(1, std::memory_order_relaxed) + 1;
+    return t_dwNumber;
+}
+inline uint32_t OwnNumber()
+{
+    return t_dwNumber != 0 ? t_dwNumber : TakeNumber();
+}
+
+inline bool IsRecursive(HAppLock hLock)
+{
+    return hLock->dwType == APP_LOCK_TYPE_RECURSIVE;
+}
+
+// The word says 0 of a recursive lock.
+uint32_t MaxCountOf(HAppLock hLock)
+{
+    return IsRecursive(hLock) ? 1 : hLock->tWord.dwMaxCount;
+}
 
 uint32_t Least(uint32_t dwFirst, uint32_t dwSecond)
 {
@@ -131,48 +160,42 @@ void LeaveSleepers(HAppLock hLock)
     return bTaken;
 }
 
-// The wall clock only where the C library has no monotonic mutex lock, or the thread sanitizer
-// does not know it.
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 30) && !defined(APP_THREAD_SANITIZER)
-constexpr clockid_t kMutexClock = CLOCK_MONOTONIC;
-int LockUntil(pthread_mutex_t *ptMutex, const struct timespec &tEnd)
+inline uint32_t TakeUnit(HAppLock hLock, uint32_t dwTimeout)
 {
-    return pthread_mutex_clocklock(ptMutex, kMutexClock, &tEnd);
+    return TryTake(hLock) || TakeSleeping(hLock, dwTimeout) ? APP_OK : APP_TIMEOUT;
 }
-#else
-constexpr clockid_t kMutexClock = CLOCK_REALTIME;
-int LockUntil(pthread_mutex_t *ptMutex, const struct timespec &tEnd)
-{
-    return pthread_mutex_timedlock(ptMutex, &tEnd);
-}
-#endif
 
-[[gnu::noinline, gnu::cold]] bool TakeRecursiveUntil(HAppLock hLock, uint32_t dwTimeout)
+void SetHolder(TRecursiveLock *ptLock, uint32_t dwNumber)
 {
-    const struct timespec tEnd = app::Deadline(dwTimeout, kMutexClock).End();
-    for (int i = 0; i < kAttempts; ++i) {
-        const int nError = LockUntil(&hLock->tMutex, tEnd);
-        if (nError == 0 || nError == ETIMEDOUT)
-            return nError == 0;
+    ptLock->dwOwner.store(dwNumber, std::memory_order_relaxed);
+    ptLock->dwDepth = 1;
+}
+
+// Out of line, so that the semaphore's way needs no frame.
+[[gnu::noinline]] uint32_t TakeRecursive(TRecursiveLock *ptLock, uint32_t dwTimeout)
+{
+    const uint32_t dwSelf = OwnNumber();
+    if (ptLock->dwOwner.load(std::memory_order_relaxed) == dwSelf) {
+        if (ptLock->dwDepth == UINT32_MAX)
+            return APP_TIMEOUT;
+        ++ptLock->dwDepth;
+        return APP_OK;
     }
-    return false;
-}
-
-inline bool TakeRecursive(HAppLock hLock, uint32_t dwTimeout)
-{
-    if (dwTimeout == 0)
-        return pthread_mutex_lock(&hLock->tMutex) == 0;
-    return pthread_mutex_trylock(&hLock->tMutex) == 0 || TakeRecursiveUntil(hLock, dwTimeout);
+    if (!app::TakeAtOnce(ptLock) && TakeUnit(ptLock, dwTimeout) != APP_OK)
+        return APP_TIMEOUT;
+    SetHolder(ptLock, dwSelf);
+    return APP_OK;
 }
 
 // Under tMutex.  One unit more; the bit stays while the next give has to wake someone, too.
 void RaiseForSleepers(HAppLock hLock)
 {
-    const uint32_t dwMost = Least(hLock->dwSleepers, hLock->tWord.dwMaxCount);
+    const uint32_t dwMaxCount = MaxCountOf(hLock);
+    const uint32_t dwMost = Least(hLock->dwSleepers, dwMaxCount);
     uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
     uint32_t dwRaised;
     do {
-        const uint32_t dwUnits = Least((dwCount & kMaxUnits) + 1, hLock->tWord.dwMaxCount);
+        const uint32_t dwUnits = Least((dwCount & kMaxUnits) + 1, dwMaxCount);
         dwRaised = dwUnits < dwMost ? dwUnits | kSleepers : dwUnits;
     } while (!CountOf(hLock).compare_exchange_weak(dwCount, dwRaised, std::memory_order_release,
                                                    std::memory_order_relaxed));
@@ -188,21 +211,34 @@ void RaiseForSleepers(HAppLock hLock)
     // Signalled outside the mutex, so that the woken taker does not run into it.  That taker may
     // destroy the lock at once: AppLockDestroy waits for the count of givers, the last touch here.
     uint32_t dwResult = APP_OK;
-    if (pthread_cond_signal(&hLock->tCond) != 0 && TryTake(hLock))
+    if (pthread_cond_signal(&hLock->tCond) != 0 && !IsRecursive(hLock) && TryTake(hLock))
         dwResult = APP_FAILED; // nobody was woken and the unit is taken back
     hLock->dwGivers.fetch_sub(1, std::memory_order_release);
     return dwResult;
 }
 
-int InitRecursiveMutex(pthread_mutex_t *ptMutex)
+inline uint32_t GiveUnit(HAppLock hLock, uint32_t dwMaxCount)
 {
-    pthread_mutexattr_t tAttr;
-    int nError = pthread_mutexattr_init(&tAttr);
-    if (nError != 0)
-        return nError;
-    app::Rollback release([&] { pthread_mutexattr_destroy(&tAttr); });
-    nError = pthread_mutexattr_settype(&tAttr, PTHREAD_MUTEX_RECURSIVE);
-    return nError != 0 ? nError : pthread_mutex_init(ptMutex, &tAttr);
+    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
+    while (!(dwCount & kSleepers)) {
+        if (dwCount == dwMaxCount)
+            return APP_OK;
+        // From here on a taker may destroy the lock: nothing is touched after the exchange.
+        if (CountOf(hLock).compare_exchange_weak(dwCount, dwCount + 1, std::memory_order_release,
+                                                 std::memory_order_relaxed))
+            return APP_OK;
+    }
+    return GiveSleeping(hLock);
+}
+
+inline void GiveRecursive(TRecursiveLock *ptLock)
+{
+    const uint32_t dwOwner = ptLock->dwOwner.load(std::memory_order_relaxed);
+    if (dwOwner == 0 || dwOwner != t_dwNumber || --ptLock->dwDepth != 0)
+        return;
+    ptLock->dwOwner.store(0, std::memory_order_relaxed);
+    if (!app::GiveAtOnce(ptLock))
+        GiveUnit(ptLock, 1);
 }
 
 int InitMonotonicCond(pthread_cond_t *ptCond)
@@ -216,15 +252,7 @@ int InitMonotonicCond(pthread_cond_t *ptCond)
     return nError != 0 ? nError : pthread_cond_init(ptCond, &tAttr);
 }
 
-[[gnu::cold]] int InitRecursive(HAppLock hLock, uint32_t dwInitCount)
-{
-    const int nError = InitRecursiveMutex(&hLock->tMutex);
-    if (nError == 0 && dwInitCount == 0)
-        pthread_mutex_lock(&hLock->tMutex);
-    return nError;
-}
-
-[[gnu::cold]] int InitSemaphore(HAppLock hLock)
+[[gnu::cold]] int InitSleeping(HAppLock hLock)
 {
     int nError = pthread_mutex_init(&hLock->tMutex, nullptr);
     if (nError != 0)
@@ -240,20 +268,23 @@ int InitMonotonicCond(pthread_cond_t *ptCond)
 [[gnu::cold]] uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount,
                                       uint32_t dwInitCount, uint32_t dwType, HAppLock *phLock)
 {
-    if (dwMaxCount == 0 || (dwType == APP_LOCK_TYPE_RECURSIVE && dwMaxCount > 1))
+    const bool bRecursive = dwType == APP_LOCK_TYPE_RECURSIVE;
+    if (dwMaxCount == 0 || (bRecursive && dwMaxCount > 1))
         return APP_INVALID_ARG;
     *phLock = nullptr;
-    auto hLock = static_cast<HAppLock>(AppMemPoolMalloc(hMemPool, sizeof(TAppLock)));
+    auto hLock = static_cast<HAppLock>(
+        AppMemPoolMalloc(hMemPool, bRecursive ? sizeof(TRecursiveLock) : sizeof(TAppLock)));
     if (!hLock)
         return APP_NO_RESOURCE;
     app::Rollback release([&] { AppMemPoolFree(hLock); });
     hLock->dwType = dwType;
-    hLock->tWord.dwMaxCount = dwType == APP_LOCK_TYPE_RECURSIVE ? 0 : Least(dwMaxCount, kMaxUnits);
-    CountOf(hLock).store(Least(dwInitCount, hLock->tWord.dwMaxCount));
+    hLock->tWord.dwMaxCount = bRecursive ? 0 : Least(dwMaxCount, kMaxUnits);
+    CountOf(hLock).store(Least(dwInitCount, MaxCountOf(hLock)));
     hLock->dwSleepers = 0;
     hLock->dwGivers.store(0);
-    if ((dwType == APP_LOCK_TYPE_RECURSIVE ? InitRecursive(hLock, dwInitCount)
-                                           : InitSemaphore(hLock)) != 0)
+    if (bRecursive)
+        SetHolder(static_cast<TRecursiveLock *>(hLock), dwInitCount == 0 ? OwnNumber() : 0);
+    if (InitSleeping(hLock) != 0)
         return APP_FAILED;
     release.Dismiss();
     *phLock = hLock;
@@ -265,34 +296,22 @@ int InitMonotonicCond(pthread_cond_t *ptCond)
     // Yields first; sleeps when that does not let the giver run (a caller of higher priority).
     for (int i = 0; hLock->dwGivers.load(std::memory_order_acquire) != 0; ++i)
         i < kAttempts ? sched_yield() : usleep(1000);
-    if (hLock->dwType != APP_LOCK_TYPE_RECURSIVE)
-        pthread_cond_destroy(&hLock->tCond);
+    pthread_cond_destroy(&hLock->tCond);
     pthread_mutex_destroy(&hLock->tMutex);
     AppMemPoolFree(hLock);
 }
 
 uint32_t _AppLockTakeByTime(HAppLock hLock, uint32_t dwTimeout)
 {
-    const bool bTaken = hLock->dwType == APP_LOCK_TYPE_RECURSIVE
-                            ? TakeRecursive(hLock, dwTimeout)
-                            : TryTake(hLock) || TakeSleeping(hLock, dwTimeout);
-    return bTaken ? APP_OK : APP_TIMEOUT;
+    if (!IsRecursive(hLock))
+        return TakeUnit(hLock, dwTimeout);
+    return TakeRecursive(static_cast<TRecursiveLock *>(hLock), dwTimeout);
 }
 
 uint32_t _AppLockGive(HAppLock hLock)
 {
-    if (hLock->dwType == APP_LOCK_TYPE_RECURSIVE) {
-        pthread_mutex_unlock(&hLock->tMutex);
-        return APP_OK;
-    }
-    uint32_t dwCount = CountOf(hLock).load(std::memory_order_relaxed);
-    while (!(dwCount & kSleepers)) {
-        if (dwCount == hLock->tWord.dwMaxCount)
-            return APP_OK;
-        // From here on a taker may destroy the lock: nothing is touched after the exchange.
-        if (CountOf(hLock).compare_exchange_weak(dwCount, dwCount + 1, std::memory_order_release,
-                                                 std::memory_order_relaxed))
-            return APP_OK;
-    }
-    return GiveSleeping(hLock);
+    if (!IsRecursive(hLock))
+        return GiveUnit(hLock, hLock->tWord.dwMaxCount);
+    GiveRecursive(static_cast<TRecursiveLock *>(hLock));
+    return APP_OK;
 }

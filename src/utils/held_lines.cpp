@@ -8,7 +8,7 @@
 
 #include "appcore/foundation.h"
 
-__thread app::THeldLines app::t_tHeldLines __attribute__((tls_model("initial-exec"))) = {};
+__thread app::THeldLines app::t_tHeldLines APP_FAST_TLS = {};
 
 // The text follows.
 struct app::THeldLine {

@@ -9,6 +9,7 @@
 
 #include <stdint.h>
 
+#include "base/fast_tls.h"
 #include "utils/lock_rank.h"
 
 namespace app
@@ -23,8 +24,8 @@ struct THeldLines {
     THeldLine *ptFirst;
     THeldLine *ptLast;
 };
-// Of the initial-exec model: looked at twice for each guard.
-extern __thread THeldLines t_tHeldLines __attribute__((tls_model("initial-exec")));
+// Looked at twice for each guard.
+extern __thread THeldLines t_tHeldLines APP_FAST_TLS;
 
 // Prints what `tLines` holds; its guards stay.
 void PrintLines(THeldLines &tLines);
