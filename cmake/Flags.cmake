@@ -1,7 +1,15 @@
-# Warnings, hardening and link flags of everything built here.
+# Warnings, hardening and link flags of everything built here.  Another build's warnings are no errors
+# here: what it heeds, and with which compiler, is not known.
+set(APPCORE_WARNINGS -Wall -Wextra -Wformat=2 -Wconversion -Wshadow)
+if(APPCORE_WERROR)
+    list(APPEND APPCORE_WARNINGS -Werror)
+elseif(NOT PROJECT_IS_TOP_LEVEL)
+    list(APPEND APPCORE_WARNINGS -Wno-error)
+    set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
+endif()
 add_library(appcore_flags INTERFACE)
 target_compile_options(appcore_flags INTERFACE
-    -Wall -Wextra -Wformat=2 -Wconversion -Wshadow $<$<BOOL:${APPCORE_WERROR}>:-Werror>
+    ${APPCORE_WARNINGS}
     # GCC's -Wconversion leaves signs alone in C++; so does ours with clang.
     $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
     # Which lock guards what: src/base/thread_safety.h.
