@@ -5,8 +5,8 @@
 
 #include <atomic>
 
-#include "appcore/host.h"
 #include "appcore/platform.h"
+#include "base/host.h"
 
 namespace
 {
@@ -36,12 +36,12 @@ TCommand *FindCommand(const char *szName)
     return nullptr;
 }
 
-int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp, const char *szOp)
+int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
 {
     TCommand *ptCommand = FindCommand(szName);
     const uint32_t dwCommands = s_dwCommands.load();
     if (!ptCommand && dwCommands == kMostCommands) {
-        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no room for command %s\n", szOp, szName);
+        AppLog(0, APP_LOG_ERROR, "[ERROR] %s: no room for command %s\n", "QorRegCommand", szName);
         return 0;
     }
     const bool bNew = !ptCommand;
@@ -59,15 +59,14 @@ int32_t Register(const char *szName, PFQorCommand pfnCommand, const char *szHelp
 
 } // namespace
 
-extern "C" __attribute__((weak)) int32_t QorRegCommand(const char *szName, PFQorCommand pfnCommand,
-                                                       const char *szHelp)
+int32_t _AppQorRegCommand(const char *szName, PFQorCommand pfnCommand, const char *szHelp)
 {
     if (!szName || !pfnCommand)
         return 0;
     // A lock would have to be made first, by whoever comes first; and registrations are rare.
     while (s_bRegistering.exchange(1, std::memory_order_acquire) != 0)
         AppDelay(1);
-    const int32_t nResult = Register(szName, pfnCommand, szHelp, __func__);
+    const int32_t nResult = Register(szName, pfnCommand, szHelp);
     s_bRegistering.store(0, std::memory_order_release);
     return nResult;
 }

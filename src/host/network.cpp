@@ -5,7 +5,7 @@
 #include <netinet/in.h>
 #include <string.h>
 
-#include "appcore/host.h"
+#include "base/host.h"
 #include "base/rollback.h"
 
 namespace
@@ -61,7 +61,7 @@ void CopyAddresses(const struct ifaddrs *ptIf, const char *szName, TIpcNetEthPar
 extern "C" {
 
 // Asked anew each time: cables and leases come and go, and the interfaces' numbers with them.
-__attribute__((weak)) int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw)
+int32_t _AppIpcCapGetHwExternal(TIpcCapHwExternal *ptHw)
 {
     struct ifaddrs *ptAll = nullptr;
     if (getifaddrs(&ptAll) != 0)
@@ -75,7 +75,7 @@ __attribute__((weak)) int32_t IpcCapGetHwExternal(TIpcCapHwExternal *ptHw)
     return kSuccess;
 }
 
-__attribute__((weak)) int32_t IpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam *ptParam)
+int32_t _AppIpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam *ptParam)
 {
     struct ifaddrs *ptAll = nullptr;
     if (getifaddrs(&ptAll) != 0)
@@ -92,7 +92,7 @@ __attribute__((weak)) int32_t IpcGetNetEthParam(uint8_t byIndex, TIpcNetEthParam
     return nResult;
 }
 
-__attribute__((weak)) int32_t IpcGetUpupCfg(TIpcUpupCfg *ptCfg)
+int32_t _AppIpcGetUpupCfg(TIpcUpupCfg *ptCfg)
 {
     ptCfg->dwEnable = 0;
     return kSuccess;

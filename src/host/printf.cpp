@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "appcore/host.h"
-
 #include <errno.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
+
+#include "host/printf.h"
 
 namespace
 {
@@ -40,17 +39,19 @@ int32_t WriteFormatted(const char *szFormat, va_list args)
 
 } // namespace
 
-extern "C" __attribute__((weak)) int32_t QorPrintf(int32_t, int32_t, const char *szFormat, ...)
+int32_t _AppQorVprintf(const char *szFormat, va_list args)
+{
+    if (strcmp(szFormat, "%s") != 0)
+        return WriteFormatted(szFormat, args);
+    const char *szText = va_arg(args, const char *);
+    return Write(szText ? szText : "(null)");
+}
+
+int32_t _AppQorPrintf(int32_t, int32_t, const char *szFormat, ...)
 {
     va_list args;
     va_start(args, szFormat);
-    int32_t nResult;
-    if (strcmp(szFormat, "%s") == 0) {
-        const char *szText = va_arg(args, const char *);
-        nResult = Write(szText ? szText : "(null)");
-    } else {
-        nResult = WriteFormatted(szFormat, args);
-    }
+    const int32_t nResult = _AppQorVprintf(szFormat, args);
     va_end(args);
     return nResult;
 }

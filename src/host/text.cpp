@@ -4,7 +4,7 @@
 #include <iconv.h>
 #include <string.h>
 
-#include "appcore/host.h"
+#include "base/host.h"
 
 namespace
 {
@@ -77,26 +77,24 @@ int32_t FromUnicode(const char *szTo, const void *pvSrc, uint32_t dwSrcLen, void
 
 extern "C" {
 
-__attribute__((weak)) int32_t IpcConvConvertUtf8toUnicode(const void *pvSrc, void *pvDst,
-                                                          uint32_t *pdwLen)
+int32_t _AppIpcConvConvertUtf8toUnicode(const void *pvSrc, void *pvDst, uint32_t *pdwLen)
 {
     return ToUnicode(kUtf8, pvSrc, pvDst, pdwLen);
 }
 
-__attribute__((weak)) int32_t IpcConvConvertGbktoUnicode(const void *pvSrc, void *pvDst,
-                                                         uint32_t *pdwLen)
+int32_t _AppIpcConvConvertGbktoUnicode(const void *pvSrc, void *pvDst, uint32_t *pdwLen)
 {
     return ToUnicode(kGbk, pvSrc, pvDst, pdwLen);
 }
 
-__attribute__((weak)) int32_t IpcConvConvertUnicodetoUtf8(const void *pvSrc, uint32_t dwSrcLen,
-                                                          void *pvDst, uint32_t dwDstLen)
+int32_t _AppIpcConvConvertUnicodetoUtf8(const void *pvSrc, uint32_t dwSrcLen, void *pvDst,
+                                        uint32_t dwDstLen)
 {
     return FromUnicode(kUtf8, pvSrc, dwSrcLen, pvDst, dwDstLen);
 }
 
-__attribute__((weak)) int32_t IpcConvConvertUnicodetoGbk(const void *pvSrc, uint32_t dwSrcLen,
-                                                         void *pvDst, uint32_t dwDstLen)
+int32_t _AppIpcConvConvertUnicodetoGbk(const void *pvSrc, uint32_t dwSrcLen, void *pvDst,
+                                       uint32_t dwDstLen)
 {
     return FromUnicode(kGbk, pvSrc, dwSrcLen, pvDst, dwDstLen);
 }

@@ -2,8 +2,8 @@
 //
 // The address and port under which a peer reaches a service of this device: the local ones, unless
 // the peer is on another network and the router has a mapping.
-#include "appcore/host.h"
 #include "appcore/socket.h"
+#include "base/host.h"
 #include "utils/log.h"
 
 namespace
@@ -32,7 +32,7 @@ uint32_t SearchMask(uint32_t dwLocalAddr, uint32_t dwInterfaces, const char *szO
     for (uint32_t i = 0; i < dwInterfaces && i < kMostInterfaces; ++i) {
         // Zeroed before each query: a host may fill less than it should.
         TIpcNetEthParam param = {};
-        const int32_t nStatus = IpcGetNetEthParam(static_cast<uint8_t>(i), &param);
+        const int32_t nStatus = APP_HOST(IpcGetNetEthParam)(static_cast<uint8_t>(i), &param);
         if (nStatus != kHostSuccess) {
             APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcGetNetEthParam failed %d\n", szOp);
             continue;
@@ -54,7 +54,7 @@ bool IsOnSubnet(uint32_t dwRemoteAddr, uint32_t dwLocalAddr, const char *szOp)
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: LocalAddr %x RemoteAddr %x\n", szOp, dwLocalAddr,
               dwRemoteAddr);
     TIpcCapHwExternal hardware = {};
-    const int32_t nStatus = IpcCapGetHwExternal(&hardware);
+    const int32_t nStatus = APP_HOST(IpcCapGetHwExternal)(&hardware);
     if (nStatus != kHostSuccess) {
         APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcCapGetHwInternal failed %d\n", szOp);
         return false;
@@ -79,7 +79,7 @@ void SearchMapping(uint32_t dwProtocol, uint16_t wLocalPort, TAppNetAddr *ptNatA
                    uint16_t *pwPort, const char *szOp)
 {
     TIpcUpupCfg config = {};
-    const int32_t nStatus = IpcGetUpupCfg(&config);
+    const int32_t nStatus = APP_HOST(IpcGetUpupCfg)(&config);
     if (nStatus != kHostSuccess) {
         APP_LOG_RESULT(nStatus, "[ERROR] %s: IpcGetUpupCfg failed %d\n", szOp);
         return;

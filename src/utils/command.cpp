@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include <type_traits>
 
-#include "appcore/host.h"
 #include "appcore/share_action.h"
+#include "base/host.h"
 
 static_assert(std::is_same_v<PFAppCommand, PFQorCommand>, "the host's commands are ours");
 
 void AppRegCommand(const char *szName, PFAppCommand pfnCommand, const char *szHelp)
 {
-    QorRegCommand(szName, pfnCommand, szHelp);
+    APP_HOST(QorRegCommand)(szName, pfnCommand, szHelp);
 }

@@ -4,8 +4,8 @@
 #include <stdarg.h>
 #include <stdio.h>
 
-#include "appcore/host.h"
 #include "appcore/log_fast.h"
+#include "base/host.h"
 #include "cross_linux/cross_linux.h"
 #include "utils/held_lines.h"
 
@@ -80,7 +80,7 @@ void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const ch
             fputs(szText, stdout);
         if (t_dwNested < kMostNested) {
             ++t_dwNested;
-            QorPrintf(1, 0, "%s", szText);
+            APP_HOST(QorPrintf)(1, 0, "%s", szText);
             --t_dwNested;
         }
     }

@@ -5,14 +5,14 @@
 #include "utils_unicode/unicode.h"
 
 #include "appcore/convert.h"
-#include "appcore/host.h"
+#include "base/host.h"
 #include "utils/log.h"
 
 static constexpr int32_t kHostSuccess = 1;
 
 uint32_t _AppUtilsUnicodeConvertUtf8toUnicode(const void *pvSrc, void *pvDst, uint32_t *pdwLen)
 {
-    const int32_t nAnswer = IpcConvConvertUtf8toUnicode(pvSrc, pvDst, pdwLen);
+    const int32_t nAnswer = APP_HOST(IpcConvConvertUtf8toUnicode)(pvSrc, pvDst, pdwLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
     APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertUtf8toUnicode failed %d\n", __func__);
@@ -22,7 +22,7 @@ uint32_t _AppUtilsUnicodeConvertUtf8toUnicode(const void *pvSrc, void *pvDst, ui
 uint32_t _AppUtilsUnicodeConvertUnicodetoUtf8(const void *pvSrc, uint32_t dwSrcLen, void *pvDst,
                                               uint32_t dwDstLen)
 {
-    const int32_t nAnswer = IpcConvConvertUnicodetoUtf8(pvSrc, dwSrcLen, pvDst, dwDstLen);
+    const int32_t nAnswer = APP_HOST(IpcConvConvertUnicodetoUtf8)(pvSrc, dwSrcLen, pvDst, dwDstLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
     APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertUnicodetoUtf8 failed %d\n", __func__);
@@ -31,7 +31,7 @@ uint32_t _AppUtilsUnicodeConvertUnicodetoUtf8(const void *pvSrc, uint32_t dwSrcL
 
 uint32_t _AppUtilsUnicodeConvertGbktoUnicode(const void *pvSrc, void *pvDst, uint32_t *pdwLen)
 {
-    const int32_t nAnswer = IpcConvConvertGbktoUnicode(pvSrc, pvDst, pdwLen);
+    const int32_t nAnswer = APP_HOST(IpcConvConvertGbktoUnicode)(pvSrc, pvDst, pdwLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
     APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertGbktoUnicode failed %d\n", __func__);
@@ -41,7 +41,7 @@ uint32_t _AppUtilsUnicodeConvertGbktoUnicode(const void *pvSrc, void *pvDst, uin
 uint32_t _AppUtilsUnicodeConvertUnicodetoGbk(const void *pvSrc, uint32_t dwSrcLen, void *pvDst,
                                              uint32_t dwDstLen)
 {
-    const int32_t nAnswer = IpcConvConvertUnicodetoGbk(pvSrc, dwSrcLen, pvDst, dwDstLen);
+    const int32_t nAnswer = APP_HOST(IpcConvConvertUnicodetoGbk)(pvSrc, dwSrcLen, pvDst, dwDstLen);
     if (nAnswer == kHostSuccess)
         return APP_OK;
     APP_LOG_RESULT(nAnswer, "[ERROR] %s: IpcConvConvertUnicodetoGbk failed %d\n", __func__);
