@@ -82,10 +82,10 @@ set(APPCORE_SHARED_LINK_OPTIONS
     -Wl,--gc-sections -Wl,-z,noseparate-code
     -Wl,-Bsymbolic-functions
     -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/host.list
-    -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/appcore.map)
+    -Wl,--version-script=${APPCORE_MAP})
 # The sanitizers' and, on a device, the host application's functions come at load time.
 if(NOT APPCORE_SANITIZE AND APPCORE_HOST STREQUAL "standin")
     list(APPEND APPCORE_SHARED_LINK_OPTIONS -Wl,--no-undefined)
 endif()
 set(APPCORE_SHARED_LINK_DEPENDS
-    ${PROJECT_SOURCE_DIR}/cmake/host.list ${PROJECT_SOURCE_DIR}/cmake/appcore.map)
+    ${PROJECT_SOURCE_DIR}/cmake/host.list ${APPCORE_MAP})

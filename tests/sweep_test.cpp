@@ -529,7 +529,7 @@ constexpr char kLeft[] =
     "AppConvertPrefixLengthtoSubnetMask AppConvertStrtoDouble AppConvertStrtoFloat "
     "AppConvertStrtoS32 AppConvertStrtoU* AppConvertSubnetMasktoPrefixLength AppConvertTickToMS "
     "AppTickDiff AppDelay AppDumpMem AppFindS32StrPair_* AppMakeCapStr_* AppGenerateLogChannel "
-    "AppGetLogLevels AppSetLogLevel AppSetLogViaStdout AppMemcmp AppMemcpy AppMemzero AppSnprintf "
+    "AppGetLogLevels AppGetVersion AppSetLogLevel AppSetLogViaStdout AppMemcmp AppMemcpy AppMemzero AppSnprintf "
     "AppSscanf AppStr* AppSocketStartUp AppSocketClearUp AppShareActionLock AppShareActionUnlock "
     "AppTaskGetLastEvent AppTaskGetMemPool AppXmlGet* AppXmlMxmlParseCB AppRegCommand AppHost* "
     "QorPrintf QorRegCommand IpcGetUpupCfg AppLog AppLockGive AppLockDestroy AppDoubleListRemove "

@@ -19,4 +19,37 @@
 #include "appcore/task.h"
 #include "appcore/xml.h"
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** @name Version
+ * That of the headers a program is compiled with.  The build takes it from here.
+ * @{ */
+#define APPCORE_VERSION_MAJOR 1 /**< a new one when programs have to be built anew */
+#define APPCORE_VERSION_MINOR 0 /**< a new one when something has been added */
+#define APPCORE_VERSION_PATCH 0 /**< a new one when something has been mended */
+/** The three as one number, to compare: 10203 is 1.2.3. */
+#define APPCORE_VERSION                                                                            \
+    (APPCORE_VERSION_MAJOR * 10000 + APPCORE_VERSION_MINOR * 100 + APPCORE_VERSION_PATCH)
+/** @cond */
+#define APPCORE_VERSION_JOIN(nMajor, nMinor, nPatch) #nMajor "." #nMinor "." #nPatch
+#define APPCORE_VERSION_TEXT(nMajor, nMinor, nPatch) APPCORE_VERSION_JOIN(nMajor, nMinor, nPatch)
+/** @endcond */
+/** The three as a text, such as "1.2.3". */
+#define APPCORE_VERSION_STRING                                                                     \
+    APPCORE_VERSION_TEXT(APPCORE_VERSION_MAJOR, APPCORE_VERSION_MINOR, APPCORE_VERSION_PATCH)
+
+/**
+ * The version of the library that has been loaded, which may be newer than the headers.  From any
+ * thread.
+ * @return its ::APPCORE_VERSION_STRING, a constant
+ */
+APP_API const char *AppGetVersion(void);
+/** @} */
+
+#ifdef __cplusplus
+}
+#endif
+
 #endif

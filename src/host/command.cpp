@@ -6,7 +6,7 @@
 #include <atomic>
 
 #include "appcore/platform.h"
-#include "base/host.h"
+#include "host/call.h"
 
 namespace
 {

@@ -5,8 +5,8 @@
 #include <netinet/in.h>
 #include <string.h>
 
-#include "base/host.h"
 #include "base/rollback.h"
+#include "host/call.h"
 
 namespace
 {

@@ -4,7 +4,7 @@
 #include <iconv.h>
 #include <string.h>
 
-#include "base/host.h"
+#include "host/call.h"
 
 namespace
 {

@@ -3,7 +3,7 @@
 // The address and port under which a peer reaches a service of this device: the local ones, unless
 // the peer is on another network and the router has a mapping.
 #include "appcore/socket.h"
-#include "base/host.h"
+#include "host/call.h"
 #include "utils/log.h"
 
 namespace

@@ -2,7 +2,7 @@
 #include <type_traits>
 
 #include "appcore/share_action.h"
-#include "base/host.h"
+#include "host/call.h"
 
 static_assert(std::is_same_v<PFAppCommand, PFQorCommand>, "the host's commands are ours");
 

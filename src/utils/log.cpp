@@ -5,8 +5,8 @@
 #include <stdio.h>
 
 #include "appcore/log_fast.h"
-#include "base/host.h"
 #include "cross_linux/cross_linux.h"
+#include "host/call.h"
 #include "utils/held_lines.h"
 
 std::atomic<uint8_t> g_byAppLogLevel[256] = {{APP_LOG_ERROR}};

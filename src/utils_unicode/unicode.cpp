@@ -5,7 +5,7 @@
 #include "utils_unicode/unicode.h"
 
 #include "appcore/convert.h"
-#include "base/host.h"
+#include "host/call.h"
 #include "utils/log.h"
 
 static constexpr int32_t kHostSuccess = 1;

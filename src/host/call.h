@@ -4,8 +4,8 @@
 // a weak reference, which whatever defines it fulfils when program or library is linked or loaded,
 // and behind a null the stand-in is called, a function of another name.  So nothing that binds or
 // optimises inside the library can take the stand-in for the answer.
-#ifndef APPCORE_BASE_HOST_H
-#define APPCORE_BASE_HOST_H
+#ifndef APPCORE_HOST_CALL_H
+#define APPCORE_HOST_CALL_H
 
 #include "appcore/host.h"
 

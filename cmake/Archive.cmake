@@ -1,0 +1,43 @@
+# The archive: one object, in which only the exported names are global, and these are hidden, so that
+# no program and no plug-in hands them on.  What was to be optimised at link time is compiled here.
+# Beside it the host's functions under their own names, drawn in by the application's own calls.
+
+# Where a name is hidden in one of the objects that are linked, it is hidden in the result.
+list(TRANSFORM APPCORE_EXPORTS REPLACE ".+" "\".globl \\0\\\\n.hidden \\0\\\\n\"" OUTPUT_VARIABLE lines)
+list(JOIN lines "\n    " lines)
+file(CONFIGURE OUTPUT hidden.cpp CONTENT "__asm__(${lines});\n" @ONLY)
+add_library(appcore_hidden OBJECT ${PROJECT_BINARY_DIR}/hidden.cpp)
+set_target_properties(appcore_hidden PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
+target_compile_options(appcore_hidden PRIVATE -fno-lto)
+
+# The stand-ins themselves are global, for the object beside it.
+list(JOIN APPCORE_EXPORTS "\n" names)
+file(CONFIGURE OUTPUT global_names.txt CONTENT "${names}\n_AppQor*\n_AppIpc*\n" @ONLY)
+
+# Told what the compiler was told; what it makes at this point has sections as everywhere.
+separate_arguments(relink UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
+string(REGEX MATCH "-fuse-ld=[^ ]+" linker "${CMAKE_SHARED_LINKER_FLAGS}")
+list(APPEND relink ${linker} -ffunction-sections -fdata-sections -nostdlib -r)
+if(CMAKE_CXX_COMPILER_TARGET)
+    list(APPEND relink ${CMAKE_CXX_COMPILE_OPTIONS_TARGET}${CMAKE_CXX_COMPILER_TARGET})
+endif()
+if(CMAKE_INTERPROCEDURAL_OPTIMIZATION)
+    list(APPEND relink ${CMAKE_CXX_COMPILE_OPTIONS_IPO})
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    list(APPEND relink -flinker-output=nolto-rel)
+endif()
+
+# Groups have no meaning left: kept, one that a program's own code has too would be dropped here.
+set(folder ${PROJECT_BINARY_DIR}/archive/$<CONFIG>)
+set(objects $<TARGET_OBJECTS:appcore_objects> $<TARGET_OBJECTS:appcore_hidden>)
+add_custom_command(OUTPUT ${folder}/appcore.o
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
+    COMMAND ${CMAKE_CXX_COMPILER} ${relink} -o ${folder}/all.o ${objects}
+    COMMAND ${CMAKE_OBJCOPY} --wildcard --keep-global-symbols=${PROJECT_BINARY_DIR}/global_names.txt
+            --remove-section=.group ${folder}/all.o ${folder}/appcore.o
+    COMMAND ${CMAKE_COMMAND} -E rm ${folder}/all.o
+    DEPENDS ${objects} ${PROJECT_BINARY_DIR}/global_names.txt
+    COMMENT "Linking the archive's object" COMMAND_EXPAND_LISTS VERBATIM)
+add_library(appcore_static STATIC ${folder}/appcore.o ${APPCORE_HOST_OBJECTS})
+set_target_properties(appcore_static PROPERTIES LINKER_LANGUAGE CXX)

@@ -1,0 +1,10 @@
+# What is exported: cmake/appcore.map, of which a build for a device leaves out what the host provides.
+set(APPCORE_MAP ${PROJECT_SOURCE_DIR}/cmake/appcore.map)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${APPCORE_MAP})
+file(READ ${APPCORE_MAP} map)
+if(APPCORE_HOST STREQUAL "device")
+    string(REGEX REPLACE " *(AppHost|Qor|Ipc)[A-Za-z0-9]*;\n" "" map "${map}")
+    set(APPCORE_MAP ${PROJECT_BINARY_DIR}/appcore.map)
+    file(CONFIGURE OUTPUT ${APPCORE_MAP} CONTENT "${map}" @ONLY)
+endif()
+string(REGEX MATCHALL "App[A-Za-z0-9_]+" APPCORE_EXPORTS "${map}")
