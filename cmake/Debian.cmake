@@ -47,7 +47,8 @@ set(CPACK_DEBIAN_PACKAGE_MULTIARCH same) # heeded by CMake 3.31 and later
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libappcore1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-    "Tasks, timers, queues, memory pools, logs, sockets and more: what programs need\nthat were linked to the shared library.")
+    "Tasks, timers, queues, memory pools, logs, sockets and more: what programs need
+that were linked to the shared library.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${folder}/triggers ${folder}/shlibs)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libappcore-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
