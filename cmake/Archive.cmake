@@ -8,6 +8,7 @@ list(JOIN lines "\n    " lines)
 file(CONFIGURE OUTPUT hidden.cpp CONTENT "__asm__(${lines});\n" @ONLY)
 add_library(appcore_hidden OBJECT ${PROJECT_BINARY_DIR}/hidden.cpp)
 set_target_properties(appcore_hidden PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
+target_link_libraries(appcore_hidden PRIVATE appcore_flags) # no path of the folder either
 target_compile_options(appcore_hidden PRIVATE -fno-lto)
 
 # The stand-ins themselves are global, for the object beside it.
