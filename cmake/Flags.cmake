@@ -16,8 +16,12 @@ target_compile_options(appcore_flags INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
     -fno-semantic-interposition -fstack-protector-strong
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
-# For a file with frames larger than a page; any other is warned of.  On 32-bit ARM the probes would
-# cost every function a memory access and twelve bytes.
+# For a file with frames larger than a page; any other is warned of, where the code is a device's.  On
+# 32-bit ARM the probes would cost every function a memory access and twelve bytes.
+set(APPCORE_FRAME_WARNING)
+if(NOT APPCORE_CHECKS AND NOT APPCORE_SANITIZE)
+    set(APPCORE_FRAME_WARNING $<$<NOT:$<CONFIG:Debug>>:-Wframe-larger-than=4000>)
+endif()
 include(CheckCXXCompilerFlag)
 check_cxx_compiler_flag(-fstack-clash-protection APPCORE_HAS_STACK_CLASH_PROTECTION)
 set(APPCORE_LARGE_FRAME_OPTIONS -Wno-frame-larger-than)
