@@ -1,5 +1,5 @@
 # Warnings, hardening and link flags of everything built here.  Another build's warnings are no errors
-# here: what it heeds, and with which compiler, is not known.
+# here, and stop at the headers: what it heeds, and with which compiler, is not known.
 set(APPCORE_WARNINGS -Wall -Wextra -Wformat=2 -Wconversion -Wshadow)
 if(APPCORE_WERROR)
     list(APPEND APPCORE_WARNINGS -Werror)
@@ -7,6 +7,10 @@ elseif(NOT PROJECT_IS_TOP_LEVEL)
     list(APPEND APPCORE_WARNINGS -Wno-error)
     set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
 endif()
+if(NOT PROJECT_IS_TOP_LEVEL)
+    set_property(DIRECTORY PROPERTY SYSTEM ON)
+endif()
+set(CMAKE_UNITY_BUILD OFF) # what is local to one source file may have a namesake in another
 add_library(appcore_flags INTERFACE)
 target_compile_options(appcore_flags INTERFACE
     ${APPCORE_WARNINGS}
