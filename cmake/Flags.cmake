@@ -51,8 +51,8 @@ endif()
 # The same sources give the same bytes in whatever folder they are built: no path of it and no time is
 # left in them.  A debug build keeps the paths, so that a debugger finds the sources from anywhere.
 if(PROJECT_IS_TOP_LEVEL)
-    target_compile_options(appcore_flags INTERFACE $<$<NOT:$<CONFIG:Debug>>:
-        -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=build>)
+    add_compile_options("$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
+                        "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
 endif()
 set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
 set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
