@@ -8,7 +8,6 @@ list(JOIN lines "\n    " lines)
 file(CONFIGURE OUTPUT hidden.cpp CONTENT "__asm__(${lines});\n" @ONLY)
 add_library(appcore_hidden OBJECT ${PROJECT_BINARY_DIR}/hidden.cpp)
 set_target_properties(appcore_hidden PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
-target_link_libraries(appcore_hidden PRIVATE appcore_flags) # no path of the folder either
 target_compile_options(appcore_hidden PRIVATE -fno-lto)
 
 # The stand-ins themselves are global, for the object beside it.
@@ -18,7 +17,7 @@ file(CONFIGURE OUTPUT global_names.txt CONTENT "${names}\n_AppQor*\n_AppIpc*\n" 
 # Told what the compiler was told; what it makes at this point has sections as everywhere.
 separate_arguments(relink UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
 string(REGEX MATCH "-fuse-ld=[^ ]+" linker "${CMAKE_SHARED_LINKER_FLAGS}")
-list(APPEND relink ${linker} -ffunction-sections -fdata-sections -nostdlib -r)
+list(APPEND relink ${linker} ${APPCORE_PREFIX_MAP} -ffunction-sections -fdata-sections -nostdlib -r)
 if(CMAKE_CXX_COMPILER_TARGET)
     list(APPEND relink ${CMAKE_CXX_COMPILE_OPTIONS_TARGET}${CMAKE_CXX_COMPILER_TARGET})
 endif()

@@ -50,9 +50,12 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
 endif()
 # The same sources give the same bytes in whatever folder they are built: no path of it and no time is
 # left in them.  A debug build keeps the paths, so that a debugger finds the sources from anywhere.
+set(APPCORE_PREFIX_MAP)
 if(PROJECT_IS_TOP_LEVEL)
-    add_compile_options("$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
-                        "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
+    set(APPCORE_PREFIX_MAP "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
+                           "$<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
+    add_compile_options(${APPCORE_PREFIX_MAP})
+    add_link_options(${APPCORE_PREFIX_MAP}) # for what is compiled there
 endif()
 set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
 set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
