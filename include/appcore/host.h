@@ -4,8 +4,11 @@
  * What the device's platform library and the host application must provide.
  *
  * A build with stand-ins (the default) brings a weak definition of each that does real work on any
- * Linux; a definition in the application overrides it.  A device build takes them from `libqor.so`
- * and from the process.
+ * Linux; a definition in the application overrides it, whatever the way of linking and optimising.
+ * It must be linked: one in an archive of the application that nothing else needs is not.  For the
+ * library of a plug-in, shared or in an archive, the application must export its definitions
+ * (`-rdynamic`); what a plug-in with the archive calls itself of these functions it must not bind
+ * inside (`-Bsymbolic`).  A device build takes them from `libqor.so` and from the process.
  */
 #ifndef APPCORE_HOST_H
 #define APPCORE_HOST_H
