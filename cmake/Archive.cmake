@@ -1,6 +1,9 @@
 # The archive: one object, in which only the exported names are global, and these are hidden, so that
 # no program and no plug-in hands them on.  What was to be optimised at link time is compiled here.
 # Beside it the host's functions under their own names, drawn in by the application's own calls.
+if(NOT CMAKE_OBJCOPY)
+    message(FATAL_ERROR "objcopy was not found. On Debian: apt-get install binutils")
+endif()
 
 # Where a name is hidden in one of the objects that are linked, it is hidden in the result.
 list(TRANSFORM APPCORE_EXPORTS REPLACE ".+" "\".globl \\0\\\\n.hidden \\0\\\\n\"" OUTPUT_VARIABLE lines)

@@ -10,8 +10,9 @@
 #include "appcore/host.h"
 
 #ifdef APPCORE_STANDIN
+#define APP_PRAGMA(text) _Pragma(#text)
 #define APP_STANDIN(name)                                                                          \
-    extern "C" __attribute__((weak)) decltype(name) name;                                          \
+    APP_PRAGMA(weak name)                                                                          \
     extern "C" decltype(name) _App##name
 APP_STANDIN(QorPrintf);
 APP_STANDIN(QorRegCommand);
@@ -22,7 +23,7 @@ APP_STANDIN(IpcConvConvertUnicodetoGbk);
 APP_STANDIN(IpcCapGetHwExternal);
 APP_STANDIN(IpcGetNetEthParam);
 APP_STANDIN(IpcGetUpupCfg);
-#define APP_HOST(name) (name ? name : _App##name)
+#define APP_HOST(name) ((name) ? (name) : _App##name)
 #else
 #define APP_HOST(name) name
 #endif
