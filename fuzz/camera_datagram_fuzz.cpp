@@ -12,6 +12,7 @@
 #include "scope.h"
 #include "scope_oracle.h"
 #include "soap.h"
+#include "xml/mxml_version.h"
 
 namespace camera
 {

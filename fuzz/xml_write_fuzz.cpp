@@ -7,6 +7,7 @@
 
 #include "appcore/xml.h"
 #include "fuzz.h"
+#include "xml/mxml_version.h"
 
 namespace
 {

@@ -15,6 +15,7 @@
 #include "support/log_capture.h"
 #include "utils/queue.h"
 #include "utils/share_action_registry.h"
+#include "xml/mxml_version.h"
 
 namespace
 {
@@ -151,7 +152,8 @@ void RefuseSockets()
 
 void RefuseDocuments()
 {
-    mxml_node_t *const ptTree = mxmlLoadString(nullptr, "<v v='1'><v>1</v></v>", AppXmlMxmlParseCB);
+    mxml_node_t *const ptTree =
+        app::LoadString(nullptr, "<v v='1'><v>1</v></v>", AppXmlMxmlParseCB);
     s_ptNode = ptTree;
     REFUSE("xx", kBad, 1, AppXmlLoad, AppXmlGetNodeValue_Str, AppXmlGetNodeValue_u16,
            AppXmlGetNodeValue_u32, AppXmlGetFirstChildWithName, AppXmlGetNextSiblingWithName,

@@ -10,6 +10,7 @@
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "xml/mxml_version.h"
 
 using fault::Fn;
 using test::LogCapture;
@@ -61,10 +62,32 @@ TEST(XmlLoad, WhatIsNotOneWholeDocumentLeavesNothing)
 
 // ---- Readers and writers --------------------------------------------------------------------
 
+TEST(XmlReaders, WhatStandsBesideAValue)
+{
+    const struct {
+        const char *szContent, *szText, *szData;
+    } rows[] = {{"80<!-- c -->", "80", "]]"},
+                {"<!-- c -->80", "", "]]"},
+                {"<?i?>80", "", "]]"},
+                {"<![CDATA[d]]>80", "", "d"},
+                {"80<![CDATA[]]><![CDATA[d]]>", "80", ""}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.szContent);
+        mxml_node_t *ptTree = nullptr;
+        ASSERT_CODE(APP_OK, Load(test::Text("<c><v>%s</v></c>", row.szContent), &ptTree));
+        const char *szText = nullptr, *szData = nullptr;
+        EXPECT_CODE(APP_OK, AppXmlGetSonNodeValue_Str(ptTree, "v", &szText));
+        EXPECT_STREQ(szText, row.szText);
+        EXPECT_CODE(APP_OK, AppXmlGetSonNodeValue_CData(ptTree, "v", &szData));
+        EXPECT_STREQ(szData, row.szData);
+        mxmlDelete(ptTree);
+    }
+}
+
 TEST(XmlReaders, ValueNodesWithoutText)
 {
     const Document document(
-        mxmlLoadString(nullptr, "<cfg><v>5</v><c><![CDATA[5]]></c></cfg>", AppXmlMxmlParseCB),
+        app::LoadString(nullptr, "<cfg><v>5</v><c><![CDATA[5]]></c></cfg>", AppXmlMxmlParseCB),
         mxmlDelete);
     LogCapture log;
     fault::Fail fail({Fn::mxmlGetOpaque, Fn::mxmlGetCDATA}, 1, ENOMEM, 2);

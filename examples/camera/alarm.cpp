@@ -2,6 +2,7 @@
 //
 // Turns motion events into notices: an XML line each, written to the alarm log and handed to push.
 #include "camera.h"
+#include "document.h"
 #include "text.h"
 
 namespace camera
@@ -41,22 +42,21 @@ TNotice *MakeNotice(const TMotion *ptMotion)
 {
     mxml_node_t *ptTree = mxmlNewElement(nullptr, "motion");
     auto ptNotice = static_cast<TNotice *>(AppMemPoolMalloc(g_hPool, sizeof(TNotice)));
-    constexpr int nRoom = sizeof(ptNotice->achText) - 1; // one for the line's end
-    int nLength = 0;
-    mxmlSetWrapMargin(0); // a notice is one line
-    if (mxmlGetElement(ptTree) && ptNotice && BuildNotice(ptTree, ptMotion))
-        nLength = mxmlSaveString(ptTree, ptNotice->achText, nRoom, nullptr);
+    uint32_t dwLength = 0;
+    if (mxmlGetElement(ptTree) && ptNotice &&
+        BuildNotice(ptTree, ptMotion)) // one for the line's end
+        dwLength = DocumentSave(ptTree, ptNotice->achText, sizeof(ptNotice->achText) - 1, nullptr);
     mxmlDelete(ptTree);
-    if (nLength <= 0 || nLength >= nRoom) {
+    if (dwLength == 0) {
         AppMemPoolFree(ptNotice);
         return nullptr;
     }
     // Mini-XML may have ended its text with a line break, or not.
-    while (nLength > 0 && ptNotice->achText[nLength - 1] == '\n')
-        --nLength;
-    ptNotice->achText[nLength] = '\n';
-    ptNotice->achText[nLength + 1] = '\0';
-    ptNotice->dwLength = static_cast<uint32_t>(nLength) + 1;
+    while (dwLength > 0 && ptNotice->achText[dwLength - 1] == '\n')
+        --dwLength;
+    ptNotice->achText[dwLength] = '\n';
+    ptNotice->achText[dwLength + 1] = '\0';
+    ptNotice->dwLength = dwLength + 1;
     return ptNotice;
 }
 

@@ -2,6 +2,7 @@
 //
 // What there is to set, and the text of camera.xml: pure functions, but for the lines they log.
 #include "config.h"
+#include "document.h"
 #include "text.h"
 
 #include <string.h>
@@ -113,7 +114,7 @@ uint32_t SkipTag(const TSource &source, uint32_t dwAt)
 unsigned long LineOf(const TSource &source, mxml_node_t *ptTree, mxml_node_t *ptElement)
 {
     uint32_t dwBefore = 0, dwAt = 0;
-    for (mxml_node_t *pt = ptTree; pt != ptElement; pt = mxmlWalkNext(pt, ptTree, MXML_DESCEND)) {
+    for (mxml_node_t *pt = ptTree; pt != ptElement; pt = DocumentNext(ptTree, pt)) {
         const char *szName = mxmlGetElement(pt);
         dwBefore += szName && szName[0] != '!' && szName[0] != '?';
     }
@@ -151,9 +152,7 @@ void TellBadChar(const TSource &source)
 
 mxml_node_t *LoadTree(const TSource &source)
 {
-    mxml_node_t *ptTree = nullptr;
-    mxmlSetErrorCallback(ReportXmlError);
-    if (AppXmlLoad(source.szText, source.dwLength, &ptTree) == APP_OK)
+    if (mxml_node_t *ptTree = DocumentLoad(source.szText, source.dwLength, ReportXmlError))
         return ptTree;
     TellBadChar(source);
     AppLog(g_byLog, APP_LOG_ALWAYS, "config: %s is not well-formed XML\n", source.szName);
@@ -324,16 +323,13 @@ bool ConfigRead(TConfig *ptConfig, const char *szName, const char *szText, uint3
 
 uint32_t ConfigWrite(const TConfig *ptConfig, char *szBuf, uint32_t dwSize)
 {
-    mxml_node_t *ptTree = mxmlNewXML("1.0");
-    mxml_node_t *ptRoot = nullptr;
-    bool bDone = mxmlGetElement(ptTree) && AppXmlAddSonNode(ptTree, "camera", &ptRoot) == APP_OK;
+    mxml_node_t *ptTree = DocumentNew(), *ptRoot = nullptr;
+    bool bDone = ptTree && AppXmlAddSonNode(ptTree, "camera", &ptRoot) == APP_OK;
     for (uint32_t i = 0; bDone && i < kSettingCount; ++i)
         bDone = WriteSetting(ptRoot, ptConfig, &s_atSetting[i]);
-    mxmlSetWrapMargin(0);
-    const int nLength =
-        bDone ? mxmlSaveString(ptTree, szBuf, static_cast<int>(dwSize), Indent) : -1;
+    const uint32_t dwLength = bDone ? DocumentSave(ptTree, szBuf, dwSize, Indent) : 0;
     mxmlDelete(ptTree);
-    return nLength > 0 && nLength < static_cast<int>(dwSize) ? static_cast<uint32_t>(nLength) : 0;
+    return dwLength;
 }
 
 } // namespace camera

@@ -2,6 +2,7 @@
 #include "soap.h"
 
 #include "camera.h"
+#include "document.h"
 #include "text.h"
 
 namespace camera
@@ -104,12 +105,12 @@ static bool IsModest(const char *szText, uint32_t dwLength)
 bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage)
 {
     *ptMessage = {};
-    mxmlSetErrorCallback(ReportXmlError); // for this thread
-    if (!IsModest(szText, dwLength) || AppXmlLoad(szText, dwLength, &ptMessage->ptTree) != APP_OK)
+    if (IsModest(szText, dwLength))
+        ptMessage->ptTree = DocumentLoad(szText, dwLength, ReportXmlError);
+    if (!ptMessage->ptTree)
         return false;
     // An XML declaration is the parent of the envelope to Mini-XML.
-    const char *szRoot = mxmlGetElement(ptMessage->ptTree);
-    mxml_node_t *ptEnvelope = szRoot && szRoot[0] == '?'
+    mxml_node_t *ptEnvelope = IsXmlDeclaration(ptMessage->ptTree)
                                   ? SoapChild(ptMessage->ptTree, kSoapNs, "Envelope")
                                   : FirstOf(ptMessage->ptTree, kSoapNs, "Envelope");
     mxml_node_t *ptHeader = SoapChild(ptEnvelope, kSoapNs, "Header");
@@ -121,24 +122,19 @@ bool SoapParse(const char *szText, uint32_t dwLength, TSoapMessage *ptMessage)
     return true;
 }
 
-// Mini-XML has declarations as elements, and so has it comments and character data.
 bool SoapHasDocumentType(const TSoapMessage &tMessage)
 {
     mxml_node_t *ptTree = tMessage.ptTree;
-    for (mxml_node_t *pt = ptTree; pt; pt = mxmlWalkNext(pt, ptTree, MXML_DESCEND)) {
-        const char *szName = mxmlGetElement(pt);
-        if (szName && szName[0] == '!' && AppStrncmp(szName, "!--", 3) != 0 &&
-            AppStrncmp(szName, "![CDATA[", 8) != 0)
-            return true;
-    }
-    return false;
+    while (ptTree && !IsDocumentType(ptTree))
+        ptTree = DocumentNext(tMessage.ptTree, ptTree);
+    return ptTree;
 }
 
 // An attribute of SOAP's, whatever its prefix; one without a prefix has no namespace.
 static const char *SoapAttribute(mxml_node_t *ptNode, const char *szLocal)
 {
-    const int nAttributes = mxmlElementGetAttrCount(ptNode);
-    for (int i = 0; i < nAttributes; ++i) {
+    auto nAttributes = mxmlElementGetAttrCount(ptNode);
+    for (decltype(nAttributes) i = 0; i < nAttributes; ++i) {
         const char *szName = nullptr;
         const char *szValue = mxmlElementGetAttrByIndex(ptNode, i, &szName);
         if (AppStrchr(szName, ':') &&
@@ -222,8 +218,8 @@ void SoapBegin(TSoapWriter *ptWriter, const char *szAction, const char *szTo,
     MakeUuid(achUuid);
     *ptWriter = {};
     AppSnprintf(ptWriter->achMessageId, sizeof(ptWriter->achMessageId), "urn:uuid:%s", achUuid);
-    ptWriter->ptTree = mxmlNewXML("1.0");
-    ptWriter->bFailed = !mxmlGetElement(ptWriter->ptTree);
+    ptWriter->ptTree = DocumentNew();
+    ptWriter->bFailed = !ptWriter->ptTree;
     mxml_node_t *ptEnvelope = SoapAdd(ptWriter, ptWriter->ptTree, "s:Envelope", nullptr);
     SetNamespaces(ptWriter, ptEnvelope);
     ptWriter->ptHeader = SoapAdd(ptWriter, ptEnvelope, "s:Header", nullptr);
@@ -237,13 +233,11 @@ void SoapBegin(TSoapWriter *ptWriter, const char *szAction, const char *szTo,
 
 uint32_t SoapEnd(TSoapWriter *ptWriter, char *szBuf, uint32_t dwSize)
 {
-    const int nSize = static_cast<int>(dwSize);
-    mxmlSetWrapMargin(0);
-    const int nLength =
-        ptWriter->bFailed ? 0 : mxmlSaveString(ptWriter->ptTree, szBuf, nSize, nullptr);
+    const uint32_t dwLength =
+        ptWriter->bFailed ? 0 : DocumentSave(ptWriter->ptTree, szBuf, dwSize, nullptr);
     mxmlDelete(ptWriter->ptTree);
     *ptWriter = {};
-    return nLength > 0 && nLength < nSize ? static_cast<uint32_t>(nLength) : 0;
+    return dwLength;
 }
 
 } // namespace camera

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file xml.h
- * Typed readers and writers over Mini-XML documents.
+ * Typed readers and writers over the documents of Mini-XML 3 or 4, whichever the library was built
+ * with: `pkg-config --print-requires appcore` names it, `mxml` or `mxml4`.
  *
  * AppXmlLoad() loads a document, whoever wrote it; saving and deleting it is Mini-XML's work.  The
  * other operations find, read and add single elements and attributes.  A text that the application
@@ -26,10 +27,10 @@
  * are no booleans.  What does not convert or does not fit its type is ::APP_BAD_VALUE.  Readers
  * write their out-parameter on success only, except AppXmlGetAttr_s32() and AppXmlGetAttr_u32().
  *
- * @warning Mini-XML keeps a comment as an element.  A value behind a comment, as in
- * `<port><!-- HTTP -->80</port>`, is not the element's first child any more and reads as the empty
- * text: 0 for numbers, refused for booleans.  A comment behind the value, or between elements, does
- * no harm.
+ * @warning A value behind a comment, as in `<port><!-- HTTP -->80</port>`, is not the element's first
+ * child any more and reads as the empty text: 0 for numbers, refused for booleans.  So does one behind
+ * a CDATA section or an instruction.  (Mini-XML 3 keeps all these as elements; with version 4 they
+ * read alike.)  A comment behind the value, or between elements, does no harm.
  */
 #ifndef APPCORE_XML_H
 #define APPCORE_XML_H
@@ -49,11 +50,12 @@ extern "C" {
  * Loads a document that comes from outside: a datagram, a file that people edit.  The load
  * functions of Mini-XML 3 are not safe for such texts: for each text that breaks off inside its
  * root's tag they leak the root, and from the bytes FE FF or FF FE on, anywhere in the text, they
- * read behind its end.  Here a broken text leaves nothing behind, and nothing but the text is read.
+ * read behind its end; those of version 4 take such a text for a whole one.  Here a broken text leaves nothing behind, and nothing but the text is read.
  * Any depth of elements is loaded, and deleted by `mxmlDelete()`, without recursion.
  *
  * The tree is the one that `mxmlLoadString(NULL, …, AppXmlMxmlParseCB)` gives for a whole document,
- * and what that refuses is refused: the text begins with '<' (a UTF-8 mark before it is skipped).
+ * and what that refuses is refused, but for a root with nothing in it, which version 4 refuses by
+ * itself: the text begins with '<' (a UTF-8 mark before it is skipped).
  * An XML declaration `<?xml …?>` or a `<!DOCTYPE …>` there is the root, and the element is below
  * it; without one, no second root and no comment may stand beside the root.  Text behind the root
  * is dropped.  Refused as well, though Mini-XML lets them pass, are texts that end before their
@@ -61,10 +63,11 @@ extern "C" {
  * character of UTF-8 (half of a surrogate pair, a code above 10FFFF), a zero byte or another
  * control character.
  *
- * Mini-XML tells what is wrong with a text to the thread's error callback, or else prints it to
- * standard error, parts of the text included: set one with `mxmlSetErrorCallback()`.  A thread
- * best does so when it starts: Mini-XML's first call in a thread allocates a block and crashes when
- * there is none.
+ * What is wrong with a text, parts of the text included, Mini-XML 4 has logged at ::APP_LOG_DEBUG.
+ * Version 3 tells it to the thread's error callback, or else prints it to standard error: set one
+ * with `mxmlSetErrorCallback()`.  A thread best does so when it starts: Mini-XML's first call in a
+ * thread allocates a block and crashes when there is none.  With version 4 that call may be
+ * `mxmlSetStringCallbacks(NULL, NULL, NULL)`.
  * @param szText   the text in UTF-8; needs no terminator.  It is copied to the heap, and the copy
  *                 freed before the call returns
  * @param dwLength its bytes
@@ -82,12 +85,18 @@ extern "C" {
 APP_API uint32_t AppXmlLoad(const char *szText, uint32_t dwLength, mxml_node_t **pptTree);
 
 /**
- * The type callback for Mini-XML's load functions: `mxmlLoadFile(NULL, ptFile, AppXmlMxmlParseCB)`.
- * For texts that the application made itself; see AppXmlLoad() for those from outside.
- * @param ptNode not looked at
- * @return always `MXML_OPAQUE`
+ * The type callback for Mini-XML's load functions: `mxmlLoadFile(NULL, ptFile, AppXmlMxmlParseCB)`
+ * with version 3, `mxmlOptionsSetTypeCallback(ptOptions, AppXmlMxmlParseCB, NULL)` with version 4,
+ * which hands its callbacks a context first.  For texts that the application made itself; see
+ * AppXmlLoad() for those from outside.
+ * @param ptNode not looked at; nor is the context
+ * @return always `MXML_OPAQUE`, which version 4 calls `MXML_TYPE_OPAQUE`
  */
-APP_API mxml_type_t AppXmlMxmlParseCB(mxml_node_t *ptNode);
+APP_API mxml_type_t AppXmlMxmlParseCB(
+#if MXML_MAJOR_VERSION >= 4
+    void *pvContext,
+#endif
+    mxml_node_t *ptNode);
 
 /** @} */
 

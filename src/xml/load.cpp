@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Loading a text from outside.  mxmlLoadString() was not made for what anybody may send:
+// Loading a text from outside.  mxmlLoadString() was not made for what anybody may send; version 4 of
+// Mini-XML has ended the first fault and the reading behind the text:
 //
 // - A text that breaks off, or goes wrong, inside the tag of its root leaves the root and its
 //   attributes behind, and nobody has a pointer to them.  So the text is loaded below a node of
@@ -22,9 +23,10 @@
 #include "appcore/mempool.h"
 #include "appcore/xml.h"
 #include "utils/log.h"
+#include "xml/mxml_version.h"
 
 static constexpr char kHolderName[] = "document\1";
-static constexpr char kLastName[] = "?end?";
+static constexpr const char *kLastName = MXML_MAJOR_VERSION >= 4 ? "end" : "?end?";
 static constexpr char kEnd[] = "<?end?>\0\0\0";
 static constexpr uint32_t kEndSize = sizeof(kEnd);  // four zero bytes among them
 static constexpr uint32_t kLongest = INT32_MAX / 2; // Mini-XML counts in int
@@ -67,18 +69,18 @@ static void EndText(mxml_node_t *ptNode)
     AppMemzero(szText, AppStrlen(szText));
 }
 
-static mxml_type_t TypeOfValues(mxml_node_t *ptNode)
+static mxml_type_t TypeOfValues(APPCORE_MXML_CONTEXT mxml_node_t *ptNode)
 {
-    if (!mxmlGetElement(ptNode))
+    if (!app::HeldText(ptNode))
         EndText(ptNode);
-    return AppXmlMxmlParseCB(ptNode);
+    return MXML_OPAQUE;
 }
 
 // Every name and every value could be copied.
 static bool IsWhole(mxml_node_t *ptTop)
 {
     for (mxml_node_t *pt = ptTop; pt; pt = mxmlWalkNext(pt, ptTop, MXML_DESCEND))
-        if (!(mxmlGetType(pt) == MXML_ELEMENT ? mxmlGetElement(pt) : mxmlGetOpaque(pt)))
+        if (!app::HeldText(pt))
             return false;
     return true;
 }
@@ -93,11 +95,10 @@ static bool IsReadable(const char *szText)
 static bool AreCharacters(mxml_node_t *ptHolder)
 {
     for (mxml_node_t *pt = ptHolder; (pt = mxmlWalkNext(pt, ptHolder, MXML_DESCEND));) {
-        const char *szName = mxmlGetElement(pt);
-        if (!IsReadable(szName ? szName : mxmlGetOpaque(pt)))
+        if (!IsReadable(app::HeldText(pt)))
             return false;
-        for (int i = 0; i < mxmlElementGetAttrCount(pt); ++i) {
-            const char *szAttr = nullptr, *szValue = mxmlElementGetAttrByIndex(pt, i, &szAttr);
+        for (auto n = mxmlElementGetAttrCount(pt); n > 0; --n) {
+            const char *szAttr = nullptr, *szValue = mxmlElementGetAttrByIndex(pt, n - 1, &szAttr);
             if (!IsReadable(szAttr) || !IsReadable(szValue))
                 return false;
         }
@@ -105,36 +106,30 @@ static bool AreCharacters(mxml_node_t *ptHolder)
     return true;
 }
 
-// A declaration (<?…> or <!…>) is the parent of what follows it.
-static bool IsDeclaration(const char *szName)
-{
-    return szName[0] == '?' || (szName[0] == '!' && AppStrncmp(szName, "!--", 3) != 0 &&
-                                AppStrncmp(szName, "![CDATA[", 8) != 0);
-}
-
 // Takes away our instruction behind the text; what text there is before it goes too, as at the end
 // of any text.  False when it was not read.
 static bool TakeEnd(mxml_node_t *ptHolder)
 {
     mxml_node_t *ptEnd = mxmlGetLastChild(ptHolder);
-    if (AppStrcmp(mxmlGetElement(ptEnd), kLastName) != 0)
+    if (app::KindOf(ptEnd) != app::kInstruction || AppStrcmp(app::HeldText(ptEnd), kLastName) != 0)
         return false;
     mxml_node_t *ptBefore = mxmlGetPrevSibling(ptEnd);
     mxmlDelete(ptEnd);
-    if (!mxmlGetElement(ptBefore) && mxmlGetPrevSibling(ptBefore))
+    if (app::KindOf(ptBefore) == app::kValue && mxmlGetPrevSibling(ptBefore))
         mxmlDelete(ptBefore);
     return true;
 }
 
 // Takes the tree out of the holder as mxmlLoadString() builds one without a top node.  Null when it
-// would not: nothing there, a text in front of the root, or something beside it.
+// would not: nothing there, a text in front of the root, or something beside it.  A declaration or an
+// instruction is the parent of what follows it.
 static mxml_node_t *TakeRoot(mxml_node_t *ptHolder)
 {
     mxml_node_t *ptRoot = mxmlGetFirstChild(ptHolder);
-    const char *szName = mxmlGetElement(ptRoot);
-    if (!szName)
+    const app::ENodeKind eKind = app::KindOf(ptRoot);
+    if (eKind == app::kValue)
         return nullptr;
-    if (IsDeclaration(szName))
+    if (eKind == app::kDeclaration || eKind == app::kInstruction)
         while (mxml_node_t *ptNext = mxmlGetNextSibling(ptRoot))
             mxmlAdd(ptRoot, MXML_ADD_AFTER, MXML_ADD_TO_PARENT, ptNext);
     else if (mxmlGetNextSibling(ptRoot))
@@ -147,7 +142,7 @@ static uint32_t LoadBelow(mxml_node_t *ptHolder, char *szText, mxml_node_t **ppt
 {
     mxmlSetUserData(ptHolder, szText);
     errno = 0;
-    if (!mxmlLoadString(ptHolder, szText, TypeOfValues))
+    if (!app::LoadString(ptHolder, szText, TypeOfValues))
         return errno == ENOMEM ? APP_NO_RESOURCE : APP_BAD_VALUE; // a hint
     if (!IsWhole(ptHolder))
         return APP_NO_RESOURCE;

@@ -4,6 +4,7 @@
 #include "appcore/xml.h"
 
 #include "utils/log.h"
+#include "xml/mxml_version.h"
 
 using app::Ptr;
 
@@ -14,7 +15,7 @@ static bool IsElementNamed(mxml_node_t *ptNode, const char *szName)
     return mxmlGetType(ptNode) == MXML_ELEMENT && AppStrcmp(mxmlGetElement(ptNode), szName) == 0;
 }
 
-mxml_type_t AppXmlMxmlParseCB(mxml_node_t *)
+mxml_type_t AppXmlMxmlParseCB(APPCORE_MXML_CONTEXT mxml_node_t *)
 {
     return MXML_OPAQUE;
 }
@@ -113,17 +114,13 @@ uint32_t AppXmlGetSonNodeValue_Str(mxml_node_t *ptParent, const char *szNodeName
         return APP_NOT_FOUND;
     }
     const char *szValue;
-    switch (mxmlGetType(ptNode)) {
-    case MXML_ELEMENT: // no content, or it begins with another element
+    if (app::KindOf(ptNode) != app::kValue) { // no content, or it begins with another element
         szValue = "";
-        break;
-    case MXML_OPAQUE:
+    } else if (mxmlGetType(ptNode) == MXML_OPAQUE) {
         szValue = mxmlGetOpaque(ptNode);
-        break;
-    case MXML_TEXT:
+    } else if (mxmlGetType(ptNode) == MXML_TEXT) {
         szValue = mxmlGetText(ptNode, nullptr);
-        break;
-    default:
+    } else {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: node{%s} is NOT MXML_OPAQUE, or MXML_TEXT\n",
                __func__, szNodeName);
         return APP_XML_NODE_INVALID;
@@ -166,13 +163,6 @@ uint32_t AppXmlGetSonNodeValue_Str_Copy(mxml_node_t *ptParent, const char *szNod
     return APP_OK;
 }
 
-// Mini-XML keeps a CDATA section as an element whose name is the section, opening mark included.
-static bool IsCData(mxml_node_t *ptNode)
-{
-    return mxmlGetType(ptNode) == MXML_ELEMENT &&
-           AppStrncmp(mxmlGetElement(ptNode), "![CDATA[", 8) == 0;
-}
-
 uint32_t AppXmlGetSonNodeValue_CData(mxml_node_t *ptParent, const char *szNodeName,
                                      const char **pszText)
 {
@@ -187,9 +177,9 @@ uint32_t AppXmlGetSonNodeValue_CData(mxml_node_t *ptParent, const char *szNodeNa
         return APP_NOT_FOUND;
     }
     mxml_node_t *ptSection = mxmlGetFirstChild(ptElement);
-    while (ptSection && !IsCData(ptSection))
+    while (ptSection && app::KindOf(ptSection) != app::kCData)
         ptSection = mxmlGetNextSibling(ptSection);
-    // Mini-XML hands a section out with the brackets that end it: none reads like an empty one.
+    // Mini-XML 2 handed a section out with the brackets that end it: none read like an empty one.
     const char *szText = ptSection ? mxmlGetCDATA(ptSection) : "]]";
     if (!szText) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: mxmlGetCDATA() failed, szNodeName{%s}\n", __func__,

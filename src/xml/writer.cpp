@@ -4,6 +4,7 @@
 #include "appcore/xml.h"
 
 #include "utils/log.h"
+#include "xml/mxml_version.h"
 #include "xml/typed.h"
 
 using app::Ptr;
@@ -37,7 +38,8 @@ static mxml_node_t *NewText(mxml_node_t *ptElement, const char *szText)
 static mxml_node_t *NewCData(mxml_node_t *ptElement, const char *szData)
 {
     mxml_node_t *ptSection = mxmlNewCDATA(ptElement, szData);
-    return Whole(ptSection, mxmlGetElement(ptSection)); // mxmlGetCDATA() would read a null name
+    return Whole(ptSection,
+                 app::HeldText(ptSection)); // mxmlGetCDATA() would read a null name of version 3
 }
 
 // ---- Elements -------------------------------------------------------------------------------

@@ -2,8 +2,9 @@
 //
 // Fault injection for what Mini-XML allocates itself: the tests link its archive, so that the gates
 // stand in front of its calls as well.
-#include <mxml.h>
 #include <stdarg.h>
+
+#include "xml/mxml_version.h"
 
 extern "C" int __wrap_vasprintf(char **pszText, const char *szFormat, va_list args);
 
