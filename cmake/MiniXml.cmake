@@ -12,14 +12,15 @@ elseif(APPCORE_MXML STREQUAL "4")
 else()
     message(FATAL_ERROR "APPCORE_MXML is '${APPCORE_MXML}'; it must be auto, 3 or 4")
 endif()
+list(JOIN modules " or " wanted)
 find_package(PkgConfig)
 if(PKG_CONFIG_FOUND)
     pkg_search_module(MXML IMPORTED_TARGET ${modules})
 endif()
 if(NOT MXML_FOUND AND CMAKE_CROSSCOMPILING)
-    message(FATAL_ERROR "Mini-XML (pkg-config: ${modules}) for ${CMAKE_SYSTEM_PROCESSOR} was not found. "
+    message(FATAL_ERROR "Mini-XML (pkg-config: ${wanted}) for ${CMAKE_SYSTEM_PROCESSOR} was not found. "
                         "scripts/fetch-mxml gets version 3 for Debian's architectures.")
 elseif(NOT MXML_FOUND)
-    message(FATAL_ERROR "Mini-XML (pkg-config: ${modules}) was not found. "
+    message(FATAL_ERROR "Mini-XML (pkg-config: ${wanted}) was not found. "
                         "On Debian: apt-get install pkg-config libmxml-dev")
 endif()
