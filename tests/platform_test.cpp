@@ -187,7 +187,12 @@ TEST(Tick, CountsTenMilliseconds)
 
 static void *NoteThread(void *pvArg)
 {
-    EXPECT_EQ(pthread_detach(pthread_self()), EINVAL); // it is detached
+    pthread_attr_t tAttr;
+    int nDetached = -1;
+    EXPECT_EQ(pthread_getattr_np(pthread_self(), &tAttr), 0);
+    pthread_attr_getdetachstate(&tAttr, &nDetached);
+    pthread_attr_destroy(&tAttr);
+    EXPECT_EQ(nDetached, PTHREAD_CREATE_DETACHED);
     char achName[16] = "";
     _AppThreadSetName("a name of 20 letters");
     prctl(PR_GET_NAME, achName);

@@ -73,8 +73,9 @@ void Refuse(const std::string &op, const char *szPointers, int nRefused, size_t 
         ASSERT_EQ(lines.size(), nLines);
         for (const std::string &line : lines) {
             EXPECT_EQ(line.find("[ERROR] " + family), 0u) << line;
-            const auto shows = [&](const char *sz) { return line.find(sz) != std::string::npos; };
-            EXPECT_TRUE(shows("(nil)") || shows("NULL\n") || shows("Arg\n") || shows("failed.\n"))
+            const auto shows = [&](const auto &text) { return line.find(text) != line.npos; };
+            EXPECT_TRUE(shows(test::Text(" %p", nullptr)) || shows("NULL\n") || shows("Arg\n") ||
+                        shows("failed.\n"))
                 << line;
         }
         for (const unsigned char by : s_abyOutput)

@@ -482,8 +482,8 @@ TEST_F(TaskTest, ShowsTasksTimersAndPools)
              "Type:1 Arg:%p Context:%p)\n",
              Ptr(Diary::Handle), Arg(77), Ptr(&busy.diary));
     const std::string timer =
-        Text("Task(%p) Timer(%p)  Handler((nil)) Timeout(50ms) RemainTime(-20ms)\n", Ptr(hBusy),
-             Ptr(hTimer));
+        Text("Task(%p) Timer(%p)  Handler(%p) Timeout(50ms) RemainTime(-20ms)\n", Ptr(hBusy),
+             Ptr(hTimer), nullptr);
     const std::string idle = "--- 1 INACTIVE TASKS ------------------------\n" + task(hIdle) +
                              "IDLE Timeout(0ms) EventListSize(0/ MAX 100/ TOP 1)\n";
     std::vector<std::string> pieces;

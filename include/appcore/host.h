@@ -79,7 +79,8 @@ APP_API uint32_t AppHostRunCommand(const char *szLine, int32_t *pnResult);
  * Answer 1 for success and anything else for failure.  The stand-ins use iconv(): Unicode text is
  * UTF-16 in host byte order; its lengths count 16-bit units, those of UTF-8 and GBK bytes.  What
  * they write is always terminated.  A text that does not fit is cut at a whole character and
- * reported as a failure, as is a source that is not valid.  They may be called from any thread.
+ * reported as a failure, as is a source that is not valid, and any where iconv() lacks an encoding
+ * (musl's writes no GBK).  They may be called from any thread.
  * @{ */
 
 /**

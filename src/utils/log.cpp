@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include "appcore/log_fast.h"
+#include "base/fast_tls.h"
 #include "cross_linux/cross_linux.h"
 #include "host/call.h"
 #include "utils/held_lines.h"
@@ -21,7 +22,7 @@ constexpr uint32_t kTextSize = 5120;
 // A console may call the library.  The lines which that causes reach it too, but not those which
 // these cause in turn: a console that allocates from a full pool would never come to an end.
 constexpr uint32_t kMostNested = 2;
-__thread uint32_t t_dwNested __attribute__((tls_model("initial-exec")));
+__thread uint32_t t_dwNested APP_FAST_TLS;
 
 bool Passes(uint8_t byChannel, uint8_t byLevel)
 {

@@ -258,7 +258,7 @@ def case_console():
     camera.reads.set()
     wait_until(loss_is_told, "every lost line is told", camera)
     expect(not re.search(r"[^\n ]camera> ", camera.output), "a torn line", camera)
-    expect(re.findall(r"recvmsg failed 0 Success(.*)", camera.end()) == ["", " (9 times more)"],
+    expect(re.findall(r"recvmsg failed 0 [A-Z][a-z ]*(.*)", camera.end()) == ["", "(9 times more)"],
            "repeats are not told", camera)
 
     camera = Camera()  # one that nobody reads again
