@@ -60,6 +60,14 @@ endif()
 set(CMAKE_CXX_ARCHIVE_CREATE "<CMAKE_AR> qcD <TARGET> <LINK_FLAGS> <OBJECTS>")
 set(CMAKE_CXX_ARCHIVE_APPEND "<CMAKE_AR> qD <TARGET> <LINK_FLAGS> <OBJECTS>")
 set(CMAKE_CXX_ARCHIVE_FINISH "<CMAKE_RANLIB> -D <TARGET>")
+# The processors of devices have one kind of atomic operations: no call to choose, nor a look at the
+# processor when the library is loaded.
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+    check_cxx_compiler_flag(-mno-outline-atomics APPCORE_HAS_INLINE_ATOMICS)
+    if(APPCORE_HAS_INLINE_ATOMICS)
+        target_compile_options(appcore_flags INTERFACE -mno-outline-atomics)
+    endif()
+endif()
 # _FORTIFY_SOURCE needs optimisation, and the sanitizers replace the functions that it checks.
 if(NOT APPCORE_SANITIZE)
     target_compile_options(appcore_flags INTERFACE
