@@ -9,6 +9,8 @@ jobs=$(nproc)
 build_packages=(cmake ninja-build g++ pkg-config libmxml-dev)
 bench_packages=(python3 libbenchmark-dev libglib2.0-dev libapr1-dev libaprutil1-dev libmimalloc2.0
                 libspdlog-dev libuv1-dev libboost-dev libconcurrentqueue-dev)
+# The libraries that scripts/sizes looks at.
+size_peers=(libglib2.0-0 libapr1 libnspr4 libuv1)
 # The compiler; the sanitizers' and the fuzzer's run time; what unpacks Mini-XML's source.
 fuzz_packages=(clang libclang-rt-14-dev dpkg-dev)
 if command -v ccache >/dev/null; then
