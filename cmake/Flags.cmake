@@ -18,7 +18,7 @@ target_compile_options(appcore_flags INTERFACE
     $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion>
     # Which lock guards what: src/base/thread_safety.h.
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
-    -fno-semantic-interposition -fstack-protector-strong
+    -fno-semantic-interposition -fstack-protector
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
 # For a file with frames larger than a page; any other is warned of, where the code is a device's.  On
 # 32-bit ARM the probes would cost every function a memory access and twelve bytes.
