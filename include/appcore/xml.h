@@ -50,8 +50,9 @@ extern "C" {
  * Loads a document that comes from outside: a datagram, a file that people edit.  The load
  * functions of Mini-XML 3 are not safe for such texts: for each text that breaks off inside its
  * root's tag they leak the root, and from the bytes FE FF or FF FE on, anywhere in the text, they
- * read behind its end; those of version 4 take such a text for a whole one.  Here a broken text leaves nothing behind, and nothing but the text is read.
- * Any depth of elements is loaded, and deleted by `mxmlDelete()`, without recursion.
+ * read behind its end; those of version 4 take a text that breaks off for a whole one.  Here a
+ * broken text leaves nothing behind, and nothing but the text is read.  Any depth of elements is
+ * loaded, and deleted by `mxmlDelete()`, without recursion.
  *
  * The tree is the one that `mxmlLoadString(NULL, …, AppXmlMxmlParseCB)` gives for a whole document,
  * and what that refuses is refused, but for a root with nothing in it, which version 4 refuses by
