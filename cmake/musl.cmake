@@ -7,16 +7,20 @@ set(CMAKE_C_COMPILER gcc)
 set(CMAKE_CXX_COMPILER g++)
 
 execute_process(COMMAND g++ -dumpversion OUTPUT_VARIABLE version OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(libraries /usr/lib/${CMAKE_SYSTEM_PROCESSOR}-linux-musl)
+execute_process(COMMAND g++ -print-file-name=include OUTPUT_VARIABLE own OUTPUT_STRIP_TRAILING_WHITESPACE)
+set(host ${CMAKE_HOST_SYSTEM_PROCESSOR}-linux)
 cmake_path(SET APPCORE_MUSL_SYSROOT NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-musl)
-set(CMAKE_C_FLAGS_INIT "-specs=${libraries}/musl-gcc.specs")
-set(CMAKE_CXX_FLAGS_INIT "${CMAKE_C_FLAGS_INIT} -isystem ${CMAKE_CURRENT_LIST_DIR}/musl \
--isystem /usr/include/c++/${version} -isystem /usr/include/${CMAKE_SYSTEM_PROCESSOR}-linux-gnu/c++/${version}")
+# As musl-gcc's specification of the compiler, which ccache declines to understand.
+set(headers "-isystem /usr/include/${host}-musl -isystem ${own}")
+set(CMAKE_C_FLAGS_INIT "-nostdinc ${headers}")
+set(CMAKE_CXX_FLAGS_INIT "-nostdinc -isystem ${CMAKE_CURRENT_LIST_DIR}/musl -isystem /usr/include/c++/${version} \
+-isystem /usr/include/${host}-gnu/c++/${version} ${headers}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-specs=/usr/lib/${host}-musl/musl-gcc.specs")
 # Tests stand in front of single functions whose objects in the archive hold others as well.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,-z,muldefs")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "${CMAKE_SHARED_LINKER_FLAGS_INIT} -static -Wl,-z,muldefs")
 set(APPCORE_CXX_RUNTIME ${APPCORE_MUSL_SYSROOT}/lib/runtime.o)
 
-set(CMAKE_FIND_ROOT_PATH ${libraries} ${APPCORE_MUSL_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH ${APPCORE_MUSL_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
