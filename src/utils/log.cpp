@@ -48,11 +48,12 @@ void WriteToFile(uint8_t byChannel, uint8_t byLevel, const char *szText)
 }
 
 // For the two calls that every line makes, most of them only to be turned back at the threshold: no
-// guard on their stack, as nothing there can run over.  The buffer lies in LogText().
+// guard on their stack, as nothing there can run over (the buffer lies in LogText()), and at the
+// beginning of a line of the cache.
 #if __has_attribute(no_stack_protector)
-#define APP_NO_STACK_GUARD __attribute__((no_stack_protector))
+#define APP_LOG_FRONT __attribute__((no_stack_protector, aligned(64)))
 #else
-#define APP_NO_STACK_GUARD
+#define APP_LOG_FRONT __attribute__((aligned(64)))
 #endif
 
 // Out of line, so that a message below the threshold does not pay for the buffer and its stack
@@ -88,7 +89,7 @@ void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const ch
     WriteToFile(byChannel, byLevel, szText);
 }
 
-APP_NO_STACK_GUARD void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+APP_LOG_FRONT void AppLog(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {
     if (!Passes(byChannel, byLevel))
         return;
@@ -98,7 +99,7 @@ APP_NO_STACK_GUARD void AppLog(uint8_t byChannel, uint8_t byLevel, const char *s
     va_end(args);
 }
 
-APP_NO_STACK_GUARD void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
+APP_LOG_FRONT void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat, ...)
 {
     if (!Passes(byChannel, byLevel))
         return;
