@@ -31,16 +31,26 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     list(APPEND relink -flinker-output=nolto-rel)
 endif()
 
-# Groups have no meaning left: kept, one that a program's own code has too would be dropped here.
 set(folder ${PROJECT_BINARY_DIR}/archive/$<CONFIG>)
 set(objects $<TARGET_OBJECTS:appcore_objects> $<TARGET_OBJECTS:appcore_hidden>)
-add_custom_command(OUTPUT ${folder}/appcore.o
+add_custom_command(OUTPUT ${folder}/all.o
     COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
     COMMAND ${CMAKE_CXX_COMPILER} ${relink} -o ${folder}/all.o ${objects}
+    DEPENDS ${objects} COMMENT "Linking the archive's object" COMMAND_EXPAND_LISTS VERBATIM)
+# Groups have no meaning left: kept, one that a program's own code has too would be dropped here.
+add_custom_command(OUTPUT ${folder}/appcore.o
     COMMAND ${CMAKE_OBJCOPY} --wildcard --keep-global-symbols=${PROJECT_BINARY_DIR}/global_names.txt
             --remove-section=.group ${folder}/all.o ${folder}/appcore.o
-    COMMAND ${CMAKE_COMMAND} -E rm ${folder}/all.o
-    DEPENDS ${objects} ${PROJECT_BINARY_DIR}/global_names.txt
-    COMMENT "Linking the archive's object" COMMAND_EXPAND_LISTS VERBATIM)
+    DEPENDS ${folder}/all.o ${PROJECT_BINARY_DIR}/global_names.txt
+    COMMENT "Closing the archive's object" VERBATIM)
 add_library(appcore_static STATIC ${folder}/appcore.o ${APPCORE_HOST_OBJECTS})
 set_target_properties(appcore_static PROPERTIES LINKER_LANGUAGE CXX)
+
+# For the tests, which replace some of what is inside: open, and optimised as what is shipped.
+if(CMAKE_INTERPROCEDURAL_OPTIMIZATION)
+    set(open_objects ${folder}/all.o)
+else()
+    set(open_objects $<TARGET_OBJECTS:appcore_objects>)
+endif()
+add_library(appcore_open STATIC EXCLUDE_FROM_ALL ${open_objects} ${APPCORE_HOST_OBJECTS})
+set_target_properties(appcore_open PROPERTIES LINKER_LANGUAGE CXX)

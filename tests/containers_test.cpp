@@ -260,6 +260,7 @@ TEST(Destroy, WaitsForAUserInside)
     }
 }
 
+#ifdef APPCORE_CHECKS
 // Where something is broken the process ends, not where that shows.
 TEST(Checks, FindWhatIsBroken)
 {
@@ -287,3 +288,4 @@ TEST(Checks, FindWhatIsBroken)
     EXPECT_DEATH(AppMemPoolMalloc(hPool, 1), "the engine's totals do not add up");
     AppMemPoolDestroy(hPool);
 }
+#endif
