@@ -10,12 +10,14 @@ execute_process(COMMAND g++ -dumpversion OUTPUT_VARIABLE version OUTPUT_STRIP_TR
 execute_process(COMMAND g++ -print-file-name=include OUTPUT_VARIABLE own OUTPUT_STRIP_TRAILING_WHITESPACE)
 set(host ${CMAKE_HOST_SYSTEM_PROCESSOR}-linux)
 cmake_path(SET APPCORE_MUSL_SYSROOT NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-musl)
-# As musl-gcc's specification of the compiler, which ccache declines to understand.
+# To compile, what musl-gcc asks of the compiler, in words that ccache understands; to link, its own.
 set(headers "-isystem /usr/include/${host}-musl -isystem ${own}")
 set(CMAKE_C_FLAGS_INIT "-nostdinc ${headers}")
 set(CMAKE_CXX_FLAGS_INIT "-nostdinc -isystem ${CMAKE_CURRENT_LIST_DIR}/musl -isystem /usr/include/c++/${version} \
 -isystem /usr/include/${host}-gnu/c++/${version} ${headers}")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-specs=/usr/lib/${host}-musl/musl-gcc.specs")
+find_program(APPCORE_MUSL_GCC musl-gcc REQUIRED)
+file(STRINGS ${APPCORE_MUSL_GCC} line REGEX "^exec ")
+string(REGEX REPLACE ".*\"\\$@\" " "" CMAKE_SHARED_LINKER_FLAGS_INIT "${line}")
 # Tests stand in front of single functions whose objects in the archive hold others as well.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${CMAKE_SHARED_LINKER_FLAGS_INIT} -static -Wl,-z,muldefs")
 set(APPCORE_CXX_RUNTIME ${APPCORE_MUSL_SYSROOT}/lib/runtime.o)

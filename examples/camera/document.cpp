@@ -55,13 +55,9 @@ mxml_node_t *DocumentLoad(const char *szText, uint32_t dwLength, PFTellFault pfn
     return nullptr;
 }
 
-mxml_node_t *DocumentNew()
+static const char *TextOfDeclaration(mxml_node_t *ptTree)
 {
-    mxml_node_t *ptTree = mxmlNewXML("1.0");
-    if (mxmlGetDirective(ptTree))
-        return ptTree;
-    mxmlDelete(ptTree);
-    return nullptr;
+    return mxmlGetDirective(ptTree);
 }
 
 uint32_t DocumentSave(mxml_node_t *ptTree, char *szBuf, uint32_t dwSize, PFIndent pfnIndent)
@@ -103,14 +99,9 @@ mxml_node_t *DocumentLoad(const char *szText, uint32_t dwLength, PFTellFault pfn
     return ptTree;
 }
 
-// Mini-XML hands out a node although it had no memory for its name.
-mxml_node_t *DocumentNew()
+static const char *TextOfDeclaration(mxml_node_t *ptTree)
 {
-    mxml_node_t *ptTree = mxmlNewXML("1.0");
-    if (mxmlGetElement(ptTree))
-        return ptTree;
-    mxmlDelete(ptTree);
-    return nullptr;
+    return mxmlGetElement(ptTree);
 }
 
 uint32_t DocumentSave(mxml_node_t *ptTree, char *szBuf, uint32_t dwSize, PFIndent pfnIndent)
@@ -140,5 +131,15 @@ bool IsDocumentType(mxml_node_t *ptNode)
 }
 
 #endif
+
+// Mini-XML may hand out a node although it had no memory for its text.
+mxml_node_t *DocumentNew()
+{
+    mxml_node_t *ptTree = mxmlNewXML("1.0");
+    if (TextOfDeclaration(ptTree))
+        return ptTree;
+    mxmlDelete(ptTree);
+    return nullptr;
+}
 
 } // namespace camera
