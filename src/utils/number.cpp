@@ -21,7 +21,8 @@ struct TDecimal {
     bool bOverflow; // of 64 bits
 };
 
-constexpr uint64_t kRoomForOne = (UINT64_MAX - 9) / 10; // up to here any digit more fits
+constexpr uint64_t kMostBefore = UINT64_MAX / 10; // the last digit: below, any more fits
+constexpr uint64_t kMostLast = UINT64_MAX % 10;   // and here those up to this one
 
 bool IsSpace(char ch)
 {
@@ -40,7 +41,8 @@ TDecimal ReadDecimal(const char *szStr)
         ++szStr;
     for (; *szStr >= '0' && *szStr <= '9'; ++szStr) {
         const auto qwDigit = static_cast<uint64_t>(*szStr - '0');
-        if (decimal.qwValue <= kRoomForOne || decimal.qwValue <= (UINT64_MAX - qwDigit) / 10)
+        if (decimal.qwValue < kMostBefore ||
+            (decimal.qwValue == kMostBefore && qwDigit <= kMostLast))
             decimal.qwValue = decimal.qwValue * 10 + qwDigit;
         else
             decimal.bOverflow = true;
