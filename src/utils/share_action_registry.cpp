@@ -20,7 +20,8 @@ namespace
 {
 
 constexpr unsigned kSlotBits = 10;
-constexpr size_t kWords = APP_SHARE_ACTION_KEY_SIZE / 8;
+constexpr size_t kWordBits = sizeof(size_t) * 8;
+constexpr size_t kWords = APP_SHARE_ACTION_KEY_SIZE / sizeof(size_t);
 
 // Chains of entries.  Written under the list's lock, with release once an entry is complete, and
 // read with acquire and no lock: entries are never removed.
@@ -70,63 +71,66 @@ HAppLock ActionsLock()
 
 // A key as numbers, with zeros behind its end: compared, and spread over the slots, in a few steps.
 struct TKey {
-    uint64_t aqwWord[kWords];
+    size_t anWord[kWords];
 };
 
-// The same on every processor: the first byte is the lowest.
-uint64_t LoadWord(const char *achText)
+// The same whatever the order of bytes: the first one is the lowest.
+size_t LoadWord(const char *achText)
 {
-    uint64_t qwWord;
-    memcpy(&qwWord, achText, sizeof(qwWord));
+    size_t nWord;
+    memcpy(&nWord, achText, sizeof(nWord));
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    qwWord = __builtin_bswap64(qwWord);
+    nWord = sizeof(nWord) == 8 ? __builtin_bswap64(nWord) : __builtin_bswap32(nWord);
 #endif
-    return qwWord;
+    return nWord;
 }
 
-// The last word of a text of `dwLen` characters, of which `dwLen` % 8 > 0 are in it.
-uint64_t LoadTail(const char *szText, uint32_t dwLen)
+// The last word of a text of `nLen` characters, which does not fill it.
+size_t LoadTail(const char *szText, size_t nLen)
 {
-    if (dwLen > 8) // of the last eight characters the first ones are in the word before
-        return LoadWord(szText + dwLen - 8) >> (64 - dwLen % 8 * 8);
-    uint64_t qwWord = 0;
-    while (dwLen-- > 0)
-        qwWord = qwWord << 8 | static_cast<uint8_t>(szText[dwLen]);
-    return qwWord;
+    if (nLen > sizeof(size_t)) // of the last characters the first ones are in the word before
+        return LoadWord(szText + nLen - sizeof(size_t)) >> (kWordBits - nLen % sizeof(size_t) * 8);
+    size_t nWord = 0;
+    while (nLen-- > 0)
+        nWord = nWord << 8 | static_cast<uint8_t>(szText[nLen]);
+    return nWord;
 }
 
 // False for a text that is too long for a key.
 bool LoadKey(const char *szText, TKey *ptKey)
 {
-    const uint32_t dwLen = AppStrlen(szText);
-    if (dwLen >= APP_SHARE_ACTION_KEY_SIZE)
+    const size_t nLen = AppStrlen(szText);
+    if (nLen >= APP_SHARE_ACTION_KEY_SIZE)
         return false;
     for (size_t i = 0; i < kWords; ++i)
-        ptKey->aqwWord[i] = (i + 1) * 8 <= dwLen ? LoadWord(szText + i * 8) : 0;
-    if (dwLen % 8 != 0)
-        ptKey->aqwWord[dwLen / 8] = LoadTail(szText, dwLen);
+        ptKey->anWord[i] =
+            (i + 1) * sizeof(size_t) <= nLen ? LoadWord(szText + i * sizeof(size_t)) : 0;
+    if (nLen % sizeof(size_t) != 0)
+        ptKey->anWord[nLen / sizeof(size_t)] = LoadTail(szText, nLen);
     return true;
 }
 
 // By products whose top bits depend on every character, and not on one another: AppStringHash()
-// waits for two multiplications a character.
+// waits for multiplications.
 std::atomic<TAppShareAction *> &SlotOf(const TKey &key)
 {
-    static constexpr uint64_t kFactors[] = {0x9E3779B97F4A7C15, 0xC2B2AE3D27D4EB4F,
-                                            0xD6E8FEB86659FD93, 0xA0761D6478BD642F};
-    static_assert(sizeof(kFactors) == sizeof(TKey), "one for each word");
-    uint64_t qwSum = 0;
-    for (size_t i = 0; i < kWords; ++i)
-        qwSum += key.aqwWord[i] * kFactors[i];
-    return s_aptIndex[qwSum >> (64 - kSlotBits)];
+    static constexpr size_t kFirstFactor =
+        0x9E3779B97F4A7C15 >> (64 - kWordBits); // the golden ratio
+    size_t nSum = 0;
+    size_t nFactor = 1;
+    for (const size_t nWord : key.anWord) {
+        nFactor *= kFirstFactor; // a constant, once this is unrolled
+        nSum += nWord * nFactor;
+    }
+    return s_aptIndex[nSum >> (kWordBits - kSlotBits)];
 }
 
 bool HasKey(const TAppShareAction &entry, const TKey &key)
 {
-    uint64_t qwDifference = 0;
+    size_t nDifference = 0;
     for (size_t i = 0; i < kWords; ++i)
-        qwDifference |= LoadWord(entry.achKey + i * 8) ^ key.aqwWord[i];
-    return qwDifference == 0;
+        nDifference |= LoadWord(entry.achKey + i * sizeof(size_t)) ^ key.anWord[i];
+    return nDifference == 0;
 }
 
 // Needs no lock.
