@@ -95,9 +95,10 @@ endif()
 
 # -Bsymbolic-functions binds the library's own calls directly; the dynamic list keeps the host
 # platform's functions replaceable by the application.  nodelete: a detached thread may still run
-# its last instructions when the library would be unmapped.
+# its last instructions when the library would be unmapped.  Nothing is constructed when the library is
+# loaded or destroyed at exit, so it goes without the files that would see to that.
 set(APPCORE_SHARED_LINK_OPTIONS
-    -static-libgcc -Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,nodelete -Wl,-z,noexecstack
+    -nostartfiles -static-libgcc -Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,nodelete -Wl,-z,noexecstack
     -Wl,--gc-sections -Wl,-z,noseparate-code
     -Wl,-Bsymbolic-functions
     -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/host.list
