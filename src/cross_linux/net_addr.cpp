@@ -68,7 +68,7 @@ void WriteQuad(uint32_t dwIpv4, char *szBuf)
 
 // inet_pton() sets no errno for a text that is no address: the line then tells whatever failed last
 // in this thread.
-uint32_t ReadFailed(const char *szIp, const char *szOp)
+[[gnu::cold]] uint32_t ReadFailed(const char *szIp, const char *szOp)
 {
     APP_LOG_ERRNO(errno, "[ERROR] %s: inet_pton failed %s %d %s\n", szOp, szIp);
     return APP_FAILED;

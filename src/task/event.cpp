@@ -58,7 +58,7 @@ void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
 
 // One by one: the queue's destruction holds its lock while it tells, and a handler may ask for a
 // report.
-void app::DropEvents(TAppTask *ptTask)
+[[gnu::cold]] void app::DropEvents(TAppTask *ptTask)
 {
     void *pvEvent = nullptr;
     while (QueueHolds(ptTask->hEventQueue)) {

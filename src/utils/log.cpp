@@ -116,7 +116,7 @@ const uint8_t *AppGetLogLevels(void)
     return reinterpret_cast<const uint8_t *>(g_byAppLogLevel);
 }
 
-uint8_t AppGenerateLogChannel(void)
+[[gnu::cold]] uint8_t AppGenerateLogChannel(void)
 {
     uint8_t byChannel = g_byAppLogNextChannel.load();
     // Two calls at once must not get the same channel; channel 0 is the library's own.
@@ -140,7 +140,7 @@ void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout)
     app::Poke(g_bAppLogViaStdout[byChannel], bViaStdout);
 }
 
-uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize)
+[[gnu::cold]] uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize)
 {
     if (!szPath)
         return 0;
