@@ -1,16 +1,15 @@
 /* SPDX-License-Identifier: MIT
  *
- * The semaphore of src/cross_linux/lock.cpp as a model: every interleaving of takers (with and
- * without time-out), givers and a destroyer; and, with USERS, of threads that use it as a mutex.
+ * The semaphore of src/cross_linux/lock.cpp, which sleeps by condition.cpp beside it, as a model:
+ * every interleaving of takers (with and without time-out), givers and a destroyer; and, with USERS,
+ * of threads that use it as a mutex.
  * A recursive lock is used so: what its holder knows beside is touched after its take and before
  * its give.
  * Run by scripts/check/model.
  *
  * Proved: no taker sleeps for ever beside a unit (spin reports it as an invalid end state), nor
  * until another sleeper has run, units are conserved up to the ceiling, a binary lock excludes, and
- * no give touches the lock after it has been destroyed.  The library's waits in slices, a
- * precaution against C libraries that lose signals, are left out: the protocol must hold without
- * them.
+ * no give touches the lock after it has been destroyed.
  */
 #ifndef USERS
 #define USERS 0 /* threads that take the unit and give it back, the last with a time-out */
@@ -33,26 +32,34 @@ bool flag;       /* kSleepers in dwCount */
 byte sleepers;   /* dwSleepers */
 byte publishing; /* dwGivers */
 bool mutex;
-byte asleep;  /* threads inside pthread_cond_timedwait */
-byte signals; /* signals sent to them and not yet received */
+byte number;  /* dwSignals */
+byte asleep;  /* threads that the kernel has put to sleep */
+byte signals; /* wake-ups sent to them and not yet received */
 byte taken, done, inside;
 bool destroyed;
 
 inline Touch() { assert(!destroyed) }
 inline LockMutex() { atomic { !mutex -> Touch(); mutex = true } }
 inline UnlockMutex() { atomic { Touch(); mutex = false } }
-/* A signal without sleepers is lost. */
+/* A wake-up without sleepers is lost. */
 inline Signal() {
+    atomic { Touch(); number++ }
     atomic { Touch(); if :: signals < asleep -> signals++ :: else fi }
 }
 
-/* pthread_cond_timedwait: a time-out may eat the signal that was meant for another. */
+/* The kernel puts nobody to sleep for whom the number has changed meanwhile.  A time-out may eat the
+ * wake-up that was meant for another. */
 inline Sleep(hasty) {
-    atomic { Touch(); mutex = false; asleep++ }
+    seen = number; /* under the mutex */
+    UnlockMutex();
     if
-    :: atomic { signals > 0 -> signals--; asleep-- }
-    :: atomic { hasty -> asleep--; expired = true;
-                if :: signals > asleep -> signals = asleep :: else fi }
+    :: atomic { seen != number }
+    :: atomic { seen == number -> asleep++ }
+       if
+       :: atomic { signals > 0 -> signals--; asleep-- }
+       :: atomic { hasty -> asleep--; expired = true;
+                   if :: signals > asleep -> signals = asleep :: else fi }
+       fi
     fi
     LockMutex()
 }
@@ -112,7 +119,7 @@ inline Give() {
 }
 
 proctype Taker(bool hasty) {
-    bool got, expired, left;
+    bool got, expired, left; byte seen;
     Take(hasty);
     atomic { assert(got || hasty); if :: got -> taken++ :: else fi; done++ }
 }
@@ -123,7 +130,7 @@ proctype Giver() {
 }
 
 proctype User(bool hasty) {
-    bool got, expired, left, slow;
+    bool got, expired, left, slow; byte seen;
     Take(hasty);
     assert(got || hasty);
     if

@@ -177,7 +177,7 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
                 dwDistinct -= model.count(nKey) == 0 ? 1 : 0;
             } else if (bInterrupted || dwOp > 97) {
                 const uint32_t dwTimeout = std::exchange(bInterrupted, false) ? 0 : 2;
-                fault::Fail sleeps(Fn::pthread_cond_timedwait, 1,
+                fault::Fail sleeps(Fn::_AppConditionWait, 1,
                                    0); // what is held goes back first
                 sleeps.Action([&] { EXPECT_EQ(hPool->dwCurSize, dwIdle); });
                 ASSERT_CODE(APP_TIMEOUT, queue.Out(dwTimeout, &pvData));
@@ -252,7 +252,7 @@ TEST(Destroy, WaitsForAUserInside)
         {hPool->hLock, [&] { AppMemPoolDestroy(hPool); }}};
     for (const auto &[hLock, destroy] : rows) {
         AppLockTakeByTime(hLock, 0);
-        fault::Fail sleeps(fault::Fn::pthread_cond_timedwait, 0, 0, 0, fault::kEveryThread);
+        fault::Fail sleeps(fault::Fn::_AppConditionWait, 0, 0, 0, fault::kEveryThread);
         std::thread destroyer(destroy);
         EXPECT_TRUE(test::WaitUntil([&] { return sleeps.Calls() > 0; }));
         AppLockGive(hLock);

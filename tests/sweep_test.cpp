@@ -35,7 +35,7 @@ namespace
 using Fns = std::vector<Fn>;
 
 // These only shorten a wait; what fails then says that the time is over.
-const Fns kWaits = {Fn::clock_gettime, Fn::pthread_cond_timedwait};
+const Fns kWaits = {Fn::clock_gettime, Fn::_AppConditionWait};
 // What fails in these is told at most by what they call.
 constexpr char kSilent[] =
     "AppLockCreate AppMemPoolMalloc AppMemPoolRealloc AppStrndup AppRegisterShareAction "
@@ -51,7 +51,7 @@ bool Has(const Fns &fns, Fn fn)
 Fns Refusable(Fns fns)
 {
     for (unsigned i = 0; i < unsigned(Fn::kCount); ++i)
-        if (!Has({Fn::free, Fn::pthread_cond_signal, Fn::_AppVsnprintf, Fn::AppMemPoolMalloc,
+        if (!Has({Fn::free, Fn::_AppConditionSignal, Fn::_AppVsnprintf, Fn::AppMemPoolMalloc,
                   Fn::AppTaskSetTimer},
                  Fn(i)) &&
             strncmp(fault::Name(Fn(i)), "mxml", 4) != 0)

@@ -78,11 +78,9 @@ uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount, uint32_t dwIn
 // Waits, by yields and then sleeps of 1 ms, for a give of another thread that still touches the
 // record; for takers it does not wait.
 void _AppLockDestroy(HAppLock hLock);
-// Blocks until the time-out (0: none) on the monotonic clock; for a recursive lock on the wall
-// clock where the C library has no other.  Neither a signal nor a spurious wake-up ends the wait,
-// and a unit that is there is taken even when the deadline has just passed.  Who sleeps on a
-// semaphore looks again once a second, whatever wake-up got lost.  What the threading library
-// refuses of a recursive lock is APP_TIMEOUT too.
+// Blocks until the time-out (0: none) on the monotonic clock.  Neither a signal nor a spurious
+// wake-up ends the wait, and a unit that is there is taken even when the deadline has just passed.
+// What a recursive lock refuses, a take beyond its depth of 32 bits, is APP_TIMEOUT too.
 uint32_t _AppLockTakeByTime(HAppLock hLock, uint32_t dwTimeout);
 // Does not wait but for the mutex of a semaphore on which takers sleep, held for moments.  At the
 // ceiling the unit is absorbed.  APP_FAILED: nobody could be woken, and the unit is taken back.

@@ -35,29 +35,13 @@ bool IsBefore(const struct timespec &tOne, const struct timespec &tOther)
 } // namespace
 
 app::Deadline::Deadline(uint32_t dwTimeout)
-    : m_bLimited(dwTimeout != 0), m_tNow(ReadNow()), m_tEnd(Later(m_tNow, dwTimeout))
+    : m_bLimited(dwTimeout != 0), m_tEnd(m_bLimited ? Later(ReadNow(), dwTimeout) : timespec{})
 {
-}
-
-void app::Deadline::ReadClock()
-{
-    m_tNow = ReadNow();
 }
 
 bool app::Deadline::Passed() const
 {
     return m_bLimited && !IsBefore(ReadNow(), m_tEnd);
-}
-
-bool app::Deadline::Reached() const
-{
-    return m_bLimited && !IsBefore(m_tNow, m_tEnd);
-}
-
-struct timespec app::Deadline::SliceEnd(uint32_t dwSliceMs) const
-{
-    const struct timespec tSlice = Later(m_tNow, dwSliceMs);
-    return m_bLimited && IsBefore(m_tEnd, tSlice) ? m_tEnd : tSlice;
 }
 
 int32_t app::Deadline::LeftMs(int32_t nMost) const

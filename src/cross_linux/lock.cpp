@@ -19,21 +19,18 @@
 
 #include "base/fast_tls.h"
 #include "base/rollback.h"
+#include "cross_linux/condition.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/deadline.h"
 #include "cross_linux/lock_word.h"
 #include "cross_linux/mutex_guard.h"
-
-// On 32-bit machines the headers of the pools leave a record at 4 modulo 8, less than the condition
-// asks for; it is made of 32-bit words and needs no more.
-typedef pthread_cond_t TPlacedCond __attribute__((aligned(sizeof(void *))));
 
 struct TAppLock {
     app::TLockWord tWord;
     uint32_t dwType;
     uint32_t dwSleepers;            // takers in the slow path; under tMutex
     std::atomic<uint32_t> dwGivers; // gives that have published their unit and still touch the lock
-    TPlacedCond tCond;              // takers sleep here
+    TAppCondition tCond;            // takers sleep here
     pthread_mutex_t tMutex;         // guards sleeping
 };
 
@@ -46,8 +43,7 @@ struct TRecursiveLock : TAppLock {
 
 static_assert(offsetof(TAppLock, tWord) == 0, "where the paths in line look for it");
 #if UINTPTR_MAX == UINT32_MAX && defined(__GLIBC__)
-static_assert(sizeof(TAppLock) == 20 + sizeof(pthread_cond_t) + sizeof(pthread_mutex_t),
-              "fixed layout");
+static_assert(sizeof(TAppLock) == 24 + sizeof(pthread_mutex_t), "fixed layout");
 static_assert(alignof(TAppLock) == 4, "at most what the pools' headers leave");
 #endif
 
@@ -57,7 +53,6 @@ namespace
 using app::kMaxUnits;
 using app::kSleepers;
 
-constexpr uint32_t kSliceMs = 1000; // see SleepSlice
 constexpr int kAttempts = 100;
 
 // Threads that use recursive locks are numbered: unlike the system's, the number of one that has
@@ -107,14 +102,6 @@ inline bool TryTake(HAppLock hLock)
     return false;
 }
 
-// Sleeps until a signal, the deadline or the end of the slice.  The slice is a precaution: several
-// C libraries in the field can lose the wake-up of a condition variable; here that costs a second.
-void SleepSlice(HAppLock hLock, const app::Deadline &deadline)
-{
-    const struct timespec tEnd = deadline.SliceEnd(kSliceMs);
-    pthread_cond_timedwait(&hLock->tCond, &hLock->tMutex, &tEnd);
-}
-
 // Under tMutex.  Takes a unit, or marks that gives must signal.
 bool TakeOrMark(HAppLock hLock)
 {
@@ -140,21 +127,21 @@ void LeaveSleepers(HAppLock hLock)
     }
     const uint32_t dwCount = CountOf(hLock).fetch_or(kSleepers, std::memory_order_relaxed);
     if ((dwCount & kMaxUnits) != 0)
-        pthread_cond_signal(&hLock->tCond);
+        _AppConditionSignal(&hLock->tCond);
 }
 
 // Out of line, like every path that may sleep: the fast paths need no frame then.
 [[gnu::noinline, gnu::cold]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
 {
-    app::Deadline deadline(dwTimeout);
+    const app::Deadline deadline(dwTimeout);
     app::MutexGuard guard(hLock->tMutex);
     ++hLock->dwSleepers;
     bool bTaken = TakeOrMark(hLock);
-    while (!bTaken && !deadline.Reached()) {
-        SleepSlice(hLock, deadline);
+    while (!bTaken) {
+        _AppConditionWait(&hLock->tCond, &hLock->tMutex, deadline.End());
         bTaken = TakeOrMark(hLock);
-        if (!bTaken)
-            deadline.ReadClock();
+        if (!bTaken && deadline.Passed())
+            break;
     }
     LeaveSleepers(hLock);
     return bTaken;
@@ -211,7 +198,7 @@ void RaiseForSleepers(HAppLock hLock)
     // Signalled outside the mutex, so that the woken taker does not run into it.  That taker may
     // destroy the lock at once: AppLockDestroy waits for the count of givers, the last touch here.
     uint32_t dwResult = APP_OK;
-    if (pthread_cond_signal(&hLock->tCond) != 0 && !IsRecursive(hLock) && TryTake(hLock))
+    if (_AppConditionSignal(&hLock->tCond) != 0 && !IsRecursive(hLock) && TryTake(hLock))
         dwResult = APP_FAILED; // nobody was woken and the unit is taken back
     hLock->dwGivers.fetch_sub(1, std::memory_order_release);
     return dwResult;
@@ -241,28 +228,6 @@ inline void GiveRecursive(TRecursiveLock *ptLock)
         GiveUnit(ptLock, 1);
 }
 
-int InitMonotonicCond(pthread_cond_t *ptCond)
-{
-    pthread_condattr_t tAttr;
-    int nError = pthread_condattr_init(&tAttr);
-    if (nError != 0)
-        return nError;
-    app::Rollback release([&] { pthread_condattr_destroy(&tAttr); });
-    nError = pthread_condattr_setclock(&tAttr, CLOCK_MONOTONIC);
-    return nError != 0 ? nError : pthread_cond_init(ptCond, &tAttr);
-}
-
-[[gnu::cold]] int InitSleeping(HAppLock hLock)
-{
-    int nError = pthread_mutex_init(&hLock->tMutex, nullptr);
-    if (nError != 0)
-        return nError;
-    nError = InitMonotonicCond(&hLock->tCond);
-    if (nError != 0)
-        pthread_mutex_destroy(&hLock->tMutex);
-    return nError;
-}
-
 } // namespace
 
 [[gnu::cold]] uint32_t _AppLockCreate(HAppMemPool hMemPool, uint32_t dwMaxCount,
@@ -282,9 +247,10 @@ int InitMonotonicCond(pthread_cond_t *ptCond)
     CountOf(hLock).store(Least(dwInitCount, MaxCountOf(hLock)));
     hLock->dwSleepers = 0;
     hLock->dwGivers.store(0);
+    hLock->tCond.dwSignals.store(0);
     if (bRecursive)
         SetHolder(static_cast<TRecursiveLock *>(hLock), dwInitCount == 0 ? OwnNumber() : 0);
-    if (InitSleeping(hLock) != 0)
+    if (pthread_mutex_init(&hLock->tMutex, nullptr) != 0)
         return APP_FAILED;
     release.Dismiss();
     *phLock = hLock;
@@ -296,7 +262,6 @@ int InitMonotonicCond(pthread_cond_t *ptCond)
     // Yields first; sleeps when that does not let the giver run (a caller of higher priority).
     for (int i = 0; hLock->dwGivers.load(std::memory_order_acquire) != 0; ++i)
         i < kAttempts ? sched_yield() : usleep(1000);
-    pthread_cond_destroy(&hLock->tCond);
     pthread_mutex_destroy(&hLock->tMutex);
     AppMemPoolFree(hLock);
 }

@@ -32,7 +32,7 @@ void _AppDelay(uint32_t dwMs)
 {
     if (dwMs == 0)
         return;
-    const struct timespec tEnd = app::Deadline(dwMs).End();
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &tEnd, nullptr) == EINTR) {
+    const app::Deadline deadline(dwMs);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, deadline.End(), nullptr) == EINTR) {
     }
 }

@@ -21,6 +21,7 @@
 #include <tuple>
 
 #include "appcore/task.h"
+#include "cross_linux/condition.h"
 #include "cross_linux/cross_linux.h"
 
 namespace fault

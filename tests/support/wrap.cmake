@@ -3,8 +3,7 @@
 set(fault_gates
     free/1 fcntl/3/__fcntl_time64 malloc/1 calloc/2 realloc/2 strdup/1 vasprintf/3
     pthread_create/4 pthread_attr_init/1 pthread_attr_setinheritsched/2
-    pthread_mutex_init/2 pthread_condattr_init/1 pthread_condattr_setclock/2 pthread_cond_init/2
-    pthread_cond_signal/1 pthread_cond_timedwait/3/__pthread_cond_timedwait64
+    pthread_mutex_init/2 _AppConditionSignal/1 _AppConditionWait/3
     clock_gettime/2/__clock_gettime64 gmtime_r/2/__gmtime64_r timegm/1/__timegm64
     fopen/2/fopen64 fdopen/2 write/3 writev/3 ftruncate/2/ftruncate64 rename/2
     socket/3 bind/3 connect/3 setsockopt/5/__setsockopt64 getsockname/3 getpeername/3
