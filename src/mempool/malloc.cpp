@@ -95,6 +95,26 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
     return pvHead;
 }
 
+// Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
+inline void Uncount(HAppMemPool hMemPool, uint32_t dwSize) APP_REQUIRES(hMemPool->hLock)
+{
+    app::SetCounter(hMemPool->dwCurSize,
+                    hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
+}
+
+// Out of line, so that the pools without a lock have nothing to save for its guard.
+[[gnu::noinline]] void FreeGuarded(HAppMemPool hMemPool, TAppMemPoolHead *ptHead, const char *szOp)
+{
+    // Copied: as soon as the engine has the block back, its next owner may write the header.
+    const uint32_t dwSize = ptHead->dwSize;
+    app::FastLockGuard guard(hMemPool);
+    Uncount(hMemPool, dwSize);
+    if (app::Traces(APP_LOG_MEMDBG1))
+        TraceFree(hMemPool, ptHead + 1, dwSize, szOp);
+    hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
+    APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
+}
+
 // The header of a block, or null with a line when the pointer is not one of ours.
 TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 {
@@ -128,27 +148,24 @@ void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 
 void AppMemPoolFree(void *pvData)
 {
-    if (!pvData)
+    if (__builtin_expect(!pvData, false)) // told, or the compiler makes two functions of this one
         return;
     TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
     if (!ptHead)
         return;
-    // Copied: as soon as the engine has the block back, its next owner may write the header.
-    const uint32_t dwSize = ptHead->dwSize;
-    if (HAppMemPool hMemPool = ptHead->hMemPool) {
-        app::FastLockGuard guard(hMemPool);
-        // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
-        app::SetCounter(hMemPool->dwCurSize,
-                        hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
+    HAppMemPool hMemPool = ptHead->hMemPool;
+    if (!hMemPool) {
         if (app::Traces(APP_LOG_MEMDBG1))
-            TraceFree(hMemPool, pvData, dwSize, __func__);
+            TraceFree(nullptr, pvData, ptHead->dwSize, __func__);
+        free(ptHead);
+    } else if (hMemPool->hLock || app::Traces(APP_LOG_MEMDBG1)) {
+        FreeGuarded(hMemPool, ptHead, __func__);
+    } else {
+        app::AssertHeld(hMemPool);
+        Uncount(hMemPool, ptHead->dwSize);
         hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
-        return;
     }
-    if (app::Traces(APP_LOG_MEMDBG1))
-        TraceFree(nullptr, pvData, dwSize, __func__);
-    free(ptHead);
 }
 
 [[gnu::cold]] void *AppMemPoolRealloc(HAppMemPool hMemPool, void *pvData, uint32_t dwSize)

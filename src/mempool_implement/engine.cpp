@@ -24,17 +24,29 @@ using app::kIdle;
 constexpr uint32_t kSmallestShift = 5;
 constexpr uint32_t kHead = sizeof(TAppMemBlockHead);
 
-uint32_t ClassSize(uint32_t dwClass)
+constexpr uint32_t ClassSize(uint32_t dwClass)
 {
     return 1u << (dwClass + kSmallestShift);
 }
 
+constexpr uint32_t kSmallest = ClassSize(0);
+constexpr uint32_t kLargest = ClassSize(APP_MEMPOOL_CLASS_NUM - 1);
+
+inline uint32_t HighestBit(uint32_t dwValue)
+{
+    return 31 ^ static_cast<uint32_t>(__builtin_clz(dwValue));
+}
+
+// Beyond the largest, and of 0, more than any class has.
 inline uint32_t ClassOf(uint32_t dwSize)
 {
-    // Of 0 more than any class has.  The instruction knows no 0 itself, hence the bit.
-    const uint32_t dwUnits = (dwSize - 1) >> (kSmallestShift - 1) | 1;
-    const auto dwClass = static_cast<uint32_t>(31 - __builtin_clz(dwUnits));
-    return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
+    return HighestBit((dwSize - 1) | (kSmallest - 1)) - (kSmallestShift - 1);
+}
+
+// Of the pooled blocks only those in use have one: kIdle is no part of it.
+inline bool IsClassSize(uint32_t dwSize)
+{
+    return dwSize - kSmallest <= kLargest - kSmallest && (dwSize & (dwSize - 1)) == 0;
 }
 
 void *BehindHead(TAppMemBlockHead *ptHead)
@@ -165,11 +177,14 @@ void *NewBlock(TAppMemPoolImpl *ptImpl, uint32_t dwNeed, uint32_t dwClass, const
 }
 
 // Beyond the classes, or of a class without an idle block.
-[[gnu::noinline, gnu::cold]] void *MallocFromHeap(TAppMemPoolImpl *ptImpl, uint32_t dwNeed,
-                                                  uint32_t dwClass, const char *szOp)
+[[gnu::noinline, gnu::cold]] void *MallocFromHeap(TAppMemPoolImpl *ptImpl, uint32_t dwSize,
+                                                  const char *szOp)
 {
-    return ptImpl && dwClass < APP_MEMPOOL_CLASS_NUM ? NewBlock(ptImpl, dwNeed, dwClass, szOp)
-                                                     : MallocLarge(ptImpl, dwNeed, szOp);
+    if (dwSize - 1 >= UINT32_MAX - kHead) // 0, too
+        return nullptr;
+    const uint32_t dwNeed = dwSize + kHead;
+    return ptImpl && dwNeed <= kLargest ? NewBlock(ptImpl, dwNeed, ClassOf(dwNeed), szOp)
+                                        : MallocLarge(ptImpl, dwNeed, szOp);
 }
 
 void FreeLarge(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, const char *szOp)
@@ -210,10 +225,14 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
     Verify(ptImpl, dwClass);
 }
 
-// A large block, a second release or damage.
+// A large block, one of no pool, a second release or damage.
 [[gnu::noinline, gnu::cold]] void FreeOther(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead,
                                             const char *szOp)
 {
+    if (!ptImpl) {
+        FreeLarge(ptImpl, ptHead, szOp);
+        return;
+    }
     const bool bIdle = IsIdle(ptHead);
     const uint32_t dwBlockSize = SizeOf(ptHead);
     const uint32_t dwOnWorkSize = app::ReadEngine(ptImpl).dwOnWorkSize;
@@ -234,7 +253,8 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
     const uint32_t dwClass = __AppMemGetOffset(dwBlockSize);
     if (dwClass < APP_MEMPOOL_CLASS_NUM) {
         // Of a class that has none in use, by what its header says: its count ends at zero, too.
-        app::SetCounter(ptImpl->atClass[dwClass].dwInUse, 1);
+        uint32_t &dwInUse = ptImpl->atClass[dwClass].dwInUse;
+        app::SetCounter(dwInUse, dwInUse != 0 ? dwInUse : 1);
         ParkBlock(ptImpl, ptHead, dwClass, szOp);
         return;
     }
@@ -265,7 +285,8 @@ inline void ParkBlock(TAppMemPoolImpl *ptImpl, TAppMemBlockHead *ptHead, uint32_
 
 uint32_t __AppMemGetOffset(uint32_t dwSize)
 {
-    return ClassOf(dwSize);
+    const uint32_t dwClass = ClassOf(dwSize);
+    return dwClass < APP_MEMPOOL_CLASS_NUM ? dwClass : APP_MEMPOOL_CLASS_NUM;
 }
 
 [[gnu::cold]] uint32_t _AppMemPoolCreate(uint32_t, uint32_t, TAppMemPoolImpl **pptImpl)
@@ -308,12 +329,12 @@ uint32_t __AppMemGetOffset(uint32_t dwSize)
 
 void *_AppMalloc(TAppMemPoolImpl *ptImpl, uint32_t dwSize)
 {
-    if (dwSize - 1 >= UINT32_MAX - kHead) // 0, too
-        return nullptr;
+    if (dwSize - 1 >= kLargest - kHead || !ptImpl) // 0, too
+        return MallocFromHeap(ptImpl, dwSize, __func__);
     const uint32_t dwNeed = dwSize + kHead;
     const uint32_t dwClass = ClassOf(dwNeed);
-    if (dwClass == APP_MEMPOOL_CLASS_NUM || !ptImpl || !ptImpl->atClass[dwClass].ptOldest)
-        return MallocFromHeap(ptImpl, dwNeed, dwClass, __func__);
+    if (!ptImpl->atClass[dwClass].ptOldest)
+        return MallocFromHeap(ptImpl, dwSize, __func__);
     TAppMemBlockHead *ptHead = TakeIdle(&ptImpl->atClass[dwClass], dwClass);
     if (app::Traces(APP_LOG_MEMDBG2))
         TraceReuse(ptImpl, ptHead, dwNeed, dwClass, __func__);
@@ -326,16 +347,14 @@ void _AppFree(TAppMemPoolImpl *ptImpl, void *pvData)
     if (!pvData)
         return;
     TAppMemBlockHead *ptHead = static_cast<TAppMemBlockHead *>(pvData) - 1;
-    if (!ptImpl) {
-        FreeLarge(ptImpl, ptHead, __func__);
-        return;
+    APP_CHECK(!ptImpl || !IsIdle(ptHead), "the block has been released before");
+    if (ptImpl && ptHead->ptNext && IsClassSize(ptHead->dwBlockSize)) {
+        const uint32_t dwClass = HighestBit(ptHead->dwBlockSize) - kSmallestShift;
+        // Some block of its class is in use, or it would not be released.
+        if (ptImpl->atClass[dwClass].dwInUse != 0) {
+            ParkBlock(ptImpl, ptHead, dwClass, __func__);
+            return;
+        }
     }
-    APP_CHECK(!IsIdle(ptHead), "the block has been released before");
-    const uint32_t dwClass = ClassOf(ptHead->dwBlockSize);
-    // Some block of its class is in use, or it would not be released.
-    if (ptHead->ptNext && !(ptHead->dwBlockSize & kIdle) && dwClass < APP_MEMPOOL_CLASS_NUM &&
-        ptImpl->atClass[dwClass].dwInUse != 0)
-        ParkBlock(ptImpl, ptHead, dwClass, __func__);
-    else
-        FreeOther(ptImpl, ptHead, __func__);
+    FreeOther(ptImpl, ptHead, __func__);
 }
