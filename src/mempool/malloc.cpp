@@ -80,12 +80,26 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
                pvData, app::Ul(dwSize));
 }
 
+// By its name where it is the engine that there is: what is called through a pointer waits for it.
+inline void *TakeBlock(const TAppMemPool *ptPool, uint32_t dwSize)
+{
+    if (__builtin_expect(ptPool->pfnMalloc == _AppMalloc, true))
+        return _AppMalloc(ptPool->ptImpl, dwSize);
+    return ptPool->pfnMalloc(ptPool->ptImpl, dwSize);
+}
+inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
+{
+    if (__builtin_expect(ptPool->pfnFree == _AppFree, true))
+        return _AppFree(ptPool->ptImpl, pvHead);
+    ptPool->pfnFree(ptPool->ptImpl, pvHead);
+}
+
 [[gnu::always_inline]] inline void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize,
                                                    const char *szOp)
 {
     app::FastLockGuard guard(hMemPool);
     void *pvHead = IsFull(hMemPool, dwSize) ? RefuseFull(hMemPool, dwSize, szOp)
-                                            : hMemPool->pfnMalloc(hMemPool->ptImpl, dwSize + kHead);
+                                            : TakeBlock(hMemPool, dwSize + kHead);
     if (pvHead) { // else it has been logged
         app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
@@ -111,7 +125,7 @@ inline void Uncount(HAppMemPool hMemPool, uint32_t dwSize) APP_REQUIRES(hMemPool
     Uncount(hMemPool, dwSize);
     if (app::Traces(APP_LOG_MEMDBG1))
         TraceFree(hMemPool, ptHead + 1, dwSize, szOp);
-    hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
+    GiveBlock(hMemPool, ptHead);
     APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
 }
 
@@ -163,7 +177,7 @@ void AppMemPoolFree(void *pvData)
     } else {
         app::AssertHeld(hMemPool);
         Uncount(hMemPool, ptHead->dwSize);
-        hMemPool->pfnFree(hMemPool->ptImpl, ptHead);
+        GiveBlock(hMemPool, ptHead);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
     }
 }
