@@ -110,18 +110,25 @@ bool LoadKey(const char *szText, TKey *ptKey)
     return true;
 }
 
+// Powers of the golden ratio.
+struct TFactors {
+    constexpr TFactors()
+    {
+        constexpr size_t kRatio = 0x9E3779B97F4A7C15 >> (64 - kWordBits);
+        for (size_t i = 0; i < kWords; ++i)
+            anOf[i] = i == 0 ? kRatio : anOf[i - 1] * kRatio;
+    }
+    size_t anOf[kWords] = {};
+};
+
 // By products whose top bits depend on every character, and not on one another: AppStringHash()
 // waits for multiplications.
 std::atomic<TAppShareAction *> &SlotOf(const TKey &key)
 {
-    static constexpr size_t kFirstFactor =
-        0x9E3779B97F4A7C15 >> (64 - kWordBits); // the golden ratio
+    static constexpr TFactors kFactors;
     size_t nSum = 0;
-    size_t nFactor = 1;
-    for (const size_t nWord : key.anWord) {
-        nFactor *= kFirstFactor; // a constant, once this is unrolled
-        nSum += nWord * nFactor;
-    }
+    for (size_t i = 0; i < kWords; ++i)
+        nSum += key.anWord[i] * kFactors.anOf[i];
     return s_aptIndex[nSum >> (kWordBits - kSlotBits)];
 }
 
