@@ -16,6 +16,7 @@
 #include "appcore/platform.h"
 #include "appcore/share_action.h"
 #include "appcore/socket.h"
+#include "appcore/stats.h"
 #include "appcore/task.h"
 #include "appcore/xml.h"
 
@@ -27,7 +28,7 @@ extern "C" {
  * That of the headers a program is compiled with.  The build takes it from here.
  * @{ */
 #define APPCORE_VERSION_MAJOR 1 /**< a new one when programs have to be built anew */
-#define APPCORE_VERSION_MINOR 0 /**< a new one when something has been added */
+#define APPCORE_VERSION_MINOR 1 /**< a new one when something has been added */
 #define APPCORE_VERSION_PATCH 0 /**< a new one when something has been mended */
 /** The three as one number, to compare: 10203 is 1.2.3. */
 #define APPCORE_VERSION                                                                            \

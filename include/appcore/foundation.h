@@ -42,6 +42,13 @@ enum EAppResult {
     APP_IN_PROGRESS = 208       /**< last result of the action registry while an action runs */
 };
 
+/**
+ * The name of a result code, for log lines.
+ * @param dwResult a code
+ * @return a constant such as "APP_TIMEOUT"; "UNKNOWN" for a value that is none
+ */
+APP_API const char *AppGetResultName(uint32_t dwResult);
+
 /** Log levels: the lower, the more important. */
 enum EAppLogLevel {
     APP_LOG_ALWAYS = 0,    /**< passes every threshold; the only level written to a log file */
@@ -87,6 +94,23 @@ APP_API void AppSetLogLevel(uint8_t byChannel, uint8_t byLevel);
  * @param bViaStdout exactly 1 prints messages on standard output too, any other value does not
  */
 APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
+
+/**
+ * Prints lines once where standard output and the console would show them twice: a channel whose
+ * standard output is on does not print there while that is the same file or terminal as standard
+ * error, the console of most platforms.  Which is looked at by this call.
+ * @param bOnce exactly 1 switches it on, any other value off, as at the start
+ */
+APP_API void AppSetLogOnce(uint32_t bOnce);
+
+/**
+ * Limits how often a channel tells the same.  Of identical lines, one directly after the other or
+ * among a few others, only so many are printed and written within a second; the others are counted,
+ * and told by one line as soon as the next second's first line of the channel comes.
+ * @param byChannel the channel
+ * @param dwMost    identical lines a second; 0 is no limit, as at the start
+ */
+APP_API void AppSetLogRepeat(uint8_t byChannel, uint32_t dwMost);
 
 /**
  * Logs a message to the platform's console (QorPrintf()), to standard output when the channel has

@@ -92,6 +92,9 @@ uint32_t _AppLockGive(HAppLock hLock);
 // The coarse monotonic clock in ticks of 10 ms, modulo 2^32; it stands still while the system is
 // suspended, and is read without a system call.  Should the clock fail: the complement of errno.
 uint32_t _AppGetTick(void);
+// The tick that any thread has read last: for diagnostics on paths that have no time for the clock.
+// Written by _AppGetTick() alone, and only when it has changed, so that its readers share the line.
+extern std::atomic<uint32_t> g_dwAppRecentTick;
 // Modulo 2^32.
 uint32_t _AppConvertTickToMS(uint32_t dwTick);
 #define APP_MS_PER_TICK 10u // for who does so in line
