@@ -105,7 +105,9 @@ void RefuseFoundation()
     REFUSE("-x", kBad, 0, AppDoubleListCreate, AppQueueCreate, AppLockCreate);
     REFUSE("x---", kBad, 0, AppDoubleListInsertAfter, AppDoubleListInsertBefore);
     REFUSE("xx-", kBad, 0, AppDoubleListRemove);
-    REFUSE("x--", 0, 0, AppDoubleListDestroy, AppQueueDestroy, AppMemPoolShow, AppTaskMgrShow);
+    REFUSE("x--", 0, 0, AppDoubleListDestroy, AppQueueDestroy, AppMemPoolShow, AppTaskMgrShow,
+           AppTaskMgrCheck);
+    REFUSE("x-", 0, 0, AppStatsWalk, AppQueueSetName, AppMemPoolSetName);
     REFUSE("x-", kBad, 0, AppQueueIn, _AppQueueIn, AppQueueOut, AppRegisterShareAction,
            AppRegisterBlockShareAction, AppHostRunCommand);
     REFUSE("x", -1, 0, AppQueueGetSize, AppConvertSubnetMasktoPrefixLength);
@@ -124,6 +126,8 @@ void RefuseFoundation()
     REFUSE("x", kBad, 1, AppTaskResetTimer);
     REFUSE("x", 0, 1, AppTaskTimerGetRemainTime);
     REFUSE("xx", 0, 0, AppDumpMem);
+    REFUSE("xx", kBad, 0, AppMemPoolGetStats, AppQueueGetStats, AppTaskGetStats,
+           AppTaskMgrGetStats);
     REFUSE("xx", kBad, 0, AppConvertStrtoNet, AppConvertNettoStr, AppConvertUnicodetoUtf8,
            AppConvertUnicodetoGbk);
     REFUSE("x----", kBad, 0, AppConvertXsdDatetime2U32);
@@ -181,7 +185,7 @@ TEST(Refusals, EveryOperationRefusesNull)
         "AppLog AppLogFile AppSnprintf AppSscanf AppMem* AppStr* AppConvertStrto* "
         "AppRunShareAction AppShareActionShow AppRegCommand AppHostWalkCommands QorPrintf "
         "QorRegCommand Ipc* AppFindS32StrPair_* AppConvEnum2Str AppConvStr2Enum AppSocketCreate "
-        "AppXmlMxmlParseCB";
+        "AppXmlMxmlParseCB AppStatsJson";
     std::set<std::string> names;
     for (const auto &[name, parameters] : test::Exported())
         if (parameters.find('*') != std::string::npos || parameters.find("(H") != std::string::npos)

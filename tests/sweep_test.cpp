@@ -537,6 +537,9 @@ constexpr char kLeft[] =
     "QorPrintf QorRegCommand IpcGetUpupCfg AppLog AppLockGive AppLockDestroy AppDoubleListRemove "
     "AppDoubleListDestroy AppQueueGetSize AppQueueDestroy AppMemPoolDestroy AppMemPoolFree "
     "AppTaskTimerGetRemainTime AppTaskCancelTimer AppSocketDestroy AppCloseFileLog "
+    "AppStats* AppTaskMgrCheck AppMemPoolSetName AppQueueSetName AppTaskGetStats AppTaskMgrGetStats "
+    "AppQueueGetStats "
+    "AppMemPoolGetStats "
     "AppRunShareAction IpcConvConvert* IpcCapGetHwExternal IpcGetNetEthParam ";
 
 // Returns the number of faults met.

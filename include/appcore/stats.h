@@ -57,18 +57,19 @@ APP_API void AppQueueSetName(HAppQueue hQueue, const char *szName);
 
 /** A pool. */
 struct TAppMemPoolStats {
-    uint32_t dwSize;                           /**< see stats.h */
-    HAppMemPool hMemPool;                      /**< the pool */
-    char achName[APP_STATS_NAME_SIZE];         /**< empty for none */
-    uint32_t dwUsed;                           /**< bytes asked for by the blocks in use */
-    uint32_t dwPeak;                           /**< most that this has been */
-    uint32_t dwLimit;                          /**< dwUsed stays below; 0: no limit */
-    uint32_t dwRefused;                        /**< allocations refused, by the limit or the heap */
-    uint32_t dwBlocks;                         /**< blocks in use */
-    uint32_t dwHeld;                           /**< bytes taken from the heap */
-    uint32_t dwIdle;                           /**< of these, in blocks kept for reuse */
-    uint32_t adwInUse[APP_STATS_POOL_CLASSES]; /**< blocks in use by class; larger ones by none */
-    uint32_t adwIdle[APP_STATS_POOL_CLASSES];  /**< blocks kept for reuse by class */
+    uint32_t dwSize;                   /**< see stats.h */
+    HAppMemPool hMemPool;              /**< the pool */
+    char achName[APP_STATS_NAME_SIZE]; /**< empty for none */
+    uint32_t dwUsed;                   /**< bytes asked for by the blocks in use */
+    uint32_t dwPeak;                   /**< most that this has been */
+    uint32_t dwLimit;                  /**< dwUsed stays below; 0: no limit */
+    uint32_t dwRefused;                /**< allocations refused, by the limit or the heap */
+    uint32_t dwBlocks;                 /**< blocks in use */
+    uint32_t dwHeld;                   /**< bytes taken from the heap */
+    uint32_t dwIdle;                   /**< of these, in blocks kept for reuse */
+    uint32_t
+        adwBlocksInUse[APP_STATS_POOL_CLASSES]; /**< blocks in use by class; larger ones by none */
+    uint32_t adwBlocksIdle[APP_STATS_POOL_CLASSES]; /**< blocks kept for reuse by class */
 };
 
 /** A queue, a task's queue of events included, which bears the task's name. */

@@ -87,13 +87,21 @@ uint32_t _AppLockTakeByTime(HAppLock hLock, uint32_t dwTimeout);
 // That a recursive lock is not the caller's goes unnoticed.
 uint32_t _AppLockGive(HAppLock hLock);
 
+// ---- The registry ---------------------------------------------------------------------------
+
+// A mutex of the process, held for moments: see utils/registry.h.
+void _AppRegistryLock(void);
+void _AppRegistryUnlock(void);
+
 // ---- Ticks, delays, threads -----------------------------------------------------------------
 
 // The coarse monotonic clock in ticks of 10 ms, modulo 2^32; it stands still while the system is
 // suspended, and is read without a system call.  Should the clock fail: the complement of errno.
 uint32_t _AppGetTick(void);
-// The tick that any thread has read last: for diagnostics on paths that have no time for the clock.
-// Written by _AppGetTick() alone, and only when it has changed, so that its readers share the line.
+// The same, noted as the tick that has been read last: for diagnostics on paths that have no time
+// for the clock.  Written only when it has changed, so that its readers share the line; it may go
+// back, to what a slower thread has read.
+uint32_t _AppNoteTick(void);
 extern std::atomic<uint32_t> g_dwAppRecentTick;
 // Modulo 2^32.
 uint32_t _AppConvertTickToMS(uint32_t dwTick);

@@ -17,7 +17,9 @@
 #include <stddef.h>
 #include <unistd.h>
 
+#include "appcore/log_fast.h"
 #include "base/fast_tls.h"
+#include "base/print.h"
 #include "base/rollback.h"
 #include "cross_linux/condition.h"
 #include "cross_linux/cross_linux.h"
@@ -130,10 +132,8 @@ void LeaveSleepers(HAppLock hLock)
         _AppConditionSignal(&hLock->tCond);
 }
 
-// Out of line, like every path that may sleep: the fast paths need no frame then.
-[[gnu::noinline, gnu::cold]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
+bool TakeUntil(HAppLock hLock, const app::Deadline &deadline)
 {
-    const app::Deadline deadline(dwTimeout);
     app::MutexGuard guard(hLock->tMutex);
     ++hLock->dwSleepers;
     bool bTaken = TakeOrMark(hLock);
@@ -145,6 +145,20 @@ void LeaveSleepers(HAppLock hLock)
     }
     LeaveSleepers(hLock);
     return bTaken;
+}
+
+// Out of line, like every path that may sleep: the fast paths need no frame then.
+[[gnu::noinline, gnu::cold]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
+{
+    // For who looks for a hang.  Not for the others: a timer in the kernel is a tenth of a short wait.
+    constexpr uint32_t kWordMs = 30000;
+    if (dwTimeout == 0 && AppLogPasses(0, APP_LOG_DEBUG)) {
+        if (TakeUntil(hLock, app::Deadline(kWordMs)))
+            return true;
+        AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: lock %p has been waited for %lu ms, without limit\n",
+               "AppLockTakeByTime", app::Ptr(hLock), app::Ul(kWordMs));
+    }
+    return TakeUntil(hLock, app::Deadline(dwTimeout));
 }
 
 inline uint32_t TakeUnit(HAppLock hLock, uint32_t dwTimeout)

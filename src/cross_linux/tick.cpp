@@ -22,8 +22,13 @@ uint32_t _AppGetTick(void)
     struct timespec tNow;
     if (clock_gettime(CLOCK_MONOTONIC_COARSE, &tNow) != 0)
         return ~static_cast<uint32_t>(errno);
-    const uint32_t dwTick = static_cast<uint32_t>(tNow.tv_sec) * kTicksPerSecond +
-                            static_cast<uint32_t>(tNow.tv_nsec / kNsPerTick);
+    return static_cast<uint32_t>(tNow.tv_sec) * kTicksPerSecond +
+           static_cast<uint32_t>(tNow.tv_nsec / kNsPerTick);
+}
+
+uint32_t _AppNoteTick(void)
+{
+    const uint32_t dwTick = _AppGetTick();
     if (app::Peek(g_dwAppRecentTick) != dwTick)
         app::Poke(g_dwAppRecentTick, dwTick);
     return dwTick;

@@ -34,12 +34,16 @@ uint32_t AppMemPoolCreate(uint32_t dwMaxSize, uint32_t bLock, uint32_t dwReserve
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: malloc failed\n", __func__);
         return APP_NO_RESOURCE;
     }
-    *hMemPool = {_AppMalloc, _AppFree, nullptr, 0, dwMaxSize, nullptr};
+    *hMemPool = {};
+    hMemPool->pfnMalloc = _AppMalloc;
+    hMemPool->pfnFree = _AppFree;
+    hMemPool->dwMaxSize = dwMaxSize;
     const uint32_t dwResult = FillPool(hMemPool, dwMaxSize, bLock, dwReserved, __func__);
     if (dwResult != APP_OK) {
         AppMemPoolDestroy(hMemPool); // of a half-built pool, too
         return dwResult;
     }
+    app::Register(APP_REGISTRY_POOLS, &hMemPool->tEntry, hMemPool);
     *phMemPool = hMemPool;
     return APP_OK;
 }
@@ -48,6 +52,7 @@ void AppMemPoolDestroy(HAppMemPool hMemPool)
 {
     if (!hMemPool)
         return;
+    app::Unregister(APP_REGISTRY_POOLS, &hMemPool->tEntry);
     // Waits for a user that is still inside an operation; never given back.
     app::LockGuard guard(hMemPool);
     guard.Release();

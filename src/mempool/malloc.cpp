@@ -100,11 +100,16 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
     app::FastLockGuard guard(hMemPool);
     void *pvHead = IsFull(hMemPool, dwSize) ? RefuseFull(hMemPool, dwSize, szOp)
                                             : TakeBlock(hMemPool, dwSize + kHead);
-    if (pvHead) { // else it has been logged
-        app::SetCounter(hMemPool->dwCurSize, hMemPool->dwCurSize + dwSize);
+    if (pvHead) {
+        const uint32_t dwCurSize = hMemPool->dwCurSize + dwSize;
+        app::SetCounter(hMemPool->dwCurSize, dwCurSize);
+        if (dwCurSize > hMemPool->dwPeak)
+            app::SetCounter(hMemPool->dwPeak, dwCurSize);
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         if (app::Traces(APP_LOG_MEMDBG1))
             TraceMalloc(hMemPool, static_cast<TAppMemPoolHead *>(pvHead) + 1, dwSize, szOp);
+    } else if (!app::t_tHeldLines.bNoErrors) { // it has been logged
+        app::SetCounter(hMemPool->dwRefused, hMemPool->dwRefused + 1);
     }
     return pvHead;
 }

@@ -9,6 +9,7 @@
 #include "appcore/mempool.h"
 #include "base/thread_safety.h"
 #include "mempool_implement/engine.h"
+#include "utils/registry.h"
 
 #define APP_MEMPOOL_MAGIC 0x12235690u
 
@@ -24,6 +25,10 @@ struct TAppMemPool {
     uint32_t dwCurSize APP_GUARDED_BY(hLock);
     uint32_t dwMaxSize; // limit of dwCurSize; 0 is none
     HAppLock hLock;     // guards the record and its engine; null for a pool without
+
+    uint32_t dwPeak APP_GUARDED_BY(hLock);    // highest dwCurSize
+    uint32_t dwRefused APP_GUARDED_BY(hLock); // allocations, but those that need not succeed
+    TAppEntry tEntry;
 };
 
 // In front of the caller's data.  Never cleared: the magic stays after the release.
@@ -34,7 +39,8 @@ struct alignas(app::kHeadAlign) TAppMemPoolHead {
 };
 
 #if UINTPTR_MAX == UINT32_MAX
-static_assert(sizeof(TAppMemPool) == 24 && sizeof(TAppMemPoolHead) == 12, "fixed layout");
+// What has been added stands behind the fixed part.
+static_assert(offsetof(TAppMemPool, dwPeak) == 24 && sizeof(TAppMemPoolHead) == 12, "fixed layout");
 #endif
 
 namespace app
@@ -44,6 +50,8 @@ class ReportWriter;
 
 // AppMemPoolShow() into a report that is already under way.
 void ShowPool(ReportWriter &writer, HAppMemPool hMemPool);
+// Under the registry's mutex.
+TAppMemPoolStats ReadPoolStats(HAppMemPool hMemPool);
 // What is in use fits, with its headers, into the engine's blocks.
 inline bool PoolAddsUp(const TAppMemPool *ptPool) APP_REQUIRES(ptPool->hLock)
 {

@@ -6,10 +6,10 @@
 // of this task use it, one after the other, in its thread.
 #include <new>
 
-#include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
+#include "mempool/mempool.h"
 #include "task/task.h"
 #include "task/timer.h"
 #include "utils/lock_guard.h"
@@ -23,6 +23,13 @@ namespace
 char *CopyName(const TAppTaskMgr *ptTaskMgr, const char *szTaskName)
 {
     return AppStrndup(ptTaskMgr->hMemPool, szTaskName, AppStrlen(szTaskName) + 1);
+}
+
+// What others see of the name.
+void NameRecords(TAppTask *ptTask, const char *szTaskName)
+{
+    app::SetName(szTaskName, &ptTask->tEntry, &ptTask->hMemPool->tEntry,
+                 &ptTask->hEventQueue->tEntry);
 }
 
 uint32_t CreateMembers(TAppTask *ptTask, uint32_t dwMaxEvent, uint32_t dwMemPoolSize,
@@ -78,6 +85,9 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     uint32_t dwResult = CreateMembers(ptTask, dwMaxEvent, dwMemPoolSize, __func__);
     if (dwResult != APP_OK)
         return dwResult;
+    NameRecords(ptTask, szTaskName);
+    app::Poke(ptTask->tRun.dwSinceTick, _AppGetTick());
+    app::Register(APP_REGISTRY_TASKS, &ptTask->tEntry, ptTask);
     // Last, since a thread cannot be taken back.
     dwResult = _AppThreadCreate(AppTask, dwStackSize, ptTask);
     if (dwResult != APP_OK) {
@@ -103,6 +113,7 @@ uint32_t _AppTaskRefreshArg(TAppTask *ptTask, const char *szTaskName, uint32_t d
     }
     AppMemPoolFree(ptTask->szTaskName);
     ptTask->szTaskName = CopyName(ptTask->ptTaskMgr, szTaskName);
+    NameRecords(ptTask, szTaskName);
     app::Poke(ptTask->dwIdleTimeout, dwIdleTimeout);
     app::AssertHeld(ptTask);
     app::AssertHeld(ptTask->ptTimerMgr->ptTask);

@@ -28,14 +28,18 @@ uint32_t Send(HAppTask hTask, const TAppTaskEvent &event, int32_t nPriority, uin
     bool bWake = false;
     {
         app::TimedLockGuard guard(hTask->hEventQueue);
-        if (!guard.TakeByTime(dwTimeout))
+        if (!guard.TakeByTime(dwTimeout)) {
+            hTask->dwRefused.fetch_add(1, std::memory_order_relaxed);
             return APP_TIMEOUT;
+        }
         const uint32_t dwState = app::Peek(hTask->dwState);
         if (app::AdmitsWork(dwState))
             dwResult = _AppTaskSendEvent(hTask, &event, nPriority, bForce, &bWake);
         else
             AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Invalid Task State. Task %p state %s\n", szOp,
                    app::Ptr(hTask), _AppGetTaskStateString(dwState));
+        if (dwResult != APP_OK)
+            hTask->dwRefused.fetch_add(1, std::memory_order_relaxed);
     }
     // After the lock, so that the thread does not run into it.  The thread, promised the event, does
     // not leave its wait before this: see leaving.cpp.
@@ -64,6 +68,7 @@ void app::CallHandler(TAppTask *ptTask, const TAppTaskEvent &event,
     while (QueueHolds(ptTask->hEventQueue)) {
         QueueTakeRecord(ptTask->hEventQueue, 0, &pvEvent);
         _AppTaskDropEventCB(pvEvent, ptTask);
+        Poke(ptTask->dwDropped, Peek(ptTask->dwDropped) + 1);
     }
     QueueGiveRecordBack(ptTask->hEventQueue, pvEvent);
 }

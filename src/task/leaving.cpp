@@ -79,7 +79,7 @@ void app::Leave(TAppTask *ptTask)
 // Given back, for whoever comes to the record after this.
 void app::AwaitLeft(TAppTask *ptTask)
 {
-    AppLockTakeByTime(ptTask->hExitLock, 0);
+    TakeWithWord(ptTask->hExitLock, ptTask->ptTaskMgr, "AppTaskMgrDestroy");
     AppLockGive(ptTask->hExitLock);
 }
 
@@ -107,7 +107,7 @@ void app::AwaitLeaving(TAppTaskMgr *ptTaskMgr)
             if (ptTaskMgr->dwLeaving == 0)
                 return;
         }
-        AppLockTakeByTime(ptTaskMgr->hLeftLock, 0);
+        TakeWithWord(ptTaskMgr->hLeftLock, ptTaskMgr, "AppTaskMgrDestroy");
     }
 }
 
@@ -125,6 +125,7 @@ void _AppTaskDestroy(TAppTask *ptTask)
 {
     if (!ptTask)
         return;
+    app::Unregister(APP_REGISTRY_TASKS, &ptTask->tEntry);
     app::TellRest(ptTask); // the manager's destruction has done so before
     _AppTimerMgrDestroy(ptTask->ptTimerMgr);
     AppQueueDestroy(ptTask->hEventQueue, nullptr, nullptr);

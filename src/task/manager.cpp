@@ -106,6 +106,8 @@ uint32_t Reuse(TAppTask *ptTask, const TWanted &wanted, TProvided *ptProvided)
     }
     app::MoveTask(ptTask, ptTaskMgr->hIdleTaskList, ptTaskMgr->hTaskList);
     ptProvided->ptTask = ptTask;
+    app::AssertHeld(ptTaskMgr);
+    app::SetCounter(ptTaskMgr->dwReused, ptTaskMgr->dwReused + 1);
     return APP_OK;
 }
 
@@ -145,6 +147,7 @@ uint32_t Create(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TProvided *ptProv
     }
     CheckTail(ptTaskMgr, ptTaskMgr->hTaskList);
     ptProvided->ptTask = ptTask;
+    app::SetCounter(ptTaskMgr->dwCreated, ptTaskMgr->dwCreated + 1);
     return APP_OK;
 }
 
@@ -156,6 +159,8 @@ uint32_t Provide(TAppTaskMgr *ptTaskMgr, const TWanted &wanted, TProvided *ptPro
         dwResult = ReuseLast(ptTaskMgr, wanted, ptProvided);
     if (dwResult == APP_OK && !ptProvided->ptTask)
         dwResult = Create(ptTaskMgr, wanted, ptProvided);
+    if (dwResult != APP_OK)
+        app::SetCounter(ptTaskMgr->dwRefused, ptTaskMgr->dwRefused + 1);
     return dwResult;
 }
 
@@ -176,7 +181,7 @@ void EndTasks(TAppTaskMgr *ptTaskMgr)
             app::Request(ptTask, APP_TASK_REQUEST_END);
         };
         app::LockGuard guard(ptTaskMgr);
-        ptTaskMgr->bQuit = 1;
+        app::SetCounter(ptTaskMgr->bQuit, 1);
         app::ForEachTask(ptTaskMgr->hTaskList, requestEnd);
         app::ForEachTask(ptTaskMgr->hIdleTaskList, requestEnd);
     }
@@ -224,6 +229,7 @@ uint32_t AppTaskMgrCreate(HAppMemPool hMemPool, uint32_t dwMaxTask, uint32_t dwI
         AppTaskMgrDestroy(hTaskMgr);
         return dwResult;
     }
+    app::Register(APP_REGISTRY_TASK_MGRS, &hTaskMgr->tEntry, hTaskMgr);
     *phTaskMgr = hTaskMgr;
     return APP_OK;
 }
@@ -234,6 +240,7 @@ void AppTaskMgrDestroy(HAppTaskMgr hTaskMgr)
         return;
     if (hTaskMgr->hIdleTaskList) // else a creation has failed, and there are no tasks
         EndTasks(hTaskMgr);
+    app::Unregister(APP_REGISTRY_TASK_MGRS, &hTaskMgr->tEntry);
     // No handler runs any more: from here on the records go.
     AppDoubleListDestroy(hTaskMgr->hIdleTaskList, __AppFreeTaskCB, nullptr);
     AppDoubleListDestroy(hTaskMgr->hTaskList, __AppFreeTaskCB, nullptr);
@@ -251,7 +258,7 @@ void __AppFreeTaskCB(void *pvTask, void *)
         return;
     }
     // Taken here and given by the thread, or by the last who came by.
-    AppLockTakeByTime(ptTask->hExitLock, 0);
+    app::TakeWithWord(ptTask->hExitLock, ptTask->ptTaskMgr, __func__);
     _AppTaskDestroy(ptTask);
 }
 

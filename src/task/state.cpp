@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The states' names and what they admit; the task's last event.
+// The states' names and what they admit.
 #include "base/field.h"
 #include "task/task.h"
 #include "utils/lock_guard.h"
@@ -27,13 +27,4 @@ void app::SetState(TAppTask *ptTask, uint32_t dwState)
 {
     LockGuard guard(ptTask->hEventQueue);
     Poke(ptTask->dwState, dwState);
-}
-
-void app::RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg,
-                      PFAppTaskHandler pfnHandler, void *pvContext)
-{
-    Poke(ptTask->dwLastEventType, dwEventType);
-    Poke(ptTask->pvLastArg, pvArg);
-    Poke(ptTask->pfnLastHandler, pfnHandler);
-    Poke(ptTask->pvLastContext, pvContext);
 }

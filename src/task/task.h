@@ -18,6 +18,7 @@
 #include "base/field.h"
 #include "base/thread_safety.h"
 #include "cross_linux/cross_linux.h"
+#include "utils/registry.h"
 
 struct TAppTaskMgr {
     uint32_t dwIdleTaskTimeout; // ms; 0: idle tasks never end by themselves
@@ -31,9 +32,30 @@ struct TAppTaskMgr {
 
     uint32_t dwLeaving APP_GUARDED_BY(hLock); // threads that still destroy a task on no list
     HAppLock hLeftLock; // given for each of them that is done once bQuit is set
+
+    uint32_t dwCreated APP_GUARDED_BY(hLock); // tasks handed out with a new thread
+    uint32_t dwReused APP_GUARDED_BY(hLock);  // and idle ones
+    uint32_t dwRefused APP_GUARDED_BY(hLock); // tasks wanted and not handed out
+    TAppEntry tEntry;
 };
 
 struct TAppTimerMgr;
+
+namespace app
+{
+
+// What the thread runs, for those who look from outside.  Written by the thread alone, without a
+// lock; the ticks are those that anybody has read last.
+struct TTaskRun {
+    std::atomic<PFAppTaskHandler> pfnHandler; // null between two
+    std::atomic<uint32_t> dwSinceTick; // the last one has ended, or this one begun after a wait
+    std::atomic<uint32_t> dwServed;    // handlers that have returned
+    std::atomic<uint32_t> dwLongest;   // ticks
+    std::atomic<PFAppTaskHandler> pfnLongest;
+    uint32_t dwTold; // number of the last one told as late; under the registry's mutex
+};
+
+} // namespace app
 
 struct TAppTask {
     TAppTaskMgr *ptTaskMgr;
@@ -68,6 +90,11 @@ struct TAppTask {
     // it looks at its timers before it waits again.
     uint32_t dwWaitTick APP_GUARDED_BY(hLock);
     std::atomic<uint32_t> dwWait;
+
+    app::TTaskRun tRun;
+    std::atomic<uint32_t> dwRefused; // sends
+    std::atomic<uint32_t> dwDropped; // events
+    TAppEntry tEntry;
 };
 
 // What the manager wants of a task's thread lies in the record itself, so that neither reuse nor
@@ -163,8 +190,25 @@ inline uint32_t ElapsedMs(uint32_t dwStartTick, uint32_t dwNowTick)
     return (dwNowTick - dwStartTick) * APP_MS_PER_TICK;
 }
 // The last event, for diagnostics.
-void RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg, PFAppTaskHandler pfnHandler,
-                 void *pvContext);
+inline void RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg,
+                        PFAppTaskHandler pfnHandler, void *pvContext)
+{
+    Poke(ptTask->dwLastEventType, dwEventType);
+    Poke(ptTask->pvLastArg, pvArg);
+    Poke(ptTask->pfnLastHandler, pfnHandler);
+    Poke(ptTask->pvLastContext, pvContext);
+}
+
+// ---- watch.cpp ------------------------------------------------------------------------------
+
+// Takes a lock that tasks of the manager give when they are done, without limit, and tells now and
+// then which of their handlers it waits for.
+void TakeWithWord(HAppLock hLock, HAppTaskMgr hTaskMgr, const char *szOp);
+
+// ---- stats.cpp, under the registry's mutex --------------------------------------------------
+
+TAppTaskStats ReadTaskStats(HAppTask hTask);
+TAppTaskMgrStats ReadTaskMgrStats(HAppTaskMgr hTaskMgr);
 
 // ---- event.cpp ------------------------------------------------------------------------------
 
@@ -183,6 +227,26 @@ inline bool EndWaitFor(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwTimeout)
     APP_REQUIRES(ptTask->hLock)
 {
     return dwTimeout < Peek(ptTask->dwWait) && EndWait(ptTask, dwNowTick, dwTimeout);
+}
+
+// A handler begins in the task's thread, at once after the last one or, with a tick of its own, after
+// a wait; and has returned.
+inline void BeginRun(TAppTask *ptTask, PFAppTaskHandler pfnHandler)
+{
+    Poke(ptTask->tRun.pfnHandler, pfnHandler);
+}
+inline void EndRun(TAppTask *ptTask, uint32_t dwTick)
+{
+    TTaskRun &tRun = ptTask->tRun;
+    const uint32_t dwTook = dwTick - Peek(tRun.dwSinceTick);
+    // A tick that anybody has read may be older than one read before.
+    if (dwTook > Peek(tRun.dwLongest) && static_cast<int32_t>(dwTook) > 0) {
+        Poke(tRun.dwLongest, dwTook);
+        Poke(tRun.pfnLongest, Peek(tRun.pfnHandler));
+    }
+    Poke(tRun.dwSinceTick, dwTick);
+    Poke(tRun.dwServed, Peek(tRun.dwServed) + 1);
+    Poke<PFAppTaskHandler>(tRun.pfnHandler, nullptr);
 }
 
 // Names the calling thread after its task.  Under the task's lock.

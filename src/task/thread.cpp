@@ -33,11 +33,19 @@ constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
                                            _AppTaskGoForTerminateHandler, nullptr};
 
 // The thread is about to wait.
-uint32_t Announce(TAppTask *ptTask, uint32_t dwWait) APP_REQUIRES(ptTask->hLock)
+uint32_t Announce(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwWait) APP_REQUIRES(ptTask->hLock)
 {
-    ptTask->dwWaitTick = _AppGetTick();
+    ptTask->dwWaitTick = dwNowTick;
     app::Poke(ptTask->dwWait, dwWait);
     return dwWait;
+}
+
+// Returns the next wait.  Timers' handlers take time.
+uint32_t RunTimers(TAppTask *ptTask, uint32_t dwNowTick) APP_REQUIRES(ptTask->hLock)
+{
+    const bool bTimers = ptTask->ptTimerMgr->hTimerList->dwCurSize != 0;
+    const uint32_t dwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
+    return Announce(ptTask, bTimers ? _AppNoteTick() : dwNowTick, dwWait);
 }
 
 // What ends a wait early from here on is kept for the next.  Relaxed: who misses it interrupts once
@@ -47,8 +55,8 @@ void Retract(TAppTask *ptTask)
     app::Poke<uint32_t>(ptTask->dwWait, 0);
 }
 
-// Returns the first wait.
-[[gnu::cold]] uint32_t Start(TAppTask *ptTask)
+// Returns the first wait.  Not cold: what must call a cold function is taken for cold itself.
+[[gnu::noinline]] uint32_t Start(TAppTask *ptTask)
 {
     app::LockGuard guard(ptTask);
     app::NameThread(ptTask);
@@ -57,7 +65,8 @@ void Retract(TAppTask *ptTask)
     ptTask->dwLastEventTick = _AppGetTick();
     app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     // Timers may have been set already; they are run when the wait is over.
-    return Announce(ptTask, app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
+    return Announce(ptTask, ptTask->dwLastEventTick,
+                    app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
 }
 
 [[gnu::cold]] void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
@@ -70,11 +79,10 @@ void Retract(TAppTask *ptTask)
 // The task's handler changes while the task is idle, under its lock: not while it has events.
 void Record(TAppTask *ptTask, const TAppTaskEvent &event) APP_NO_ANALYSIS
 {
-    if (event.pfnHandler)
-        app::RecordEvent(ptTask, event.dwEventType, event.pvArg, event.pfnHandler, event.pvContext);
-    else
-        app::RecordEvent(ptTask, event.dwEventType, event.pvArg, ptTask->pfnHandler,
-                         ptTask->pvContext);
+    PFAppTaskHandler pfnHandler = event.pfnHandler ? event.pfnHandler : ptTask->pfnHandler;
+    app::RecordEvent(ptTask, event.dwEventType, event.pvArg, pfnHandler,
+                     event.pfnHandler ? event.pvContext : ptTask->pvContext);
+    app::BeginRun(ptTask, pfnHandler);
 }
 
 void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
@@ -96,25 +104,42 @@ bool RunsOn(const TAppTask *ptTask)
            !app::Traces(APP_LOG_DEBUG);
 }
 
+// Among events in a row the clock is read after the first, for while a handler takes long they come
+// to stand in a row, and now and then.
+uint32_t TickInRow(const TAppTask *ptTask, bool bWaited)
+{
+    constexpr uint32_t kRow = 16;
+    return bWaited || app::Peek(ptTask->tRun.dwServed) % kRow == 0 ? _AppNoteTick()
+                                                                   : app::Peek(g_dwAppRecentTick);
+}
+
 // Looks at the state that a handler has left behind; false when the thread has to leave.
-bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait)
+bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait, bool bWaited)
 {
     const uint32_t dwState = app::Peek(ptTask->dwState);
-    if (dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT)
+    if (dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT) {
+        app::EndRun(ptTask, _AppNoteTick());
         return false;
+    }
     if (dwState == APP_TASK_STATE_PROCESSING)
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    if (RunsOn(ptTask))
+    if (RunsOn(ptTask)) {
+        app::EndRun(ptTask, TickInRow(ptTask, bWaited));
         return true;
+    }
     app::FastLockGuard guard(ptTask);
-    *pdwWait = Announce(ptTask, _AppTimerMgrRun(ptTask->ptTimerMgr));
+    const uint32_t dwNowTick = _AppNoteTick();
+    app::EndRun(ptTask, dwNowTick);
+    *pdwWait = RunTimers(ptTask, dwNowTick);
     return true;
 }
 
-bool ServeOne(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t *pdwWait)
+bool ServeOne(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t *pdwWait, bool bWaited)
 {
+    if (bWaited)
+        app::Poke(ptTask->tRun.dwSinceTick, app::Peek(g_dwAppRecentTick));
     Serve(ptTask, event);
-    return AfterEvent(ptTask, pdwWait);
+    return AfterEvent(ptTask, pdwWait, bWaited);
 }
 
 bool IsRefreshed(const TAppTask *ptTask)
@@ -163,7 +188,7 @@ const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hL
 {
     app::LockGuard guard(ptTask);
     const TAppTaskEvent *ptRequest = CheckIdleTimeouts(ptTask);
-    *pdwWait = Announce(ptTask, _AppTimerMgrRun(ptTask->ptTimerMgr));
+    *pdwWait = RunTimers(ptTask, _AppNoteTick());
     return ptRequest;
 }
 
@@ -181,20 +206,23 @@ bool ServeNext(TAppTask *ptTask, uint32_t *pdwWait, void **ppvEvent)
 {
     if (const TAppTaskEvent *ptRequest = NextRequest(ptTask)) {
         Retract(ptTask);
-        return ServeOne(ptTask, *ptRequest, pdwWait);
+        return ServeOne(ptTask, *ptRequest, pdwWait, true);
     }
+    const bool bWaits = app::Peek(ptTask->dwWait) != 0; // or would have, had there been no event
     const uint32_t dwResult = app::QueueTakeRecord(ptTask->hEventQueue, *pdwWait, ppvEvent);
     Retract(ptTask);
+    if (bWaits)
+        _AppNoteTick();
     if (dwResult == APP_OK) {
         // Reused since the look above: the event is the new owner's already, or its end.
         if (TakeRefresh(ptTask))
-            ServeOne(ptTask, kRefresh, pdwWait);
-        return ServeOne(ptTask, *static_cast<TAppTaskEvent *>(*ppvEvent), pdwWait);
+            ServeOne(ptTask, kRefresh, pdwWait, true);
+        return ServeOne(ptTask, *static_cast<TAppTaskEvent *>(*ppvEvent), pdwWait, bWaits);
     }
     const TAppTaskEvent *ptRequest = NextRequest(ptTask); // what may have ended the wait
     if (!ptRequest)
         ptRequest = AfterWait(ptTask, pdwWait);
-    return !ptRequest || ServeOne(ptTask, *ptRequest, pdwWait);
+    return !ptRequest || ServeOne(ptTask, *ptRequest, pdwWait, true);
 }
 
 } // namespace

@@ -34,6 +34,11 @@ struct TAppTimerMgr {
     // While timers run, none is due before: written under the lock, read without it too.
     uint32_t dwLookTick;
 
+    // Written under the lock, read without it.
+    uint32_t dwSet;      // timers set
+    uint32_t dwExpired;  // of these
+    uint32_t dwMostLate; // ms
+
     // Where a report goes on; moved when its node leaves the list.
     HAppDoubleListNode hShown APP_GUARDED_BY(ptTask->hLock);
 };

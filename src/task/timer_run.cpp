@@ -73,6 +73,16 @@ void PlaceAnew(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
     Place(ptTimerMgr, ptTimer, dwNowTick, LeftMs(ptTimer, dwNowTick));
 }
 
+// The timer is due.
+void NoteExpiry(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick)
+    APP_REQUIRES(ptTimerMgr->ptTask->hLock)
+{
+    const uint32_t dwLate = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick) - ptTimer->dwTimeout;
+    app::SetCounter(ptTimerMgr->dwExpired, ptTimerMgr->dwExpired + 1);
+    if (dwLate > ptTimerMgr->dwMostLate)
+        app::SetCounter(ptTimerMgr->dwMostLate, dwLate);
+}
+
 bool IsDue(const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
 {
     const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
@@ -118,8 +128,12 @@ uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szO
     TAppTimer *ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     while (ptTimer && !MustStop(ptTimerMgr, ptTimer, dwNowTick)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
+        NoteExpiry(ptTimerMgr, ptTimer, dwNowTick);
+        app::BeginRun(ptTimerMgr->ptTask,
+                      ptTimer->pfnHandler ? ptTimer->pfnHandler : ptTimerMgr->pfnHandler);
         _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
         dwNowTick = _AppGetTick();
+        app::EndRun(ptTimerMgr->ptTask, dwNowTick);
         ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     }
     return dwNowTick;
@@ -133,6 +147,7 @@ void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
     if (ptTimerMgr->hTimerList->dwCurSize == 1 || !HasCome(ptTimerMgr->dwLookTick, dwDueTick))
         SetCounter(ptTimerMgr->dwLookTick, dwDueTick);
     ptTimer->qwOrder = ++ptTimerMgr->qwOrder;
+    SetCounter(ptTimerMgr->dwSet, ptTimerMgr->dwSet + 1);
     Place(ptTimerMgr, ptTimer, ptTimer->dwStartTick, ptTimer->dwTimeout);
 }
 

@@ -17,6 +17,7 @@
 
 #include <string.h>
 
+#include <new>
 #include <utility>
 
 #include "appcore/mempool.h"
@@ -32,8 +33,8 @@
 static_assert(offsetof(TAppQueue, dwCurSize) == 20 && offsetof(TAppQueue, ptLastLevel) == 32);
 static_assert(offsetof(TAppQueueNode, nPriority) == 8 && offsetof(TAppQueueNode, dwOffset) == 12);
 #endif
-// With both pool headers the record fills a block of 128 or 256 bytes.
-static_assert(sizeof(TAppQueue) + (sizeof(void *) == 4 ? 20 : 48) <= 32 * sizeof(void *));
+// With both pool headers the record lies in a block of 256 or 512 bytes.
+static_assert(sizeof(TAppQueue) + (sizeof(void *) == 4 ? 20 : 48) <= 64 * sizeof(void *));
 
 namespace
 {
@@ -71,7 +72,7 @@ bool Promise(HAppQueue hQueue) APP_REQUIRES(hQueue->hLock)
         return true;
     if (hQueue->dwSleepers == 0)
         return false;
-    --hQueue->dwSleepers;
+    app::SetCounter(hQueue->dwSleepers, hQueue->dwSleepers - 1);
     ++hQueue->dwPromised;
     return true;
 }
@@ -93,11 +94,31 @@ void Release(void *pvMemory)
         AppMemPoolFree(pvMemory);
 }
 
+// By the tick that anybody has read last: an insertion has no time for the clock.
+inline void Watch(HAppQueue hQueue, TAppQueueNode *ptNode)
+{
+    if (app::Peek(hQueue->ptWatched))
+        return;
+    app::SetCounter(hQueue->dwWatchTick, app::Peek(g_dwAppRecentTick));
+    app::Poke(hQueue->ptWatched, ptNode);
+}
+
+inline void EndWatch(HAppQueue hQueue, const TAppQueueNode *ptNode)
+{
+    if (app::Peek(hQueue->ptWatched) != ptNode)
+        return;
+    app::Poke<TAppQueueNode *>(hQueue->ptWatched, nullptr);
+    const uint32_t dwWaited = app::Peek(g_dwAppRecentTick) - hQueue->dwWatchTick;
+    if (dwWaited > hQueue->dwLongest && static_cast<int32_t>(dwWaited) > 0)
+        app::SetCounter(hQueue->dwLongest, dwWaited);
+}
+
 // Takes the head's element.  A record stays with its node: the caller's own is what goes back then.
-TAppQueueNode *TakeHead(HAppQueue hQueue, TAppQueueNode *ptBack, void **ppvElement)
+inline TAppQueueNode *TakeHead(HAppQueue hQueue, TAppQueueNode *ptBack, void **ppvElement)
     APP_REQUIRES(hQueue->hLock)
 {
     TAppQueueNode *ptNode = app::UnlinkHead(hQueue);
+    EndWatch(hQueue, ptNode);
     if (ppvElement)
         *ppvElement = ptNode->pvData;
     return hQueue->wRecordSize == 0 ? ptNode : ptBack;
@@ -112,7 +133,7 @@ uint32_t AwaitUnit(HAppQueue hQueue, uint32_t dwTimeout)
     {
         app::LockGuard guard(hQueue);
         if (hQueue->dwSleepers > 0) {
-            --hQueue->dwSleepers;
+            app::SetCounter(hQueue->dwSleepers, hQueue->dwSleepers - 1);
             Verify(hQueue);
             return dwResult;
         }
@@ -147,6 +168,7 @@ uint32_t TakePromised(HAppQueue hQueue, void **ppvElement)
                                                    void **ppvElement)
 {
     const uint32_t dwResult = AwaitUnit(hQueue, dwTimeout);
+    AppGetTick(); // so that what others note is not of before this wait
     return dwResult == APP_OK ? TakePromised(hQueue, ppvElement) : dwResult;
 }
 
@@ -166,7 +188,7 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
             ptBack = TakeHead(hQueue, ptBack, ppvElement);
         } else {
             bSleep = !hQueue->bInterrupt;
-            hQueue->dwSleepers += bSleep ? 1 : 0;
+            app::SetCounter(hQueue->dwSleepers, hQueue->dwSleepers + (bSleep ? 1 : 0));
             hQueue->bInterrupt = false;
             dwResult = APP_TIMEOUT; // of the interrupt
         }
@@ -207,7 +229,7 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
     }
     app::Rollback undo([&] { AppQueueDestroy(hQueue, nullptr, nullptr); }); // takes half a queue
     app::AssertAlone(hQueue);
-    *hQueue = {};
+    new (hQueue) TAppQueue{};
     hQueue->dwMaxSize = dwMaxSize;
     hQueue->hMemPool = hMemPool;
     app::SizeNodes(hQueue, dwRecordSize);
@@ -222,6 +244,7 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
         return dwResult;
     }
     undo.Dismiss();
+    app::Register(APP_REGISTRY_QUEUES, &hQueue->tEntry, hQueue);
     *phQueue = hQueue;
     return APP_OK;
 }
@@ -245,6 +268,7 @@ uint32_t Take(HAppQueue hQueue, uint32_t dwTimeout, void *pvBack, void **ppvElem
 {
     if (!hQueue)
         return;
+    app::Unregister(APP_REGISTRY_QUEUES, &hQueue->tEntry);
     // Waits for a producer that is still inside its insertion; never given back.
     app::LockGuard guard(hQueue);
     guard.Release();
@@ -273,20 +297,24 @@ uint32_t app::QueuePlaceRecord(HAppQueue hQueue, const void *pvRecord, int32_t n
     if (hQueue->dwMaxSize != 0 && bForce == 0 && hQueue->dwCurSize >= hQueue->dwMaxSize) {
         AppLog(0, APP_LOG_ERROR, "[ERROR] %s: Queue full. cur size: %lu max size: %lu\n", kInsert,
                Ul(hQueue->dwCurSize), Ul(hQueue->dwMaxSize));
+        app::SetCounter(hQueue->dwRefused, hQueue->dwRefused + 1);
         return APP_NO_RESOURCE;
     }
     TAppQueueNode *ptNode = TakeNode(hQueue);
-    if (!ptNode)
+    if (!ptNode) {
+        app::SetCounter(hQueue->dwRefused, hQueue->dwRefused + 1);
         return kQueueNoMemory;
+    }
     ptNode->nPriority = nPriority;
     if (hQueue->wRecordSize == 0)
         ptNode->pvData = const_cast<void *>(pvRecord);
     else
         ptNode->pvData = memcpy(RecordOf(ptNode), pvRecord, hQueue->wRecordSize);
     PlaceNode(hQueue, ptNode);
+    Watch(hQueue, ptNode);
     app::SetCounter(hQueue->dwCurSize, hQueue->dwCurSize + 1);
     if (hQueue->dwCurSize > hQueue->dwTopSize)
-        hQueue->dwTopSize = hQueue->dwCurSize;
+        app::SetCounter(hQueue->dwTopSize, hQueue->dwCurSize);
     *pbWake = Promise(hQueue);
     Verify(hQueue);
     return APP_OK;
@@ -305,7 +333,7 @@ void app::QueueWake(HAppQueue hQueue)
         hQueue->bInterrupt = true;
         return false;
     }
-    --hQueue->dwSleepers;
+    app::SetCounter(hQueue->dwSleepers, hQueue->dwSleepers - 1);
     ++hQueue->dwInterrupted;
     Verify(hQueue);
     return true;
@@ -389,8 +417,8 @@ uint32_t _AppQueueGetTopSize(HAppQueue hQueue)
     app::LockGuard guard(hQueue);
     if (hQueue->dwCurSize > dwMaxSize)
         return APP_INVALID_ARG;
-    hQueue->dwMaxSize = dwMaxSize;
-    hQueue->dwTopSize = 0;
+    app::SetCounter(hQueue->dwMaxSize, dwMaxSize);
+    app::SetCounter(hQueue->dwTopSize, 0);
     return APP_OK;
 }
 

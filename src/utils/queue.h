@@ -57,6 +57,9 @@ inline bool QueueHolds(HAppQueue hQueue) APP_NO_ANALYSIS
     return PeekCounter(hQueue->dwCurSize) != 0;
 }
 
+// Under the registry's mutex.
+TAppQueueStats ReadQueueStats(HAppQueue hQueue);
+
 // Order, tail, levels, stops, blocks and counts agree.  Only in builds with checks.
 bool QueueIsValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);
 } // namespace app

@@ -4,8 +4,11 @@
 #ifndef APPCORE_UTILS_QUEUE_RECORD_H
 #define APPCORE_UTILS_QUEUE_RECORD_H
 
+#include <atomic>
+
 #include "appcore/containers.h"
 #include "base/thread_safety.h"
+#include "utils/registry.h"
 
 struct TAppQueueBlock;
 struct TAppQueueNode;
@@ -84,6 +87,14 @@ struct TAppQueue {
     uint32_t dwPromised APP_GUARDED_BY(hLock);    // elements for which a consumer has been woken
     uint32_t dwInterrupted APP_GUARDED_BY(hLock); // consumers that have been woken for nothing
     bool bInterrupt APP_GUARDED_BY(hLock); // an interrupt that found no sleeper: for the next one
+
+    // Written under hLock, read without it too.  An element is watched from its insertion until it
+    // is taken; the next to come is watched then.
+    std::atomic<TAppQueueNode *> ptWatched;
+    uint32_t dwWatchTick;
+    uint32_t dwLongest; // ticks that a watched element has waited at most
+    uint32_t dwRefused; // insertions
+    TAppEntry tEntry;
 };
 
 #endif

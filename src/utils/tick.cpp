@@ -4,7 +4,7 @@
 
 uint32_t AppGetTick(void)
 {
-    return _AppGetTick();
+    return _AppNoteTick();
 }
 
 uint32_t AppConvertTickToMS(uint32_t dwTick)
