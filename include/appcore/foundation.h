@@ -121,7 +121,7 @@ APP_API void AppSetLogRepeat(uint8_t byChannel, uint32_t dwMost);
  * bytes on the caller's stack; a longer one keeps its first 5118 characters and a newline.  No tag,
  * stamp or newline is added.  Failures of the console and of standard output are ignored.  The
  * lines of the library itself that arise while it holds a lock are printed once the lock has been
- * given.
+ * given, without memory to keep them at once.
  *
  * Stack of the caller, with the console's stand-in: 8 KiB; 10 KiB with floating-point values, 13
  * KiB for the line that tells a file's loss (see AppSetFileLog()), and 9 KiB more while standard

@@ -22,12 +22,14 @@ extern "C" {
 /**
  * Prints on the platform's console.  Receives every log line that passes its threshold, from any
  * thread, on that thread's stack.  Stand-in: standard error, with one write() a text, past stdio;
- * what a full descriptor that does not block refuses is lost.  A text of another format than "%s"
- * is cut to 511 characters.
+ * what a full descriptor that does not block refuses is lost, and a pipe that nobody reads any
+ * more raises SIGPIPE, unless the program ignores it.  A text of another format than "%s" is cut to
+ * 511 characters.
  *
- * Called with no lock of the library held, so it may take its time, and may call the library.  The
- * lines that this causes reach it too, from within itself; those which these cause in turn go to
- * standard output and the log file only, so that a console which uses a full pool comes to an end.
+ * Called with no lock of the library held while there is memory to keep a line until then, so it
+ * may take its time, and may call the library.  The lines that this causes reach it too, from
+ * within itself; those which these cause in turn go to standard output and the log file only, so
+ * that a console which uses a full pool comes to an end.
  * @param nFlag1   always 1
  * @param nFlag2   always 0
  * @param szFormat printf format, always "%s"
