@@ -132,7 +132,7 @@ void LeaveSleepers(HAppLock hLock)
         _AppConditionSignal(&hLock->tCond);
 }
 
-bool TakeUntil(HAppLock hLock, const app::Deadline &deadline)
+[[gnu::noinline, gnu::cold]] bool TakeUntil(HAppLock hLock, const app::Deadline &deadline)
 {
     app::MutexGuard guard(hLock->tMutex);
     ++hLock->dwSleepers;

@@ -26,7 +26,7 @@ uint32_t _AppGetTick(void)
            static_cast<uint32_t>(tNow.tv_nsec / kNsPerTick);
 }
 
-uint32_t _AppNoteTick(void)
+[[gnu::noinline]] uint32_t _AppNoteTick(void)
 {
     const uint32_t dwTick = _AppGetTick();
     if (app::Peek(g_dwAppRecentTick) != dwTick)

@@ -51,7 +51,7 @@ class ReportWriter;
 // AppMemPoolShow() into a report that is already under way.
 void ShowPool(ReportWriter &writer, HAppMemPool hMemPool);
 // Under the registry's mutex.
-TAppMemPoolStats ReadPoolStats(HAppMemPool hMemPool);
+void ReadPoolStats(const void *pvPool, void *pvStats);
 // What is in use fits, with its headers, into the engine's blocks.
 inline bool PoolAddsUp(const TAppMemPool *ptPool) APP_REQUIRES(ptPool->hLock)
 {

@@ -7,22 +7,24 @@ static_assert(APP_STATS_POOL_CLASSES == APP_MEMPOOL_CLASS_NUM);
 static_assert(sizeof(TAppMemPoolStats::adwBlocksInUse) == sizeof(app::EngineFigures::adwOnCount));
 
 // Without the pool's lock: only counters are read.
-TAppMemPoolStats app::ReadPoolStats(HAppMemPool hMemPool) APP_NO_ANALYSIS
+void app::ReadPoolStats(const void *pvPool, void *pvStats) APP_NO_ANALYSIS
 {
-    TAppMemPoolStats record = {};
+    const auto hMemPool = const_cast<HAppMemPool>(static_cast<const TAppMemPool *>(pvPool));
+    auto &stats = *static_cast<TAppMemPoolStats *>(pvStats);
+    stats = {};
+    stats.dwSize = sizeof(stats);
     const EngineFigures figures = ReadEngine(hMemPool->ptImpl);
-    record.hMemPool = hMemPool;
-    AppStrncpy(record.achName, hMemPool->tEntry.achName, sizeof(record.achName));
-    record.dwUsed = PeekCounter(hMemPool->dwCurSize);
-    record.dwPeak = PeekCounter(hMemPool->dwPeak);
-    record.dwLimit = hMemPool->dwMaxSize;
-    record.dwRefused = PeekCounter(hMemPool->dwRefused);
-    record.dwBlocks = figures.dwOnWorkCount;
-    record.dwHeld = figures.dwTotalSize;
-    record.dwIdle = figures.dwIdleSize;
-    AppMemcpy(record.adwBlocksInUse, figures.adwOnCount, sizeof(record.adwBlocksInUse));
-    AppMemcpy(record.adwBlocksIdle, figures.adwOffCount, sizeof(record.adwBlocksIdle));
-    return record;
+    stats.hMemPool = hMemPool;
+    AppStrncpy(stats.achName, hMemPool->tEntry.achName, sizeof(stats.achName));
+    stats.dwUsed = PeekCounter(hMemPool->dwCurSize);
+    stats.dwPeak = PeekCounter(hMemPool->dwPeak);
+    stats.dwLimit = hMemPool->dwMaxSize;
+    stats.dwRefused = PeekCounter(hMemPool->dwRefused);
+    stats.dwBlocks = figures.dwOnWorkCount;
+    stats.dwHeld = figures.dwTotalSize;
+    stats.dwIdle = figures.dwIdleSize;
+    AppMemcpy(stats.adwBlocksInUse, figures.adwOnCount, sizeof(stats.adwBlocksInUse));
+    AppMemcpy(stats.adwBlocksIdle, figures.adwOffCount, sizeof(stats.adwBlocksIdle));
 }
 
 uint32_t AppMemPoolGetStats(HAppMemPool hMemPool, TAppMemPoolStats *ptStats)

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
 // A record as JSON: its fields, one after the other as they lie in memory, by a list of their kinds
-// and names.  A list is one text, so that it costs no relocation.
+// and names.  The lists are one text, so that they cost no relocation.
+#include <string.h>
+
 #include "appcore/stats.h"
 #include "base/print.h"
 #include "task/task.h"
@@ -10,38 +12,29 @@
 namespace
 {
 
-// The first character of a word is the field's kind, see WriteField(); the rest its name.
-constexpr char kPool[] = "ppool nname uused upeak ulimit urefused ublocks uheld uidle "
-                         "cblocksInUse cblocksIdle";
-constexpr char kQueue[] =
-    "pqueue nname ucount upeak ulimit urefused uoldestMs ulongestMs usleepers";
-constexpr char kTaskMgr[] = "pmanager uactive uidle ulimit ucreated ureused urefused bending";
-constexpr char kTask[] = "ptask pmanager nname uthread Sstate binHandler usinceMs phandler parg "
-                         "ueventType userved urefused udropped uqueued uqueuePeak uqueueLimit "
-                         "utimers utimersSet utimersExpired utimerLateMs ulongestMs plongest";
-constexpr char kLog[] = "uchannel ulevel ulines urepeated bfile ufileSize ufileLimit ufileLines "
-                        "ufileBytes ulost urotations ulastError";
-constexpr char kActions[] =
-    "uactions uruns urefused urunning ncurrent ucurrentMs nlongest ulongestMs";
-constexpr char kSockets[] = "uopen usends ureceives utimeouts unoDescriptor ubindFailed "
-                            "uconnectFailed usendFailed ureceiveFailed";
+// Of each kind, in the order of EAppStats: the member's name, '[' for an array of records or ':' for
+// one, and the fields.  Of a field the first character is its kind, see WriteField(); the rest its
+// name.
+constexpr char kKinds[] =
+    "pools[ppool nname uused upeak ulimit urefused ublocks uheld uidle cblocksInUse cblocksIdle;"
+    "queues[pqueue nname ucount upeak ulimit urefused uoldestMs ulongestMs usleepers;"
+    "managers[pmanager uactive uidle ulimit ucreated ureused urefused bending;"
+    "tasks[ptask pmanager nname uthread Sstate binHandler usinceMs phandler parg ueventType "
+    "userved urefused udropped uqueued uqueuePeak uqueueLimit utimers utimersSet utimersExpired "
+    "utimerLateMs ulongestMs plongest;"
+    "logs[uchannel ulevel ulines urepeated bfile ufileSize ufileLimit ufileLines ufileBytes ulost "
+    "urotations ulastError;"
+    "actions:uactions uruns urefused urunning ncurrent ucurrentMs nlongest ulongestMs;"
+    "sockets:uopen usends ureceives utimeouts unoDescriptor ubindFailed uconnectFailed usendFailed "
+    "ureceiveFailed;";
 
-// In the order of the walk.
-struct TKind {
-    uint32_t dwKind;
-    char achMember[12]; // of the whole
-    bool bArray;
-    const char *szFields;
-};
-constexpr TKind s_atKind[] = {
-    {APP_STATS_POOLS, "pools", true, kPool},
-    {APP_STATS_QUEUES, "queues", true, kQueue},
-    {APP_STATS_TASK_MGRS, "managers", true, kTaskMgr},
-    {APP_STATS_TASKS, "tasks", true, kTask},
-    {APP_STATS_LOGS, "logs", true, kLog},
-    {APP_STATS_ACTIONS, "actions", false, kActions},
-    {APP_STATS_SOCKETS, "sockets", false, kSockets},
-};
+// Where the word ends.
+const char *EndOf(const char *szWord)
+{
+    while (*szWord > ' ' && *szWord != '[' && *szWord != ':' && *szWord != ';')
+        ++szWord;
+    return szWord;
+}
 
 // What lies one behind the other in a record.
 class Fields
@@ -112,36 +105,35 @@ void WriteField(app::ReportWriter &writer, char chKind, Fields &fields)
     }
 }
 
-void WriteRecord(app::ReportWriter &writer, const char *szFields, const void *pvRecord)
+// One character and a name.
+void WriteName(app::ReportWriter &writer, const char *szBefore, const char *szName,
+               const char *szEnd)
 {
-    Fields fields(pvRecord);
-    fields.Take<uint32_t>(); // its size
-    char chBefore = '{';
-    while (*szFields) {
-        const char *szName = szFields + 1;
-        const char *szEnd = szName;
-        while (*szEnd && *szEnd != ' ')
-            ++szEnd;
-        writer.Line("%c\"%.*s\":", chBefore, static_cast<int>(szEnd - szName), szName);
-        WriteField(writer, *szFields, fields);
-        chBefore = ',';
-        szFields = *szEnd ? szEnd + 1 : szEnd;
-    }
-    writer.Line("}");
+    writer.Line("%s\"%.*s\":", szBefore, static_cast<int>(szEnd - szName), szName);
 }
 
 struct TJson {
     app::ReportWriter *ptWriter;
     const char *szFields;
-    bool bFirst;
+    const char *szBefore; // the next record
 };
 
-void WriteNext(uint32_t, const void *pvStats, void *pvJson)
+void WriteRecord(uint32_t, const void *pvStats, void *pvJson)
 {
     auto ptJson = static_cast<TJson *>(pvJson);
-    ptJson->ptWriter->Line(ptJson->bFirst ? "\n" : ",\n");
-    ptJson->bFirst = false;
-    WriteRecord(*ptJson->ptWriter, ptJson->szFields, pvStats);
+    app::ReportWriter &writer = *ptJson->ptWriter;
+    Fields fields(pvStats);
+    fields.Take<uint32_t>(); // its size
+    writer.Line("%s{", ptJson->szBefore);
+    ptJson->szBefore = ",\n";
+    const char *szField = ptJson->szFields;
+    for (const char *szBefore = ""; *szField != ';'; szBefore = ",") {
+        const char *szEnd = EndOf(szField);
+        WriteName(writer, szBefore, szField + 1, szEnd);
+        WriteField(writer, *szField, fields);
+        szField = *szEnd == ' ' ? szEnd + 1 : szEnd;
+    }
+    writer.Line("}");
 }
 
 } // namespace
@@ -149,19 +141,22 @@ void WriteNext(uint32_t, const void *pvStats, void *pvJson)
 void AppStatsJson(uint32_t dwKinds, PFAppShow pfnShow, void *pvContext)
 {
     app::ReportWriter writer(pfnShow, pvContext);
-    char chBefore = '{';
-    for (const TKind &kind : s_atKind) {
-        if ((dwKinds & kind.dwKind) == 0)
-            continue;
-        TJson json = {&writer, kind.szFields, true};
-        writer.Line("%c\n\"%s\":", chBefore, kind.achMember);
-        if (kind.bArray)
-            writer.Line("[");
-        AppStatsWalk(kind.dwKind, WriteNext, &json);
-        if (kind.bArray)
-            writer.Line("]");
-        chBefore = ',';
+    const char *szBefore = "{\n";
+    const char *szKind = kKinds;
+    for (uint32_t dwKind = 1; *szKind; dwKind *= 2) {
+        const char *szEnd = EndOf(szKind);
+        const char *szFields = szEnd + 1;
+        if ((dwKinds & dwKind) != 0) {
+            const bool bArray = *szEnd == '[';
+            WriteName(writer, szBefore, szKind, szEnd);
+            TJson json = {&writer, szFields, bArray ? "[\n" : "\n"};
+            const uint32_t dwRecords = AppStatsWalk(dwKind, WriteRecord, &json);
+            if (bArray)
+                writer.Line(dwRecords == 0 ? "[]" : "]");
+            szBefore = ",\n";
+        }
+        szKind = strchr(szFields, ';') + 1;
     }
-    writer.Line(chBefore == '{' ? "{}\n" : "\n}\n");
+    writer.Line("%s}\n", *szBefore == '{' ? "{" : "\n");
     writer.HandOver();
 }

@@ -19,6 +19,8 @@
 namespace
 {
 
+constexpr uint32_t kFirstWaitMs = 300; // so that short idle time-outs are noticed in time
+
 // A failed copy leaves the task without a name.
 char *CopyName(const TAppTaskMgr *ptTaskMgr, const char *szTaskName)
 {
@@ -97,6 +99,19 @@ uint32_t _AppTaskCreate(TAppTaskMgr *ptTaskMgr, const char *szTaskName, uint32_t
     undo.Dismiss(); // the thread runs: the record ends by way of it only
     *phTask = ptTask;
     return APP_OK;
+}
+
+[[gnu::noinline]] uint32_t app::Start(TAppTask *ptTask)
+{
+    LockGuard guard(ptTask);
+    NameThread(ptTask);
+    Poke(ptTask->nThreadId, _AppThreadGetTID());
+    Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
+    ptTask->dwLastEventTick = _AppGetTick();
+    AssertHeld(ptTask->ptTimerMgr->ptTask);
+    // Timers may have been set already; they are run when the wait is over.
+    return Announce(ptTask, ptTask->dwLastEventTick,
+                    NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
 }
 
 // With the task's lock.  The state is IDLE until the new owner's handler is in place.

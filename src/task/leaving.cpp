@@ -60,7 +60,7 @@ bool app::DropUser(TAppTask *ptTask)
     return --ptTask->dwUsers == 0;
 }
 
-void app::Leave(TAppTask *ptTask)
+[[gnu::noinline]] void app::Leave(TAppTask *ptTask)
 {
     TAppTaskMgr *ptTaskMgr = ptTask->ptTaskMgr;
     const bool bAwaited = Peek(ptTask->dwState) != APP_TASK_STATE_UNINIT;

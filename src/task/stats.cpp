@@ -19,7 +19,8 @@ void ReadTimers(const TAppTimerMgr *ptTimerMgr, TAppTaskStats *ptRecord) APP_NO_
 
 void ReadEvents(const TAppTask *ptTask, TAppTaskStats *ptRecord)
 {
-    const TAppQueueStats queue = app::ReadQueueStats(ptTask->hEventQueue);
+    TAppQueueStats queue;
+    app::ReadQueueStats(ptTask->hEventQueue, &queue);
     ptRecord->dwRefused = app::Peek(ptTask->dwRefused);
     ptRecord->dwDropped = app::Peek(ptTask->dwDropped);
     ptRecord->dwQueued = queue.dwCount;
@@ -29,41 +30,45 @@ void ReadEvents(const TAppTask *ptTask, TAppTaskStats *ptRecord)
 
 } // namespace
 
-TAppTaskStats app::ReadTaskStats(HAppTask hTask)
+void app::ReadTaskStats(const void *pvTask, void *pvStats)
 {
-    TAppTaskStats record = {};
+    const auto hTask = const_cast<HAppTask>(static_cast<const TAppTask *>(pvTask));
+    auto &stats = *static_cast<TAppTaskStats *>(pvStats);
+    stats = {};
+    stats.dwSize = sizeof(stats);
     const TTaskRun &tRun = hTask->tRun;
     PFAppTaskHandler pfnRunning = Peek(tRun.pfnHandler);
-    record.hTask = hTask;
-    record.hTaskMgr = hTask->ptTaskMgr;
-    AppStrncpy(record.achName, hTask->tEntry.achName, sizeof(record.achName));
-    record.nThreadId = Peek(hTask->nThreadId);
-    record.dwState = Peek(hTask->dwState);
-    record.bInHandler = pfnRunning ? 1 : 0;
-    record.dwSinceMs = MsSince(Peek(tRun.dwSinceTick), _AppGetTick());
-    record.pfnHandler = pfnRunning ? pfnRunning : Peek(hTask->pfnLastHandler);
-    record.pvArg = Peek(hTask->pvLastArg);
-    record.dwEventType = Peek(hTask->dwLastEventType);
-    record.dwServed = Peek(tRun.dwServed);
-    record.dwLongestMs = Peek(tRun.dwLongest) * APP_MS_PER_TICK;
-    record.pfnLongest = Peek(tRun.pfnLongest);
-    ReadEvents(hTask, &record);
-    ReadTimers(hTask->ptTimerMgr, &record);
-    return record;
+    stats.hTask = hTask;
+    stats.hTaskMgr = hTask->ptTaskMgr;
+    AppStrncpy(stats.achName, hTask->tEntry.achName, sizeof(stats.achName));
+    stats.nThreadId = Peek(hTask->nThreadId);
+    stats.dwState = Peek(hTask->dwState);
+    stats.bInHandler = pfnRunning ? 1 : 0;
+    stats.dwSinceMs = MsSince(Peek(tRun.dwSinceTick), _AppGetTick());
+    stats.pfnHandler = pfnRunning ? pfnRunning : Peek(hTask->pfnLastHandler);
+    stats.pvArg = Peek(hTask->pvLastArg);
+    stats.dwEventType = Peek(hTask->dwLastEventType);
+    stats.dwServed = Peek(tRun.dwServed);
+    stats.dwLongestMs = Peek(tRun.dwLongest) * APP_MS_PER_TICK;
+    stats.pfnLongest = Peek(tRun.pfnLongest);
+    ReadEvents(hTask, &stats);
+    ReadTimers(hTask->ptTimerMgr, &stats);
 }
 
-TAppTaskMgrStats app::ReadTaskMgrStats(HAppTaskMgr hTaskMgr) APP_NO_ANALYSIS
+void app::ReadTaskMgrStats(const void *pvTaskMgr, void *pvStats) APP_NO_ANALYSIS
 {
-    TAppTaskMgrStats record = {};
-    record.hTaskMgr = hTaskMgr;
-    record.dwActive = PeekCounter(hTaskMgr->hTaskList->dwCurSize);
-    record.dwIdle = PeekCounter(hTaskMgr->hIdleTaskList->dwCurSize);
-    record.dwLimit = hTaskMgr->hTaskList->dwMaxSize;
-    record.dwCreated = PeekCounter(hTaskMgr->dwCreated);
-    record.dwReused = PeekCounter(hTaskMgr->dwReused);
-    record.dwRefused = PeekCounter(hTaskMgr->dwRefused);
-    record.bEnding = PeekCounter(hTaskMgr->bQuit);
-    return record;
+    const auto hTaskMgr = const_cast<HAppTaskMgr>(static_cast<const TAppTaskMgr *>(pvTaskMgr));
+    auto &stats = *static_cast<TAppTaskMgrStats *>(pvStats);
+    stats = {};
+    stats.dwSize = sizeof(stats);
+    stats.hTaskMgr = hTaskMgr;
+    stats.dwActive = PeekCounter(hTaskMgr->hTaskList->dwCurSize);
+    stats.dwIdle = PeekCounter(hTaskMgr->hIdleTaskList->dwCurSize);
+    stats.dwLimit = hTaskMgr->hTaskList->dwMaxSize;
+    stats.dwCreated = PeekCounter(hTaskMgr->dwCreated);
+    stats.dwReused = PeekCounter(hTaskMgr->dwReused);
+    stats.dwRefused = PeekCounter(hTaskMgr->dwRefused);
+    stats.bEnding = PeekCounter(hTaskMgr->bQuit);
 }
 
 uint32_t AppTaskGetStats(HAppTask hTask, TAppTaskStats *ptStats)

@@ -199,6 +199,11 @@ inline void RecordEvent(TAppTask *ptTask, uint32_t dwEventType, void *pvArg,
     Poke(ptTask->pvLastContext, pvContext);
 }
 
+// ---- create.cpp -----------------------------------------------------------------------------
+
+// The thread's first step; returns its first wait.
+uint32_t Start(TAppTask *ptTask);
+
 // ---- watch.cpp ------------------------------------------------------------------------------
 
 // Takes a lock that tasks of the manager give when they are done, without limit, and tells now and
@@ -207,8 +212,8 @@ void TakeWithWord(HAppLock hLock, HAppTaskMgr hTaskMgr, const char *szOp);
 
 // ---- stats.cpp, under the registry's mutex --------------------------------------------------
 
-TAppTaskStats ReadTaskStats(HAppTask hTask);
-TAppTaskMgrStats ReadTaskMgrStats(HAppTaskMgr hTaskMgr);
+void ReadTaskStats(const void *pvTask, void *pvStats);
+void ReadTaskMgrStats(const void *pvTaskMgr, void *pvStats);
 
 // ---- event.cpp ------------------------------------------------------------------------------
 
@@ -219,6 +224,15 @@ void CallHandler(TAppTask *ptTask, const TAppTaskEvent &event, uint32_t dwEventT
 void DropEvents(TAppTask *ptTask);
 
 // ---- thread.cpp -----------------------------------------------------------------------------
+
+// The thread is about to wait.
+inline uint32_t Announce(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwWait)
+    APP_REQUIRES(ptTask->hLock)
+{
+    ptTask->dwWaitTick = dwNowTick;
+    Poke(ptTask->dwWait, dwWait);
+    return dwWait;
+}
 
 // A timer has been set, under the task's lock: true when the thread waits beyond its time-out, and
 // has to be woken, with QueueWake(), after the lock.

@@ -23,8 +23,6 @@
 namespace
 {
 
-constexpr uint32_t kFirstWaitMs = 300; // so that short idle time-outs are noticed in time
-
 constexpr TAppTaskEvent kRefresh = {APP_TASK_EVENT_REFRESH, nullptr, _AppTaskRefreshHandler,
                                     nullptr};
 constexpr TAppTaskEvent kGoForIdle = {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoForIdleHandler,
@@ -32,20 +30,12 @@ constexpr TAppTaskEvent kGoForIdle = {APP_TASK_EVENT_STOP, nullptr, _AppTaskGoFo
 constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
                                            _AppTaskGoForTerminateHandler, nullptr};
 
-// The thread is about to wait.
-uint32_t Announce(TAppTask *ptTask, uint32_t dwNowTick, uint32_t dwWait) APP_REQUIRES(ptTask->hLock)
-{
-    ptTask->dwWaitTick = dwNowTick;
-    app::Poke(ptTask->dwWait, dwWait);
-    return dwWait;
-}
-
 // Returns the next wait.  Timers' handlers take time.
 uint32_t RunTimers(TAppTask *ptTask, uint32_t dwNowTick) APP_REQUIRES(ptTask->hLock)
 {
     const bool bTimers = ptTask->ptTimerMgr->hTimerList->dwCurSize != 0;
     const uint32_t dwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
-    return Announce(ptTask, bTimers ? _AppNoteTick() : dwNowTick, dwWait);
+    return app::Announce(ptTask, bTimers ? _AppNoteTick() : dwNowTick, dwWait);
 }
 
 // What ends a wait early from here on is kept for the next.  Relaxed: who misses it interrupts once
@@ -53,20 +43,6 @@ uint32_t RunTimers(TAppTask *ptTask, uint32_t dwNowTick) APP_REQUIRES(ptTask->hL
 void Retract(TAppTask *ptTask)
 {
     app::Poke<uint32_t>(ptTask->dwWait, 0);
-}
-
-// Returns the first wait.  Not cold: what must call a cold function is taken for cold itself.
-[[gnu::noinline]] uint32_t Start(TAppTask *ptTask)
-{
-    app::LockGuard guard(ptTask);
-    app::NameThread(ptTask);
-    app::Poke(ptTask->nThreadId, _AppThreadGetTID());
-    app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    ptTask->dwLastEventTick = _AppGetTick();
-    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
-    // Timers may have been set already; they are run when the wait is over.
-    return Announce(ptTask, ptTask->dwLastEventTick,
-                    app::NextTimeoutMs(ptTask->ptTimerMgr, kFirstWaitMs));
 }
 
 [[gnu::cold]] void TraceWait(TAppTask *ptTask, uint32_t dwWait, const char *szOp)
@@ -127,7 +103,7 @@ bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait, bool bWaited)
         app::EndRun(ptTask, TickInRow(ptTask, bWaited));
         return true;
     }
-    app::FastLockGuard guard(ptTask);
+    app::LockGuard guard(ptTask);
     const uint32_t dwNowTick = _AppNoteTick();
     app::EndRun(ptTask, dwNowTick);
     *pdwWait = RunTimers(ptTask, dwNowTick);
@@ -253,7 +229,7 @@ void *AppTask(void *pvTask)
 {
     auto ptTask = static_cast<TAppTask *>(pvTask);
     if (ptTask) {
-        uint32_t dwWait = Start(ptTask);
+        uint32_t dwWait = app::Start(ptTask);
         void *pvEvent = nullptr; // the last one served, which goes back with the next take
         do
             if (app::Traces(APP_LOG_DEBUG))

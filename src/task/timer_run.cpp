@@ -66,7 +66,7 @@ void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick, uin
 
 // After a reset a timer is found before it is due.  Elapsed milliseconds wrap, too: one whose
 // time-out is near 2^32 may have been due and have most of it ahead again.
-void PlaceAnew(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
+[[gnu::noinline]] void PlaceAnew(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     app::RemoveTimer(ptTimer);

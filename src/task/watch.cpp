@@ -24,9 +24,9 @@ struct TLook {
 };
 
 // Under the registry's mutex, so that of several who watch one tells.
-void LookAt(void *pvTask, void *pvLook)
+void LookAt(const void *pvTask, void *pvLook)
 {
-    auto ptTask = static_cast<TAppTask *>(pvTask);
+    auto ptTask = const_cast<TAppTask *>(static_cast<const TAppTask *>(pvTask));
     auto ptLook = static_cast<TLook *>(pvLook);
     app::TTaskRun &tRun = ptTask->tRun;
     const uint32_t dwRun = app::Peek(tRun.dwServed) + 1;
@@ -34,8 +34,7 @@ void LookAt(void *pvTask, void *pvLook)
                     app::MsSince(app::Peek(tRun.dwSinceTick), _AppGetTick()) > ptLook->dwMs;
     if (!ptLook->bLate)
         return;
-    ptLook->stats = app::ReadTaskStats(ptTask);
-    ptLook->stats.dwSize = sizeof(ptLook->stats);
+    app::ReadTaskStats(ptTask, &ptLook->stats);
     ptLook->bTold = tRun.dwTold == dwRun;
     if (ptLook->bTell)
         tRun.dwTold = dwRun;

@@ -58,7 +58,7 @@ inline bool QueueHolds(HAppQueue hQueue) APP_NO_ANALYSIS
 }
 
 // Under the registry's mutex.
-TAppQueueStats ReadQueueStats(HAppQueue hQueue);
+void ReadQueueStats(const void *pvQueue, void *pvStats);
 
 // Order, tail, levels, stops, blocks and counts agree.  Only in builds with checks.
 bool QueueIsValid(const TAppQueue *ptQueue) APP_REQUIRES(ptQueue->hLock);

@@ -4,20 +4,22 @@
 #include "utils/stats.h"
 
 // Without the queue's lock: only counters are read.
-TAppQueueStats app::ReadQueueStats(HAppQueue hQueue) APP_NO_ANALYSIS
+void app::ReadQueueStats(const void *pvQueue, void *pvStats) APP_NO_ANALYSIS
 {
-    TAppQueueStats record = {};
-    record.hQueue = hQueue;
-    AppStrncpy(record.achName, hQueue->tEntry.achName, sizeof(record.achName));
-    record.dwCount = PeekCounter(hQueue->dwCurSize);
-    record.dwPeak = PeekCounter(hQueue->dwTopSize);
-    record.dwLimit = PeekCounter(hQueue->dwMaxSize);
-    record.dwRefused = PeekCounter(hQueue->dwRefused);
-    record.dwLongestMs = PeekCounter(hQueue->dwLongest) * APP_MS_PER_TICK;
+    const auto hQueue = const_cast<HAppQueue>(static_cast<const TAppQueue *>(pvQueue));
+    auto &stats = *static_cast<TAppQueueStats *>(pvStats);
+    stats = {};
+    stats.dwSize = sizeof(stats);
+    stats.hQueue = hQueue;
+    AppStrncpy(stats.achName, hQueue->tEntry.achName, sizeof(stats.achName));
+    stats.dwCount = PeekCounter(hQueue->dwCurSize);
+    stats.dwPeak = PeekCounter(hQueue->dwTopSize);
+    stats.dwLimit = PeekCounter(hQueue->dwMaxSize);
+    stats.dwRefused = PeekCounter(hQueue->dwRefused);
+    stats.dwLongestMs = PeekCounter(hQueue->dwLongest) * APP_MS_PER_TICK;
     if (Peek(hQueue->ptWatched))
-        record.dwOldestMs = MsSince(PeekCounter(hQueue->dwWatchTick), _AppGetTick());
-    record.dwSleepers = PeekCounter(hQueue->dwSleepers);
-    return record;
+        stats.dwOldestMs = MsSince(PeekCounter(hQueue->dwWatchTick), _AppGetTick());
+    stats.dwSleepers = PeekCounter(hQueue->dwSleepers);
 }
 
 uint32_t AppQueueGetStats(HAppQueue hQueue, TAppQueueStats *ptStats)

@@ -40,7 +40,7 @@ void app::SetName(const char *szName, TAppEntry *ptEntry, TAppEntry *ptSecond, T
 }
 
 bool app::LookAtNext(EAppRegistry eKind, uint64_t *pqwSerial,
-                     void (*pfnLook)(void *pvOwner, void *pvContext), void *pvContext)
+                     void (*pfnLook)(const void *pvOwner, void *pvContext), void *pvContext)
 {
     const RegistryGuard guard;
     const TAppEntry *ptEntry = g_atAppRegistry[eKind].ptHead;

@@ -66,7 +66,7 @@ void SetName(const char *szName, TAppEntry *ptEntry, TAppEntry *ptSecond = nullp
 // Hands the next object to `pfnLook`, under the mutex; false when there is none.  `*pqwSerial` keeps
 // the place, 0 at the beginning, while objects come and go.
 bool LookAtNext(EAppRegistry eKind, uint64_t *pqwSerial,
-                void (*pfnLook)(void *pvOwner, void *pvContext), void *pvContext);
+                void (*pfnLook)(const void *pvOwner, void *pvContext), void *pvContext);
 
 } // namespace app
 

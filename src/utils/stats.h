@@ -9,24 +9,29 @@
 namespace app
 {
 
-// Copies as much of a record as its reader knows.
-uint32_t HandOverStats(void *pvStats, void *pvRecord, uint32_t dwRecordSize);
+// Room for any of the records.
+union TAnyStats {
+    uint32_t dwSize; // every record begins with it
+    TAppMemPoolStats pool;
+    TAppQueueStats queue;
+    TAppTaskMgrStats manager;
+    TAppTaskStats task;
+    TAppLogStats log;
+    TAppShareActionStats actions;
+    TAppSocketStats sockets;
+};
+
+// Copies as much of a record as its reader has room for.
+uint32_t HandOverStats(void *pvStats, TAnyStats *ptRecord);
 template <typename Stats>
 uint32_t FillStats(Stats *ptStats, Stats &record)
 {
-    return HandOverStats(ptStats, &record, sizeof(record));
+    record.dwSize = sizeof(record);
+    return HandOverStats(ptStats, reinterpret_cast<TAnyStats *>(&record));
 }
-
-// The same of an object, by a reader that needs the registry's mutex.
-template <typename Handle, typename Stats>
-uint32_t GetStats(Handle hObject, Stats *ptStats, Stats (*pfnRead)(Handle))
-{
-    if (!hObject || !ptStats)
-        return APP_INVALID_ARG;
-    const RegistryGuard guard;
-    Stats record = pfnRead(hObject);
-    return FillStats(ptStats, record);
-}
+// The same of an object, which `pfnRead` reads under the registry's mutex.
+uint32_t GetStats(const void *pvObject, void *pvStats,
+                  void (*pfnRead)(const void *pvObject, void *pvStats));
 
 // Of ticks that are read as they come: one that is later than now counts as now.
 inline uint32_t MsSince(uint32_t dwTick, uint32_t dwNowTick)
