@@ -71,6 +71,16 @@ protected:
         else
             Write(std::string(1, chStep));
     }
+    static std::string Stats()
+    {
+        TAppLogStats tStats = {};
+        tStats.dwSize = sizeof(tStats);
+        EXPECT_CODE(APP_OK, AppLogGetStats(kChannel, &tStats));
+        EXPECT_EQ(tStats.dwChannel, kChannel);
+        return test::Text("%u %u %u; %u lines %u bytes %u lost %u rotations error %d", tStats.bFile,
+                          tStats.dwFileSize, tStats.dwFileLimit, tStats.dwFileLines,
+                          tStats.dwFileBytes, tStats.dwLost, tStats.dwRotations, tStats.nLastError);
+    }
     const fs::path m_dir = mkdtemp(std::string("/tmp/appcore-log-XXXXXX").data());
     fs::path m_path = m_dir / "channel.log", m_backup = m_dir / "channel.log1";
 };
@@ -141,6 +151,7 @@ TEST_F(FileLog, LosesNoLineInSilence)
         log.ExpectLines(tStep.said);
     }
     EXPECT_EQ(fault::OpenDescriptors(), nDescriptors);
+    EXPECT_EQ(Stats(), "0 0 50; 36 lines 917 bytes 11 lost 10 rotations error 30");
 }
 
 // What is changed from outside shows within a second: the zone, and a file that was deleted.

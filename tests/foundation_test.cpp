@@ -84,6 +84,18 @@ TEST(HeldLines, AreNotLostForWantOfMemoryNorPrintedTwice)
     AppMemPoolDestroy(hPool);
 }
 
+TEST(Result, HasAName)
+{
+    std::string names;
+    for (uint32_t i = 0; i < 70000; ++i)
+        if (AppGetResultName(i) != std::string("UNKNOWN"))
+            names += Text("%u %s\n", i, AppGetResultName(i));
+    EXPECT_EQ(names, "0 APP_OK\n101 APP_FAILED\n103 APP_INVALID_ARG\n104 APP_NO_RESOURCE\n"
+                     "105 APP_INVALID_STATE\n106 APP_TIMEOUT\n107 APP_BUFFER_TOO_SMALL\n"
+                     "108 APP_NOT_FOUND\n206 APP_XML_NODE_INVALID\n207 APP_BAD_VALUE\n"
+                     "208 APP_IN_PROGRESS\n");
+}
+
 TEST(Report, HandsOverAllThatItsBufferHolds)
 {
     std::string text;

@@ -117,6 +117,7 @@ void RefuseFoundation()
            AppSetFileLog);
     REFUSE("x", kBad, 0, _AppQueueChangeMaxSize, AppLockTakeByTime, AppLockGive, AppMemPoolCreate,
            AppTaskTerminate, AppConvertU32ToTime);
+    REFUSE("x", kBad, 0, AppLogGetStats, AppShareActionGetStats, AppSocketGetStats);
     REFUSE("-x", 0, 0, AppStrndup);
     REFUSE("-x", kBad, 0, AppTaskMgrCreate);
     REFUSE("x---x", kBad, 0, AppTaskMgrNewTask);

@@ -2,12 +2,15 @@
 #include "appcore/share_action.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "appcore/host.h"
 #include "appcore/platform.h"
+#include "appcore/stats.h"
 #include "support/expect.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
+#include "utils/lock_guard.h"
 #include "utils/share_action_registry.h"
 
 using test::Text;
@@ -97,6 +100,53 @@ TEST(ShareAction, NestsAndRunsBesideBlockingOnes)
     })
         .join();
     EXPECT_CODE(APP_OK, AppShareActionUnlock());
+}
+
+static TAppShareActionStats Stats(uint32_t dwSize = sizeof(TAppShareActionStats) + 4)
+{
+    TAppShareActionStats tStats = {};
+    tStats.dwSize = dwSize;
+    EXPECT_CODE(dwSize < 4 ? APP_INVALID_ARG : APP_OK, AppShareActionGetStats(&tStats));
+    return tStats;
+}
+
+static TAppShareActionStats s_tSeen;
+
+static uint32_t Hang(uint32_t bBlock, uint32_t dwDepth, uint32_t)
+{
+    AppDelay(50);
+    if (dwDepth > 0)
+        return AppRunShareAction(bBlock ? "slow" : "hung", bBlock, dwDepth - 1, 0, nullptr);
+    const app::LockGuard report(g_hAppShareActionList.load());
+    std::thread([] { s_tSeen = Stats(); }).join();
+    return 0;
+}
+
+// An action that hangs, and a report that does, keep nobody from the record.
+TEST(ShareAction, TellsWhatRunsAndForHowLong)
+{
+    EXPECT_CODE(APP_OK, AppRegisterShareAction("hung", Hang));
+    EXPECT_CODE(APP_OK, AppRegisterBlockShareAction("slow", Hang));
+    const TAppShareActionStats tBefore = Stats();
+    EXPECT_EQ(tBefore.dwSize, sizeof(tBefore));
+    for (const uint32_t bBlock : {0, 1}) {
+        const char *szKey = bBlock ? "slow" : "hung";
+        EXPECT_CODE(APP_OK, AppRunShareAction(szKey, bBlock, 1 + bBlock, 0, nullptr));
+        EXPECT_STREQ(s_tSeen.achCurrent, szKey);
+        EXPECT_EQ(s_tSeen.dwRunning, 2 - bBlock); // by itself; a blocking one is one, however often
+        EXPECT_GE(s_tSeen.dwCurrentMs, 80 + 50 * bBlock);
+        EXPECT_EQ(s_tSeen.dwRuns, tBefore.dwRuns + 2 * bBlock);
+        EXPECT_STREQ(Stats().achLongest, szKey);
+        EXPECT_GE(Stats().dwLongestMs, 80 + 50 * bBlock);
+    }
+    EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("nobody", 0, 0, 0, nullptr));
+    const TAppShareActionStats tAfter = Stats(), tShort = Stats(8);
+    EXPECT_EQ(tAfter.dwRuns, tBefore.dwRuns + 5);
+    EXPECT_EQ(tAfter.dwRefused, tBefore.dwRefused + 1);
+    EXPECT_EQ(tAfter.dwRunning + tAfter.dwCurrentMs + strlen(tAfter.achCurrent), 0u);
+    EXPECT_EQ(tShort.dwActions, tAfter.dwActions);
+    EXPECT_EQ(tShort.dwSize, 8u);
+    EXPECT_EQ(tShort.dwRuns + Stats(3).dwActions, 0u);
 }
 
 TEST(RegCommand, StandInServesAShell)

@@ -27,6 +27,22 @@ namespace
 
 const TAppNetAddr kIpv6 = {APP_NET_ADDR_IPV6, {kLoopback.dwIpv4}}; // would do, but for its type
 
+// What has been counted since the last call; `open` is what is open now.
+std::string Counted()
+{
+    static TAppSocketStats s_tLast;
+    TAppSocketStats tNow = {};
+    tNow.dwSize = sizeof(tNow);
+    EXPECT_CODE(APP_OK, AppSocketGetStats(&tNow));
+    const TAppSocketStats tLast = std::exchange(s_tLast, tNow);
+    return test::Text(
+        "open %u sent %u received %u late %u failed %u %u %u %u %u", tNow.dwOpen,
+        tNow.dwSends - tLast.dwSends, tNow.dwReceives - tLast.dwReceives,
+        tNow.dwTimeouts - tLast.dwTimeouts, tNow.dwNoDescriptor - tLast.dwNoDescriptor,
+        tNow.dwBindFailed - tLast.dwBindFailed, tNow.dwConnectFailed - tLast.dwConnectFailed,
+        tNow.dwSendFailed - tLast.dwSendFailed, tNow.dwReceiveFailed - tLast.dwReceiveFailed);
+}
+
 int Option(HAppSocket hSocket, int nLevel, int nOption)
 {
     int nValue = -1;
@@ -82,6 +98,7 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
         EXPECT_EQ(refusals.Calls(), bUdp ? 3u : 0u) << "until it has succeeded once";
         EXPECT_EQ(log.Lines().size(), refusals.Hits());
     }
+    Counted();
     {
         fault::Fail signal({Fn::sendto, Fn::send}, 1, EINTR);
         EXPECT_EQ(Send("hello", 0), 5);
@@ -91,6 +108,7 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     EXPECT_EQ(Receive(0), 2);
     EXPECT_EQ(std::string(achBuf, dwLen), "ab");
     EXPECT_EQ(Receive(1), -2);
+    EXPECT_EQ(Counted(), "open 3 sent 1 received 1 late 1 failed 0 0 0 0 0");
     { // Always ready, but somebody else takes what came.
         fault::Fail waits(Fn::epoll_wait, 1, 0, 1u << 30);
         fault::Fail thief({Fn::recvmsg, Fn::recvfrom, Fn::recv}, 2, 0, 1u << 30);
@@ -107,7 +125,9 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     EXPECT_EQ(fcntl(hSocket->nFd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     while (!bUdp && Send(std::string(8 << 20, 'x'), kShort) > 0) { // the peer does not read
     }
+    Counted();
     EXPECT_EQ(Send("", kLong), -1);
+    EXPECT_EQ(Counted(), "open 3 sent 0 received 0 late 0 failed 0 0 0 1 0");
     for (const Fn fn : {Fn::recvmsg, Fn::recvfrom, Fn::recv, Fn::epoll_create1, Fn::epoll_ctl,
                         Fn::epoll_wait, Fn::sendto, Fn::send}) {
         fault::Fail failure(fn, 1, EDOM);
@@ -117,7 +137,9 @@ TEST_P(Transfer, CarriesBytesInTimeAndTellsTheEnd)
     }
     log.Clear();
     bUdp ? send(nPeer, "", 0, 0) : shutdown(nPeer, SHUT_RDWR);
+    Counted();
     EXPECT_EQ(Receive(kLong), -1);
+    EXPECT_EQ(Counted(), "open 3 sent 0 received 0 late 0 failed 0 0 0 0 1");
     EXPECT_EQ(errno, 0) << "there was no error";
     ASSERT_EQ(log.Lines().size(), 1u);
     EXPECT_NE(log.Lines()[0].find(" failed 0 "), std::string::npos);
@@ -132,6 +154,7 @@ TEST(Socket, DatagramsAndGroups)
     test::TListener tcp;
     const auto joins = AppSocketUDPJoinMulticastGroup;
     EXPECT_EQ(AppSocketCreate(nullptr, 2, 0), nullptr);
+    Counted();
     EXPECT_CODE(APP_FAILED, AppSocketBind(sender.hSocket, &kIpv6, 1, 0));
     EXPECT_CODE(APP_INVALID_ARG, joins(sender.hSocket, &kLoopback, &kIpv6, 0));
     EXPECT_CODE(APP_INVALID_ARG, joins(tcp.hSocket, &kLoopback, nullptr, 0));
@@ -141,6 +164,7 @@ TEST(Socket, DatagramsAndGroups)
     EXPECT_CODE(APP_INVALID_ARG, joins(sender.hSocket, &kIpv6, nullptr, 0));
     EXPECT_CODE(APP_FAILED, joins(sender.hSocket, &kLoopback, nullptr, 0));
     EXPECT_CODE(APP_FAILED, AppSocketBind(receiver.hSocket, &kLoopback, 1, 0)); // bound already
+    EXPECT_EQ(Counted(), "open 3 sent 0 received 0 late 0 failed 0 3 0 0 0");
 
     const TAppNetAddr group = {APP_NET_ADDR_IPV4, {inet_addr("239.1.2.3")}};
     const auto arrives = [&](const TAppNetAddr &addr) {
@@ -182,12 +206,14 @@ TEST(Socket, ConnectNamesTheCause)
     refused(wClosed, kLong, "connect failed", ECONNREFUSED);
     ASSERT_EQ(listen(silent.hSocket->nFd, 0), 0); // as a host that is not there, once it is full
     AppSocketDestroy(AppSocketTCPConnect(nullptr, &kLoopback, silent.wPort, kLong, nullptr));
+    Counted();
     for (const unsigned nSignals : {0u, 1u << 30}) { // neither end a wait nor prolong it
         fault::Fail signals(Fn::epoll_wait, 1, EINTR, nSignals);
         const auto start = std::chrono::steady_clock::now();
         refused(silent.wPort, kShort, "connect timeout", ETIMEDOUT);
         EXPECT_GE(test::ElapsedMs(start), kShort);
     }
+    EXPECT_EQ(Counted(), "open 2 sent 0 received 0 late 2 failed 0 0 0 0 0");
     const int nNextFd = dup(STDIN_FILENO);
     close(nNextFd);
     {
@@ -196,6 +222,7 @@ TEST(Socket, ConnectNamesTheCause)
         refused(silent.wPort, 0, "connect failed", ECONNRESET);
         EXPECT_TRUE(s_nAskedMs > 29000 && s_nAskedMs <= 30000) << s_nAskedMs;
     }
+    EXPECT_EQ(Counted(), "open 2 sent 0 received 0 late 0 failed 0 0 1 0 0");
     // The system may choose the very port that nobody listens on: TCP connects the socket to itself.
     for (const bool bAtOnce : {false, true}) {
         fault::Fail choice(Fn::connect, 1, 0, 2);

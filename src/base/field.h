@@ -34,6 +34,15 @@ inline void SetCounter(uint32_t &dwCounter, uint32_t dwValue)
 {
     __atomic_store_n(&dwCounter, dwValue, __ATOMIC_RELAXED);
 }
+inline void CountOne(uint32_t &dwCounter)
+{
+    SetCounter(dwCounter, PeekCounter(dwCounter) + 1);
+}
+// With any number of writers.
+inline void AddCounter(uint32_t &dwCounter, uint32_t dwValue)
+{
+    __atomic_fetch_add(&dwCounter, dwValue, __ATOMIC_RELAXED);
+}
 
 } // namespace app
 

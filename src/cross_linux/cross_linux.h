@@ -19,6 +19,7 @@
 #include "appcore/mempool.h"
 #include "appcore/platform.h"
 #include "appcore/socket.h"
+#include "appcore/stats.h"
 
 extern "C" {
 
@@ -38,8 +39,8 @@ int32_t _AppStrncasecmp(const char *szFirst, const char *szSecond, uint32_t dwCo
 
 #define APP_FILE_LOG_PATH_SIZE 128
 
-// One channel's log file.  `ptFile` is read without the channel's mutex to see whether a file is
-// open at all; everything else is touched only under that mutex.
+// One channel's log file.  `ptFile` and the sizes are read without the channel's mutex, to see
+// whether a file is open at all and for diagnostics; everything else is touched only under it.
 struct TAppFileLogInfo {
     char achFilePath[APP_FILE_LOG_PATH_SIZE];
     uint32_t dwMaxSize; // bytes the file may reach before it is rotated
@@ -65,6 +66,8 @@ void _AppFileLogClose(uint8_t byChannel);
 // does; a signal does not cut the line.  What goes wrong is logged on channel 0 once the mutex has
 // been given.  Does nothing without a file.
 void _AppFileLog(uint8_t byChannel, const char *szText);
+// Fills in what tells of the files.  Without the mutex, so it never blocks.
+void _AppFileLogGetStats(uint8_t byChannel, TAppLogStats *ptStats);
 
 // ---- Locks ----------------------------------------------------------------------------------
 
@@ -191,6 +194,8 @@ uint32_t _AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNetAddr *
 // `*ptPeerAddr`, if wanted, is set only when the connection had to be waited for.
 HAppSocket _AppSocketTCPConnect(HAppMemPool hMemPool, const TAppNetAddr *ptRemoteAddr,
                                 uint16_t wPort, uint32_t dwTimeout, TAppNetAddr *ptPeerAddr);
+// Fills in all but the size.
+void _AppSocketGetStats(TAppSocketStats *ptStats);
 
 } // extern "C"
 

@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/field.h"
 #include "base/print.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/error_text.h"
@@ -26,7 +27,8 @@ constexpr uint32_t kHeadSize = 40;
 
 // What a channel has beside its record; all of it under the mutex, so that a line is written, and
 // the file rotated, by one thread at a time.  Initialised when the library is built: written when it
-// is loaded, the table would cost every process four pages.
+// is loaded, the table would cost every process four pages.  The counters of all the channel's files
+// are read without it: a disk may hang.
 struct TChannel {
     pthread_mutex_t tMutex = PTHREAD_MUTEX_INITIALIZER;
     time_t nSecond = 0;           // for which the head was made and the path was looked at
@@ -35,6 +37,11 @@ struct TChannel {
     uint32_t dwLost = 0;    // lines lost since the last one that was written
     uint32_t dwTorn = 0;    // bytes of a torn line at the end of the file, still to be taken back
     uint32_t bNoBackup = 0; // a refused rename has been told, and none has succeeded since
+    uint32_t dwLines = 0;   // written
+    uint32_t dwBytes = 0;   // written
+    uint32_t dwLostAll = 0; // lines lost
+    uint32_t dwRotations = 0;
+    uint32_t dwLastError = 0; // errno of the last failure
 };
 TChannel s_atChannel[256];
 
@@ -94,6 +101,13 @@ FILE *OpenStream(const char *szPath, const char *szMode)
     return ptFile;
 }
 
+// Notes a failure, and gives its number back.
+int Noted(TChannel &tChannel, int nError)
+{
+    app::SetCounter(tChannel.dwLastError, static_cast<uint32_t>(nError));
+    return nError;
+}
+
 void CloseStream(TAppFileLogInfo &tInfo)
 {
     if (FILE *ptFile = tInfo.ptFile.exchange(nullptr))
@@ -104,7 +118,7 @@ void CloseStream(TAppFileLogInfo &tInfo)
 FILE *Adopt(TAppFileLogInfo &tInfo, TChannel &tChannel, FILE *ptFile)
 {
     tInfo.ptFile.store(ptFile);
-    tInfo.dwCurSize = ptFile ? SizeOf(ptFile) : 0;
+    app::SetCounter(tInfo.dwCurSize, ptFile ? SizeOf(ptFile) : 0);
     tChannel.nGone = 0;
     tChannel.dwTorn = 0;
     return ptFile;
@@ -116,7 +130,10 @@ FILE *ReplaceStream(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szMo
 {
     if (FILE *ptOld = tInfo.ptFile.load())
         fclose(ptOld);
-    return Adopt(tInfo, tChannel, OpenStream(tInfo.achFilePath, szMode));
+    FILE *ptFile = OpenStream(tInfo.achFilePath, szMode);
+    if (!ptFile)
+        Noted(tChannel, errno);
+    return Adopt(tInfo, tChannel, ptFile);
 }
 
 // Whether the path still leads to the open file.
@@ -200,8 +217,11 @@ int WriteLine(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szText)
         CutTorn(tChannel, nFd);
         return ENOSPC;
     }
-    tInfo.dwCurSize = Saturated(uint64_t{tInfo.dwCurSize} + tChannel.dwTorn + nLine);
+    app::SetCounter(tInfo.dwCurSize,
+                    Saturated(uint64_t{tInfo.dwCurSize} + tChannel.dwTorn + nLine));
     tChannel.dwTorn = 0;
+    app::CountOne(tChannel.dwLines);
+    app::SetCounter(tChannel.dwBytes, tChannel.dwBytes + static_cast<uint32_t>(nLine));
     return 0;
 }
 
@@ -212,9 +232,11 @@ void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
     char achBackup[APP_FILE_LOG_PATH_SIZE + 1]; // the longest path and the digit
     AppSnprintf(achBackup, sizeof(achBackup), "%s%d", tInfo.achFilePath, 1);
     const bool bRefused = rename(tInfo.achFilePath, achBackup) != 0;
-    if (bRefused && !tChannel.bNoBackup)
-        tNews.nNoBackup = errno;
+    const int nError = bRefused ? Noted(tChannel, errno) : 0;
+    if (!tChannel.bNoBackup)
+        tNews.nNoBackup = nError;
     tChannel.bNoBackup = bRefused;
+    app::CountOne(tChannel.dwRotations);
     if (!ReplaceStream(tInfo, tChannel, "wbe"))
         tNews.nStopped = errno;
 }
@@ -226,8 +248,10 @@ void Count(TChannel &tChannel, int nError, TNews &tNews)
         tNews.dwRecovered = tChannel.dwLost;
         tChannel.dwLost = 0;
     } else {
+        Noted(tChannel, nError);
         tNews.nLost = tChannel.dwLost == 0 ? nError : 0;
         tChannel.dwLost = Saturated(uint64_t{tChannel.dwLost} + 1);
+        app::CountOne(tChannel.dwLostAll);
     }
 }
 
@@ -256,7 +280,7 @@ uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSi
     app::MutexGuard guard(tChannel.tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     AppStrncpy(tInfo.achFilePath, szPath, sizeof(tInfo.achFilePath));
-    tInfo.dwMaxSize = dwMaxSize;
+    app::SetCounter(tInfo.dwMaxSize, dwMaxSize);
     tChannel.nSecond = 0;
     tChannel.bNoBackup = 0;
     if (!ReplaceStream(tInfo, tChannel, "ab+e"))
@@ -270,8 +294,8 @@ void _AppFileLogClose(uint8_t byChannel)
     app::MutexGuard guard(s_atChannel[byChannel].tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     CloseStream(tInfo);
-    tInfo.dwCurSize = 0;
-    tInfo.dwMaxSize = 0;
+    app::SetCounter(tInfo.dwCurSize, 0);
+    app::SetCounter(tInfo.dwMaxSize, 0);
 }
 
 void _AppFileLog(uint8_t byChannel, const char *szText)
@@ -287,4 +311,18 @@ void _AppFileLog(uint8_t byChannel, const char *szText)
         Rotate(tInfo, tChannel, tNews);
     guard.Unlock();
     Tell(byChannel, tNews, __func__);
+}
+
+void _AppFileLogGetStats(uint8_t byChannel, TAppLogStats *ptStats)
+{
+    const TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
+    const TChannel &tChannel = s_atChannel[byChannel];
+    ptStats->bFile = tInfo.ptFile.load() ? 1 : 0;
+    ptStats->dwFileSize = app::PeekCounter(tInfo.dwCurSize);
+    ptStats->dwFileLimit = app::PeekCounter(tInfo.dwMaxSize);
+    ptStats->dwFileLines = app::PeekCounter(tChannel.dwLines);
+    ptStats->dwFileBytes = app::PeekCounter(tChannel.dwBytes);
+    ptStats->dwLost = app::PeekCounter(tChannel.dwLostAll);
+    ptStats->dwRotations = app::PeekCounter(tChannel.dwRotations);
+    ptStats->nLastError = static_cast<int32_t>(app::PeekCounter(tChannel.dwLastError));
 }

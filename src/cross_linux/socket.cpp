@@ -5,9 +5,12 @@
 
 #include <netinet/tcp.h>
 
+#include <initializer_list>
 #include <new>
 
 #include "cross_linux/error_text.h"
+
+TAppSocketStats app::g_tSocketStats;
 
 namespace
 {
@@ -21,6 +24,13 @@ int OpenDescriptor(uint32_t dwSockType)
     if (dwSockType == APP_SOCKET_UDP)
         return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+// A bind or a membership.
+uint32_t Refused()
+{
+    app::CountSocket(&TAppSocketStats::dwBindFailed);
+    return APP_FAILED;
 }
 
 uint32_t CalLocalIpv4(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr, const char *szOp)
@@ -93,7 +103,11 @@ HAppSocket _AppSocketCreate(HAppMemPool hMemPool, uint32_t dwSockType)
         return nullptr;
     }
     // A refused descriptor is found by the first operation, which tells it with its cause.
-    return new (hSocket) TAppSocket{dwSockType, OpenDescriptor(dwSockType), 0, {0}};
+    new (hSocket) TAppSocket{dwSockType, OpenDescriptor(dwSockType), 0, {0}};
+    app::CountSocket(&TAppSocketStats::dwOpen);
+    if (hSocket->nFd < 0)
+        app::CountSocket(&TAppSocketStats::dwNoDescriptor);
+    return hSocket;
 }
 
 void _AppSocketDestroy(HAppSocket hSocket)
@@ -102,6 +116,7 @@ void _AppSocketDestroy(HAppSocket hSocket)
         return;
     const app::OwnedFd closed(hSocket->nFd);
     AppMemPoolFree(hSocket);
+    app::CountSocket(&TAppSocketStats::dwOpen, UINT32_MAX);
 }
 
 uint32_t _AppSocketCalLocalAddr(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptLocalAddr)
@@ -120,17 +135,17 @@ uint32_t _AppSocketBind(HAppSocket hSocket, const TAppNetAddr *ptLocalAddr, uint
     if (!hSocket)
         return APP_INVALID_ARG;
     if (ptLocalAddr->dwType != APP_NET_ADDR_IPV4)
-        return APP_FAILED;
+        return Refused();
     if (bReuse == 1 && !app::SetOption(hSocket->nFd, SOL_SOCKET, SO_REUSEADDR, 1)) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  SO_REUSEADDR nError %d %s\n", __func__);
-        return APP_FAILED;
+        return Refused();
     }
     const struct sockaddr_in tAddr = app::ToSockaddr(*ptLocalAddr, wPort);
     // What the receive reports, also when the system refuses the bind.
     hSocket->wPort = wPort;
     if (bind(hSocket->nFd, app::Generic(&tAddr), sizeof(tAddr)) != 0) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: bind nError %d %s\n", __func__);
-        return APP_FAILED;
+        return Refused();
     }
     return APP_OK;
 }
@@ -152,11 +167,21 @@ uint32_t _AppSocketUDPJoinMulticastGroup(HAppSocket hSocket, const TAppNetAddr *
     if (setsockopt(hSocket->nFd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &tRequest, sizeof(tRequest)) != 0 &&
         errno != EADDRINUSE) { // else a member already
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_ADD_MEMBERSHIP failed %d %s\n", __func__);
-        return APP_FAILED;
+        return Refused();
     }
     if (!app::SetOption(hSocket->nFd, IPPROTO_IP, IP_MULTICAST_LOOP, static_cast<int>(bLoop))) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt IP_MULTICAST_LOOP failed %d %s\n", __func__);
-        return APP_FAILED;
+        return Refused();
     }
     return APP_OK;
+}
+
+void _AppSocketGetStats(TAppSocketStats *ptStats)
+{
+    for (uint32_t TAppSocketStats::*pdwCounter :
+         {&TAppSocketStats::dwOpen, &TAppSocketStats::dwSends, &TAppSocketStats::dwReceives,
+          &TAppSocketStats::dwTimeouts, &TAppSocketStats::dwNoDescriptor,
+          &TAppSocketStats::dwBindFailed, &TAppSocketStats::dwConnectFailed,
+          &TAppSocketStats::dwSendFailed, &TAppSocketStats::dwReceiveFailed})
+        ptStats->*pdwCounter = app::PeekCounter(app::g_tSocketStats.*pdwCounter);
 }

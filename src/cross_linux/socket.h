@@ -13,6 +13,8 @@
 
 #include <atomic>
 
+#include "appcore/stats.h"
+#include "base/field.h"
 #include "cross_linux/cross_linux.h"
 #include "cross_linux/deadline.h"
 
@@ -29,6 +31,15 @@ static_assert(offsetof(TAppSocket, wPort) == 8 && sizeof(TAppSocket) == 12, "fix
 
 namespace app
 {
+
+// What the process's sockets have come to; `dwOpen` is modulo 2^32 like the rest.  An atomic addition
+// is nothing beside the system call that each count goes with.
+extern TAppSocketStats g_tSocketStats;
+
+inline void CountSocket(uint32_t TAppSocketStats::*pdwCounter, uint32_t dwValue = 1)
+{
+    AddCounter(g_tSocketStats.*pdwCounter, dwValue);
+}
 
 // Owns a descriptor.  Its end leaves errno alone, which may still be looked at.
 class [[nodiscard]] OwnedFd

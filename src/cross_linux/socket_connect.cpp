@@ -129,8 +129,12 @@ HAppSocket _AppSocketTCPConnect(HAppMemPool hMemPool, const TAppNetAddr *ptRemot
         return nullptr;
     }
     app::Rollback undo([&] { _AppSocketDestroy(hSocket); });
-    if (!ConnectInTime(hSocket->nFd, tAddr, dwTimeout, ptPeerAddr, __func__))
+    if (!ConnectInTime(hSocket->nFd, tAddr, dwTimeout, ptPeerAddr, __func__)) {
+        // Each failure has been logged, which leaves its error.
+        app::CountSocket(errno == ETIMEDOUT ? &TAppSocketStats::dwTimeouts
+                                            : &TAppSocketStats::dwConnectFailed);
         return nullptr;
+    }
     SetOptions(hSocket->nFd, __func__);
     undo.Dismiss();
     return hSocket;

@@ -66,28 +66,48 @@ TOutcome Run(HAppSocket hSocket, uint32_t dwEvents, uint32_t dwTimeout, const ch
     return {0, kTimeout};
 }
 
+// Counts what an operation has come to, and gives it back.
+int32_t Counted(int32_t nResult, uint32_t TAppSocketStats::*pdwDone,
+                uint32_t TAppSocketStats::*pdwFailed)
+{
+    app::CountSocket(nResult > 0           ? pdwDone
+                     : nResult == kTimeout ? &TAppSocketStats::dwTimeouts
+                                           : pdwFailed);
+    return nResult;
+}
+
+int32_t CountedSend(int32_t nResult)
+{
+    return Counted(nResult, &TAppSocketStats::dwSends, &TAppSocketStats::dwSendFailed);
+}
+
+int32_t CountedReceive(int32_t nResult)
+{
+    return Counted(nResult, &TAppSocketStats::dwReceives, &TAppSocketStats::dwReceiveFailed);
+}
+
 int32_t FinishSend(const TOutcome &outcome, const char *szOp)
 {
     if (outcome.nResult != 0)
-        return outcome.nResult;
+        return CountedSend(outcome.nResult);
     if (outcome.nCount > 0)
-        return static_cast<int32_t>(outcome.nCount);
+        return CountedSend(static_cast<int32_t>(outcome.nCount));
     const int nError = errno;
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: sendto failed %d\n", szOp, nError);
     errno = nError; // as APP_LOG_ERRNO() leaves it
-    return kFailed;
+    return CountedSend(kFailed);
 }
 
 int32_t FinishReceive(const TOutcome &outcome, uint32_t *pdwLen, const char *szOp)
 {
     if (outcome.nResult != 0)
-        return outcome.nResult;
+        return CountedReceive(outcome.nResult);
     if (outcome.nCount > 0) {
         *pdwLen = static_cast<uint32_t>(outcome.nCount);
-        return static_cast<int32_t>(outcome.nCount);
+        return CountedReceive(static_cast<int32_t>(outcome.nCount));
     }
     APP_LOG_ERRNO(errno, "[ERROR] %s: recvmsg failed %d %s\n", szOp);
-    return kFailed;
+    return CountedReceive(kFailed);
 }
 
 // Set until it has succeeded once.  With acquire and release, so that whoever finds it done receives
@@ -148,7 +168,7 @@ int32_t _AppSocketUDPRecv(HAppSocket hSocket, void *pvBuf, uint32_t *pdwLen, uin
         return kFailed;
     if (!WillTellDestination(hSocket)) {
         APP_LOG_ERRNO(errno, "[ERROR] %s: setsockopt  IP_PKTINFO failed %d %s\n", __func__);
-        return kFailed;
+        return CountedReceive(kFailed);
     }
     struct sockaddr_in tRemote;
     const TOutcome outcome = Run(hSocket, EPOLLIN, dwTimeout, __func__, [&](int nFlags) {

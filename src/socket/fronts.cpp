@@ -6,6 +6,7 @@
 
 #include "base/print.h"
 #include "cross_linux/cross_linux.h"
+#include "utils/stats.h"
 
 namespace
 {
@@ -106,4 +107,11 @@ uint32_t AppSocketCalLocalAddr(const TAppNetAddr *ptRemoteAddr, TAppNetAddr *ptL
         return APP_INVALID_ARG;
     }
     return _AppSocketCalLocalAddr(ptRemoteAddr, ptLocalAddr);
+}
+
+[[gnu::cold]] uint32_t AppSocketGetStats(TAppSocketStats *ptStats)
+{
+    TAppSocketStats tStats;
+    _AppSocketGetStats(&tStats);
+    return app::FillStats(ptStats, tStats);
 }

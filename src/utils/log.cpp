@@ -9,6 +9,7 @@
 #include "cross_linux/cross_linux.h"
 #include "host/call.h"
 #include "utils/held_lines.h"
+#include "utils/stats.h"
 
 std::atomic<uint8_t> g_byAppLogLevel[256] = {{APP_LOG_ERROR}};
 std::atomic<uint32_t> g_bAppLogViaStdout[256];
@@ -18,6 +19,8 @@ namespace
 {
 
 constexpr uint32_t kTextSize = 5120;
+
+uint32_t s_adwLines[256]; // that passed
 
 // A console may call the library.  The lines which that causes reach it too, but not those which
 // these cause in turn: a console that allocates from a full pool would never come to an end.
@@ -76,6 +79,7 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
 {
     const ErrorLines keep(false); // what a console or a file has to tell is its own affair
+    CountOne(s_adwLines[byChannel]);
     if (!bFileOnly) {
         // What a sink refuses has nowhere to be told.
         if (Peek(g_bAppLogViaStdout[byChannel]) == 1)
@@ -160,4 +164,14 @@ void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout)
 void AppCloseFileLog(uint8_t byChannel)
 {
     _AppFileLogClose(byChannel);
+}
+
+[[gnu::cold]] uint32_t AppLogGetStats(uint8_t byChannel, TAppLogStats *ptStats)
+{
+    TAppLogStats tStats = {};
+    tStats.dwChannel = byChannel;
+    tStats.dwLevel = app::Peek(g_byAppLogLevel[byChannel]);
+    tStats.dwLines = app::PeekCounter(s_adwLines[byChannel]);
+    _AppFileLogGetStats(byChannel, &tStats);
+    return app::FillStats(ptStats, tStats);
 }

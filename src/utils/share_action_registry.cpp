@@ -3,13 +3,17 @@
 
 #include <string.h>
 
+#include <new>
+
 #include "appcore/mempool.h"
+#include "appcore/stats.h"
 #include "base/field.h"
 #include "base/print.h"
 #include "base/rollback.h"
 #include "cross_linux/cross_linux.h"
 #include "utils/lock_guard.h"
 #include "utils/report_writer.h"
+#include "utils/stats.h"
 
 std::atomic<HAppDoubleList> g_hAppShareActionList;
 std::atomic<HAppLock> g_hAppShareActionRecursiveLock;
@@ -29,6 +33,16 @@ std::atomic<TAppShareAction *> s_aptIndex[1u << kSlotBits];
 std::atomic<const TAppShareAction *> s_ptLastCalled;
 std::atomic<uint32_t> s_bCreating; // one thread at a time creates the registry
 
+// Ordinary actions run under the recursive lock, so nothing here needs a locked instruction.  And all
+// of it is here: a run that wrote to its entry would cost a line of the cache for each action.
+std::atomic<uint32_t> s_dwSince; // tick at which the one that runs began; 0: none does
+std::atomic<const TAppShareAction *> s_ptRunning;
+uint32_t s_dwNested; // runs by an action that runs
+uint32_t s_dwRuns;   // that have ended
+
+uint32_t s_dwBlockingRuns; // of the other actions
+uint32_t s_dwRefused;      // runs of unknown keys
+
 HAppDoubleList Registry()
 {
     return g_hAppShareActionList.load(std::memory_order_acquire);
@@ -37,6 +51,12 @@ HAppDoubleList Registry()
 HAppLock ActionsLock()
 {
     return g_hAppShareActionRecursiveLock.load(std::memory_order_acquire);
+}
+
+uint32_t TakeActions(HAppLock hLock)
+{
+    APP_CHECK(!app::HeldLock::HoldsAny(), "the actions' lock is taken under another");
+    return _AppLockTakeByTime(hLock, 0);
 }
 
 [[gnu::cold]] uint32_t CreateRegistry()
@@ -51,9 +71,10 @@ HAppLock ActionsLock()
         AppLockDestroy(hLock);
         return dwResult;
     }
-    // The list last: whoever sees it finds the lock too.
-    g_hAppShareActionRecursiveLock.store(hLock, std::memory_order_release);
+    _AppNoteTick(); // the first one, should nobody else note it: actions run since then at most
+    // The lock last: whoever runs an action looks for that alone.
     g_hAppShareActionList.store(hList, std::memory_order_release);
+    g_hAppShareActionRecursiveLock.store(hLock, std::memory_order_release);
     return APP_OK;
 }
 
@@ -141,12 +162,12 @@ bool HasKey(const TAppShareAction &entry, const TKey &key)
 }
 
 // Needs no lock.
-const TAppShareAction *FindEntry(const char *szKey)
+TAppShareAction *FindEntry(const char *szKey)
 {
     TKey key;
     if (!LoadKey(szKey, &key))
         return nullptr;
-    const TAppShareAction *ptEntry = SlotOf(key).load(std::memory_order_acquire);
+    TAppShareAction *ptEntry = SlotOf(key).load(std::memory_order_acquire);
     while (ptEntry && !HasKey(*ptEntry, key))
         ptEntry = ptEntry->ptNextSame;
     return ptEntry;
@@ -170,7 +191,7 @@ const TAppShareAction *FindEntry(const char *szKey)
         static_cast<TAppShareAction *>(AppMemPoolMalloc(nullptr, sizeof(TAppShareAction)));
     if (!ptEntry)
         return APP_NO_RESOURCE;
-    *ptEntry = {};
+    new (ptEntry) TAppShareAction{};
     ptEntry->dwHash = AppStringHash(szKey);
     AppSnprintf(ptEntry->achKey, sizeof(ptEntry->achKey), "%s", szKey);
     ptEntry->pfnAction = pfnAction;
@@ -186,14 +207,103 @@ const TAppShareAction *FindEntry(const char *szKey)
 
 // Looks the action up and notes it as the last one called: by its entry, so that a key is never
 // seen half written.  The result first: the report never shows it with that of the one before.
-const TAppShareAction *BeginAction(const char *szKey)
+TAppShareAction *BeginAction(const char *szKey)
 {
-    const TAppShareAction *ptEntry = FindEntry(szKey);
+    TAppShareAction *ptEntry = FindEntry(szKey);
     if (!ptEntry || !ptEntry->pfnAction)
         return nullptr;
     app::Poke<uint32_t>(g_eAppShareActionLastCalledResult, APP_IN_PROGRESS);
     s_ptLastCalled.store(ptEntry, std::memory_order_release);
     return ptEntry;
+}
+
+// A run has ended in another tick than it began in.
+[[gnu::noinline]] void NoteTime(TAppShareAction &entry, uint32_t dwBegin, uint32_t dwEnd)
+{
+    const uint32_t dwMs = app::MsSince(dwBegin, dwEnd);
+    uint32_t dwLongest = app::Peek(entry.dwLongestMs);
+    while (dwMs > dwLongest && !entry.dwLongestMs.compare_exchange_weak(dwLongest, dwMs)) {
+    }
+}
+
+// By another action, which is the one that has run for longer.
+[[gnu::noinline]] uint32_t RunNested(const TAppShareAction &entry, uint32_t dwArg1, uint32_t dwArg2,
+                                     uint32_t dwArg3)
+{
+    app::CountOne(s_dwNested);
+    const uint32_t dwResult = entry.pfnAction(dwArg1, dwArg2, dwArg3);
+    app::SetCounter(s_dwNested, s_dwNested - 1);
+    return dwResult;
+}
+
+// Under the recursive lock.
+[[gnu::always_inline]] inline uint32_t RunOrdinary(TAppShareAction &entry, uint32_t dwArg1,
+                                                   uint32_t dwArg2, uint32_t dwArg3)
+{
+    uint32_t dwResult;
+    if (__builtin_expect(app::Peek(s_dwSince) != 0, 0)) {
+        dwResult = RunNested(entry, dwArg1, dwArg2, dwArg3);
+    } else {
+        app::Poke<const TAppShareAction *>(s_ptRunning, &entry);
+        app::Poke(s_dwSince, app::Peek(g_dwAppRecentTick));
+        dwResult = entry.pfnAction(dwArg1, dwArg2, dwArg3);
+        const uint32_t dwBegin = app::Peek(s_dwSince);
+        app::Poke(s_dwSince, 0u);
+        const uint32_t dwEnd = app::Peek(g_dwAppRecentTick);
+        if (__builtin_expect(dwEnd != dwBegin, 0))
+            NoteTime(entry, dwBegin, dwEnd);
+    }
+    app::CountOne(s_dwRuns);
+    return dwResult;
+}
+
+// In any number of threads.  It has time for the clock.
+uint32_t RunBlocking(TAppShareAction &entry, uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
+{
+    const uint32_t dwBegin = _AppNoteTick();
+    // Before it shows as running, and again should the last run of another thread have ended since.
+    if (entry.dwRunning.load() == 0)
+        entry.dwSince.store(dwBegin);
+    if (entry.dwRunning.fetch_add(1) == 0)
+        entry.dwSince.store(dwBegin);
+    const uint32_t dwResult = entry.pfnAction(dwArg1, dwArg2, dwArg3);
+    NoteTime(entry, dwBegin, _AppNoteTick());
+    entry.dwRunning.fetch_sub(1);
+    app::AddCounter(s_dwBlockingRuns, 1);
+    return dwResult;
+}
+
+[[gnu::cold]] void TellRunning(TAppShareActionStats &tStats, const TAppShareAction &entry,
+                               uint32_t dwSince)
+{
+    const uint32_t dwMs = app::MsSince(dwSince, _AppNoteTick());
+    if (tStats.dwRunning++ > 0 && dwMs <= tStats.dwCurrentMs)
+        return;
+    tStats.dwCurrentMs = dwMs;
+    AppMemcpy(tStats.achCurrent, entry.achKey, sizeof(entry.achKey));
+}
+
+// One that has ended while it was looked at does not run.
+[[gnu::cold]] void TellOrdinary(TAppShareActionStats &tStats)
+{
+    const uint32_t dwSince = s_dwSince.load();
+    const TAppShareAction *ptRunning = s_ptRunning.load();
+    if (dwSince == 0 || s_dwSince.load() != dwSince)
+        return;
+    TellRunning(tStats, *ptRunning, dwSince);
+    tStats.dwRunning += app::PeekCounter(s_dwNested);
+}
+
+[[gnu::cold]] void TellEntry(TAppShareActionStats &tStats, const TAppShareAction &entry)
+{
+    ++tStats.dwActions;
+    if (entry.dwRunning.load() != 0)
+        TellRunning(tStats, entry, entry.dwSince.load());
+    const uint32_t dwLongestMs = entry.dwLongestMs.load();
+    if (dwLongestMs <= tStats.dwLongestMs)
+        return;
+    tStats.dwLongestMs = dwLongestMs;
+    AppMemcpy(tStats.achLongest, entry.achKey, sizeof(entry.achKey));
 }
 
 // Under the list's lock, which keeps other reports out.
@@ -244,30 +354,39 @@ PFAppShareAction _AppFindShareAction(HAppDoubleList hList, const char *szKey, ui
 uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3,
                            uint32_t *pdwResult)
 {
-    if (!Registry())
+    HAppLock hLock = ActionsLock();
+    if (!hLock) {
+        app::AddCounter(s_dwRefused, 1);
         return APP_FAILED;
-    AppShareActionLock();
-    app::Rollback unlock([] { AppShareActionUnlock(); });
-    const TAppShareAction *ptEntry = BeginAction(szKey);
-    if (!ptEntry)
-        return APP_INVALID_ARG;
-    if (ptEntry->bBlock == 1) {
-        unlock.Dismiss();
-        AppShareActionUnlock();
     }
-    const uint32_t dwResult = ptEntry->pfnAction(dwArg1, dwArg2, dwArg3);
+    TakeActions(hLock);
+    TAppShareAction *ptEntry = BeginAction(szKey);
+    if (!ptEntry) {
+        _AppLockGive(hLock);
+        app::AddCounter(s_dwRefused, 1);
+        return APP_INVALID_ARG;
+    }
+    const bool bBlock = ptEntry->bBlock == 1;
+    uint32_t dwResult;
+    if (bBlock) {
+        _AppLockGive(hLock);
+        dwResult = RunBlocking(*ptEntry, dwArg1, dwArg2, dwArg3);
+    } else {
+        dwResult = RunOrdinary(*ptEntry, dwArg1, dwArg2, dwArg3);
+    }
     if (pdwResult)
         *pdwResult = dwResult;
     // Of actions that run at once the last to return is told.
     app::Poke(g_eAppShareActionLastCalledResult, dwResult);
+    if (!bBlock)
+        _AppLockGive(hLock);
     return APP_OK;
 }
 
 uint32_t AppShareActionLock(void)
 {
-    APP_CHECK(!app::HeldLock::HoldsAny(), "the actions' lock is taken under another");
     HAppLock hLock = ActionsLock();
-    return hLock ? _AppLockTakeByTime(hLock, 0) : static_cast<uint32_t>(APP_INVALID_ARG);
+    return hLock ? TakeActions(hLock) : static_cast<uint32_t>(APP_INVALID_ARG);
 }
 
 uint32_t AppShareActionUnlock(void)
@@ -296,4 +415,18 @@ uint32_t AppShareActionUnlock(void)
         }
     }
     writer.HandOver();
+}
+
+// By the index, which needs no lock: the list's one may be held by a report that hangs.
+[[gnu::cold]] uint32_t AppShareActionGetStats(TAppShareActionStats *ptStats)
+{
+    TAppShareActionStats tStats = {};
+    TellOrdinary(tStats);
+    for (const std::atomic<TAppShareAction *> &slot : s_aptIndex)
+        for (const TAppShareAction *ptEntry = slot.load(std::memory_order_acquire); ptEntry;
+             ptEntry = ptEntry->ptNextSame)
+            TellEntry(tStats, *ptEntry);
+    tStats.dwRuns = app::PeekCounter(s_dwRuns) + app::PeekCounter(s_dwBlockingRuns);
+    tStats.dwRefused = app::PeekCounter(s_dwRefused);
+    return app::FillStats(ptStats, tStats);
 }

@@ -18,6 +18,10 @@ struct TAppShareAction {
     PFAppShareAction pfnAction;
     uint32_t bBlock;             // runs without the recursive lock
     TAppShareAction *ptNextSame; // next entry of the same index slot
+    // For the record of the actions, which is made without any lock.
+    std::atomic<uint32_t> dwLongestMs; // the longest run that has ended
+    std::atomic<uint32_t> dwRunning;   // runs of a blocking action that have not
+    std::atomic<uint32_t> dwSince;     // tick at which the first of these began
 };
 
 #if UINTPTR_MAX == UINT32_MAX

@@ -24,11 +24,7 @@ namespace test
 
 inline std::string Code(uint32_t dwCode)
 {
-    static const char *const s_aszName[] = {
-        "APP_FAILED",        "102",         "APP_INVALID_ARG",      "APP_NO_RESOURCE",
-        "APP_INVALID_STATE", "APP_TIMEOUT", "APP_BUFFER_TOO_SMALL", "APP_NOT_FOUND"};
-    return dwCode >= APP_FAILED && dwCode <= APP_NOT_FOUND ? s_aszName[dwCode - APP_FAILED]
-                                                           : std::to_string(dwCode);
+    return AppGetResultName(dwCode) + std::string(" ") + std::to_string(dwCode);
 }
 
 // Polls until the condition holds; false after a time that only a hang reaches.
