@@ -90,10 +90,16 @@ TEST(ShareAction, NestsAndRunsBesideBlockingOnes)
 {
     EXPECT_CODE(APP_OK, AppRegisterShareAction("nest", Nest));
     EXPECT_CODE(APP_OK, AppRegisterBlockShareAction("block", Nest));
+    EXPECT_CODE(APP_OK, AppRegisterBlockShareAction("beside", Add));
     uint32_t dwResult = 0;
     EXPECT_CODE(APP_OK, AppRunShareAction("block", 3, 1, 0, &dwResult));
     EXPECT_EQ(dwResult, 4u);
     EXPECT_CODE(APP_OK, AppShareActionLock());
+    std::thread([] { // though an ordinary action may hang
+        EXPECT_CODE(APP_OK, AppRunShareAction("beside", 1, 2, 0, nullptr));
+        EXPECT_CODE(APP_INVALID_ARG, AppRunShareAction("nobody", 0, 0, 0, nullptr));
+    })
+        .join();
     EXPECT_CODE(APP_OK, AppRunShareAction("block", 0, 0, 0, nullptr));
     std::thread([] { // what the caller holds stays held
         EXPECT_CODE(APP_TIMEOUT, AppLockTakeByTime(g_hAppShareActionRecursiveLock.load(), 10));

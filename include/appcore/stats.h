@@ -15,7 +15,8 @@
  * difference of two readings is right.  Times are milliseconds, made of ticks of 10 ms.  The hot
  * paths do not ask the clock for them: they take the tick that any thread has read last.  A thread
  * that waits for events reads it before and after, and at least every 5 s, so a time here can be
- * too short by what passed since then, and in a process without tasks by more.
+ * too short by what passed since then, and in a process without tasks by more.  (That of an ordinary
+ * action too long, too, where the tick was old when the action began.)
  *
  * All operations may be called from any thread; none logs.
  */
@@ -146,13 +147,16 @@ struct TAppLogStats {
     int32_t nLastError;   /**< errno of the last failure; 0 for none */
 };
 
-/** The named actions. */
+/**
+ * The named actions.  Of ordinary actions that run one another the outermost one is told, which has
+ * run for longest; of a blocking one that runs in several threads, the first run of these.
+ */
 struct TAppShareActionStats {
     uint32_t dwSize;    /**< see stats.h */
     uint32_t dwActions; /**< registered */
     uint32_t dwRuns;    /**< runs that have ended */
     uint32_t dwRefused; /**< runs wanted with a key that nobody has registered */
-    uint32_t dwRunning; /**< actions that run now */
+    uint32_t dwRunning; /**< actions that run now, those that they run included */
     char achCurrent[APP_SHARE_ACTION_KEY_SIZE]; /**< of these the one that runs for longest */
     uint32_t dwCurrentMs;                       /**< for so long */
     char achLongest[APP_SHARE_ACTION_KEY_SIZE]; /**< the action of the longest run that has ended */

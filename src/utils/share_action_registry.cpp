@@ -205,16 +205,12 @@ TAppShareAction *FindEntry(const char *szKey)
     return APP_OK;
 }
 
-// Looks the action up and notes it as the last one called: by its entry, so that a key is never
-// seen half written.  The result first: the report never shows it with that of the one before.
-TAppShareAction *BeginAction(const char *szKey)
+// The result first: the report never shows the action with that of the one before.  By the entry, so
+// that a key is never seen half written.
+void NoteCalled(const TAppShareAction &entry)
 {
-    TAppShareAction *ptEntry = FindEntry(szKey);
-    if (!ptEntry || !ptEntry->pfnAction)
-        return nullptr;
     app::Poke<uint32_t>(g_eAppShareActionLastCalledResult, APP_IN_PROGRESS);
-    s_ptLastCalled.store(ptEntry, std::memory_order_release);
-    return ptEntry;
+    s_ptLastCalled.store(&entry, std::memory_order_release);
 }
 
 // A run has ended in another tick than it began in.
@@ -355,25 +351,18 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
                            uint32_t *pdwResult)
 {
     HAppLock hLock = ActionsLock();
-    if (!hLock) {
+    TAppShareAction *ptEntry = hLock ? FindEntry(szKey) : nullptr;
+    if (!ptEntry || !ptEntry->pfnAction) {
         app::AddCounter(s_dwRefused, 1);
-        return APP_FAILED;
+        return hLock ? APP_INVALID_ARG : APP_FAILED;
     }
-    TakeActions(hLock);
-    TAppShareAction *ptEntry = BeginAction(szKey);
-    if (!ptEntry) {
-        _AppLockGive(hLock);
-        app::AddCounter(s_dwRefused, 1);
-        return APP_INVALID_ARG;
-    }
+    // A blocking action is not held up by an ordinary one that hangs, from its look-up on.
     const bool bBlock = ptEntry->bBlock == 1;
-    uint32_t dwResult;
-    if (bBlock) {
-        _AppLockGive(hLock);
-        dwResult = RunBlocking(*ptEntry, dwArg1, dwArg2, dwArg3);
-    } else {
-        dwResult = RunOrdinary(*ptEntry, dwArg1, dwArg2, dwArg3);
-    }
+    if (!bBlock)
+        TakeActions(hLock);
+    NoteCalled(*ptEntry);
+    const uint32_t dwResult = bBlock ? RunBlocking(*ptEntry, dwArg1, dwArg2, dwArg3)
+                                     : RunOrdinary(*ptEntry, dwArg1, dwArg2, dwArg3);
     if (pdwResult)
         *pdwResult = dwResult;
     // Of actions that run at once the last to return is told.
