@@ -177,8 +177,8 @@ TEST(Queue, OrdersBySignedPriorityThenAgeWithinItsMaximum)
                 dwDistinct -= model.count(nKey) == 0 ? 1 : 0;
             } else if (bInterrupted || dwOp > 97) {
                 const uint32_t dwTimeout = std::exchange(bInterrupted, false) ? 0 : 2;
-                fault::Fail sleeps(Fn::_AppConditionWait, 1,
-                                   0); // what is held goes back first
+                // What is held goes back first.
+                fault::Fail sleeps(Fn::_AppConditionWait, 1, 0);
                 sleeps.Action([&] { EXPECT_EQ(hPool->dwCurSize, dwIdle); });
                 ASSERT_CODE(APP_TIMEOUT, queue.Out(dwTimeout, &pvData));
                 ASSERT_EQ(Letter(pvData), 'u');

@@ -127,6 +127,13 @@ TEST(Lock, IsItsHoldersAlone)
     auto first = TakeElsewhere(hLock, 0), second = TakeElsewhere(hLock, 0);
     std::thread(give).join();
     EXPECT_CODE(APP_TIMEOUT, TakeElsewhere(hLock, 5).get());
+    {
+        // A sleeper that cannot be woken: the lock is free all the same, and the next give wakes it.
+        fault::Fail refused(fault::Fn::_AppConditionSignal, 1, EINVAL);
+        give();
+        EXPECT_EQ(refused.Hits(), 1u);
+    }
+    EXPECT_CODE(APP_OK, AppLockTakeByTime(hLock, 1));
     give();
     EXPECT_CODE(APP_OK, first.get());
     EXPECT_CODE(APP_OK, second.get());

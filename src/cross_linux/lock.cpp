@@ -212,8 +212,11 @@ void RaiseForSleepers(HAppLock hLock)
     // Signalled outside the mutex, so that the woken taker does not run into it.  That taker may
     // destroy the lock at once: AppLockDestroy waits for the count of givers, the last touch here.
     uint32_t dwResult = APP_OK;
-    if (_AppConditionSignal(&hLock->tCond) != 0 && !IsRecursive(hLock) && TryTake(hLock))
-        dwResult = APP_FAILED; // nobody was woken and the unit is taken back
+    if (_AppConditionSignal(&hLock->tCond) != 0) {
+        CountOf(hLock).fetch_or(kSleepers, std::memory_order_relaxed); // for the next give
+        if (!IsRecursive(hLock) && TryTake(hLock))
+            dwResult = APP_FAILED; // nobody was woken and the unit is taken back
+    }
     hLock->dwGivers.fetch_sub(1, std::memory_order_release);
     return dwResult;
 }

@@ -21,8 +21,8 @@ struct TDecimal {
     bool bOverflow; // of 64 bits
 };
 
-constexpr uint64_t kMostBefore = UINT64_MAX / 10; // the last digit: below, any more fits
-constexpr uint64_t kMostLast = UINT64_MAX % 10;   // and here those up to this one
+constexpr uint64_t kMostBefore = UINT64_MAX / 10; // a smaller number takes any digit more,
+constexpr uint64_t kMostLast = UINT64_MAX % 10;   // this one digits up to here
 
 bool IsSpace(char ch)
 {
