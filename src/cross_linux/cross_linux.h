@@ -39,6 +39,9 @@ int32_t _AppStrncasecmp(const char *szFirst, const char *szSecond, uint32_t dwCo
 
 #define APP_FILE_LOG_PATH_SIZE 128
 
+// 1 when both are one file, pipe or terminal.
+uint32_t _AppStdoutIsStderr(void);
+
 // One channel's log file.  `ptFile` and the sizes are read without the channel's mutex, to see
 // whether a file is open at all and for diagnostics; everything else is touched only under it.
 struct TAppFileLogInfo {

@@ -23,7 +23,7 @@ TAppFileLogInfo g_atAppFileLogInfo[256];
 namespace
 {
 
-constexpr uint32_t kHeadSize = 40;
+constexpr uint32_t kHeadSize = 32;
 
 // What a channel has beside its record; all of it under the mutex, so that a line is written, and
 // the file rotated, by one thread at a time.  Initialised when the library is built: written when it
@@ -43,7 +43,7 @@ struct TChannel {
     uint32_t dwRotations = 0;
     uint32_t dwLastError = 0; // errno of the last failure
 };
-TChannel s_atChannel[256];
+alignas(64) TChannel s_atChannel[256]; // two lines of the cache for each
 
 // What one line brought about: error numbers, 0 for nothing to tell.
 struct TNews {
@@ -272,6 +272,13 @@ void Tell(uint8_t byChannel, const TNews &tNews, const char *szOp)
 }
 
 } // namespace
+
+uint32_t _AppStdoutIsStderr(void)
+{
+    struct stat tOut, tErr;
+    return fstat(STDOUT_FILENO, &tOut) == 0 && fstat(STDERR_FILENO, &tErr) == 0 &&
+           tOut.st_dev == tErr.st_dev && tOut.st_ino == tErr.st_ino;
+}
 
 uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize,
                          uint32_t *pdwCurSize)

@@ -9,6 +9,7 @@
 #include "cross_linux/cross_linux.h"
 #include "host/call.h"
 #include "utils/held_lines.h"
+#include "utils/log_repeat.h"
 #include "utils/stats.h"
 
 std::atomic<uint8_t> g_byAppLogLevel[256] = {{APP_LOG_ERROR}};
@@ -20,7 +21,8 @@ namespace
 
 constexpr uint32_t kTextSize = 5120;
 
-uint32_t s_adwLines[256]; // that passed
+uint32_t s_adwLines[256];             // that passed
+std::atomic<uint32_t> s_bConsoleDoes; // what goes to standard output is on the console
 
 // A console may call the library.  The lines which that causes reach it too, but not those which
 // these cause in turn: a console that allocates from a full pool would never come to an end.
@@ -78,11 +80,17 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 
 void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
 {
-    const ErrorLines keep(false); // what a console or a file has to tell is its own affair
     CountOne(s_adwLines[byChannel]);
+    const bool bLimited = Peek(g_atLogRepeat[byChannel].dwMost) != 0;
+    (bLimited ? PrintLimited : PrintToSinks)(byChannel, byLevel, bFileOnly, szText);
+}
+
+void app::PrintToSinks(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
+{
+    const ErrorLines keep(false); // what a console or a file has to tell is its own affair
     if (!bFileOnly) {
         // What a sink refuses has nowhere to be told.
-        if (Peek(g_bAppLogViaStdout[byChannel]) == 1)
+        if (Peek(g_bAppLogViaStdout[byChannel]) == 1 && Peek(s_bConsoleDoes) == 0)
             fputs(szText, stdout);
         if (t_dwNested < kMostNested) {
             ++t_dwNested;
@@ -144,6 +152,11 @@ void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout)
     app::Poke(g_bAppLogViaStdout[byChannel], bViaStdout);
 }
 
+[[gnu::cold]] void AppSetLogOnce(uint32_t bOnce)
+{
+    app::Poke<uint32_t>(s_bConsoleDoes, bOnce == 1 && _AppStdoutIsStderr());
+}
+
 [[gnu::cold]] uint32_t AppSetFileLog(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize)
 {
     if (!szPath)
@@ -153,6 +166,7 @@ void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout)
                app::Ul(APP_FILE_LOG_PATH_SIZE));
         return 0;
     }
+    app::TellHeldBack(byChannel); // in the file that it had
     uint32_t dwCurSize = 0;
     if (!_AppFileLogOpen(byChannel, szPath, dwMaxSize, &dwCurSize))
         return 0;
@@ -163,6 +177,7 @@ void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout)
 
 void AppCloseFileLog(uint8_t byChannel)
 {
+    app::TellHeldBack(byChannel);
     _AppFileLogClose(byChannel);
 }
 
@@ -172,6 +187,7 @@ void AppCloseFileLog(uint8_t byChannel)
     tStats.dwChannel = byChannel;
     tStats.dwLevel = app::Peek(g_byAppLogLevel[byChannel]);
     tStats.dwLines = app::PeekCounter(s_adwLines[byChannel]);
+    tStats.dwRepeated = app::PeekCounter(app::g_atLogRepeat[byChannel].dwHeldBack);
     _AppFileLogGetStats(byChannel, &tStats);
     return app::FillStats(ptStats, tStats);
 }
