@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -30,10 +31,8 @@ TAppFileLogInfo &s_info = g_atAppFileLogInfo[kChannel];
 std::string ReadFile(const fs::path &path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
-    for (size_t nEnd; (nEnd = text.find(" ] ")) != std::string::npos;)
-        text.replace(nEnd - 20, 23, ">");
-    return text;
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    return std::regex_replace(text, std::regex(R"(\[[\d/]{10} [\d:]{8} \] )"), ">");
 }
 
 void Write(const std::string &text)
@@ -212,6 +211,45 @@ TEST_F(FileLog, DescriptorsAreCloseOnExecAndAboveStandard)
         Write("rotates");
     }
     EXPECT_GT(fs::file_size(m_backup), qwSize);
+}
+
+// Another channel's file at the path of this one's backup, and then one that both write: who finds it
+// rotated by the other does not rotate what has just begun.
+TEST_F(FileLog, AFloodSparesWhatOthersWrote)
+{
+    test::LogCapture log;
+    constexpr uint8_t kOther = kChannel + 1;
+    const auto openOther = [&](const fs::path &path, uint32_t dwMaxSize) {
+        uint32_t dwSize = 0;
+        EXPECT_EQ(_AppFileLogOpen(kOther, path.c_str(), dwMaxSize, &dwSize), 1u);
+    };
+    openOther(m_backup, 50);
+    AppLogFile(kOther, APP_LOG_ALWAYS, "kept\n");
+    Open(50);
+    for (const char ch : {'A', 'B', 'C', 'D', 'E', 'F', 'G'})
+        Do(ch);
+    EXPECT_EQ(ReadFile(m_path) + "|" + ReadFile(m_backup), ">G\n|>kept\n");
+    log.ExpectLines({kBad + "starts anew without a backup, File exists\n"});
+    openOther(m_path, 50);
+    Do('o');
+    for (const char ch : {'A', 'b', 'C', 'D', 'e', 'f'})
+        if (islower(ch))
+            AppLogFile(kOther, APP_LOG_ALWAYS, "%c\n", ch);
+        else
+            Do(ch);
+    std::string all = ReadFile(m_backup) + ReadFile(m_path);
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all, "\n\n\n\n\n\n\n>>>>>>>ACDGbef");
+    // A limit of repeats tells in the file that has them.
+    AppSetLogRepeat(kOther, 1);
+    openOther(m_dir / "other", 1000);
+    for (int i = 0; i < 3; ++i)
+        AppLogFile(kOther, APP_LOG_ALWAYS, "more\n");
+    AppCloseFileLog(kOther);
+    AppSetLogRepeat(kOther, 0);
+    EXPECT_EQ(ReadFile(m_dir / "other"),
+              ">more\n>[INFO ] AppLog: channel 78: 2 identical lines held back: more\n");
+    log.ExpectNone();
 }
 
 // Every full file is read right before it becomes the backup: together with the last one they hold

@@ -36,7 +36,9 @@ struct TChannel {
     int nGone = 0;          // why a file that has vanished could not be opened anew; 0: it is there
     uint32_t dwLost = 0;    // lines lost since the last one that was written
     uint32_t dwTorn = 0;    // bytes of a torn line at the end of the file, still to be taken back
-    uint32_t bNoBackup = 0; // a refused rename has been told, and none has succeeded since
+    bool bNoBackup = false; // a refused rename has been told, and none has succeeded since
+    uint32_t dwFile = 0;    // what file it is; 0: none
+    uint32_t dwPath = 0;    // its path's hash
     uint32_t dwLines = 0;   // written
     uint32_t dwBytes = 0;   // written
     uint32_t dwLostAll = 0; // lines lost
@@ -68,10 +70,10 @@ uint32_t Saturated(uint64_t qwSize)
     return qwSize < UINT32_MAX ? static_cast<uint32_t>(qwSize) : UINT32_MAX;
 }
 
-uint32_t SizeOf(FILE *ptFile)
+// A number that two files hardly share.
+uint32_t NumberOf(const struct stat &tFile)
 {
-    struct stat tFile;
-    return fstat(fileno(ptFile), &tFile) == 0 ? Saturated(static_cast<uint64_t>(tFile.st_size)) : 0;
+    return static_cast<uint32_t>(tFile.st_ino) * 31 + static_cast<uint32_t>(tFile.st_dev) + 1;
 }
 
 // Where the program has closed its standard input, output or error, the next file opened gets that
@@ -117,8 +119,11 @@ void CloseStream(TAppFileLogInfo &tInfo)
 // What was to be said about the old stream is over.
 FILE *Adopt(TAppFileLogInfo &tInfo, TChannel &tChannel, FILE *ptFile)
 {
+    struct stat tFile;
+    const bool bKnown = ptFile && fstat(fileno(ptFile), &tFile) == 0;
     tInfo.ptFile.store(ptFile);
-    app::SetCounter(tInfo.dwCurSize, ptFile ? SizeOf(ptFile) : 0);
+    app::SetCounter(tInfo.dwCurSize, bKnown ? Saturated(static_cast<uint64_t>(tFile.st_size)) : 0);
+    app::SetCounter(tChannel.dwFile, bKnown ? NumberOf(tFile) : 0);
     tChannel.nGone = 0;
     tChannel.dwTorn = 0;
     return ptFile;
@@ -225,19 +230,47 @@ int WriteLine(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szText)
     return 0;
 }
 
-// The full file becomes the one backup, replacing the older backup in the same step.  Where the
-// system refuses that, the file starts anew all the same: its limit is a promise.
-void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
+// Whether a path leads to the file of a channel of another path.  (Of the same path, it is a backup of
+// that channel's too.)
+bool IsOfOther(const TChannel &tChannel, const char *szPath)
+{
+    struct stat tFile;
+    if (stat(szPath, &tFile) != 0)
+        return false;
+    for (const TChannel &tOther : s_atChannel)
+        if (app::PeekCounter(tOther.dwFile) == NumberOf(tFile) &&
+            app::PeekCounter(tOther.dwPath) != tChannel.dwPath)
+            return true;
+    return false;
+}
+
+// The full file becomes the one backup, replacing the older backup in the same step.  0, or why not.
+int MakeBackup(const TAppFileLogInfo &tInfo, const TChannel &tChannel)
 {
     char achBackup[APP_FILE_LOG_PATH_SIZE + 1]; // the longest path and the digit
     AppSnprintf(achBackup, sizeof(achBackup), "%s%d", tInfo.achFilePath, 1);
-    const bool bRefused = rename(tInfo.achFilePath, achBackup) != 0;
-    const int nError = bRefused ? Noted(tChannel, errno) : 0;
-    if (!tChannel.bNoBackup)
-        tNews.nNoBackup = nError;
-    tChannel.bNoBackup = bRefused;
-    app::CountOne(tChannel.dwRotations);
-    if (!ReplaceStream(tInfo, tChannel, "wbe"))
+    if (IsOfOther(tChannel, achBackup))
+        return EEXIST;
+    return rename(tInfo.achFilePath, achBackup) == 0 ? 0 : errno;
+}
+
+// Without a backup the file starts anew all the same: its limit is a promise.  But one that another
+// channel of the same path has rotated by now has begun anew already.
+void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
+{
+    struct stat tFile;
+    const bool bMoved =
+        fstat(fileno(tInfo.ptFile.load()), &tFile) == 0 && !IsInPlace(tFile, tInfo.achFilePath);
+    if (!bMoved) {
+        const int nError = MakeBackup(tInfo, tChannel);
+        if (nError != 0)
+            Noted(tChannel, nError);
+        if (!tChannel.bNoBackup)
+            tNews.nNoBackup = nError;
+        tChannel.bNoBackup = nError != 0;
+        app::CountOne(tChannel.dwRotations);
+    }
+    if (!ReplaceStream(tInfo, tChannel, bMoved ? "ab+e" : "wbe"))
         tNews.nStopped = errno;
 }
 
@@ -288,6 +321,7 @@ uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSi
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     AppStrncpy(tInfo.achFilePath, szPath, sizeof(tInfo.achFilePath));
     app::SetCounter(tInfo.dwMaxSize, dwMaxSize);
+    app::SetCounter(tChannel.dwPath, AppStringHash(szPath));
     tChannel.nSecond = 0;
     tChannel.bNoBackup = 0;
     if (!ReplaceStream(tInfo, tChannel, "ab+e"))
@@ -301,6 +335,7 @@ void _AppFileLogClose(uint8_t byChannel)
     app::MutexGuard guard(s_atChannel[byChannel].tMutex);
     TAppFileLogInfo &tInfo = g_atAppFileLogInfo[byChannel];
     CloseStream(tInfo);
+    app::SetCounter(s_atChannel[byChannel].dwFile, 0);
     app::SetCounter(tInfo.dwCurSize, 0);
     app::SetCounter(tInfo.dwMaxSize, 0);
 }
