@@ -142,7 +142,7 @@ TEST(LogRepeat, TellsWhatItHeldBackAfterTheSecondOrBeforeItForgets)
 TEST(LogRepeat, LosesNoLineUncounted)
 {
     LogCapture log;
-    constexpr unsigned kTexts = 20, kLines = test::Scaled(20000);
+    constexpr unsigned kTexts = 20, kLines = test::Scaled(32000);
     TAppLogStats tBefore = {}, tAfter = {};
     tBefore.dwSize = tAfter.dwSize = sizeof(tAfter);
     AppLogGetStats(9, &tBefore);

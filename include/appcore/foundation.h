@@ -104,9 +104,17 @@ APP_API void AppSetLogViaStdout(uint8_t byChannel, uint32_t bViaStdout);
 APP_API void AppSetLogOnce(uint32_t bOnce);
 
 /**
- * Limits how often a channel tells the same.  Of identical lines, one directly after the other or
- * among a few others, only so many are printed and written within a second; the others are counted,
- * and told by one line as soon as the next second's first line of the channel comes.
+ * Limits how often a channel tells the same: on channel 0 the library itself, of a network that is
+ * gone.  Of lines with the same level and text, one directly after the other or among a few others,
+ * only so many are printed and written within a second that begins with the first of them.  The
+ * others are counted and told by one line with their number and their first 127 characters, which
+ * goes where they would have gone: in front of the first line that the channel logs once the second
+ * is over, or earlier when more lines have come between than are kept in mind (the last 16 of all
+ * channels with a limit), when the limit is switched off and when the channel's log file changes or
+ * is closed.  What is owed when the process ends is not told.
+ *
+ * On a channel with a limit each line costs a comparison with these 16, and waits for others that
+ * compare or read statistics, for moments; nothing is waited for while a line is printed.
  * @param byChannel the channel
  * @param dwMost    identical lines a second; 0 is no limit, as at the start
  */
@@ -154,11 +162,16 @@ APP_API void AppLogFile(uint8_t byChannel, uint8_t byLevel, const char *szFormat
  * - A file that was deleted or moved away is opened anew by the first line of the next second; what
  *   is written within that second goes with the old file, without a word.  A deleted file that
  *   cannot be opened anew loses lines, told as above, and is tried again once a second.
- * - The file's contents, when it is full and the system refuses to rename it: the file starts anew
- *   without a backup, told once until a rename succeeds.
+ * - The file's contents, when it is full and the system refuses to rename it, or where its backup
+ *   would be stands the file of another channel, which is spared: the file starts anew without a
+ *   backup, told once until a rename succeeds.
  * - Every line from a rotation after which the file cannot be opened again, told once, until the
  *   next AppSetFileLog().
  * - On a power cut, what the system has not yet brought to the disk: nothing is synchronised.
+ *
+ * So no flood on one channel reaches what another has in a file of its own.  Channels that are set
+ * to one path share its history: each counts its own lines towards its limit, and whichever is full
+ * first rotates for all.
  * @param byChannel the channel
  * @param szPath    the file, created when missing, at most 127 characters
  * @param dwMaxSize the limit in bytes; 0 rotates after every line

@@ -135,9 +135,10 @@ struct TAppLogStats {
     uint32_t dwChannel;   /**< the channel */
     uint32_t dwLevel;     /**< its threshold */
     uint32_t dwLines;     /**< lines that passed it.  Counted without a lock: of lines logged at one
-                              instant by several threads one may be missing */
+                               instant by several threads one may be missing */
     uint32_t dwRepeated;  /**< lines held back by AppSetLogRepeat() */
-    uint32_t bFile;       /**< 1 while it has a log file.  The rest tells of that: */
+    uint32_t bFile;       /**< 1 while it has a log file.  The rest tells of that, and its counters
+                               of those that it had before: */
     uint32_t dwFileSize;  /**< bytes in the file */
     uint32_t dwFileLimit; /**< above which it is rotated */
     uint32_t dwFileLines; /**< lines written */
