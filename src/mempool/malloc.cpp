@@ -61,6 +61,13 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
     return nullptr;
 }
 
+// But for who has a way out, and has not had it logged.
+[[gnu::noinline, gnu::cold]] void CountRefused(HAppMemPool hMemPool) APP_REQUIRES(hMemPool->hLock)
+{
+    if (!app::t_tHeldLines.bNoErrors)
+        app::SetCounter(hMemPool->dwRefused, hMemPool->dwRefused + 1);
+}
+
 [[gnu::noinline, gnu::cold]] void TraceMalloc(const TAppMemPool *ptPool, const void *pvData,
                                               uint32_t dwSize, const char *szOp)
 {
@@ -108,8 +115,8 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
         APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
         if (app::Traces(APP_LOG_MEMDBG1))
             TraceMalloc(hMemPool, static_cast<TAppMemPoolHead *>(pvHead) + 1, dwSize, szOp);
-    } else if (!app::t_tHeldLines.bNoErrors) { // it has been logged
-        app::SetCounter(hMemPool->dwRefused, hMemPool->dwRefused + 1);
+    } else {
+        CountRefused(hMemPool);
     }
     return pvHead;
 }

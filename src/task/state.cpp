@@ -9,8 +9,8 @@
 namespace
 {
 
-constexpr const char *kStateNames[] = {"INIT", "RUNNING",   "PROCESSING",
-                                       "IDLE", "TERMINATE", "UNINIT"};
+// Without pointers, which the loader would have to fill in.
+constexpr char kStateNames[][11] = {"INIT", "RUNNING", "PROCESSING", "IDLE", "TERMINATE", "UNINIT"};
 constexpr uint32_t kStates = sizeof(kStateNames) / sizeof(kStateNames[0]);
 static_assert(kStates == APP_TASK_STATE_UNINIT + 1, "a name for every state");
 

@@ -66,7 +66,7 @@ void Serve(TAppTask *ptTask, const TAppTaskEvent &event)
     // The clock is read for a time-out only.  That of an idle task runs from the request that sent
     // it there, a new owner's from the refresh.
     if (event.dwEventType != APP_TASK_EVENT_USER || app::Peek(ptTask->dwIdleTimeout) != 0)
-        ptTask->dwLastEventTick = _AppGetTick();
+        ptTask->dwLastEventTick = _AppNoteTick();
     Record(ptTask, event);
     if (app::Peek(ptTask->dwState) == APP_TASK_STATE_RUNNING)
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_PROCESSING);
@@ -82,30 +82,26 @@ bool RunsOn(const TAppTask *ptTask)
 
 // Among events in a row the clock is read after the first, for while a handler takes long they come
 // to stand in a row, and now and then.
-uint32_t TickInRow(const TAppTask *ptTask, bool bWaited)
+uint32_t TickAfterRun(const TAppTask *ptTask, bool bExact)
 {
     constexpr uint32_t kRow = 16;
-    return bWaited || app::Peek(ptTask->tRun.dwServed) % kRow == 0 ? _AppNoteTick()
-                                                                   : app::Peek(g_dwAppRecentTick);
+    return bExact || app::Peek(ptTask->tRun.dwServed) % kRow == 0 ? _AppNoteTick()
+                                                                  : app::Peek(g_dwAppRecentTick);
 }
 
 // Looks at the state that a handler has left behind; false when the thread has to leave.
 bool AfterEvent(TAppTask *ptTask, uint32_t *pdwWait, bool bWaited)
 {
     const uint32_t dwState = app::Peek(ptTask->dwState);
-    if (dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT) {
-        app::EndRun(ptTask, _AppNoteTick());
-        return false;
-    }
+    const bool bLeaves = dwState == APP_TASK_STATE_TERMINATE || dwState == APP_TASK_STATE_UNINIT;
     if (dwState == APP_TASK_STATE_PROCESSING)
         app::Poke<uint32_t>(ptTask->dwState, APP_TASK_STATE_RUNNING);
-    if (RunsOn(ptTask)) {
-        app::EndRun(ptTask, TickInRow(ptTask, bWaited));
-        return true;
-    }
-    app::LockGuard guard(ptTask);
-    const uint32_t dwNowTick = _AppNoteTick();
+    const bool bRunsOn = !bLeaves && RunsOn(ptTask);
+    const uint32_t dwNowTick = TickAfterRun(ptTask, bWaited || !bRunsOn);
     app::EndRun(ptTask, dwNowTick);
+    if (bLeaves || bRunsOn)
+        return bRunsOn;
+    app::LockGuard guard(ptTask);
     *pdwWait = RunTimers(ptTask, dwNowTick);
     return true;
 }
@@ -141,7 +137,7 @@ bool HasPassed(uint32_t dwTimeout, uint32_t dwElapsedMs)
 // send is admitted and no owner found before the request has been served.
 const TAppTaskEvent *CheckIdleTimeouts(TAppTask *ptTask) APP_REQUIRES(ptTask->hLock)
 {
-    const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, _AppGetTick());
+    const uint32_t dwElapsed = app::ElapsedMs(ptTask->dwLastEventTick, _AppNoteTick());
     app::LockGuard guard(ptTask->hEventQueue);
     // What came since the wait ended counts: sends and reuse hold a lock that is held here.
     if (app::QueueHolds(ptTask->hEventQueue) || IsRefreshed(ptTask))

@@ -32,7 +32,7 @@ uint32_t LeftMs(const TAppTimer *ptTimer, uint32_t dwNowTick)
 }
 
 // Milliseconds until a timer may be due; whole ticks, since none becomes due between two.
-uint32_t NextMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
+[[gnu::noinline]] uint32_t NextMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
 {
     const TAppTimer *ptTimer = ptTimerMgr->tWaiting.ptRoot;
@@ -132,7 +132,7 @@ uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szO
         app::BeginRun(ptTimerMgr->ptTask,
                       ptTimer->pfnHandler ? ptTimer->pfnHandler : ptTimerMgr->pfnHandler);
         _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
-        dwNowTick = _AppGetTick();
+        dwNowTick = _AppNoteTick();
         app::EndRun(ptTimerMgr->ptTask, dwNowTick);
         ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     }
@@ -156,14 +156,14 @@ void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
 bool app::TimersMayBeDue(const TAppTimerMgr *ptTimerMgr) APP_NO_ANALYSIS
 {
     return PeekCounter(ptTimerMgr->hTimerList->dwCurSize) != 0 &&
-           HasCome(PeekCounter(ptTimerMgr->dwLookTick), _AppGetTick());
+           HasCome(PeekCounter(ptTimerMgr->dwLookTick), _AppNoteTick());
 }
 
 uint32_t app::NextTimeoutMs(const TAppTimerMgr *ptTimerMgr, uint32_t dwMost)
 {
     return ptTimerMgr->hTimerList->dwCurSize == 0
                ? dwMost
-               : Bounded(NextMs(ptTimerMgr, _AppGetTick()), dwMost);
+               : Bounded(NextMs(ptTimerMgr, _AppNoteTick()), dwMost);
 }
 
 uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
@@ -175,7 +175,7 @@ uint32_t _AppTimerMgrRun(TAppTimerMgr *ptTimerMgr)
         return kLongestWaitMs;
     if (app::MustEnd(ptTimerMgr->ptTask))
         return 1;
-    uint32_t dwNowTick = _AppGetTick();
+    uint32_t dwNowTick = _AppNoteTick();
     if (NextMs(ptTimerMgr, dwNowTick) == 0)
         dwNowTick = ExpireDue(ptTimerMgr, dwNowTick, __func__);
     const TAppTimer *ptNext = ptTimerMgr->tWaiting.ptRoot;

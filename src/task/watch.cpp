@@ -13,59 +13,59 @@ namespace
 constexpr uint32_t kFirstWordMs = 5000; // the destruction tells whom it waits for
 constexpr uint32_t kNextWordMs = 30000;
 
-// One look at the next task.
-struct TLook {
+// A walk over the handlers that run for longer.
+struct TWatch {
     HAppTaskMgr hTaskMgr;
-    uint32_t dwMs;       // a handler is late that has run for longer
-    bool bTell;          // once for each run
-    bool bLate;          // what was found
-    bool bTold;          // before
-    TAppTaskStats stats; // filled when it is late
+    uint32_t dwMs;
+    bool bTell;          // each run once
+    uint64_t qwPlace;    // how far it has come
+    bool bLate;          // what the last look has found
+    bool bTold;          // that before
+    TAppTaskStats stats; // of a late one
 };
 
 // Under the registry's mutex, so that of several who watch one tells.
-void LookAt(const void *pvTask, void *pvLook)
+void LookAt(const void *pvTask, void *pvWatch)
 {
     auto ptTask = const_cast<TAppTask *>(static_cast<const TAppTask *>(pvTask));
-    auto ptLook = static_cast<TLook *>(pvLook);
+    auto ptWatch = static_cast<TWatch *>(pvWatch);
     app::TTaskRun &tRun = ptTask->tRun;
     const uint32_t dwRun = app::Peek(tRun.dwServed) + 1;
-    ptLook->bLate = ptTask->ptTaskMgr == ptLook->hTaskMgr && app::Peek(tRun.pfnHandler) &&
-                    app::MsSince(app::Peek(tRun.dwSinceTick), _AppGetTick()) > ptLook->dwMs;
-    if (!ptLook->bLate)
+    ptWatch->bLate = ptTask->ptTaskMgr == ptWatch->hTaskMgr && app::Peek(tRun.pfnHandler) &&
+                     app::MsSince(app::Peek(tRun.dwSinceTick), _AppGetTick()) > ptWatch->dwMs;
+    if (!ptWatch->bLate)
         return;
-    app::ReadTaskStats(ptTask, &ptLook->stats);
-    ptLook->bTold = tRun.dwTold == dwRun;
-    if (ptLook->bTell)
+    app::ReadTaskStats(ptTask, &ptWatch->stats);
+    ptWatch->bTold = tRun.dwTold == dwRun;
+    if (ptWatch->bTell)
         tRun.dwTold = dwRun;
 }
 
-// Hands every task whose handler runs for longer to `tell`, no lock held; returns how many.
-template <typename Tell>
-uint32_t ForEachLate(TLook look, Tell tell)
+// False at the end.
+bool FindLate(TWatch *ptWatch)
 {
-    uint32_t dwLate = 0;
-    for (uint64_t qwPlace = 0; app::LookAtNext(APP_REGISTRY_TASKS, &qwPlace, LookAt, &look);) {
-        if (!look.bLate)
-            continue;
-        ++dwLate;
-        tell(look);
-    }
-    return dwLate;
+    do {
+        if (!app::LookAtNext(APP_REGISTRY_TASKS, &ptWatch->qwPlace, LookAt, ptWatch))
+            return false;
+    } while (!ptWatch->bLate);
+    return true;
 }
 
 void TellAwaited(HAppTaskMgr hTaskMgr, const char *szOp)
 {
-    const uint32_t dwInHandler =
-        ForEachLate({hTaskMgr, 0, false, false, false, {}}, [&](const TLook &look) {
-            AppLog(0, APP_LOG_INFO,
-                   "[INFO ] %s: waits for task %p %s: handler %p type %d runs for %lu ms\n", szOp,
-                   app::Ptr(look.stats.hTask), look.stats.achName, app::Ptr(look.stats.pfnHandler),
-                   app::Int(look.stats.dwEventType), app::Ul(look.stats.dwSinceMs));
-        });
-    if (dwInHandler == 0)
+    TWatch watch = {};
+    watch.hTaskMgr = hTaskMgr;
+    if (!FindLate(&watch)) {
         AppLog(0, APP_LOG_INFO, "[INFO ] %s: waits for a task of manager %p that runs no handler\n",
                szOp, app::Ptr(hTaskMgr));
+        return;
+    }
+    do
+        AppLog(0, APP_LOG_INFO,
+               "[INFO ] %s: waits for task %p %s: handler %p type %d runs for %lu ms\n", szOp,
+               app::Ptr(watch.stats.hTask), watch.stats.achName, app::Ptr(watch.stats.pfnHandler),
+               app::Int(watch.stats.dwEventType), app::Ul(watch.stats.dwSinceMs));
+    while (FindLate(&watch));
 }
 
 } // namespace
@@ -81,9 +81,13 @@ uint32_t AppTaskMgrCheck(HAppTaskMgr hTaskMgr, uint32_t dwMs, PFAppTaskLate pfnL
 {
     if (!hTaskMgr)
         return 0;
-    return ForEachLate({hTaskMgr, dwMs, pfnLate != nullptr, false, false, {}},
-                       [&](const TLook &look) {
-                           if (pfnLate && !look.bTold)
-                               pfnLate(&look.stats, pvContext);
-                       });
+    TWatch watch = {};
+    watch.hTaskMgr = hTaskMgr;
+    watch.dwMs = dwMs;
+    watch.bTell = pfnLate != nullptr;
+    uint32_t dwLate = 0;
+    for (; FindLate(&watch); ++dwLate)
+        if (pfnLate && !watch.bTold)
+            pfnLate(&watch.stats, pvContext);
+    return dwLate;
 }
