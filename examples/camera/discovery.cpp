@@ -25,7 +25,8 @@ namespace
 {
 
 constexpr uint32_t kWaitMs = 200;   // how long the end of the camera may wait for a listener
-constexpr uint32_t kAliveMs = 5000; // a listener's turn takes less
+constexpr uint32_t kTurnMs = 500;   // then a listener returns, and comes again
+constexpr uint32_t kAliveMs = 5000; // one datagram takes less
 constexpr uint32_t kSendMs = 50;
 constexpr uint32_t kLookMs = 10000;   // between two looks for new interfaces
 constexpr uint32_t kMaxDelayMs = 500; // APP_MAX_DELAY: answers to the group are spread over it
@@ -352,11 +353,22 @@ void Receive(TListener *ptListener, const TDatagram &datagram)
 
 // ---- Listeners ----------------------------------------------------------------------------------
 
-// Room for one byte more than is read: what fills it was cut.
+// Whether the listener has its next turn, for which it needs memory: else it goes on with this one.
+bool EndTurn(TModule *ptModule, uint32_t dwStart)
+{
+    if (MsSince(dwStart) < kTurnMs)
+        return false;
+    ModuleBeat(ptModule, 0);
+    return ptModule->hBeat != nullptr;
+}
+
+// Room for one byte more than is read: what fills it was cut.  It takes turns, so that a handler that
+// does not return is one that hangs.
 void Listen(TListener *ptListener, char *szBuf)
 {
     const bool bPending = ptListener == &s_atListener[0];
-    while (!ptListener->bEnd) {
+    const uint32_t dwStart = AppGetTick();
+    while (!ptListener->bEnd && !EndTurn(&ptListener->tModule, dwStart)) {
         TDatagram datagram = {szBuf, kDatagramSize + 1, {}, {}, 0};
         ModuleAlive(&ptListener->tModule, kAliveMs);
         const uint32_t dwWaitMs = bPending ? SendPending() : kWaitMs;
