@@ -146,9 +146,36 @@ struct TRepeat {
 TRepeat s_atRepeat[16];
 TMutex s_tRepeatMutex;
 
-// Whether a line has been printed within the last minute, and need not be again.
-bool IsRepeated(const char *szText)
+// Takes what is to be told of an entry; false, and an empty text, for nothing.
+bool TakeTimes(TRepeat *ptRepeat, char (&achText)[kTextSize])
 {
+    achText[0] = '\0';
+    if (ptRepeat->dwTimes == 0)
+        return false;
+    AppSnprintf(achText, kTextSize, "%s (%lu times more)\n", ptRepeat->achLine,
+                static_cast<unsigned long>(ptRepeat->dwTimes));
+    ptRepeat->dwTimes = 0;
+    return true;
+}
+
+// Under the mutex: a free entry, or that which was printed longest ago.
+TRepeat *FindRoom(uint32_t dwTick)
+{
+    TRepeat *ptOldest = &s_atRepeat[0];
+    for (TRepeat &repeat : s_atRepeat) {
+        if (!repeat.achLine[0])
+            return &repeat;
+        if (AppTickDiff(repeat.dwTick, dwTick) > AppTickDiff(ptOldest->dwTick, dwTick))
+            ptOldest = &repeat;
+    }
+    return ptOldest;
+}
+
+// Whether a line has been printed within the last minute, and need not be again.  If not it is
+// remembered, and achTold tells of the one that makes room for it.
+bool IsRepeated(const char *szText, char (&achTold)[kTextSize])
+{
+    achTold[0] = '\0';
     const uint32_t dwLen = AppStrlen(szText);
     if (AppStrncmp(szText, kError, sizeof(kError) - 1) != 0 || szText[dwLen - 1] != '\n' ||
         dwLen > sizeof(TRepeat::achLine))
@@ -156,21 +183,18 @@ bool IsRepeated(const char *szText)
     char achLine[sizeof(TRepeat::achLine)];
     AppStrncpy(achLine, szText, dwLen);
     const Guard guard(s_tRepeatMutex);
-    TRepeat *ptFree = nullptr;
     for (TRepeat &repeat : s_atRepeat) {
         if (AppStrcmp(repeat.achLine, achLine) == 0) {
             ++repeat.dwTimes;
             ++s_dwRepeated;
             return true;
         }
-        if (!repeat.achLine[0])
-            ptFree = &repeat;
     }
-    if (ptFree) {
-        AppStrncpy(ptFree->achLine, achLine, sizeof(achLine));
-        ptFree->dwTick = AppGetTick();
-        ptFree->dwTimes = 0;
-    }
+    const uint32_t dwTick = AppGetTick();
+    TRepeat *ptRoom = FindRoom(dwTick);
+    TakeTimes(ptRoom, achTold);
+    AppStrncpy(ptRoom->achLine, achLine, sizeof(achLine));
+    ptRoom->dwTick = dwTick;
     return false;
 }
 
@@ -184,10 +208,7 @@ bool TakeRepeats(bool bNow, char (&achText)[kTextSize])
         const bool bOver = AppConvertTickToMS(AppTickDiff(repeat.dwTick, dwTick)) >= kRepeatMs;
         if (!repeat.achLine[0] || !(bOver || bNow))
             continue;
-        if (repeat.dwTimes > 0) {
-            AppSnprintf(achText, kTextSize, "%s (%lu times more)\n", repeat.achLine,
-                        static_cast<unsigned long>(repeat.dwTimes));
-            repeat.dwTimes = 0;
+        if (TakeTimes(&repeat, achText)) {
             repeat.dwTick = dwTick;
             return true;
         }
@@ -205,8 +226,11 @@ void TellRepeats(bool bNow)
 
 bool WriteLogText(const char *szText)
 {
+    char achTold[kTextSize];
     TellRepeats(false);
-    return IsRepeated(szText) || WriteText(s_ptLog, szText);
+    const bool bRepeated = IsRepeated(szText, achTold);
+    WriteText(s_ptLog, achTold);
+    return bRepeated || WriteText(s_ptLog, szText);
 }
 
 // ---- The relays ---------------------------------------------------------------------------------
