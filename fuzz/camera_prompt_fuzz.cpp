@@ -46,6 +46,9 @@ bool ModuleStart(TModule *)
 
 void ModuleStop(TModule *) {}
 
+void MainWake() {}
+
+// A task that has run what it is sent before main() looks again.
 bool ModuleSend(TModule *ptModule, void *pvArg)
 {
     ptModule->pfnWork(ptModule, kEvent, pvArg);
@@ -71,7 +74,8 @@ const TWanted s_atWanted[] = {
     {"tasks", "report.tasks", {}, false},    {"pools", "report.pools", {}, false},
     {"set", "config.set", {}, true},         {"motion", "motion.raise", {1000000}, false},
     {"log", "shell.log", {255, 255}, false}, {"discover", "discovery.search", {}, false},
-    {"actions", "shell.actions", {}, false}, {"quit", "shell.quit", {}, false},
+    {"actions", "shell.actions", {}, false}, {"stats", "report.stats", {}, true},
+    {"quit", "shell.quit", {}, false},
 };
 
 std::string Noted(const std::string &action, uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3,
@@ -150,7 +154,7 @@ std::string Outcome(const std::string &line)
 // All that is seen of a prompt that is given these bytes; the end of one that was ended.
 std::string Session(const std::string &bytes, bool bEcho, bool *pbEnded)
 {
-    std::string seen;
+    std::string seen = "camera> ";
     size_t nStart = 0;
     for (size_t nEnd; (nEnd = bytes.find('\n', nStart)) != std::string::npos; nStart = nEnd + 1) {
         const std::string line = bytes.substr(nStart, nEnd - nStart);
@@ -210,14 +214,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pbyData, size_t nSize)
     tPrompt.bEcho = byResult % 2u != 0;
     const std::string wanted = Session(bytes, tPrompt.bEcho, &bEnded);
     Require(camera::ShellStart());
-    bool bGoesOn = true;
-    for (size_t i = 0; bGoesOn && i < bytes.size(); i += nPiece) {
+    for (size_t i = 0; i < bytes.size() && !tPrompt.bQuit; i += nPiece) {
         const std::string piece = bytes.substr(i, nPiece);
-        bGoesOn =
-            camera::PromptTake(&tPrompt, s_fence.Place(piece), static_cast<uint32_t>(piece.size()));
+        const auto dwLen = static_cast<uint32_t>(piece.size());
+        const uint32_t dwTaken = camera::PromptTake(&tPrompt, s_fence.Place(piece), dwLen);
+        Require(dwTaken == dwLen || tPrompt.bQuit);
     }
+    Require(camera::PromptTake(&tPrompt, nullptr, 0) == 0 && camera::PromptIsIdle(&tPrompt));
     camera::ShellStop();
     Require(s_seen == wanted);
-    Require(bGoesOn != bEnded && TakeLines() == 0);
+    Require(tPrompt.bQuit == bEnded && TakeLines() == 0);
     return 0;
 }

@@ -38,6 +38,10 @@ inline uint32_t MsSince(uint32_t dwTick)
 
 // ---- console: what the camera prints never waits for whoever reads it (console.cpp) -------------
 
+// A thread of nothing else, without signals, SIGPIPE and SIGTTOU among them.  Detached: one that waits
+// for ever can be left behind but not ended.
+bool StartThread(void *(*pfnRun)(void *), void *pvArg);
+
 // Before any thread.  From here on standard output, and every line of the log, goes through a buffer
 // to the descriptors that the camera was started with; what finds no room there is lost, counted,
 // and told once there is room again.
@@ -45,6 +49,7 @@ bool ConsoleOpen();
 void ConsoleClose(); // waits a moment, but no longer, until the buffers are empty
 void Print(const char *szFormat, ...) APP_PRINTF(1, 2); // what the prompt answers
 void PrintText(const char *szText);                     // of any length; lost by lines
+void ConsoleLastWords(const char *szText);              // past the buffer; waits a moment at most
 int32_t ConsoleStatus(char *szBuf, uint32_t dwSize);
 
 // ---- Modules and mailboxes (module.cpp) ---------------------------------------------------------
@@ -77,7 +82,8 @@ struct TModule {
 
 // Starts the module's task; its first beat is due at once.
 bool ModuleStart(TModule *ptModule);
-// Waits until the module has cleaned up; does nothing for one that was not started.
+// Waits until the module has cleaned up, and names it when that takes long; does nothing for one that
+// was not started.
 void ModuleStop(TModule *ptModule);
 // False when the event could not be sent.
 bool ModuleSend(TModule *ptModule, void *pvArg);
@@ -87,7 +93,11 @@ void ModuleRest(TModule *ptModule); // no beat until it is asked for
 // The same for work that is a loop of its own: it will call this again within dwMs.
 void ModuleAlive(TModule *ptModule, uint32_t dwMs);
 
-// What main() does every kTickMs: beats, settings and nudges that could not be sent when they should
+// "task push is in handler 0x… for 7 s", for the log.
+constexpr uint32_t kTaskTextSize = 128;
+const char *TaskText(const TAppTaskStats &tTask, char (&achText)[kTaskTextSize]);
+
+// What main() does every kTickMs, or more often: beats, settings and nudges that could not be sent when they should
 // have been, for want of memory, are sent now.
 constexpr int kTickMs = 500;
 void ModulesTick();
@@ -203,18 +213,33 @@ int32_t PushStatus(char *szBuf, uint32_t dwSize);
 
 void LogFilesOpen(const TConfig &tConfig);
 
+void MainWake(); // main() waits no longer: there is something to look at
+
+// ---- watch: who does not return, and whom the end waits for (watch.cpp) -------------------------
+
+// Takes signals over: the first one asks the camera to end, the next ends it at once.
+bool WatchStart(int nSignals);
+extern uint32_t g_dwLateMs;
+void WatchLook();   // names handlers that run for longer than that; main() does it again and again
+void WatchEnding(); // the camera ends, without a signal too
+bool WatchIsEnding(); // it does, or is asked to
+
 // ---- prompt: lines out of the bytes of standard input (prompt.cpp) ------------------------------
 
 struct TPrompt {
     bool bEcho; // a script's commands are shown among their results
     bool bTooLong;
+    bool bWhole; // achLine, which waits for its time
+    bool bShown; // the prompt, for the next line
+    bool bQuit;  // by the line "quit"
     uint32_t dwUsed;
     char achLine[512];
 };
 
-void PromptShow();
-// Runs the lines that end in these bytes, and keeps the beginning of the next.  False after "quit".
-bool PromptTake(TPrompt *ptPrompt, const char *pchBytes, uint32_t dwLen);
+// Begins the lines that end in these bytes, and keeps the beginning of the next; never waits.
+// Returns how many bytes it has taken: the rest, if only of the time, is for another call.
+uint32_t PromptTake(TPrompt *ptPrompt, const char *pchBytes, uint32_t dwLen);
+bool PromptIsIdle(const TPrompt *ptPrompt); // no line runs or waits, or what runs hangs
 
 // ---- housekeeping and shell ---------------------------------------------------------------------
 
@@ -223,8 +248,11 @@ void HousekeepingStop();
 
 bool ShellStart();
 void ShellStop();
-bool ShellRun(const char *szLine); // runs a line in the shell's task; false after "quit"
-const char *ShellText();           // the words behind KEY of the "set" that runs
+bool ShellIsReady();                  // for a report
+bool ShellMayRun(const char *szLine); // now, and not after those that run
+// Begins a line, or says what it would have to wait for; false after "quit".
+bool ShellRun(const char *szLine);
+const char *ShellText(); // for an action: the words behind the command that this thread runs
 
 } // namespace camera
 

@@ -38,7 +38,7 @@ namespace
 {
 
 constexpr uint32_t kTextSize = 1024;       // of a text that is formatted here
-constexpr uint32_t kStackSize = 64 * 1024; // a relay's
+constexpr uint32_t kStackSize = 64 * 1024; // a thread's of StartThread()
 constexpr uint32_t kPatienceMs = 500;      // with each relay, at the end
 
 struct TStream {
@@ -268,24 +268,6 @@ void *Relay(void *pvStream)
     return nullptr;
 }
 
-// Detached, for a relay that waits in write() can be left behind but not ended; without signals,
-// SIGPIPE and SIGTTOU among them.
-bool StartRelay(TStream *ptStream)
-{
-    pthread_t tThread;
-    pthread_attr_t tAttr;
-    sigset_t tAll, tBefore;
-    sigfillset(&tAll);
-    pthread_attr_init(&tAttr);
-    pthread_attr_setstacksize(&tAttr, kStackSize);
-    pthread_attr_setdetachstate(&tAttr, PTHREAD_CREATE_DETACHED);
-    pthread_sigmask(SIG_SETMASK, &tAll, &tBefore);
-    const bool bStarted = pthread_create(&tThread, &tAttr, Relay, ptStream) == 0;
-    pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
-    pthread_attr_destroy(&tAttr);
-    return bStarted;
-}
-
 bool OpenStream(TStream *ptStream)
 {
     int anEnd[2];
@@ -294,7 +276,7 @@ bool OpenStream(TStream *ptStream)
     fcntl(anEnd[1], F_SETFL, O_NONBLOCK);
     ptStream->nFrom = anEnd[0];
     ptStream->nWrite = anEnd[1];
-    return StartRelay(ptStream);
+    return StartThread(Relay, ptStream);
 }
 
 bool AreSameFile(int nOne, int nOther)
@@ -312,6 +294,22 @@ void CloseStream(const TStream *ptStream)
 }
 
 } // namespace
+
+bool StartThread(void *(*pfnRun)(void *), void *pvArg)
+{
+    pthread_t tThread;
+    pthread_attr_t tAttr;
+    sigset_t tAll, tBefore;
+    sigfillset(&tAll);
+    pthread_attr_init(&tAttr);
+    pthread_attr_setstacksize(&tAttr, kStackSize);
+    pthread_attr_setdetachstate(&tAttr, PTHREAD_CREATE_DETACHED);
+    pthread_sigmask(SIG_SETMASK, &tAll, &tBefore);
+    const bool bStarted = pthread_create(&tThread, &tAttr, pfnRun, pvArg) == 0;
+    pthread_sigmask(SIG_SETMASK, &tBefore, nullptr);
+    pthread_attr_destroy(&tAttr);
+    return bStarted;
+}
 
 bool ConsoleOpen()
 {
@@ -361,6 +359,17 @@ void Print(const char *szFormat, ...)
 void PrintText(const char *szText)
 {
     WriteText(&s_tOut, szText);
+}
+
+// By the alarm whoever reads it may stop just now: then the process ends without.
+void ConsoleLastWords(const char *szText)
+{
+    pollfd tPoll = {STDERR_FILENO, POLLOUT, 0};
+    alarm(kPatienceMs / 1000 + 1);
+    if (poll(&tPoll, 1, kPatienceMs) > 0) {
+        [[maybe_unused]] const ssize_t nWritten = write(STDERR_FILENO, szText, AppStrlen(szText));
+    }
+    alarm(0);
 }
 
 int32_t ConsoleStatus(char *szBuf, uint32_t dwSize)

@@ -24,7 +24,7 @@ uint32_t s_dwInterval; // until the next report
 // allocation needs, and a terminal may stand still for as long as it likes.
 struct TReport {
     uint32_t dwUsed;
-    char achText[32 * 1024];
+    char achText[64 * 1024];
 };
 
 void Collect(const char *szText, void *pvReport)
@@ -52,6 +52,24 @@ void ShowStatus(PFAppShow pfnShow, void *pvContext)
          {MotionStatus, AlarmStatus, PushStatus, ConsoleStatus, ModulesStatus, DiscoveryStatus})
         if (pfnStatus(achText, sizeof(achText)) > 0)
             pfnShow(achText, pvContext);
+}
+
+constexpr TAppS32StrPair s_atKind[] = {
+    {APP_STATS_ALL, ""},
+    {APP_STATS_POOLS, "pools"},
+    {APP_STATS_QUEUES, "queues"},
+    {APP_STATS_TASK_MGRS, "managers"},
+    {APP_STATS_TASKS, "tasks"},
+    {APP_STATS_LOGS, "logs"},
+    {APP_STATS_ACTIONS, "actions"},
+    {APP_STATS_SOCKETS, "sockets"},
+};
+constexpr uint32_t kKinds = sizeof(s_atKind) / sizeof(s_atKind[0]);
+
+void ShowStats(PFAppShow pfnShow, void *pvContext)
+{
+    const TAppS32StrPair *ptKind = AppFindS32StrPair_Str(s_atKind, kKinds, ShellText());
+    AppStatsJson(static_cast<uint32_t>(ptKind->nEnum), pfnShow, pvContext);
 }
 
 void WriteToConsole(char *szText)
@@ -123,13 +141,26 @@ uint32_t StatusAction(uint32_t, uint32_t, uint32_t)
     return Report(ShowStatus, WriteToConsole);
 }
 
+// The shell's text is a kind of records, or nothing for all of them.
+uint32_t StatsAction(uint32_t, uint32_t, uint32_t)
+{
+    if (AppFindS32StrPair_Str(s_atKind, kKinds, ShellText()))
+        return Report(ShowStats, WriteToConsole);
+    Print("kinds are");
+    for (uint32_t i = 1; i < kKinds; ++i)
+        Print(" %s", s_atKind[i].szStr);
+    Print("\n");
+    return APP_BAD_VALUE;
+}
+
 } // namespace
 
 bool HousekeepingStart()
 {
-    return AppRegisterShareAction("report.tasks", TasksAction) == APP_OK &&
-           AppRegisterShareAction("report.pools", PoolsAction) == APP_OK &&
-           AppRegisterShareAction("report.status", StatusAction) == APP_OK &&
+    return AppRegisterBlockShareAction("report.tasks", TasksAction) == APP_OK &&
+           AppRegisterBlockShareAction("report.pools", PoolsAction) == APP_OK &&
+           AppRegisterBlockShareAction("report.status", StatusAction) == APP_OK &&
+           AppRegisterBlockShareAction("report.stats", StatsAction) == APP_OK &&
            ModuleStart(&s_tModule);
 }
 

@@ -4,11 +4,11 @@
 // It can be found by WS-Discovery, watches for motion, tells an alarm receiver, and has a prompt.
 #include "camera.h"
 
-#include <errno.h>
 #include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -23,6 +23,9 @@ namespace
 {
 
 constexpr uint32_t kMaxTasks = 16;
+constexpr int kSoonMs = 100; // between two looks at a line that runs
+
+int s_nWake = -1;
 
 // Stopped in the reverse order of their start: whoever sends is stopped before whom it sends to.
 struct TStep {
@@ -58,35 +61,58 @@ void OpenLogFile(uint8_t byChannel, const char *szFile, uint32_t dwLimit)
         AppLog(g_byLog, APP_LOG_ERROR, "[ERROR] %s: no log file %s\n", __func__, szFile);
 }
 
-// Waits for input or a signal, and looks after the modules meanwhile.  False when the camera is to
-// end.
-bool InputIsThere(int nSignals)
+// What has been read of standard input, and how much of that the prompt has taken.
+struct TInput {
+    uint32_t dwLen;
+    uint32_t dwTaken;
+    bool bEnded;
+    char achRead[512];
+};
+
+bool IsTaken(const TInput *ptInput)
 {
-    pollfd atPoll[] = {{STDIN_FILENO, POLLIN, 0}, {nSignals, POLLIN, 0}};
-    int nReady;
-    do {
-        ModulesTick();
-        nReady = poll(atPoll, 2, kTickMs);
-    } while (nReady == 0 || (nReady < 0 && errno == EINTR));
-    return nReady > 0 && (atPoll[1].revents & POLLIN) == 0;
+    return ptInput->dwTaken == ptInput->dwLen;
 }
 
-// Serves standard input until its end, "quit", Ctrl-C or the wish of another program.
-void Serve(int nSignals)
+// Waits for input, or until there is something to look at.
+void Wait(TInput *ptInput)
 {
+    const bool bRead = !ptInput->bEnded && IsTaken(ptInput);
+    pollfd atPoll[] = {{s_nWake, POLLIN, 0}, {bRead ? STDIN_FILENO : -1, POLLIN, 0}};
+    if (poll(atPoll, 2, ShellIsReady() ? kTickMs : kSoonMs) <= 0)
+        return;
+    eventfd_t qwTimes;
+    if (atPoll[0].revents != 0)
+        eventfd_read(s_nWake, &qwTimes);
+    if (atPoll[1].revents == 0)
+        return;
+    const ssize_t nRead = read(STDIN_FILENO, ptInput->achRead, sizeof(ptInput->achRead));
+    ptInput->bEnded = nRead <= 0;
+    ptInput->dwLen = ptInput->bEnded ? 0 : static_cast<uint32_t>(nRead);
+    ptInput->dwTaken = 0;
+}
+
+// Serves standard input until its end, "quit", Ctrl-C or the wish of another program, and looks after
+// the modules.  Nothing here waits for a line to run, let alone for a module.
+void Serve()
+{
+    TInput tInput = {};
     TPrompt tPrompt = {};
     tPrompt.bEcho = !isatty(STDIN_FILENO);
-    PromptShow();
-    while (InputIsThere(nSignals)) {
-        char achRead[512];
-        const ssize_t nRead = read(STDIN_FILENO, achRead, sizeof(achRead));
-        if (nRead <= 0 || !PromptTake(&tPrompt, achRead, static_cast<uint32_t>(nRead)))
+    for (;;) {
+        tInput.dwTaken +=
+            PromptTake(&tPrompt, tInput.achRead + tInput.dwTaken, tInput.dwLen - tInput.dwTaken);
+        const bool bEnded = tInput.bEnded && IsTaken(&tInput) && PromptIsIdle(&tPrompt);
+        if (tPrompt.bQuit || bEnded || WatchIsEnding())
             break;
+        ModulesTick();
+        WatchLook();
+        Wait(&tInput);
     }
     PrintText("\n");
 }
 
-bool RunTasks(int nSignals)
+bool RunTasks()
 {
     const TConfig tConfig = ConfigGet();
     LogFilesOpen(tConfig);
@@ -98,15 +124,16 @@ bool RunTasks(int nSignals)
         bGood = s_atStep[dwStarted++].pfnStart();
     if (bGood) {
         AppLog(g_byLog, APP_LOG_ALWAYS, "camera: \"%s\" started\n", tConfig.achName);
-        Serve(nSignals);
+        Serve();
         AppLog(g_byLog, APP_LOG_ALWAYS, "camera: ending\n");
     }
+    WatchEnding();
     StopFrom(dwStarted);
     AppTaskMgrDestroy(g_hTaskMgr);
     return bGood;
 }
 
-int Run(const char *szFile, int nSignals)
+int Run(const char *szFile)
 {
     bool bGood = false;
     AppSocketStartUp();
@@ -114,7 +141,8 @@ int Run(const char *szFile, int nSignals)
     g_byAlarmLog = NewChannel();
     g_byNetLog = NewChannel();
     if (AppMemPoolCreate(kPoolLimit, 1, 0, &g_hPool) == APP_OK) {
-        bGood = ConfigLoad(szFile) && RunTasks(nSignals);
+        AppMemPoolSetName(g_hPool, "camera");
+        bGood = ConfigLoad(szFile) && RunTasks();
         ConfigStop();
         AppMemPoolDestroy(g_hPool);
     }
@@ -131,6 +159,11 @@ void LogFilesOpen(const TConfig &tConfig)
 {
     OpenLogFile(g_byLog, tConfig.achLogFile, tConfig.dwLogLimit);
     OpenLogFile(g_byAlarmLog, tConfig.achAlarmFile, tConfig.dwAlarmLimit);
+}
+
+void MainWake()
+{
+    eventfd_write(s_nWake, 1);
 }
 
 } // namespace camera
@@ -152,9 +185,12 @@ int main(int argc, char **argv)
         perror("camera: no console");
         return 1;
     }
-    const int nSignals = signalfd(-1, &tSignals, SFD_CLOEXEC);
-    const int nResult = camera::Run(argc > 1 ? argv[1] : "camera.xml", nSignals);
-    close(nSignals);
+    camera::s_nWake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (camera::s_nWake < 0 || !camera::WatchStart(signalfd(-1, &tSignals, SFD_CLOEXEC))) {
+        perror("camera: cannot take signals");
+        return 1;
+    }
+    const int nResult = camera::Run(argc > 1 ? argv[1] : "camera.xml");
     camera::ConsoleClose();
     return nResult;
 }

@@ -23,6 +23,10 @@ constexpr uint32_t kMaxModules = 16;
 constexpr uint32_t kLateMs = 2000;       // a beat may be late by so much
 constexpr uint32_t kLateNudgeMs = 10000; // and what is in a mailbox by so much: push waits itself
 
+// Who waits for a module's end tells so after a while, and again.
+constexpr uint32_t kFirstWordMs = 5000;
+constexpr uint32_t kNextWordMs = 30000;
+
 // What an event is for, told by its argument.
 char s_chBeat, s_chSettings;
 
@@ -142,7 +146,29 @@ uint32_t LateMs(const TModule *ptModule)
     return dwMs > kLateMs ? dwMs : 0;
 }
 
+void AwaitStop(const TModule *ptModule)
+{
+    uint32_t dwMs = kFirstWordMs;
+    while (AppLockTakeByTime(ptModule->hStopped, dwMs) == APP_TIMEOUT) {
+        char achTask[kTaskTextSize];
+        TAppTaskStats tTask = {};
+        tTask.dwSize = sizeof(tTask);
+        AppTaskGetStats(ptModule->hTask, &tTask);
+        AppLog(g_byLog, APP_LOG_ALWAYS, "camera: the end waits: %s\n", TaskText(tTask, achTask));
+        dwMs = kNextWordMs;
+    }
+}
+
 } // namespace
+
+const char *TaskText(const TAppTaskStats &tTask, char (&achText)[kTaskTextSize])
+{
+    AppSnprintf(achText, kTaskTextSize, "task %s %s %p for %lu s", tTask.achName,
+                tTask.bInHandler ? "is in handler" : "has left handler",
+                reinterpret_cast<void *>(tTask.pfnHandler),
+                static_cast<unsigned long>(tTask.dwSinceMs / 1000));
+    return achText;
+}
 
 bool ModuleStart(TModule *ptModule)
 {
@@ -170,7 +196,7 @@ void ModuleStop(TModule *ptModule)
         return;
     Replace(ptModule, nullptr);
     if (AppTaskTerminate(ptModule->hTask) == APP_OK)
-        AppLockTakeByTime(ptModule->hStopped, 0);
+        AwaitStop(ptModule);
     ptModule->hTask = nullptr; // the thread is the manager's again
     ptModule->bBeats = false;
     AppLockDestroy(ptModule->hStopped);
@@ -252,7 +278,10 @@ bool MailboxOpen(TMailbox *ptMailbox, TModule *ptOwner, uint32_t dwRoom)
     ptMailbox->ptOwner = ptOwner;
     ptMailbox->dwRoom = dwRoom;
     ptOwner->ptMailbox = ptMailbox;
-    return AppQueueCreate(g_hPool, dwRoom, 1, &ptMailbox->hQueue) == APP_OK;
+    if (AppQueueCreate(g_hPool, dwRoom, 1, &ptMailbox->hQueue) != APP_OK)
+        return false;
+    AppQueueSetName(ptMailbox->hQueue, ptOwner->szName);
+    return true;
 }
 
 static bool HasRoom(const TMailbox *ptMailbox, int32_t nPriority)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Makes lines of the bytes that standard input has, and runs them.
+// Makes lines of the bytes that standard input has, and runs them, each when its time has come.
 #include "camera.h"
 
 namespace camera
@@ -11,6 +11,8 @@ namespace
 
 bool RunLine(TPrompt *ptPrompt)
 {
+    if (ptPrompt->bTooLong) // which has been told
+        return true;
     if (ptPrompt->bEcho)
         Print("%s\n", ptPrompt->achLine);
     if (AppStrlen(ptPrompt->achLine) == ptPrompt->dwUsed)
@@ -19,38 +21,53 @@ bool RunLine(TPrompt *ptPrompt)
     return true;
 }
 
-bool EndLine(TPrompt *ptPrompt)
+void TakeByte(TPrompt *ptPrompt, char ch)
 {
-    ptPrompt->achLine[ptPrompt->dwUsed] = '\0';
-    const bool bGoOn = ptPrompt->bTooLong || RunLine(ptPrompt);
-    ptPrompt->bTooLong = false;
+    if (ch == '\n') {
+        ptPrompt->achLine[ptPrompt->dwUsed] = '\0';
+        ptPrompt->bWhole = true;
+    } else if (ptPrompt->dwUsed < sizeof(ptPrompt->achLine) - 1) {
+        ptPrompt->achLine[ptPrompt->dwUsed++] = ch;
+    } else if (!ptPrompt->bTooLong) {
+        PrintText("\nthis line is too long\n");
+        ptPrompt->bTooLong = true; // to its end
+    }
+}
+
+void EndLine(TPrompt *ptPrompt)
+{
+    ptPrompt->bQuit = !RunLine(ptPrompt);
+    ptPrompt->bTooLong = ptPrompt->bWhole = ptPrompt->bShown = false;
     ptPrompt->dwUsed = 0;
-    if (bGoOn)
-        PromptShow();
-    return bGoOn;
+}
+
+void Show(TPrompt *ptPrompt)
+{
+    if (!ptPrompt->bShown)
+        PrintText("camera> ");
+    ptPrompt->bShown = true;
 }
 
 } // namespace
 
-void PromptShow()
+uint32_t PromptTake(TPrompt *ptPrompt, const char *pchBytes, uint32_t dwLen)
 {
-    PrintText("camera> ");
+    uint32_t dwTaken = 0;
+    while (!ptPrompt->bQuit && ShellIsReady()) {
+        Show(ptPrompt);
+        if (!ptPrompt->bWhole && dwTaken < dwLen)
+            TakeByte(ptPrompt, pchBytes[dwTaken++]);
+        else if (ptPrompt->bWhole && ShellMayRun(ptPrompt->achLine))
+            EndLine(ptPrompt);
+        else
+            break;
+    }
+    return dwTaken;
 }
 
-bool PromptTake(TPrompt *ptPrompt, const char *pchBytes, uint32_t dwLen)
+bool PromptIsIdle(const TPrompt *ptPrompt)
 {
-    for (uint32_t i = 0; i < dwLen; ++i) {
-        if (pchBytes[i] == '\n') {
-            if (!EndLine(ptPrompt))
-                return false;
-        } else if (ptPrompt->dwUsed < sizeof(ptPrompt->achLine) - 1) {
-            ptPrompt->achLine[ptPrompt->dwUsed++] = pchBytes[i];
-        } else if (!ptPrompt->bTooLong) {
-            PrintText("\nthis line is too long\n");
-            ptPrompt->bTooLong = true; // to its end
-        }
-    }
-    return true;
+    return !ptPrompt->bWhole && ShellIsReady();
 }
 
 } // namespace camera
