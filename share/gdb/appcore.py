@@ -18,7 +18,7 @@ DEEPEST = 500  # frames of a stack
 SHOWN = 10  # elements of a queue
 STATES = "INIT", "RUNNING", "PROCESSING", "IDLE", "TERMINATE", "UNINIT"
 EVENTS = "REFRESH", "USER", "DROP", "STOP", "TIMEOUT", "TIMER_CANCEL"
-HANDLES = {"TaskMgr": "task manager", "Task": "task", "MemPool": "pool", "Queue": "queue"}
+IN_PROGRESS = 208
 
 
 class Damaged(Exception):
@@ -77,7 +77,11 @@ def symbol(pointer):
     found = gdb.execute(f"info symbol {address:#x}", to_string=True).split(" in section ")[0]
     if found.startswith("No symbol"):
         return f"{address:#x}"
-    return re.sub(r"\([^()]*\)$", "", found.strip())
+    return short(re.sub(r"\([^()]*\)$", "", found.strip()))
+
+
+def short(function):
+    return function.replace("(anonymous namespace)::", "")
 
 
 def told(describe, *args):
@@ -142,21 +146,6 @@ def gather(walk):
     except (gdb.error, Damaged) as error:
         return items, [f"broken: {error}"]
     return items, []
-
-
-def tasks_of(manager):
-    """The active tasks and the idle ones."""
-    items, notes = [], []
-    for field in "hTaskList", "hIdleTaskList":
-        found, broken = gather(walk_list(manager[field]))
-        for data in found:
-            task = cast(data, "TAppTask")
-            if told(is_task, task) is True:
-                items.append(task)
-            else:
-                notes.append(f"broken: {int(data):#x} is no task")
-        notes += broken
-    return items, notes
 
 
 def is_task(record):
@@ -240,7 +229,7 @@ class Frame:
 
     def __init__(self, frame):
         function, place = frame.function(), frame.find_sal()
-        self.name = frame.name() or "unknown code"
+        self.name = short(frame.name() or "unknown code")
         self.file = function.symtab.filename if function else ""
         self.line = f"{place.symtab.filename.rpartition('/')[2]}:{place.line}" if place.symtab else ""
         self.object = gdb.solib_name(frame.pc())  # None: the program itself
@@ -291,11 +280,24 @@ class Target:
         self.by_lwp = {thread.lwp: thread for thread in self.threads}
         self.notes = []
         self.managers = [cast(at, "TAppTaskMgr") for at in managers or find_managers(self.threads)]
-        self.tasks = []
-        for manager in self.managers:
-            tasks, notes = tasks_of(manager)
-            self.tasks += tasks
-            self.notes += notes
+        self.tasks = [task for manager in self.managers for task in self.tasks_of(manager)]
+
+    def tasks_of(self, manager):
+        """The active tasks, the idle ones, and those on neither list that a thread serves."""
+        found, broken = [], []
+        for field in "hTaskList", "hIdleTaskList":
+            items, notes = gather(walk_list(manager[field]))
+            found += items
+            broken += notes
+        found = [int(item) for item in found]
+        broken += [f"broken: {item:#x} is no task" for item in found
+                   if told(is_task, cast(item, "TAppTask")) is not True]
+        served = [thread.task for thread in self.threads if thread.task]
+        found += [task for task in served if task not in found and
+                  cast(task, "TAppTask")["ptTaskMgr"] == manager.address]
+        self.notes += [note for note in broken if note not in self.notes]
+        tasks = [cast(item, "TAppTask") for item in found]
+        return [task for task in tasks if told(is_task, task) is True]
 
     def thread_of(self, task):
         return self.by_lwp.get(number(task["nThreadId"]))
@@ -338,6 +340,10 @@ class Target:
         return newest
 
 
+def state_of(task):
+    return name_in(STATES, number(task["dwState"]))
+
+
 def name_of(task):
     return told(text, task["szTaskName"]) or "(no name)"
 
@@ -357,7 +363,7 @@ def describe_manager(manager):
 
 
 def describe_task(task):
-    return (f"{name_of(task)}, {name_in(STATES, number(task['dwState']))}, thread "
+    return (f"{name_of(task)}, {state_of(task)}, thread "
             f"{number(task['nThreadId'])}, queue {describe_queue(task['hEventQueue'])}")
 
 
@@ -464,29 +470,30 @@ tick that the tasks have written down, for a core file has no clock."""
             yield "no task manager: no thread serves a task (a handle can be given)"
         for manager in target.managers:
             yield f"task manager {int(manager.address):#x}: {told(describe_manager, manager)}"
-            tasks, notes = tasks_of(manager)
             yield (f"  {'Id':>3} {'LWP':>7} {'Task':<16}{'State':<11} {'Queue':>5} {'Max':>5} "
                    f"{'Top':>5} {'Timers':>6}  Last event")
-            for task in tasks:
+            for task in target.tasks_of(manager):
                 yield told(self.row, target, task)
                 yield from self.place(target, task)
-            yield from notes
+        yield from target.notes
 
     @staticmethod
     def row(target, task):
         thread, queue = target.thread_of(task), task["hEventQueue"]
         timers = int(task["ptTimerMgr"]["hTimerList"]["dwCurSize"])
         return (f"  {thread.number if thread else '-':>3} {number(task['nThreadId']):>7} "
-                f"{name_of(task):<15} {name_in(STATES, number(task['dwState'])):<11} "
+                f"{name_of(task):<15} {state_of(task):<11} "
                 f"{int(queue['dwCurSize']):>5} {int(queue['dwMaxSize']):>5} "
                 f"{int(queue['dwTopSize']):>5} {timers:>6}  {describe_last_event(task)}")
 
     @staticmethod
     def place(target, task):
         thread = target.thread_of(task)
-        if thread and thread.place:
-            waited = word(target.newest_tick() - int(task["dwWaitTick"])) * 10
-            yield f"      {thread.place}; last rest began {waited} ms ago"
+        if not thread or not (thread.place or STATES[2] == state_of(task)):
+            return
+        place = thread.place or f"in a handler, now in {thread.frames[0].name} (stack not to be unwound)"
+        rest = word(target.newest_tick() - int(task["dwWaitTick"])) * 10
+        yield f"      {place}; last rest began {rest} ms ago"
 
 
 class Timers(Command):
@@ -601,14 +608,22 @@ class Actions(Command):
         for data in items:
             yield told(self.row, cast(data, "TAppShareAction"))
         yield from notes
-        called = gdb.parse_and_eval("g_achAppShareActionLastCalledKey")
-        yield f"last called: {text(called.address.cast(called.type.target().pointer())) or 'none'}"
+        # Optimised at link time there is a second one, without an address.
+        for called in gdb.lookup_static_symbols("(anonymous namespace)::s_ptLastCalled"):
+            if not called.value().is_optimized_out and number(called.value()):
+                result = number(gdb.parse_and_eval("g_eAppShareActionLastCalledResult"))
+                yield (f"last called: {key_of(plain(called.value()))}, " +
+                       ("it still runs" if result == IN_PROGRESS else f"result {result}"))
 
     @staticmethod
     def row(action):
-        key = action["achKey"]
-        return (f"  {text(key.address.cast(key.type.target().pointer())):<32} "
-                f"{symbol(action['pfnAction'])}{', blocking' if int(action['bBlock']) else ''}")
+        return (f"  {key_of(action):<32} {symbol(action['pfnAction'])}"
+                f"{', blocking' if int(action['bBlock']) else ''}")
+
+
+def key_of(action):
+    key = action["achKey"]
+    return text(key.address.cast(key.type.target().pointer()))
 
 
 # ---- printers -----------------------------------------------------------------------------------
