@@ -20,7 +20,7 @@ file(CONFIGURE OUTPUT global_names.txt CONTENT "${names}\n_AppQor*\n_AppIpc*\n" 
 # Told what the compiler was told; what it makes at this point has sections as everywhere.
 separate_arguments(relink UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
 string(REGEX MATCH "-fuse-ld=[^ ]+" linker "${CMAKE_SHARED_LINKER_FLAGS}")
-list(APPEND relink ${linker} ${APPCORE_PREFIX_MAP} -ffunction-sections -fdata-sections -nostdlib -r)
+list(APPEND relink ${linker} ${APPCORE_PREFIX_MAP} ${APPCORE_UNWIND_OPTIONS} -ffunction-sections -fdata-sections -nostdlib -r)
 if(CMAKE_CXX_COMPILER_TARGET)
     list(APPEND relink ${CMAKE_CXX_COMPILE_OPTIONS_TARGET}${CMAKE_CXX_COMPILER_TARGET})
 endif()
@@ -45,6 +45,10 @@ add_custom_command(OUTPUT ${folder}/appcore.o
     COMMENT "Closing the archive's object" VERBATIM)
 add_library(appcore_static STATIC ${folder}/appcore.o ${APPCORE_HOST_OBJECTS})
 set_target_properties(appcore_static PROPERTIES LINKER_LANGUAGE CXX)
+if(PROJECT_IS_TOP_LEVEL AND APPCORE_DEBIAN) # with the library alone, see Install.cmake
+    add_custom_command(TARGET appcore_static POST_BUILD VERBATIM
+        COMMAND ${CMAKE_OBJCOPY} -D --strip-debug $<TARGET_FILE:appcore_static>)
+endif()
 
 # For the tests, which replace some of what is inside: open, and optimised as what is shipped but for
 # what most of them stand in front of.

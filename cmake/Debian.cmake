@@ -1,5 +1,5 @@
 # Debian's packages, as scripts/package makes them: libappcore1 is the component runtime, libappcore-dev
-# the component development.  Included before GNUInstallDirs, for it tells where their files go.
+# the component development, libappcore1-dbgsym what is stripped from the library.  Included before GNUInstallDirs, for it tells where their files go.
 set(architecture ${CMAKE_LIBRARY_ARCHITECTURE}) # such as arm-linux-gnueabihf, from the compiler
 set(CMAKE_INSTALL_LIBDIR lib/${architecture})
 set(CMAKE_INSTALL_DOCDIR share/doc/libappcore-dev)
@@ -20,8 +20,9 @@ file(WRITE ${folder}/changelog.Debian "appcore (${version}) unstable; urgency=me
 file(COPY_FILE CHANGELOG.md ${folder}/changelog)
 execute_process(COMMAND gzip -9nf changelog changelog.Debian WORKING_DIRECTORY ${folder}
     COMMAND_ERROR_IS_FATAL ANY)
-set(components runtime development)
-set(packages libappcore1 libappcore-dev)
+set(components runtime development debug)
+set(packages libappcore1 libappcore-dev libappcore1-dbgsym)
+add_compile_options(-g)
 foreach(component package IN ZIP_LISTS components packages)
     install(FILES LICENSE DESTINATION share/doc/${package} RENAME copyright
         COMPONENT ${component} EXCLUDE_FROM_ALL)
@@ -35,7 +36,7 @@ file(WRITE ${folder}/shlibs "libappcore 1 libappcore1 (>= ${PROJECT_VERSION})\n"
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_PACKAGE_NAME appcore)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
@@ -56,6 +57,11 @@ set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "Headers, the archive, what CMake and pkg-config need, documents and examples.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "libappcore1 (= ${version}), libmxml-dev")
+set(CPACK_DEBIAN_DEBUG_PACKAGE_NAME libappcore1-dbgsym)
+set(CPACK_DEBIAN_DEBUG_PACKAGE_SECTION debug)
+set(CPACK_COMPONENT_DEBUG_DESCRIPTION
+    "Debug information of the shared library, for gdb and core files.")
+set(CPACK_DEBIAN_DEBUG_PACKAGE_DEPENDS "libappcore1 (= ${version})")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "cmake, pkg-config")
 
 # What libappcore1 depends on is read from the library, where dpkg knows the other libraries.  The C

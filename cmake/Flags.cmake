@@ -41,8 +41,9 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
 endif()
 # Nothing here throws, and a debugger finds the frames in the debug information.  Every function and
 # object in a section of its own: what nobody uses is left out of the shared library.
+set(APPCORE_UNWIND_OPTIONS -fno-asynchronous-unwind-tables -fno-unwind-tables)
 target_compile_options(appcore_flags INTERFACE
-    -fno-asynchronous-unwind-tables -fno-unwind-tables -ffunction-sections -fdata-sections)
+    ${APPCORE_UNWIND_OPTIONS} -ffunction-sections -fdata-sections)
 # Everything is bound when the library is loaded: a call through the table of addresses needs no stub,
 # and is shorter than the two together where an instruction holds the way there.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64)$")
@@ -98,6 +99,7 @@ endif()
 # its last instructions when the library would be unmapped.  Nothing is constructed when the library is
 # loaded or destroyed at exit, so it goes without the files that would see to that.
 set(APPCORE_SHARED_LINK_OPTIONS
+    ${APPCORE_UNWIND_OPTIONS} # said again where what has debug information is optimised at link time
     -nostartfiles -static-libgcc -Wl,--as-needed -Wl,-z,relro -Wl,-z,now -Wl,-z,nodelete -Wl,-z,noexecstack
     -Wl,--gc-sections -Wl,-z,noseparate-code
     -Wl,-Bsymbolic-functions

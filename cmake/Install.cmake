@@ -33,3 +33,16 @@ install(DIRECTORY docs TYPE DOC COMPONENT development
     FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN mainpage.md EXCLUDE)
 install(DIRECTORY examples TYPE DOC COMPONENT development
     FILES_MATCHING REGEX "\\.(c|cpp|h|xml)$")
+
+# Where gdb looks for what belongs to the library, below the prefix chosen at installation.
+install(FILES share/gdb/appcore.py RENAME $<TARGET_FILE_NAME:appcore>-gdb.py COMPONENT development
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
+
+# By the build id, which a core file has, too.
+if(PROJECT_IS_TOP_LEVEL AND APPCORE_DEBIAN)
+    add_custom_command(TARGET appcore POST_BUILD VERBATIM
+        COMMAND ${CMAKE_COMMAND} -D OBJCOPY=${CMAKE_OBJCOPY} -D READELF=${CMAKE_READELF}
+                -D LIBRARY=$<TARGET_FILE:appcore> -D FOLDER=${PROJECT_BINARY_DIR}/debug
+                -P ${PROJECT_SOURCE_DIR}/cmake/DebugFile.cmake)
+    install(DIRECTORY ${PROJECT_BINARY_DIR}/debug DESTINATION lib COMPONENT debug)
+endif()
