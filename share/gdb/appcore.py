@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 """What gdb has to know of appcore: its handles are printed as what they stand for, and the commands
-"appcore ..." tell about tasks, pools, queues, timers, locks and named actions of a process, living or
-not.
+"appcore ..." tell about tasks, pools, queues, timers, locks and named actions of a process, living
+or not.
 
 Everything is read from the target's memory by the types of its debug information, so the word size
 and the order of bytes are the target's.  Nothing is called in it and nothing is locked: a list may
@@ -23,6 +23,9 @@ IN_PROGRESS = 208
 
 class Damaged(Exception):
     """What was found instead of a record."""
+
+
+TROUBLE = Damaged, RuntimeError, ValueError, OverflowError  # gdb's errors are of the second
 
 
 # ---- values -------------------------------------------------------------------------------------
@@ -63,6 +66,11 @@ def text(pointer, most=64):
     return "".join(c if c.isprintable() else "?" for c in result.decode(errors="replace"))
 
 
+def characters(array):
+    """A pointer to the first one."""
+    return array.address.cast(array.type.target().pointer())
+
+
 def name_in(names, value):
     return names[value] if value < len(names) else f"{value}?"
 
@@ -88,7 +96,7 @@ def told(describe, *args):
     """What there is to say, or why there is nothing."""
     try:
         return describe(*args)
-    except (gdb.error, Damaged) as error:
+    except TROUBLE as error:
         return f"broken: {error}"
 
 
@@ -143,7 +151,7 @@ def gather(walk):
     try:
         for item in walk:
             items.append(item)
-    except (gdb.error, Damaged) as error:
+    except TROUBLE as error:
         return items, [f"broken: {error}"]
     return items, []
 
@@ -165,7 +173,7 @@ class Thread:
         frame = gdb.newest_frame()
         pointer = number(frame.read_register("sp"))
         self.frames = []  # from the innermost
-        with contextlib.suppress(gdb.error):  # where the unwinding fails
+        with contextlib.suppress(*TROUBLE):  # where the unwinding fails
             while frame and len(self.frames) < DEEPEST:
                 self.frames.append(Frame(frame))
                 self.look(frame)
@@ -188,7 +196,7 @@ class Thread:
         try:
             task = cast(address, "TAppTask")
             return number(task["nThreadId"]) == self.lwp and is_task(task)
-        except gdb.error:
+        except TROUBLE:
             return False
 
     def scan(self, pointer):
@@ -196,7 +204,7 @@ class Thread:
         size = gdb.lookup_type("void").pointer().sizeof
         order = "big" if "big" in gdb.execute("show endian", to_string=True) else "little"
         words = set()
-        with contextlib.suppress(gdb.error):
+        with contextlib.suppress(*TROUBLE):
             for page in range(pointer, pointer + 65536, 512):
                 data = bytes(gdb.selected_inferior().read_memory(page, 512))
                 words |= {int.from_bytes(data[i:i + size], order) for i in range(0, 512, size)}
@@ -228,10 +236,10 @@ class Frame:
     """What a stack's frame tells, for as long as it is wanted."""
 
     def __init__(self, frame):
-        function, place = frame.function(), frame.find_sal()
+        place = frame.find_sal()  # tells the file also of what is optimised at link time
         self.name = short(frame.name() or "unknown code")
-        self.file = function.symtab.filename if function else ""
-        self.line = f"{place.symtab.filename.rpartition('/')[2]}:{place.line}" if place.symtab else ""
+        self.file = place.symtab.filename if place.symtab else ""
+        self.line = f"{self.file.rpartition('/')[2]}:{place.line}" if self.file else ""
         self.object = gdb.solib_name(frame.pc())  # None: the program itself
 
 
@@ -240,7 +248,7 @@ def variable(frame, name):
     try:
         value = frame.read_var(name)
         return None if value.is_optimized_out else number(value)
-    except (gdb.error, ValueError):
+    except TROUBLE:
         return None
 
 
@@ -265,52 +273,73 @@ def look_at_threads():
 
 # ---- what there is ------------------------------------------------------------------------------
 
-def find_managers(threads):
-    """Addresses of the task managers: those that the threads' tasks belong to."""
-    found = [cast(thread.task, "TAppTask")["ptTaskMgr"] for thread in threads if thread.task]
-    return sorted({int(manager) for manager in found})
+# Where the process keeps lists of its records.
+REGISTRY = {"TAppMemPool": 0, "TAppQueue": 1, "TAppTaskMgr": 2, "TAppTask": 3}
+
+
+def walk_registry(kind):
+    """Address and name of each record of the kind."""
+    lists = gdb.parse_and_eval("g_atAppRegistry")
+    for entry in chain(lists[REGISTRY[kind]]["ptHead"], lambda entry: entry["ptNext"]):
+        yield int(entry["pvOwner"]), text(characters(entry["achName"]))
 
 
 class Target:
-    """All that the commands tell about, found once for each of them."""
+    """All that the commands tell about, found once for each of them: by the registry, and by what
+    is known of the records and threads found so, should a list be broken or the registry missing."""
 
     def __init__(self, managers=()):
         cast(0, "TAppTaskMgr")  # says so when there is no debug information
+        self.notes = []
+        self.registered = {kind: self.note(gather(walk_registry(kind))) for kind in REGISTRY}
         self.threads = look_at_threads()
         self.by_lwp = {thread.lwp: thread for thread in self.threads}
-        self.notes = []
-        self.managers = [cast(at, "TAppTaskMgr") for at in managers or find_managers(self.threads)]
+        self.managers = [cast(at, "TAppTaskMgr") for at in managers or self.find_managers()]
         self.tasks = [task for manager in self.managers for task in self.tasks_of(manager)]
+        self.newest = self.newest_tick()
+
+    def note(self, gathered):
+        """What has been gathered; what ended it too early is noted once."""
+        items, notes = gathered
+        self.notes += [note for note in notes if note not in self.notes]
+        return items
+
+    def find_managers(self):
+        served = [cast(thread.task, "TAppTask") for thread in self.threads if thread.task]
+        return list(dict.fromkeys([at for at, _ in self.registered["TAppTaskMgr"]] +
+                                  [int(task["ptTaskMgr"]) for task in served]))
 
     def tasks_of(self, manager):
-        """The active tasks, the idle ones, and those on neither list that a thread serves."""
-        found, broken = [], []
+        """The active tasks, the idle ones, and those on neither list."""
+        found = []
         for field in "hTaskList", "hIdleTaskList":
-            items, notes = gather(walk_list(manager[field]))
-            found += items
-            broken += notes
-        found = [int(item) for item in found]
-        broken += [f"broken: {item:#x} is no task" for item in found
-                   if told(is_task, cast(item, "TAppTask")) is not True]
-        served = [thread.task for thread in self.threads if thread.task]
-        found += [task for task in served if task not in found and
-                  cast(task, "TAppTask")["ptTaskMgr"] == manager.address]
-        self.notes += [note for note in broken if note not in self.notes]
-        tasks = [cast(item, "TAppTask") for item in found]
-        return [task for task in tasks if told(is_task, task) is True]
+            found += map(int, self.note(gather(walk_list(manager[field]))))
+        found += [at for at, _ in self.registered["TAppTask"]]
+        found += [thread.task for thread in self.threads if thread.task]
+        tasks = [cast(at, "TAppTask") for at in dict.fromkeys(found)]
+        self.note(([], [f"broken: {int(task.address):#x} is no task" for task in tasks
+                        if told(is_task, task) is not True]))
+        return [task for task in tasks if told(is_task, task) is True and
+                task["ptTaskMgr"] == manager.address]
 
     def thread_of(self, task):
         return self.by_lwp.get(number(task["nThreadId"]))
 
     def queues(self):
-        return [(int(task["hEventQueue"]), f"of task {name_of(task)}") for task in self.tasks]
+        return self.named("TAppQueue", [(task["hEventQueue"], f"of task {name_of(task)}")
+                                        for task in self.tasks])
 
     def pools(self):
+        owners = [(manager, "of the task manager") for manager in self.managers]
+        owners += [(task, f"of task {name_of(task)}") for task in self.tasks]
+        return self.named("TAppMemPool", [(owner["hMemPool"], whose) for owner, whose in owners])
+
+    def named(self, kind, owned):
+        """Address and name of each: those of an owner bear its name, the rest their own."""
         found = {}
-        for record, whose in ([(manager, "of the task manager") for manager in self.managers] +
-                              [(task, f"of task {name_of(task)}") for task in self.tasks]):
-            if int(record["hMemPool"]):
-                found.setdefault(int(record["hMemPool"]), whose)
+        for address, whose in owned + self.registered[kind]:
+            if int(address):
+                found.setdefault(int(address), whose)
         return list(found.items())
 
     def locks(self):
@@ -329,9 +358,11 @@ class Target:
             yield int(cast(address, "TAppMemPool")["hLock"]), f"lock of the pool {whose}"
 
     def newest_tick(self):
-        """The latest instant that the tasks have written down: a core file has no clock."""
+        """The latest instant that has been written down: a core file has no clock."""
         ticks = [int(task[field]) for task in self.tasks for field in ("dwWaitTick",
                                                                        "dwLastEventTick")]
+        with contextlib.suppress(*TROUBLE):
+            ticks.append(number(gdb.parse_and_eval("g_dwAppRecentTick")))
         for task in self.tasks:
             ticks += [int(timer["dwStartTick"]) for timer in timers_of(task)[0]]
         newest = ticks[0] if ticks else 0
@@ -395,12 +426,16 @@ def describe_list(record):
 
 def describe_pool(pool):
     return (f"{int(pool['dwCurSize'])} of {int(pool['dwMaxSize']) or 'any number of'} bytes in use, "
+            f"at most {int(pool['dwPeak'])}, {int(pool['dwRefused'])} refused, "
             f"{int(pool['ptImpl']['dwTotalSize'])} taken from the heap")
 
 
+def units_of(lock):
+    return number(lock["tWord"]["dwCount"]) & 0x7FFFFFFF  # the top bit: takers sleep
+
+
 def describe_lock(lock):
-    count = number(lock["tWord"]["dwCount"])
-    state = f"{count & 0x7FFFFFFF} free" if count & 0x7FFFFFFF else "none free"
+    state = f"{units_of(lock) or 'none'} free"
     if int(lock["dwType"]) == 1:
         holder = number(cast(lock.address, "TRecursiveLock")["dwOwner"])
         state = f"recursive, held by the {holder}. thread that took such a lock" if holder else (
@@ -415,9 +450,9 @@ def describe_timer(timer):
 
 
 def describe_socket(record):
-    port = int(record["wPort"])
+    port = gdb.selected_inferior().read_memory(int(record["wPort"].address), 2)
     return (f"descriptor {int(record['nFd'])}, kind {int(record['dwSockType'])}, bound to port "
-            f"{port >> 8 | (port & 0xFF) << 8}")  # both orders of bytes: see the target's
+            f"{int.from_bytes(bytes(port), 'big')}")
 
 
 # ---- commands -----------------------------------------------------------------------------------
@@ -443,7 +478,7 @@ class Command(gdb.Command):
             handles = [self.handle(one) for one in gdb.string_to_argv(argument)]
             for line in self.lines(handles):
                 print(line)
-        except (gdb.error, Damaged) as error:
+        except TROUBLE as error:
             print(f"appcore: {error}")
 
     def handle(self, expression):
@@ -460,21 +495,20 @@ class Tasks(Command):
     """Tells about the tasks of all managers, or of those given: appcore tasks [HANDLE...]
 Id is gdb's number of the thread, LWP the system's.  The last event is the one that is served while
 the state is PROCESSING, or the last one to have been.  What follows a task is where its thread is
-inside a handler.  Its last rest, a wait of at most 5 s for events, began so long before the newest
-tick that the tasks have written down, for a core file has no clock."""
+inside a handler, and for how long, until the newest tick that the process has written down."""
     kind = "TAppTaskMgr"
 
     def lines(self, handles):
         target = Target(handles)
         if not target.managers:
-            yield "no task manager: no thread serves a task (a handle can be given)"
+            yield "no task manager"
         for manager in target.managers:
             yield f"task manager {int(manager.address):#x}: {told(describe_manager, manager)}"
             yield (f"  {'Id':>3} {'LWP':>7} {'Task':<16}{'State':<11} {'Queue':>5} {'Max':>5} "
                    f"{'Top':>5} {'Timers':>6}  Last event")
             for task in target.tasks_of(manager):
                 yield told(self.row, target, task)
-                yield from self.place(target, task)
+                yield from gather(self.place(target, task))[0]
         yield from target.notes
 
     @staticmethod
@@ -488,29 +522,29 @@ tick that the tasks have written down, for a core file has no clock."""
 
     @staticmethod
     def place(target, task):
-        thread = target.thread_of(task)
-        if not thread or not (thread.place or STATES[2] == state_of(task)):
-            return
-        place = thread.place or f"in a handler, now in {thread.frames[0].name} (stack not to be unwound)"
-        rest = word(target.newest_tick() - int(task["dwWaitTick"])) * 10
-        yield f"      {place}; last rest began {rest} ms ago"
+        thread, run = target.thread_of(task), task["tRun"]
+        place, handler = thread and thread.place, number(run["pfnHandler"])
+        if not place and handler:
+            place = f"in handler {symbol(run['pfnHandler'])} (its stack cannot be unwound)"
+        if place and handler:
+            place += f"; for {word(target.newest - number(run['dwSinceTick'])) * 10} ms"
+        if place:
+            yield f"      {place}"
 
 
 class Timers(Command):
     """Tells about the running timers of all tasks, or of the managers given, by the tick when they
 are due: appcore timers [HANDLE...]
-A tick is 10 ms.  What is left counts from the newest tick that the tasks have written down."""
+A tick is 10 ms.  What is left counts from the newest one that the process has written down."""
     kind = "TAppTaskMgr"
 
     def lines(self, handles):
         target = Target(handles)
-        newest = target.newest_tick()
-        yield f"newest tick: {newest}"
+        yield f"newest tick: {target.newest}"
         rows = []
         for task in target.tasks:
-            timers, notes = timers_of(task)
-            rows += [told(self.row, task, timer, newest) for timer in timers]
-            target.notes += notes
+            timers = target.note(timers_of(task))
+            rows += [told(self.row, task, timer, target.newest) for timer in timers]
         yield f"  {'Due':>10} {'Left (ms)':>10} {'Time-out':>10}  {'Timer':<18} Task: handler"
         yield from (line for _, line in sorted(row for row in rows if isinstance(row, tuple)))
         yield from (row for row in rows if isinstance(row, str))
@@ -529,17 +563,17 @@ A tick is 10 ms.  What is left counts from the newest tick that the tasks have w
 
 
 class Pools(Command):
-    """Tells about the pools of the managers and tasks, or about those given: appcore pools [HANDLE...]
+    """Tells about all pools, or about those given: appcore pools [HANDLE...]
 Bytes in use are those asked for; a block is as large as its size class."""
     kind = "TAppMemPool"
 
     def lines(self, handles):
         named = [(handle, "") for handle in handles] or Target().pools()
         if not named:
-            yield "no pool: no manager and no task has one (a handle can be given)"
+            yield "no pool"
         for address, whose in named:
             pool = cast(address, "TAppMemPool")
-            yield f"pool {address:#x} {whose}: {told(describe_pool, pool)}".replace(" :", ":")
+            yield f"pool {address:#x} {whose}".rstrip() + f": {told(describe_pool, pool)}"
             yield from told(self.classes, pool["ptImpl"]).splitlines()
 
     @staticmethod
@@ -558,14 +592,14 @@ Bytes in use are those asked for; a block is as large as its size class."""
 
 
 class Queues(Command):
-    """Tells about the queues of all tasks, or about those given, and their first elements:
+    """Tells about all queues, or about those given, and their first elements:
 appcore queues [HANDLE...]"""
     kind = "TAppQueue"
 
     def lines(self, handles):
         for address, whose in [(handle, "") for handle in handles] or Target().queues():
             queue = cast(address, "TAppQueue")
-            yield f"queue {address:#x} {whose}: {told(self.head, queue)}".replace(" :", ":")
+            yield f"queue {address:#x} {whose}".rstrip() + f": {told(self.head, queue)}"
             elements, notes = gather(walk_queue(queue))
             for priority, node in elements[:SHOWN]:
                 yield f"  priority {priority}: {told(describe_element, queue, node)}"
@@ -591,7 +625,7 @@ class Locks(Command):
         names = {address: name for address, name in target.locks() if address}
         for address, name in names.items():
             lock = cast(address, "TAppLock")
-            if name.startswith("lock") and not told(number, lock["tWord"]["dwCount"]):
+            if name.startswith("lock") and not told(units_of, lock):
                 yield f"{name}: held ({told(describe_lock, lock)})"
         for thread in target.threads:
             name = names.get(thread.lock, f"lock {thread.lock or 0:#x}")
@@ -612,18 +646,13 @@ class Actions(Command):
         for called in gdb.lookup_static_symbols("(anonymous namespace)::s_ptLastCalled"):
             if not called.value().is_optimized_out and number(called.value()):
                 result = number(gdb.parse_and_eval("g_eAppShareActionLastCalledResult"))
-                yield (f"last called: {key_of(plain(called.value()))}, " +
+                yield (f"last called: {text(characters(plain(called.value())['achKey']))}, " +
                        ("it still runs" if result == IN_PROGRESS else f"result {result}"))
 
     @staticmethod
     def row(action):
-        return (f"  {key_of(action):<32} {symbol(action['pfnAction'])}"
+        return (f"  {text(characters(action['achKey'])):<32} {symbol(action['pfnAction'])}"
                 f"{', blocking' if int(action['bBlock']) else ''}")
-
-
-def key_of(action):
-    key = action["achKey"]
-    return text(key.address.cast(key.type.target().pointer()))
 
 
 # ---- printers -----------------------------------------------------------------------------------

@@ -28,7 +28,8 @@ BREAK += ["appcore queues $queue", "print $queue",
           "appcore queues $queue", "set var $queue->ptHead->ptNext.m_uValue = 16",
           "appcore queues $queue", "appcore pools $queue",
           "set var camera::g_hTaskMgr->hTaskList->ptHead->ptNext->pvData = 16",
-          "set var camera::g_hTaskMgr->hTaskList->ptTail->ptPrev = 0", "appcore tasks"]
+          "set var camera::g_hTaskMgr->hTaskList->ptTail->ptPrev = 0", "appcore tasks",
+          "set var *(unsigned *)camera::g_hPool->hLock = 0x80000000", "appcore locks"]
 
 
 def with_commands(commands):
@@ -64,7 +65,7 @@ def judge_tasks(report, said):
     for name, lwp, most in re.findall(r"Name\((.*?)\) Thread\((\d+) \S+ [A-Z].*?MAX (\d+)/", report):
         expect(re.search(rf"(?m)^ +\d+ +{lwp} {re.escape(name)} +[A-Z]+ +\d+ +{most} ", said), name)
     expect(re.search(r" alarm +PROCESSING .*\n +in handler camera::.*, at .*::BuildNotice \(alarm.cpp:"
-                     r"\d+\), which called AppXmlSetAttr_u32; last rest began \d+ ms", said), "alarm")
+                     r"\d+\), which called AppXmlSetAttr_u32; for \d+ ms", said), "alarm")
 
 
 def judge(report, said):
@@ -88,7 +89,8 @@ def judge_broken(said):
            [("7", "0x3")], str(rows))
     for line in ("{[0] = priority 7: 0x3, ", "broken: the list comes back to 0x",
                  "$queue is no MemPool handle", "broken: Cannot access memory at address 0x",
-                 "broken: 0x10 is no task", " does not know the one before it"):
+                 "broken: 0x10 is no task", " does not know the one before it",
+                 "\nlock of the pool of the task manager: held (none free"):
         expect(line in said, line)
     expect("Traceback" not in said and "Python" not in said, "an error of the script's")
 
