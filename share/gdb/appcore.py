@@ -236,10 +236,12 @@ class Frame:
     """What a stack's frame tells, for as long as it is wanted."""
 
     def __init__(self, frame):
-        place = frame.find_sal()  # tells the file also of what is optimised at link time
+        function, place = frame.function(), frame.find_sal()
         self.name = short(frame.name() or "unknown code")
-        self.file = place.symtab.filename if place.symtab else ""
-        self.line = f"{self.file.rpartition('/')[2]}:{place.line}" if self.file else ""
+        # Optimised at link time, the one or the other may be a header of the compiler's.
+        files = [table.filename for table in (place.symtab, function and function.symtab) if table]
+        self.file = next((file for file in files if "src/" in file), (files or [""])[0])
+        self.line = f"{files[0].rpartition('/')[2]}:{place.line}" if place.symtab else ""
         self.object = gdb.solib_name(frame.pc())  # None: the program itself
 
 
@@ -286,7 +288,7 @@ def walk_registry(kind):
 
 class Target:
     """All that the commands tell about, found once for each of them: by the registry, and by what
-    is known of the records and threads found so, should a list be broken or the registry missing."""
+    is known of the records and threads found so, should a list be broken or missing."""
 
     def __init__(self, managers=()):
         cast(0, "TAppTaskMgr")  # says so when there is no debug information
@@ -425,8 +427,9 @@ def describe_list(record):
 
 
 def describe_pool(pool):
-    return (f"{int(pool['dwCurSize'])} of {int(pool['dwMaxSize']) or 'any number of'} bytes in use, "
-            f"at most {int(pool['dwPeak'])}, {int(pool['dwRefused'])} refused, "
+    most = int(pool["dwMaxSize"]) or "any number of"
+    return (f"{int(pool['dwCurSize'])} of {most} bytes in use, at most {int(pool['dwPeak'])}, "
+            f"{int(pool['dwRefused'])} refused, "
             f"{int(pool['ptImpl']['dwTotalSize'])} taken from the heap")
 
 
@@ -526,10 +529,9 @@ inside a handler, and for how long, until the newest tick that the process has w
         place, handler = thread and thread.place, number(run["pfnHandler"])
         if not place and handler:
             place = f"in handler {symbol(run['pfnHandler'])} (its stack cannot be unwound)"
-        if place and handler:
-            place += f"; for {word(target.newest - number(run['dwSinceTick'])) * 10} ms"
-        if place:
-            yield f"      {place}"
+        if handler:
+            since = word(target.newest - number(run["dwSinceTick"]))
+            yield f"      {place}; for {since * 10} ms"
 
 
 class Timers(Command):

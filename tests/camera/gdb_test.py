@@ -62,7 +62,8 @@ def look_alive(script, program, core):
 
 def judge_tasks(report, said):
     """Each task of the camera's report is told, and where the alarm's stands."""
-    for name, lwp, most in re.findall(r"Name\((.*?)\) Thread\((\d+) \S+ [A-Z].*?MAX (\d+)/", report):
+    row = r"Name\((.*?)\) Thread\((\d+) \S+ [A-Z].*?MAX (\d+)/"
+    for name, lwp, most in re.findall(row, report):
         expect(re.search(rf"(?m)^ +\d+ +{lwp} {re.escape(name)} +[A-Z]+ +\d+ +{most} ", said), name)
     expect(re.search(r" alarm +PROCESSING .*\n +in handler camera::.*, at .*::BuildNotice \(alarm.cpp:"
                      r"\d+\), which called AppXmlSetAttr_u32; for \d+ ms", said), "alarm")
@@ -79,6 +80,7 @@ def judge(report, said):
     at, most = re.search(r"hMemPool\((0x\w+)\) .*MaxSize\((\d+)", report).groups()
     expect(re.search(rf"pool {at} of the task manager: \d+ of {most} bytes .*\n +size.*\n +\d+ ", said)
            and re.search(rf"= {at} pool: \d+ of {most} bytes", said), "pools")
+    expect("handler app::" not in said and "handler Serve" not in said, "the library's own")
     expect("report.tasks " in said and "TasksAction\n" in said and "broken" not in said and
            "last called: motion.raise, " in said, "actions")
 
