@@ -537,7 +537,8 @@ constexpr char kLeft[] =
     "QorPrintf QorRegCommand IpcGetUpupCfg AppLog AppLockGive AppLockDestroy AppDoubleListRemove "
     "AppDoubleListDestroy AppQueueGetSize AppQueueDestroy AppMemPoolDestroy AppMemPoolFree "
     "AppTaskTimerGetRemainTime AppTaskCancelTimer AppSocketDestroy AppCloseFileLog "
-    "AppStats* AppTaskMgrCheck AppMemPoolSetName AppQueueSetName AppTaskGetStats AppTaskMgrGetStats "
+    "AppGetResultName AppLogGetStats AppSetLogOnce AppSetLogRepeat AppShareActionGetStats "
+    "AppSocketGetStats AppStats* AppTaskMgrCheck AppMemPoolSetName AppQueueSetName AppTaskGetStats AppTaskMgrGetStats "
     "AppQueueGetStats "
     "AppMemPoolGetStats "
     "AppRunShareAction IpcConvConvert* IpcCapGetHwExternal IpcGetNetEthParam ";

@@ -81,7 +81,7 @@ def judge(report, said):
     expect(re.search(rf"pool {at} of the task manager: \d+ of {most} bytes .*\n +size.*\n +\d+ ", said)
            and re.search(rf"= {at} pool: \d+ of {most} bytes", said), "pools")
     expect("handler app::" not in said and "handler Serve" not in said, "the library's own")
-    expect("report.tasks " in said and "TasksAction\n" in said and "broken" not in said and
+    expect("report.tasks " in said and "TasksAction, blocking\n" in said and "broken" not in said and
            "last called: motion.raise, " in said, "actions")
 
 
