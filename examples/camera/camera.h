@@ -221,8 +221,7 @@ void MainWake(); // main() waits no longer: there is something to look at
 bool WatchStart(int nSignals);
 extern uint32_t g_dwLateMs;
 void WatchLook();   // names handlers that run for longer than that; main() does it again and again
-void WatchEnding(); // the camera ends, without a signal too
-bool WatchIsEnding(); // it does, or is asked to
+bool WatchIsTold(); // to end, by a signal; a second one ends the camera at once
 
 // ---- prompt: lines out of the bytes of standard input (prompt.cpp) ------------------------------
 

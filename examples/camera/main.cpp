@@ -103,7 +103,7 @@ void Serve()
         tInput.dwTaken +=
             PromptTake(&tPrompt, tInput.achRead + tInput.dwTaken, tInput.dwLen - tInput.dwTaken);
         const bool bEnded = tInput.bEnded && IsTaken(&tInput) && PromptIsIdle(&tPrompt);
-        if (tPrompt.bQuit || bEnded || WatchIsEnding())
+        if (tPrompt.bQuit || bEnded || WatchIsTold())
             break;
         ModulesTick();
         WatchLook();
@@ -127,7 +127,6 @@ bool RunTasks()
         Serve();
         AppLog(g_byLog, APP_LOG_ALWAYS, "camera: ending\n");
     }
-    WatchEnding();
     StopFrom(dwStarted);
     AppTaskMgrDestroy(g_hTaskMgr);
     return bGood;

@@ -17,8 +17,8 @@ namespace
 constexpr uint32_t kEveryMs = 1000;
 constexpr uint32_t kHangsMs = 1000; // whom the end waits for that nobody has patience with
 
-uint32_t s_dwLookTick; // main()'s thread's alone
-std::atomic<bool> s_bEnding;
+uint32_t s_dwLookTick;     // main()'s thread's alone
+std::atomic<bool> s_bTold; // to end, by a signal
 
 void TellLate(const TAppTaskStats *ptTask, void *)
 {
@@ -77,12 +77,13 @@ void EndAtOnce()
     _exit(1);
 }
 
-// A thread of its own, for main() itself waits while the camera ends.
+// A thread of its own, for main() itself waits while the camera ends.  An end that has begun without
+// a signal is none that has been told once: the first one may have crossed the end of the input.
 void *TakeSignals(void *pvSignals)
 {
     signalfd_siginfo tSignal;
     while (read(*static_cast<const int *>(pvSignals), &tSignal, sizeof(tSignal)) > 0) {
-        if (s_bEnding.exchange(true))
+        if (s_bTold.exchange(true))
             EndAtOnce();
         MainWake();
     }
@@ -111,14 +112,9 @@ void WatchLook()
     AppTaskMgrCheck(g_hTaskMgr, g_dwLateMs, TellLate, nullptr);
 }
 
-void WatchEnding()
+bool WatchIsTold()
 {
-    s_bEnding = true;
-}
-
-bool WatchIsEnding()
-{
-    return s_bEnding;
+    return s_bTold;
 }
 
 } // namespace camera

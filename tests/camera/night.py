@@ -80,9 +80,12 @@ class Night(Camera):
         return name
 
     def end_at_once(self, names):
-        """It is told to end a second time."""
-        self.process.send_signal(signal.SIGINT)
-        expect(self.process.wait(PATIENCE) == 1, "the end at once", self)
+        """It is told to end, and told again."""
+        def ends():
+            self.process.send_signal(signal.SIGINT)
+            return self.process.poll() is not None
+        wait_until(ends, "the end at once", self)
+        expect(self.process.returncode == 1, "the end at once", self)
         self.reader.join()
         self.sees("Ctrl-C again", f"camera: ended at once; it waited for: .*{names}.*")
 
