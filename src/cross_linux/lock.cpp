@@ -132,7 +132,7 @@ void LeaveSleepers(HAppLock hLock)
         _AppConditionSignal(&hLock->tCond);
 }
 
-[[gnu::noinline, gnu::cold]] bool TakeUntil(HAppLock hLock, const app::Deadline &deadline)
+bool TakeUntil(HAppLock hLock, const app::Deadline &deadline)
 {
     app::MutexGuard guard(hLock->tMutex);
     ++hLock->dwSleepers;
@@ -150,15 +150,18 @@ void LeaveSleepers(HAppLock hLock)
 // Out of line, like every path that may sleep: the fast paths need no frame then.
 [[gnu::noinline, gnu::cold]] bool TakeSleeping(HAppLock hLock, uint32_t dwTimeout)
 {
-    // For who looks for a hang.  Not for the others: a timer in the kernel is a tenth of a short wait.
+    // A word for who looks for a hang, and not for the others: a timer in the kernel is a tenth of a
+    // short wait.
     constexpr uint32_t kWordMs = 30000;
-    if (dwTimeout == 0 && AppLogPasses(0, APP_LOG_DEBUG)) {
-        if (TakeUntil(hLock, app::Deadline(kWordMs)))
-            return true;
+    uint32_t dwMs = dwTimeout == 0 && AppLogPasses(0, APP_LOG_DEBUG) ? kWordMs : dwTimeout;
+    while (!TakeUntil(hLock, app::Deadline(dwMs))) {
+        if (dwTimeout != 0)
+            return false;
         AppLog(0, APP_LOG_DEBUG, "[DEBUG] %s: lock %p has been waited for %lu ms, without limit\n",
                "AppLockTakeByTime", app::Ptr(hLock), app::Ul(kWordMs));
+        dwMs = 0;
     }
-    return TakeUntil(hLock, app::Deadline(dwTimeout));
+    return true;
 }
 
 inline uint32_t TakeUnit(HAppLock hLock, uint32_t dwTimeout)

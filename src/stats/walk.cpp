@@ -24,8 +24,8 @@ struct TWalk {
     }
 };
 
-void WalkRegistry(TWalk &walk, EAppRegistry eRegistry, uint32_t dwKind,
-                  void (*pfnRead)(const void *pvObject, void *pvStats))
+[[gnu::noinline]] void WalkRegistry(TWalk &walk, EAppRegistry eRegistry, uint32_t dwKind,
+                                    void (*pfnRead)(const void *pvObject, void *pvStats))
 {
     if ((walk.dwKinds & dwKind) == 0)
         return;
@@ -47,15 +47,20 @@ void WalkLogs(TWalk &walk)
     }
 }
 
-template <typename Stats>
-void WalkOne(TWalk &walk, uint32_t dwKind, uint32_t (*pfnGet)(Stats *ptStats))
+// Those of which there is one.
+void WalkSingles(TWalk &walk)
 {
-    if ((walk.dwKinds & dwKind) == 0)
-        return;
     app::TAnyStats stats;
-    stats.dwSize = sizeof(Stats);
-    pfnGet(reinterpret_cast<Stats *>(&stats));
-    walk.HandOver(dwKind, stats);
+    stats.dwSize = sizeof(stats);
+    if ((walk.dwKinds & APP_STATS_ACTIONS) != 0) {
+        AppShareActionGetStats(&stats.actions);
+        walk.HandOver(APP_STATS_ACTIONS, stats);
+    }
+    stats.dwSize = sizeof(stats);
+    if ((walk.dwKinds & APP_STATS_SOCKETS) != 0) {
+        AppSocketGetStats(&stats.sockets);
+        walk.HandOver(APP_STATS_SOCKETS, stats);
+    }
 }
 
 } // namespace
@@ -70,7 +75,6 @@ uint32_t AppStatsWalk(uint32_t dwKinds, PFAppStats pfnStats, void *pvContext)
     WalkRegistry(walk, APP_REGISTRY_TASK_MGRS, APP_STATS_TASK_MGRS, app::ReadTaskMgrStats);
     WalkRegistry(walk, APP_REGISTRY_TASKS, APP_STATS_TASKS, app::ReadTaskStats);
     WalkLogs(walk);
-    WalkOne(walk, APP_STATS_ACTIONS, AppShareActionGetStats);
-    WalkOne(walk, APP_STATS_SOCKETS, AppSocketGetStats);
+    WalkSingles(walk);
     return walk.dwRecords;
 }

@@ -35,7 +35,7 @@ struct TAppTimerMgr {
     uint32_t dwLookTick;
 
     // Written under the lock, read without it.
-    uint32_t dwSet;      // timers set
+    uint32_t dwSet;      // timers set: the end of qwOrder
     uint32_t dwExpired;  // of these
     uint32_t dwMostLate; // ms
 

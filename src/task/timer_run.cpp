@@ -73,23 +73,19 @@ void Place(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer, uint32_t dwNowTick, uin
     Place(ptTimerMgr, ptTimer, dwNowTick, LeftMs(ptTimer, dwNowTick));
 }
 
-// The timer is due.
-void NoteExpiry(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick)
+bool IsDue(TAppTimerMgr *ptTimerMgr, const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
     APP_REQUIRES(ptTimerMgr->ptTask->hLock)
-{
-    const uint32_t dwLate = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick) - ptTimer->dwTimeout;
-    app::SetCounter(ptTimerMgr->dwExpired, ptTimerMgr->dwExpired + 1);
-    if (dwLate > ptTimerMgr->dwMostLate)
-        app::SetCounter(ptTimerMgr->dwMostLate, dwLate);
-}
-
-bool IsDue(const TAppTimer *ptTimer, uint32_t dwNowTick, const char *szOp)
 {
     const uint32_t dwPassed = app::ElapsedMs(ptTimer->dwStartTick, dwNowTick);
     APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p timeout %lu passed %lu %lu %lu\n", szOp,
               app::Ptr(ptTimer), app::Ul(ptTimer->dwTimeout), app::Ul(dwPassed),
               app::Ul(ptTimer->dwStartTick), app::Ul(dwNowTick));
-    return ptTimer->dwTimeout <= dwPassed;
+    if (ptTimer->dwTimeout > dwPassed)
+        return false;
+    const uint32_t dwLate = dwPassed - ptTimer->dwTimeout;
+    if (dwLate > ptTimerMgr->dwMostLate)
+        app::SetCounter(ptTimerMgr->dwMostLate, dwLate);
+    return true;
 }
 
 // Of the timers that are due, the one that was set first; null when none is.
@@ -102,7 +98,7 @@ TAppTimer *FirstDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *sz
         ptTimer = ptTimerMgr->tWaiting.ptRoot;
     }
     ptTimer = ptTimerMgr->tDue.ptRoot;
-    while (ptTimer && !IsDue(ptTimer, dwNowTick, szOp)) {
+    while (ptTimer && !IsDue(ptTimerMgr, ptTimer, dwNowTick, szOp)) {
         PlaceAnew(ptTimerMgr, ptTimer, dwNowTick);
         ptTimer = ptTimerMgr->tDue.ptRoot;
     }
@@ -128,11 +124,11 @@ uint32_t ExpireDue(TAppTimerMgr *ptTimerMgr, uint32_t dwNowTick, const char *szO
     TAppTimer *ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     while (ptTimer && !MustStop(ptTimerMgr, ptTimer, dwNowTick)) {
         APP_TRACE(APP_LOG_DEBUG, "[DEBUG] %s: Timer %p Timeout\n", szOp, app::Ptr(ptTimer));
-        NoteExpiry(ptTimerMgr, ptTimer, dwNowTick);
+        app::SetCounter(ptTimerMgr->dwExpired, ptTimerMgr->dwExpired + 1);
         app::BeginRun(ptTimerMgr->ptTask,
                       ptTimer->pfnHandler ? ptTimer->pfnHandler : ptTimerMgr->pfnHandler);
         _AppTaskEndTimer(ptTimer, APP_TASK_EVENT_TIMEOUT, 1);
-        dwNowTick = _AppNoteTick();
+        dwNowTick = _AppGetTick();
         app::EndRun(ptTimerMgr->ptTask, dwNowTick);
         ptTimer = FirstDue(ptTimerMgr, dwNowTick, szOp);
     }
@@ -147,7 +143,7 @@ void app::OrderTimer(TAppTimerMgr *ptTimerMgr, TAppTimer *ptTimer)
     if (ptTimerMgr->hTimerList->dwCurSize == 1 || !HasCome(ptTimerMgr->dwLookTick, dwDueTick))
         SetCounter(ptTimerMgr->dwLookTick, dwDueTick);
     ptTimer->qwOrder = ++ptTimerMgr->qwOrder;
-    SetCounter(ptTimerMgr->dwSet, ptTimerMgr->dwSet + 1);
+    SetCounter(ptTimerMgr->dwSet, static_cast<uint32_t>(ptTimer->qwOrder));
     Place(ptTimerMgr, ptTimer, ptTimer->dwStartTick, ptTimer->dwTimeout);
 }
 
