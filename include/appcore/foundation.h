@@ -133,7 +133,7 @@ APP_API void AppSetLogRepeat(uint8_t byChannel, uint32_t dwMost);
  *
  * Stack of the caller, with the console's stand-in: 8 KiB; 10 KiB with floating-point values, 13
  * KiB for the line that tells a file's loss (see AppSetFileLog()), and 9 KiB more while standard
- * output is on and unbuffered.
+ * output is on and unbuffered; on a channel with AppSetLogRepeat() 1 KiB more.
  * @param byChannel the channel
  * @param byLevel   the level (::EAppLogLevel or any other byte)
  * @param szFormat  printf format; null logs nothing

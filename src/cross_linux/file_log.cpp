@@ -193,8 +193,8 @@ ssize_t WritePieces(int nFd, const struct iovec (&atPiece)[kPieces], size_t nLin
 }
 
 // "[stamp] text".  A torn piece that the system does not let us take back gets an end of its own.
-// Returns 0, or why the line is lost.
-int WriteLine(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szText)
+// Returns 0, or why the line is lost.  Out of line, like what rotates: their buffers add up otherwise.
+[[gnu::noinline]] int WriteLine(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szText)
 {
     const time_t nNow = time(nullptr);
     if (nNow != tChannel.nSecond) {
@@ -245,7 +245,7 @@ bool IsOfOther(const TChannel &tChannel, const char *szPath)
 }
 
 // The full file becomes the one backup, replacing the older backup in the same step.  0, or why not.
-int MakeBackup(const TAppFileLogInfo &tInfo, const TChannel &tChannel)
+[[gnu::noinline]] int MakeBackup(const TAppFileLogInfo &tInfo, const TChannel &tChannel)
 {
     char achBackup[APP_FILE_LOG_PATH_SIZE + 1]; // the longest path and the digit
     AppSnprintf(achBackup, sizeof(achBackup), "%s%d", tInfo.achFilePath, 1);
@@ -254,13 +254,17 @@ int MakeBackup(const TAppFileLogInfo &tInfo, const TChannel &tChannel)
     return rename(tInfo.achFilePath, achBackup) == 0 ? 0 : errno;
 }
 
+[[gnu::noinline]] bool IsMoved(const TAppFileLogInfo &tInfo)
+{
+    struct stat tFile;
+    return fstat(fileno(tInfo.ptFile.load()), &tFile) == 0 && !IsInPlace(tFile, tInfo.achFilePath);
+}
+
 // Without a backup the file starts anew all the same: its limit is a promise.  But one that another
 // channel of the same path has rotated by now has begun anew already.
 void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
 {
-    struct stat tFile;
-    const bool bMoved =
-        fstat(fileno(tInfo.ptFile.load()), &tFile) == 0 && !IsInPlace(tFile, tInfo.achFilePath);
+    const bool bMoved = IsMoved(tInfo);
     if (!bMoved) {
         const int nError = MakeBackup(tInfo, tChannel);
         if (nError != 0)
