@@ -33,6 +33,7 @@ constexpr TAppTaskEvent kGoForTerminate = {APP_TASK_EVENT_STOP, nullptr,
 // Returns the next wait.  Timers' handlers take time.
 uint32_t RunTimers(TAppTask *ptTask, uint32_t dwNowTick) APP_REQUIRES(ptTask->hLock)
 {
+    app::AssertHeld(ptTask->ptTimerMgr->ptTask);
     const bool bTimers = ptTask->ptTimerMgr->hTimerList->dwCurSize != 0;
     const uint32_t dwWait = _AppTimerMgrRun(ptTask->ptTimerMgr);
     return app::Announce(ptTask, bTimers ? _AppNoteTick() : dwNowTick, dwWait);
