@@ -10,6 +10,7 @@ TAppRegistry g_atAppRegistry[APP_REGISTRY_NUM];
 void app::Register(EAppRegistry eKind, TAppEntry *ptEntry, void *pvOwner)
 {
     static uint64_t s_qwLast;
+    _AppNoteTick(); // or what is noted of the object might be of the system's start
     TAppRegistry &tRegistry = g_atAppRegistry[eKind];
     const RegistryGuard guard;
     ptEntry->ptPrev = tRegistry.ptTail;

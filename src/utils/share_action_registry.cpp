@@ -319,6 +319,7 @@ void CopyLastCalled()
     const uint32_t dwResult = EnsureRegistry();
     if (dwResult != APP_OK)
         return dwResult;
+    _AppNoteTick(); // a run that begins at no tick is none
     HAppDoubleList hList = Registry();
     app::LockGuard guard(hList);
     if (FindEntry(szKey))
