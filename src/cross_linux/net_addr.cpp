@@ -14,20 +14,34 @@ namespace
 
 constexpr uint32_t kOctets = 4;
 
-// One octet as inet_pton() takes it: 1 to 3 digits, no leading zero, at most 255.
+// More than 9 for what is no digit.
+uint32_t DigitOf(char chText)
+{
+    return static_cast<uint32_t>(chText) - '0';
+}
+
+// One octet as inet_pton() takes it: 1 to 3 digits, no leading zero, at most 255.  Returns where it
+// ends; a fourth digit is for the caller to refuse, like whatever else is no dot.
 const char *ReadOctet(const char *szText, uint8_t *pbyOctet)
 {
-    uint32_t dwValue = 0;
-    const char *szStart = szText;
-    for (; *szText >= '0' && *szText <= '9'; ++szText) {
-        if (szText != szStart && dwValue == 0)
+    uint32_t dwValue = DigitOf(szText[0]);
+    if (dwValue > 9)
+        return nullptr;
+    uint32_t dwDigit = DigitOf(*++szText);
+    if (dwDigit <= 9) {
+        if (dwValue == 0)
             return nullptr;
-        dwValue = dwValue * 10 + static_cast<uint32_t>(*szText - '0');
-        if (dwValue > 255)
-            return nullptr;
+        dwValue = dwValue * 10 + dwDigit;
+        dwDigit = DigitOf(*++szText);
+        if (dwDigit <= 9) {
+            dwValue = dwValue * 10 + dwDigit;
+            if (dwValue > 255)
+                return nullptr;
+            ++szText;
+        }
     }
     *pbyOctet = static_cast<uint8_t>(dwValue);
-    return szText != szStart ? szText : nullptr;
+    return szText;
 }
 
 // A dotted quad.  What it does not take is left to inet_pton(), which has the last word.
