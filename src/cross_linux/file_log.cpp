@@ -141,12 +141,19 @@ FILE *ReplaceStream(TAppFileLogInfo &tInfo, TChannel &tChannel, const char *szMo
     return Adopt(tInfo, tChannel, ptFile);
 }
 
-// Whether the path still leads to the open file.
-bool IsInPlace(const struct stat &tFile, const char *szPath)
+[[gnu::noinline]] bool AreSame(const struct stat &tFile, const struct stat &tOther)
 {
-    struct stat tPath;
-    return stat(szPath, &tPath) == 0 && tPath.st_dev == tFile.st_dev &&
-           tPath.st_ino == tFile.st_ino;
+    return tFile.st_ino == tOther.st_ino && tFile.st_dev == tOther.st_dev;
+}
+
+// Whether the path leads to the open file no longer, which may have no path at all.
+[[gnu::noinline]] bool IsMoved(const TAppFileLogInfo &tInfo, bool *pbDeleted)
+{
+    struct stat tFile, tPath;
+    if (fstat(fileno(tInfo.ptFile.load()), &tFile) != 0)
+        return false;
+    *pbDeleted = tFile.st_nlink == 0;
+    return stat(tInfo.achFilePath, &tPath) != 0 || !AreSame(tFile, tPath);
 }
 
 // A file that was deleted or moved away is opened anew.  Where that fails, one moved away is written
@@ -154,13 +161,13 @@ bool IsInPlace(const struct stat &tFile, const char *szPath)
 void LookAtPath(TAppFileLogInfo &tInfo, TChannel &tChannel)
 {
     FILE *ptOld = tInfo.ptFile.load();
-    struct stat tFile;
-    if (fstat(fileno(ptOld), &tFile) != 0 || IsInPlace(tFile, tInfo.achFilePath))
+    bool bDeleted;
+    if (!IsMoved(tInfo, &bDeleted))
         return;
     if (FILE *ptFile = OpenStream(tInfo.achFilePath, "ab+e")) {
         Adopt(tInfo, tChannel, ptFile);
         fclose(ptOld);
-    } else if (tFile.st_nlink == 0) {
+    } else if (bDeleted) {
         tChannel.nGone = errno;
     }
 }
@@ -254,17 +261,12 @@ bool IsOfOther(const TChannel &tChannel, const char *szPath)
     return rename(tInfo.achFilePath, achBackup) == 0 ? 0 : errno;
 }
 
-[[gnu::noinline]] bool IsMoved(const TAppFileLogInfo &tInfo)
-{
-    struct stat tFile;
-    return fstat(fileno(tInfo.ptFile.load()), &tFile) == 0 && !IsInPlace(tFile, tInfo.achFilePath);
-}
-
 // Without a backup the file starts anew all the same: its limit is a promise.  But one that another
 // channel of the same path has rotated by now has begun anew already.
 void Rotate(TAppFileLogInfo &tInfo, TChannel &tChannel, TNews &tNews)
 {
-    const bool bMoved = IsMoved(tInfo);
+    bool bDeleted;
+    const bool bMoved = IsMoved(tInfo, &bDeleted);
     if (!bMoved) {
         const int nError = MakeBackup(tInfo, tChannel);
         if (nError != 0)
@@ -314,7 +316,7 @@ uint32_t _AppStdoutIsStderr(void)
 {
     struct stat tOut, tErr;
     return fstat(STDOUT_FILENO, &tOut) == 0 && fstat(STDERR_FILENO, &tErr) == 0 &&
-           tOut.st_dev == tErr.st_dev && tOut.st_ino == tErr.st_ino;
+           AreSame(tOut, tErr);
 }
 
 uint32_t _AppFileLogOpen(uint8_t byChannel, const char *szPath, uint32_t dwMaxSize,

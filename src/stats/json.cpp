@@ -36,28 +36,30 @@ const char *EndOf(const char *szWord)
     return szWord;
 }
 
-// What lies one behind the other in a record.
+// What lies one behind the other in a record: 32-bit numbers, addresses and names.
 class Fields
 {
 public:
-    explicit Fields(const void *pvRecord) : m_pbyNext(static_cast<const uint8_t *>(pvRecord)) {}
+    explicit Fields(const void *pvRecord) : m_pdwNext(static_cast<const uint32_t *>(pvRecord)) {}
 
-    template <typename Field>
-    Field Take()
+    uint32_t Number() { return *m_pdwNext++; }
+    uintptr_t Address()
     {
-        const auto uAddress = reinterpret_cast<uintptr_t>(m_pbyNext);
-        const uintptr_t uField = (uAddress + alignof(Field) - 1) / alignof(Field) * alignof(Field);
-        const auto ptField = reinterpret_cast<const Field *>(uField);
-        m_pbyNext = reinterpret_cast<const uint8_t *>(ptField + 1);
-        return *ptField;
+        if (reinterpret_cast<uintptr_t>(m_pdwNext) % sizeof(uintptr_t) != 0)
+            ++m_pdwNext;
+        return *reinterpret_cast<const uintptr_t *>(Skip(sizeof(uintptr_t)));
     }
+    const char *Name() { return reinterpret_cast<const char *>(Skip(APP_STATS_NAME_SIZE)); }
 
 private:
-    const uint8_t *m_pbyNext;
-};
+    const uint32_t *Skip(uint32_t dwSize)
+    {
+        const uint32_t *pdwField = m_pdwNext;
+        m_pdwNext += dwSize / sizeof(uint32_t);
+        return pdwField;
+    }
 
-struct TName {
-    char ach[APP_STATS_NAME_SIZE];
+    const uint32_t *m_pdwNext;
 };
 static_assert(APP_SHARE_ACTION_KEY_SIZE == APP_STATS_NAME_SIZE);
 
@@ -78,7 +80,7 @@ void WriteText(app::ReportWriter &writer, const char *szText)
 void WriteCounts(app::ReportWriter &writer, Fields &fields)
 {
     for (uint32_t i = 0; i < APP_STATS_POOL_CLASSES; ++i)
-        writer.Line("%c%lu", i == 0 ? '[' : ',', app::Ul(fields.Take<uint32_t>()));
+        writer.Line("%c%lu", i == 0 ? '[' : ',', app::Ul(fields.Number()));
     writer.Line("]");
 }
 
@@ -86,22 +88,22 @@ void WriteField(app::ReportWriter &writer, char chKind, Fields &fields)
 {
     switch (chKind) {
     case 'n':
-        WriteText(writer, fields.Take<TName>().ach);
+        WriteText(writer, fields.Name());
         break;
     case 'p':
-        writer.Line("\"0x%llx\"", app::Ull(fields.Take<uintptr_t>()));
+        writer.Line("\"0x%llx\"", app::Ull(fields.Address()));
         break;
     case 'b':
-        writer.Line(fields.Take<uint32_t>() != 0 ? "true" : "false");
+        writer.Line(fields.Number() != 0 ? "true" : "false");
         break;
     case 'S':
-        writer.Line("\"%s\"", _AppGetTaskStateString(fields.Take<uint32_t>()));
+        writer.Line("\"%s\"", _AppGetTaskStateString(fields.Number()));
         break;
     case 'c':
         WriteCounts(writer, fields);
         break;
     default:
-        writer.Line("%lu", app::Ul(fields.Take<uint32_t>()));
+        writer.Line("%lu", app::Ul(fields.Number()));
     }
 }
 
@@ -123,7 +125,7 @@ void WriteRecord(uint32_t, const void *pvStats, void *pvJson)
     auto ptJson = static_cast<TJson *>(pvJson);
     app::ReportWriter &writer = *ptJson->ptWriter;
     Fields fields(pvStats);
-    fields.Take<uint32_t>(); // its size
+    fields.Number(); // its size
     writer.Line("%s{", ptJson->szBefore);
     ptJson->szBefore = ",\n";
     const char *szField = ptJson->szFields;

@@ -21,7 +21,6 @@ namespace
 
 constexpr uint32_t kTextSize = 5120;
 
-uint32_t s_adwLines[256];             // that passed
 std::atomic<uint32_t> s_bConsoleDoes; // what goes to standard output is on the console
 
 // A console may call the library.  The lines which that causes reach it too, but not those which
@@ -80,8 +79,9 @@ void LogText(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szF
 
 void app::PrintLine(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText)
 {
-    CountOne(s_adwLines[byChannel]);
-    const bool bLimited = Peek(g_atLogRepeat[byChannel].dwMost) != 0;
+    TLogCount &count = g_atLogCount[byChannel];
+    CountOne(count.dwLines);
+    const bool bLimited = Peek(count.dwMost) != 0;
     (bLimited ? PrintLimited : PrintToSinks)(byChannel, byLevel, bFileOnly, szText);
 }
 
@@ -186,8 +186,9 @@ void AppCloseFileLog(uint8_t byChannel)
     TAppLogStats tStats = {};
     tStats.dwChannel = byChannel;
     tStats.dwLevel = app::Peek(g_byAppLogLevel[byChannel]);
-    tStats.dwLines = app::PeekCounter(s_adwLines[byChannel]);
-    tStats.dwRepeated = app::PeekCounter(app::g_atLogRepeat[byChannel].dwHeldBack);
+    const app::TLogCount &count = app::g_atLogCount[byChannel];
+    tStats.dwLines = app::PeekCounter(count.dwLines);
+    tStats.dwRepeated = app::PeekCounter(count.dwHeldBack);
     _AppFileLogGetStats(byChannel, &tStats);
     return app::FillStats(ptStats, tStats);
 }

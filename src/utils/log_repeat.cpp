@@ -6,7 +6,7 @@
 #include "cross_linux/cross_linux.h"
 #include "utils/registry.h"
 
-app::TLogRepeat app::g_atLogRepeat[256];
+app::TLogCount app::g_atLogCount[256];
 
 namespace
 {
@@ -81,8 +81,8 @@ TEntry &FindEntry(const TEntry &wanted)
 Verdict Judge(const TEntry &wanted, TEntry *ptTold)
 {
     const app::RegistryGuard guard;
-    app::TLogRepeat &repeat = app::g_atLogRepeat[wanted.byChannel];
-    const uint32_t dwMost = app::Peek(repeat.dwMost);
+    app::TLogCount &count = app::g_atLogCount[wanted.byChannel];
+    const uint32_t dwMost = app::Peek(count.dwMost);
     if (dwMost == 0) // since the caller looked: what is held back now nobody would tell
         return Verdict::Print;
     if (TakeOwed(wanted.byChannel, false, wanted.dwBegin, ptTold))
@@ -99,7 +99,7 @@ Verdict Judge(const TEntry &wanted, TEntry *ptTold)
         return Verdict::Print;
     }
     ++entry.dwOwed;
-    app::CountOne(repeat.dwHeldBack);
+    app::CountOne(count.dwHeldBack);
     return Verdict::Hold;
 }
 
@@ -150,7 +150,7 @@ void AppSetLogRepeat(uint8_t byChannel, uint32_t dwMost)
 {
     {
         const app::RegistryGuard guard;
-        app::Poke(app::g_atLogRepeat[byChannel].dwMost, dwMost);
+        app::Poke(app::g_atLogCount[byChannel].dwMost, dwMost);
     }
     if (dwMost == 0)
         app::TellHeldBack(byChannel);

@@ -12,11 +12,13 @@
 namespace app
 {
 
-struct TLogRepeat {
+// Of a channel.
+struct TLogCount {
     std::atomic<uint32_t> dwMost; // identical lines a second; 0: no limit
     uint32_t dwHeldBack;          // lines
+    uint32_t dwLines;             // that passed the threshold
 };
-extern TLogRepeat g_atLogRepeat[256];
+extern TLogCount g_atLogCount[256];
 
 // Prints a line unless it is one too many.  Tells first, in any case, what of its channel is owed.
 void PrintLimited(uint8_t byChannel, uint8_t byLevel, bool bFileOnly, const char *szText);
