@@ -254,7 +254,8 @@ void NoteCalled(const TAppShareAction &entry)
 }
 
 // In any number of threads.  It has time for the clock.
-uint32_t RunBlocking(TAppShareAction &entry, uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3)
+[[gnu::noinline]] uint32_t RunBlocking(TAppShareAction &entry, uint32_t dwArg1, uint32_t dwArg2,
+                                       uint32_t dwArg3)
 {
     const uint32_t dwBegin = _AppNoteTick();
     // Before it shows as running, and again should the last run of another thread have ended since.
@@ -351,16 +352,15 @@ PFAppShareAction _AppFindShareAction(HAppDoubleList hList, const char *szKey, ui
 uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, uint32_t dwArg3,
                            uint32_t *pdwResult)
 {
-    HAppLock hLock = ActionsLock();
-    TAppShareAction *ptEntry = hLock ? FindEntry(szKey) : nullptr;
+    TAppShareAction *ptEntry = ActionsLock() ? FindEntry(szKey) : nullptr;
     if (!ptEntry || !ptEntry->pfnAction) {
         app::AddCounter(s_dwRefused, 1);
-        return hLock ? APP_INVALID_ARG : APP_FAILED;
+        return ActionsLock() ? APP_INVALID_ARG : APP_FAILED;
     }
     // A blocking action is not held up by an ordinary one that hangs, from its look-up on.
     const bool bBlock = ptEntry->bBlock == 1;
     if (!bBlock)
-        TakeActions(hLock);
+        TakeActions(ActionsLock());
     NoteCalled(*ptEntry);
     const uint32_t dwResult = bBlock ? RunBlocking(*ptEntry, dwArg1, dwArg2, dwArg3)
                                      : RunOrdinary(*ptEntry, dwArg1, dwArg2, dwArg3);
@@ -369,7 +369,7 @@ uint32_t AppRunShareAction(const char *szKey, uint32_t dwArg1, uint32_t dwArg2, 
     // Of actions that run at once the last to return is told.
     app::Poke(g_eAppShareActionLastCalledResult, dwResult);
     if (!bBlock)
-        _AppLockGive(hLock);
+        _AppLockGive(ActionsLock()); // read again: nothing to keep across the run
     return APP_OK;
 }
 
