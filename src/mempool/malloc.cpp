@@ -167,7 +167,7 @@ TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 // Where the two begin, which everything goes through, is a tenth of a block from the heap.
 [[gnu::aligned(32)]] void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 {
-    if (__builtin_expect(dwSize == 0, false)) // told, or a debugger calls half of this function
+    if (dwSize == 0)
         return nullptr;
     if (!hMemPool)
         return MallocFromHeap(dwSize, __func__);
