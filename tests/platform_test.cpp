@@ -94,6 +94,32 @@ TEST(Lock, TimeoutsAreNotEarlierThanAskedAndDoNotWrap)
     }
 }
 
+// Whoever waits without limit says so once, where that is to be seen, and waits on.  An end reckoned
+// from a clock that could not be read has passed.
+TEST(Lock, SaysOnceThatItIsWaitedForLong)
+{
+    HAppLock hLock = CreateLock(1, 0);
+    const std::string line = test::Text(
+        "[DEBUG] AppLockTakeByTime: lock %p has been waited for 30000 ms, without limit\n",
+        static_cast<void *>(hLock));
+    for (const uint8_t byThreshold : {uint8_t{APP_LOG_DEBUG}, uint8_t{APP_LOG_INFO}}) {
+        const unsigned nTold = byThreshold == APP_LOG_DEBUG;
+        test::LogCapture log(byThreshold);
+        fault::Fail waits(Fn::_AppConditionWait, 0, 0, 0, fault::kEveryThread);
+        auto taker = std::async(std::launch::async, [&] {
+            fault::Fail clock(Fn::clock_gettime);
+            const uint32_t dwResult = AppLockTakeByTime(hLock, 0);
+            EXPECT_EQ(clock.Hits(), nTold); // a wait that nobody asks about has no end to reckon
+            return dwResult;
+        });
+        EXPECT_TRUE(test::WaitUntil([&] { return waits.Calls() > nTold; }));
+        EXPECT_CODE(APP_OK, AppLockGive(hLock));
+        EXPECT_CODE(APP_OK, taker.get());
+        log.ExpectLines(std::vector<std::string>(nTold, line));
+    }
+    AppLockDestroy(hLock);
+}
+
 // The second give of two, made before the first sleeper can have run, wakes the second sleeper; and
 // where there is room for one unit only, the first sleeper's own give does.
 TEST(Lock, EachOfTwoGivesSignals)
