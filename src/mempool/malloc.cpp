@@ -109,10 +109,10 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
     ptPool->pfnFree(ptPool->ptImpl, pvHead);
 }
 
-[[gnu::always_inline]] inline void *MallocFromPool(HAppMemPool hMemPool, uint32_t dwSize,
-                                                   const char *szOp)
+// A block's header, not written yet; null when it has been logged why not.
+[[gnu::always_inline]] inline void *TakeCounted(HAppMemPool hMemPool, uint32_t dwSize,
+                                                const char *szOp) APP_REQUIRES(hMemPool->hLock)
 {
-    app::FastLockGuard guard(hMemPool);
     void *pvHead = IsFull(hMemPool, dwSize) ? RefuseFull(hMemPool, dwSize, szOp)
                                             : TakeBlock(hMemPool, dwSize + kHead);
     if (!pvHead) {
@@ -124,9 +124,20 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
     if (dwCurSize > hMemPool->dwPeak)
         app::SetCounter(hMemPool->dwPeak, dwCurSize);
     APP_CHECK(app::PoolAddsUp(hMemPool), "the pool's totals do not add up");
-    if (app::Traces(APP_LOG_MEMDBG1))
-        TraceMalloc(hMemPool, static_cast<TAppMemPoolHead *>(pvHead) + 1, dwSize, szOp);
-    return Finish(pvHead, hMemPool, dwSize);
+    return pvHead;
+}
+
+// Out of line, so that the pools without a lock have nothing to save for its guard.
+[[gnu::noinline]] void *MallocGuarded(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
+{
+    void *pvHead;
+    {
+        app::FastLockGuard guard(hMemPool);
+        pvHead = TakeCounted(hMemPool, dwSize, szOp);
+        if (pvHead && app::Traces(APP_LOG_MEMDBG1))
+            TraceMalloc(hMemPool, static_cast<TAppMemPoolHead *>(pvHead) + 1, dwSize, szOp);
+    }
+    return pvHead ? Finish(pvHead, hMemPool, dwSize) : nullptr;
 }
 
 // Ends at zero whatever is released twice: wrapped, it would refuse everything for good.
@@ -136,7 +147,6 @@ inline void Uncount(HAppMemPool hMemPool, uint32_t dwSize) APP_REQUIRES(hMemPool
                     hMemPool->dwCurSize > dwSize ? hMemPool->dwCurSize - dwSize : 0);
 }
 
-// Out of line, so that the pools without a lock have nothing to save for its guard.
 [[gnu::noinline]] void FreeGuarded(HAppMemPool hMemPool, TAppMemPoolHead *ptHead, const char *szOp)
 {
     // Copied: as soon as the engine has the block back, its next owner may write the header.
@@ -171,7 +181,11 @@ TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
         return nullptr;
     if (!hMemPool)
         return MallocFromHeap(dwSize, __func__);
-    return MallocFromPool(hMemPool, dwSize, __func__);
+    if (__builtin_expect(hMemPool->hLock || app::Traces(APP_LOG_MEMDBG1), false))
+        return MallocGuarded(hMemPool, dwSize, __func__);
+    app::AssertHeld(hMemPool);
+    void *pvHead = TakeCounted(hMemPool, dwSize, __func__);
+    return pvHead ? Finish(pvHead, hMemPool, dwSize) : nullptr;
 }
 
 void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
