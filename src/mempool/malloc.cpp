@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/code_line.h"
 #include "mempool/try_malloc.h"
 #include "utils/check.h"
 #include "utils/lock_guard.h"
@@ -35,15 +36,24 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
            (dwSize > ptPool->dwMaxSize || ptPool->dwMaxSize - dwSize <= ptPool->dwCurSize);
 }
 
-// Out of the way of those for whom there is room and who trace nothing.
-[[gnu::noinline, gnu::cold]] void *RefuseFull(const TAppMemPool *ptPool, uint32_t dwSize,
-                                              const char *szOp) APP_REQUIRES(ptPool->hLock)
+// Out of the way of those for whom there is room and who trace nothing.  Null, but not to the eyes of
+// the compiler, which would give a result that it knows a way of its own back through the guard.
+// Who has a way out, and has not had it logged, is not counted.
+[[gnu::noinline, gnu::cold]] void *Refuse(HAppMemPool hMemPool) APP_REQUIRES(hMemPool->hLock)
+{
+    if (!app::t_tHeldLines.bNoErrors)
+        app::SetCounter(hMemPool->dwRefused, hMemPool->dwRefused + 1);
+    return nullptr;
+}
+
+[[gnu::noinline, gnu::cold]] void *RefuseFull(HAppMemPool hMemPool, uint32_t dwSize,
+                                              const char *szOp) APP_REQUIRES(hMemPool->hLock)
 {
     AppLog(0, APP_LOG_ERROR,
            "[ERROR] %s: AppMemPool %p full! can't malloc %lu (curSize %lu MaxSize %lu)\n", szOp,
-           app::Ptr(ptPool), app::Ul(dwSize), app::Ul(ptPool->dwCurSize),
-           app::Ul(ptPool->dwMaxSize));
-    return nullptr;
+           app::Ptr(hMemPool), app::Ul(dwSize), app::Ul(hMemPool->dwCurSize),
+           app::Ul(hMemPool->dwMaxSize));
+    return Refuse(hMemPool);
 }
 
 [[gnu::noinline, gnu::cold]] void *RefuseHeap(uint32_t dwSize, const char *szOp)
@@ -51,13 +61,6 @@ bool IsFull(const TAppMemPool *ptPool, uint32_t dwSize) APP_REQUIRES(ptPool->hLo
     AppLog(0, APP_LOG_ERROR, "[ERROR] %s: AppMemPool NULL malloc failed with size %lu\n", szOp,
            app::Ul(dwSize));
     return nullptr;
-}
-
-// But for who has a way out, and has not had it logged.
-[[gnu::noinline, gnu::cold]] void CountRefused(HAppMemPool hMemPool) APP_REQUIRES(hMemPool->hLock)
-{
-    if (!app::t_tHeldLines.bNoErrors)
-        app::SetCounter(hMemPool->dwRefused, hMemPool->dwRefused + 1);
 }
 
 // Not of constant data, or the compiler takes a block that has just been made for one that is read.
@@ -113,12 +116,11 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
 [[gnu::always_inline]] inline void *TakeCounted(HAppMemPool hMemPool, uint32_t dwSize,
                                                 const char *szOp) APP_REQUIRES(hMemPool->hLock)
 {
-    void *pvHead = IsFull(hMemPool, dwSize) ? RefuseFull(hMemPool, dwSize, szOp)
-                                            : TakeBlock(hMemPool, dwSize + kHead);
-    if (!pvHead) {
-        CountRefused(hMemPool);
-        return nullptr;
-    }
+    if (IsFull(hMemPool, dwSize))
+        return RefuseFull(hMemPool, dwSize, szOp);
+    void *pvHead = TakeBlock(hMemPool, dwSize + kHead);
+    if (!pvHead)
+        return Refuse(hMemPool);
     const uint32_t dwCurSize = hMemPool->dwCurSize + dwSize;
     app::SetCounter(hMemPool->dwCurSize, dwCurSize);
     if (dwCurSize > hMemPool->dwPeak)
@@ -175,7 +177,7 @@ TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 } // namespace
 
 // Where the two begin, which everything goes through, is a tenth of a block from the heap.
-[[gnu::aligned(32)]] void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
+[[gnu::aligned(app::CodeLine(32))]] void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
 {
     if (dwSize == 0)
         return nullptr;
@@ -194,7 +196,7 @@ void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
     return AppMemPoolMalloc(hMemPool, dwSize);
 }
 
-[[gnu::aligned(32)]] void AppMemPoolFree(void *pvData)
+[[gnu::aligned(app::CodeLine(32))]] void AppMemPoolFree(void *pvData)
 {
     if (__builtin_expect(!pvData, false)) // told, or the compiler makes two functions of this one
         return;
