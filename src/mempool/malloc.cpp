@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "base/code_line.h"
+#include "base/function_align.h"
 #include "mempool/try_malloc.h"
 #include "utils/check.h"
 #include "utils/lock_guard.h"
@@ -112,7 +112,7 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
     ptPool->pfnFree(ptPool->ptImpl, pvHead);
 }
 
-// A block's header, not written yet; null when it has been logged why not.
+// A block's header, not written yet; null without room or memory, and counted as refused.
 [[gnu::always_inline]] inline void *TakeCounted(HAppMemPool hMemPool, uint32_t dwSize,
                                                 const char *szOp) APP_REQUIRES(hMemPool->hLock)
 {
@@ -129,7 +129,8 @@ inline void GiveBlock(const TAppMemPool *ptPool, void *pvHead)
     return pvHead;
 }
 
-// Out of line, so that the pools without a lock have nothing to save for its guard.
+// This and FreeGuarded() are out of line, so that the pools without a lock have nothing to save for a
+// guard.
 [[gnu::noinline]] void *MallocGuarded(HAppMemPool hMemPool, uint32_t dwSize, const char *szOp)
 {
     void *pvHead;
@@ -176,8 +177,10 @@ TAppMemPoolHead *FindHead(void *pvData, const char *szOp)
 
 } // namespace
 
-// Where the two begin, which everything goes through, is a tenth of a block from the heap.
-[[gnu::aligned(app::CodeLine(32))]] void *AppMemPoolMalloc(HAppMemPool hMemPool, uint32_t dwSize)
+// Where the two begin, which everything goes through, is a tenth of a block from the heap.  Never in
+// line, nor in part: a debugger that calls the rest of one would call half of it.
+[[gnu::noinline, gnu::aligned(app::FunctionAlign(32))]] void *AppMemPoolMalloc(HAppMemPool hMemPool,
+                                                                               uint32_t dwSize)
 {
     if (dwSize == 0)
         return nullptr;
@@ -196,9 +199,9 @@ void *app::TryMalloc(HAppMemPool hMemPool, uint32_t dwSize)
     return AppMemPoolMalloc(hMemPool, dwSize);
 }
 
-[[gnu::aligned(app::CodeLine(32))]] void AppMemPoolFree(void *pvData)
+[[gnu::noinline, gnu::aligned(app::FunctionAlign(32))]] void AppMemPoolFree(void *pvData)
 {
-    if (__builtin_expect(!pvData, false)) // told, or the compiler makes two functions of this one
+    if (__builtin_expect(!pvData, false)) // told, or the compiler keeps two ways through all of it
         return;
     TAppMemPoolHead *ptHead = FindHead(pvData, __func__);
     if (!ptHead)

@@ -5,8 +5,8 @@
 #include <stdio.h>
 
 #include "appcore/log_fast.h"
-#include "base/code_line.h"
 #include "base/fast_tls.h"
+#include "base/function_align.h"
 #include "cross_linux/cross_linux.h"
 #include "host/call.h"
 #include "utils/held_lines.h"
@@ -54,11 +54,11 @@ void WriteToFile(uint8_t byChannel, uint8_t byLevel, const char *szText)
 
 // For the two calls that every line makes, most of them only to be turned back at the threshold: no
 // guard on their stack, as nothing there can run over (the buffer lies in LogText()), and at the
-// beginning of a line of the cache where that costs no page.
+// beginning of a line of the cache.
 #if __has_attribute(no_stack_protector)
-#define APP_LOG_FRONT __attribute__((no_stack_protector, aligned(app::CodeLine(64))))
+#define APP_LOG_FRONT __attribute__((no_stack_protector, aligned(app::FunctionAlign(64))))
 #else
-#define APP_LOG_FRONT __attribute__((aligned(app::CodeLine(64))))
+#define APP_LOG_FRONT __attribute__((aligned(app::FunctionAlign(64))))
 #endif
 
 // Out of line, so that a message below the threshold does not pay for the buffer and its stack
